@@ -1,0 +1,549 @@
+#include "CBaseSource.h"
+
+#include "Logger.h"
+
+#include <sys/prctl.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+namespace Tessaro {
+
+// The two records are the host's binary interface: their layout holds in every release.
+static_assert(sizeof(media_code_info_t) == 36, "record size");
+static_assert(offsetof(media_code_info_t, type) == 0, "record layout");
+static_assert(offsetof(media_code_info_t, code) == 4, "record layout");
+static_assert(offsetof(media_code_info_t, params.video.width) == 20, "record layout");
+static_assert(offsetof(media_code_info_t, params.video.height) == 24, "record layout");
+static_assert(offsetof(media_code_info_t, params.video.fps) == 28, "record layout");
+static_assert(offsetof(media_code_info_t, params.video.ref_frames) == 32, "record layout");
+static_assert(offsetof(media_code_info_t, params.video.scan_type) == 33, "record layout");
+static_assert(offsetof(media_code_info_t, params.audio.sample_rate) == 20, "record layout");
+static_assert(offsetof(media_code_info_t, params.audio.channels) == 24, "record layout");
+static_assert(offsetof(media_code_info_t, params.audio.no_samples) == 28, "record layout");
+static_assert(offsetof(media_code_info_t, params.audio.extra) == 32, "record layout");
+static_assert(sizeof(source_status_t) == 168, "record size");
+static_assert(offsetof(source_status_t, source_mode) == 0, "record layout");
+static_assert(offsetof(source_status_t, state) == 16, "record layout");
+static_assert(offsetof(source_status_t, video_code) == 32, "record layout");
+static_assert(offsetof(source_status_t, reserved_video) == 48, "record layout");
+static_assert(offsetof(source_status_t, video_bitrate) == 84, "record layout");
+static_assert(offsetof(source_status_t, width) == 88, "record layout");
+static_assert(offsetof(source_status_t, height) == 92, "record layout");
+static_assert(offsetof(source_status_t, fps) == 96, "record layout");
+static_assert(offsetof(source_status_t, video_real_fps) == 100, "record layout");
+static_assert(offsetof(source_status_t, audio_code) == 104, "record layout");
+static_assert(offsetof(source_status_t, reserved_audio) == 120, "record layout");
+static_assert(offsetof(source_status_t, audio_bitrate) == 152, "record layout");
+static_assert(offsetof(source_status_t, sample_rate) == 156, "record layout");
+static_assert(offsetof(source_status_t, channels) == 160, "record layout");
+static_assert(offsetof(source_status_t, audio_real_fps) == 164, "record layout");
+
+namespace {
+
+constexpr int kMediaTypeAudio = 1;
+
+constexpr gulong kWaitSliceUs = 100000;
+constexpr int kWaitSlices = 30;
+// More than the pipeline of any protocol opens at its start.
+constexpr size_t kDescriptorsOfAPipeline = 32;
+constexpr GstClockTime kBusWait = 100 * GST_MSECOND;
+
+// A text field of a record: cut at its size, and then without a NUL, which its readers know.
+template <std::size_t N>
+void CopyBounded(char (&field)[N], const std::string &text) {
+    std::memset(field, 0, N);
+    std::memcpy(field, text.data(), std::min(text.size(), N));
+}
+
+template <std::size_t N>
+std::string ReadBounded(const char (&field)[N]) {
+    return std::string(field, strnlen(field, N));
+}
+
+void Print(const char *text) {
+    PRINT_BY_GLIB("%s", text);
+}
+
+}  // namespace
+
+CBaseSource::CBaseSource(void *share_buffer, int channel, int stream)
+    : m_pShareBuffer(share_buffer), m_nChannel(channel), m_nStream(stream) {
+    m_stAudioInfo.type = kMediaTypeAudio;
+    GSTREAMER::GuardStandardOutput();
+    GSTREAMER::GstInit();
+}
+
+CBaseSource::~CBaseSource() {
+    LOG_INFO("[CBaseSource] ~~~CBaseSource .. URL=" << m_strURL);
+    m_bReconnect = false;
+    m_pPipeline = nullptr;
+    m_bExit = true;
+    m_strAudioEncode.Clear();
+    m_strVideoEncode.Clear();
+    SetMediaChangeCallback(nullptr, nullptr);
+}
+
+bool CBaseSource::CloseLiveStream() {
+    return true;
+}
+
+void CBaseSource::GetSourceStatus(source_status_t *status) {
+    const std::lock_guard<std::mutex> lock(m_mtxStatus);
+    *status = m_stStatus;
+}
+
+bool CBaseSource::GetMediaInfo(media_code_info_t *video, media_code_info_t *audio) {
+    if (video == nullptr || audio == nullptr) {
+        LOG_ERR("CNDISource:  Input args invalid!!!");
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
+    *video = m_stVideoInfo;
+    *audio = m_stAudioInfo;
+    return true;
+}
+
+void CBaseSource::ClearMediaInfo() {
+    const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
+    m_stVideoInfo = media_code_info_t{};
+    m_stAudioInfo = media_code_info_t{};
+    m_stAudioInfo.type = kMediaTypeAudio;
+}
+
+void CBaseSource::SetMediaChangeCallback(media_change_callback_t callback, void *user) {
+    const std::lock_guard<std::mutex> lock(m_mtxCallback);
+    m_pfnMediaChange = callback;
+    m_pMediaChangeUser = user;
+}
+
+guint64 CBaseSource::GetMaxSizeTime(unsigned int /*caching*/) const {
+    return GST_SECOND;
+}
+
+int CBaseSource::DoBusMessage(GstMessage *msg) {
+    int result = BUS_MSG_NONE;
+    switch (GST_MESSAGE_TYPE(msg)) {
+        case GST_MESSAGE_EOS:
+            Print("-------------GST_MESSAGE_EOS\n");
+            result = BUS_MSG_EOS;
+            break;
+        case GST_MESSAGE_ERROR:
+            Print("-------------GST_MESSAGE_ERROR\n");
+            result = BUS_MSG_ERROR;
+            break;
+        case GST_MESSAGE_ELEMENT: {
+            const GstStructure *structure = gst_message_get_structure(msg);
+            if (structure == nullptr) {
+                break;
+            }
+            if (gst_structure_has_name(structure, "GstRTSPSrcTimeout") != FALSE ||
+                gst_structure_has_name(structure, "GstUDPSrcTimeout") != FALSE) {
+                result = BUS_MSG_TIMEOUT;
+            }
+            const GSTREAMER::TextPtr text(gst_structure_to_string(structure));
+            LOG_INFO("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" << (text ? text.get() : ""));
+            break;
+        }
+        case GST_MESSAGE_LATENCY:
+            Print("------------- GST_MESSAGE_LATENCY \n");
+            PRINT_BY_GLIB("--------message->src:----%s \n", GST_MESSAGE_SRC(msg) != nullptr ? GST_MESSAGE_SRC_NAME(msg) : "");
+            break;
+        default:
+            break;
+    }
+    return result;
+}
+
+// ---- Sink signals -----------------------------------------------------------------------------------------------------------
+
+void CBaseSource::_StoreBitrate(uint32_t source_status_t::*field, guint bitrate) {
+    const std::lock_guard<std::mutex> lock(m_mtxStatus);
+    m_stStatus.*field = bitrate;
+    if (ReadBounded(m_stStatus.state) != "connected") {
+        CopyBounded(m_stStatus.state, "connected");
+    }
+}
+
+void CBaseSource::_StoreRealFps(float source_status_t::*field, guint fps) {
+    const std::lock_guard<std::mutex> lock(m_mtxStatus);
+    m_stStatus.*field = static_cast<float>(fps);
+}
+
+void CBaseSource::shbsink_video_bitrate_handler(GstElement *sink, guint bitrate, gpointer user) {
+    if (sink == nullptr || user == nullptr) {
+        LOG_ERR("[CBaseSource] ~~~~~Invaild args!!!"
+                << "shbsink_video_bitrate_handler");
+        return;
+    }
+    static_cast<CBaseSource *>(user)->_StoreBitrate(&source_status_t::video_bitrate, bitrate);
+}
+
+void CBaseSource::shbsink_audio_bitrate_handler(GstElement *sink, guint bitrate, gpointer user) {
+    if (sink == nullptr || user == nullptr) {
+        LOG_ERR("[CBaseSource] ~~~~~Invaild args!!! "
+                << "shbsink_audio_bitrate_handler");
+        return;
+    }
+    static_cast<CBaseSource *>(user)->_StoreBitrate(&source_status_t::audio_bitrate, bitrate);
+}
+
+void CBaseSource::shbsink_video_fps_handler(GstElement *sink, guint fps, gpointer user) {
+    if (sink == nullptr || user == nullptr) {
+        LOG_ERR("[CBaseSource] ~~~~~Invaild args!!! "
+                << "shbsink_video_fps_handler");
+        return;
+    }
+    static_cast<CBaseSource *>(user)->_StoreRealFps(&source_status_t::video_real_fps, fps);
+}
+
+void CBaseSource::shbsink_audio_fps_handler(GstElement *sink, guint fps, gpointer user) {
+    if (sink == nullptr || user == nullptr) {
+        LOG_ERR("[CBaseSource] ~~~~~Invaild args!!! "
+                << "shbsink_audio_fps_handler");
+        return;
+    }
+    static_cast<CBaseSource *>(user)->_StoreRealFps(&source_status_t::audio_real_fps, fps);
+}
+
+void CBaseSource::shbsink_video_changed_handler(GstElement *sink, char *code, char * /*unused1*/, char * /*unused2*/,
+                                                char *scan_type, int width, int height, int fps_n, int fps_d, int ref_frames,
+                                                gpointer user) {
+    if (sink == nullptr || code == nullptr || user == nullptr) {
+        LOG_ERR("[CBaseSource] ~~~~~Invaild args!!! "
+                << "shbsink_video_changed_handler");
+        return;
+    }
+    auto *self = static_cast<CBaseSource *>(user);
+    LOG_INFO("[CBaseSource] ~~~~~video_changed_handler callback!!! URL=" << self->m_strURL);
+    const float fps = fps_n != 0 && fps_d != 0 ? static_cast<float>(fps_n) / static_cast<float>(fps_d) : 0.0F;
+    // A missing scan type is an empty one, which is invalid information.
+    self->_UpdateVideoMediaInfo(code, width, height, fps, scan_type != nullptr ? scan_type : "", ref_frames);
+}
+
+void CBaseSource::shbsink_audio_changed_handler(GstElement *sink, char *code, int sample_rate, int channels, int no_samples,
+                                                int extra, int /*unused1*/, int /*unused2*/, gpointer user) {
+    if (sink == nullptr || code == nullptr || user == nullptr) {
+        LOG_ERR("[CBaseSource] ~~~~~Invaild args!!! "
+                << "shbsink_audio_changed_handler");
+        return;
+    }
+    auto *self = static_cast<CBaseSource *>(user);
+    LOG_INFO("[CBaseSource] ~~~~~audio_changed_handler callback!!! URL=" << self->m_strURL);
+    self->_UpdateAudioMediaInfo(code, sample_rate, channels, no_samples, extra);
+}
+
+void CBaseSource::_UpdateVideoMediaInfo(const std::string &code, int width, int height, float fps, const std::string &scan_type,
+                                        int ref_frames) {
+    // A frame rate that is no number is let through; zero means that the stream does not tell.
+    if (width < 1 || height < 1 || fps < 0.0F || code.empty() || scan_type.empty() || ref_frames < 1) {
+        LOG_ERR("Invalid Gst video media info!!! code=" << code << ", width=" << width << ", height=" << height
+                                                        << ", fps=" << fps << ", scan_type=" << scan_type
+                                                        << ", ref_frames=" << ref_frames << ", URL=" << m_strURL);
+        return;
+    }
+    m_strVideoEncode.Set(code);
+
+    bool changed = false;
+    {
+        // The scan type is left out on purpose: its change alone is not reported.
+        const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
+        const video_params_t &known = m_stVideoInfo.params.video;
+        changed = code != ReadBounded(m_stVideoInfo.code) || width != known.width || height != known.height ||
+                  ref_frames != known.ref_frames || fps != known.fps;
+    }
+    if (!changed) {
+        return;
+    }
+    LOG_INFO("Gst video media info changed, update it. code=" << code << ", width=" << width << ", height=" << height
+                                                              << " fps=" << fps << ", scan_type=" << scan_type
+                                                              << ", ref_frames=" << ref_frames << ", URL=" << m_strURL);
+    {
+        const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
+        CopyBounded(m_stVideoInfo.code, code);
+        video_params_t &known = m_stVideoInfo.params.video;
+        if (scan_type == "progressive") {
+            known.scan_type = 0;
+        } else {
+            known.scan_type = scan_type == "interlaced" ? 1 : 2;
+        }
+        known.ref_frames = static_cast<uint8_t>(ref_frames);
+        known.width = width;
+        known.height = height;
+        known.fps = fps;
+        m_stVideoShown = m_stVideoInfo;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mtxStatus);
+        CopyBounded(m_stStatus.video_code, code);
+        m_stStatus.width = width;
+        m_stStatus.height = height;
+        m_stStatus.fps = fps;
+    }
+    _CallHost(&m_stVideoShown);
+}
+
+void CBaseSource::_UpdateAudioMediaInfo(const std::string &code, int sample_rate, int channels, int no_samples, int extra) {
+    if (sample_rate < 1 || channels < 1 || no_samples < 1 || code.empty()) {
+        LOG_ERR("Invalid Gst audio media info!!! code=" << code << ", sample_rate=" << sample_rate << ", channels=" << channels
+                                                        << ", no_samples=" << no_samples << ", URL=" << m_strURL);
+        return;
+    }
+    m_strAudioEncode.Set(code);
+
+    bool changed = false;
+    {
+        // The sample count and the extra value are left out on purpose: their change alone is not reported.
+        const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
+        const audio_params_t &known = m_stAudioInfo.params.audio;
+        changed = code != ReadBounded(m_stAudioInfo.code) || sample_rate != known.sample_rate || channels != known.channels;
+    }
+    if (!changed) {
+        return;
+    }
+    LOG_INFO("Audio media info changed, just update it. code=" << code << ", sample_rate=" << sample_rate
+                                                               << ", channels=" << channels << ", no_samples=" << no_samples);
+    {
+        const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
+        CopyBounded(m_stAudioInfo.code, code);
+        m_stAudioInfo.params.audio = audio_params_t{sample_rate, channels, no_samples, extra};
+        m_stAudioShown = m_stAudioInfo;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mtxStatus);
+        CopyBounded(m_stStatus.audio_code, code);
+        m_stStatus.sample_rate = sample_rate;
+        m_stStatus.channels = channels;
+    }
+    _CallHost(&m_stAudioShown);
+}
+
+void CBaseSource::_CallHost(media_code_info_t *info) {
+    media_change_callback_t callback = nullptr;
+    void *user = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(m_mtxCallback);
+        callback = m_pfnMediaChange;
+        user = m_pMediaChangeUser;
+    }
+    if (callback != nullptr) {
+        const OwnThread own(*this);
+        callback(user, info);
+    }
+}
+
+// ---- Own threads ------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+std::atomic<std::size_t> g_nLastRun{0};
+// The pipeline that the calling thread streams for. A number rather than a pointer: the threads are GLib's and serve others
+// afterwards, and what one has missed to clear must not be taken for a pipeline that came later.
+thread_local std::size_t t_nStreamingRun = 0;
+
+}  // namespace
+
+thread_local const CBaseSource::OwnThread *CBaseSource::OwnThread::t_pInnermost = nullptr;
+
+CBaseSource::OwnThread::OwnThread(const CBaseSource &source) : m_source(source), m_pOuter(t_pInnermost) {
+    t_pInnermost = this;
+}
+
+CBaseSource::OwnThread::~OwnThread() {
+    t_pInnermost = m_pOuter;
+}
+
+bool CBaseSource::OwnThread::IsOf(const CBaseSource &source) {
+    const OwnThread *own = t_pInnermost;
+    while (own != nullptr && &own->m_source != &source) {
+        own = own->m_pOuter;
+    }
+    return own != nullptr;
+}
+
+bool CBaseSource::IsOwnThread() const {
+    return OwnThread::IsOf(*this) || (t_nStreamingRun != 0 && t_nStreamingRun == m_nRun);
+}
+
+GstBusSyncReply CBaseSource::stream_status_handler(GstBus * /*bus*/, GstMessage *message, gpointer run) {
+    // Anybody may post by hand what looks like a stream status and holds none: the framework's own parsing trusts it.
+    const GstStructure *structure = gst_message_get_structure(message);
+    gint type = GST_STREAM_STATUS_TYPE_CREATE;
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_STREAM_STATUS && structure != nullptr &&
+        gst_structure_get_enum(structure, "type", GST_TYPE_STREAM_STATUS_TYPE, &type) != FALSE) {
+        if (type == GST_STREAM_STATUS_TYPE_ENTER) {
+            t_nStreamingRun = GPOINTER_TO_SIZE(run);
+        } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
+            t_nStreamingRun = 0;
+        }
+    }
+    return GST_BUS_PASS;
+}
+
+// ---- Life cycle -------------------------------------------------------------------------------------------------------------
+
+void CBaseSource::_NameThread(const char *name) {
+    prctl(PR_SET_NAME, name, 0, 0, 0);
+}
+
+void CBaseSource::_SetStatusStarted() {
+    const std::lock_guard<std::mutex> lock(m_mtxStatus);
+    CopyBounded(m_stStatus.source_mode, "live");
+    CopyBounded(m_stStatus.state, "start");
+}
+
+void CBaseSource::_SetStatusState(const char *state) {
+    const std::lock_guard<std::mutex> lock(m_mtxStatus);
+    CopyBounded(m_stStatus.state, state);
+}
+
+void CBaseSource::_PrepareRebuild() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mtxStatus);
+        m_stStatus.video_bitrate = 0;
+        m_stStatus.audio_bitrate = 0;
+        CopyBounded(m_stStatus.state, "reconnect");
+    }
+    for (int slice = 0; slice < kWaitSlices && !m_bExit; ++slice) {
+        g_usleep(kWaitSliceUs);
+    }
+}
+
+void CBaseSource::_SetStatusStopped() {
+    const std::lock_guard<std::mutex> lock(m_mtxStatus);
+    m_stStatus.video_bitrate = 0;
+    m_stStatus.audio_bitrate = 0;
+    m_stStatus.video_code[0] = '\0';
+    m_stStatus.audio_code[0] = '\0';
+    CopyBounded(m_stStatus.state, "stop");
+}
+
+int CBaseSource::_PollBus() {
+    const GSTREAMER::MessagePtr message(gst_bus_timed_pop(m_pBus, kBusWait));
+    return message ? DoBusMessage(message.get()) : static_cast<int>(BUS_MSG_NONE);
+}
+
+bool CBaseSource::_DescriptorsLeft() {
+    if (GSTREAMER::DescriptorsLeft(kDescriptorsOfAPipeline)) {
+        return true;
+    }
+    LOG_ERR("[CBaseSource] Too few file descriptors are left for a pipeline!!! needed=" << kDescriptorsOfAPipeline
+                                                                                        << ", URL=" << m_strURL);
+    while (OwnThread::IsOf(*this) && !m_bExit) {
+        g_usleep(kWaitSliceUs);
+        if (GSTREAMER::DescriptorsLeft(kDescriptorsOfAPipeline)) {
+            LOG_INFO("[CBaseSource] There are file descriptors again. URL=" << m_strURL);
+            return true;
+        }
+    }
+    return false;
+}
+
+void CBaseSource::_CreatePipeline() {
+    if (!_DescriptorsLeft()) {
+        return;
+    }
+    m_pPipeline = gst_pipeline_new("pipeline");
+    if (m_pPipeline != nullptr) {
+        gst_object_ref_sink(m_pPipeline);
+        m_pBus = gst_pipeline_get_bus(GST_PIPELINE(m_pPipeline));
+    }
+    if (m_pBus != nullptr) {
+        m_nRun = ++g_nLastRun;
+        gst_bus_set_sync_handler(m_pBus, stream_status_handler, GSIZE_TO_POINTER(m_nRun.load()), nullptr);
+    }
+}
+
+void CBaseSource::_ReleasePipeline() {
+    m_nRun = 0;
+    g_clear_pointer(&m_pPipeline, gst_object_unref);
+    g_clear_pointer(&m_pBus, gst_object_unref);
+}
+
+// ---- Branches ---------------------------------------------------------------------------------------------------------------
+
+const char *CBaseSource::_MpegAudioEncode(const GstStructure *structure) {
+    gint version = 4;
+    if (gst_structure_has_field(structure, "mpegversion") != FALSE) {
+        gst_structure_get_int(structure, "mpegversion", &version);
+        PRINT_BY_GLIB("MPEG version: %d\n", version);
+    }
+    return version == 1 ? "MP3" : "AAC";
+}
+
+CBaseSource::PadMedia CBaseSource::_ClassifyTsPad(const GstStructure *structure) {
+    const std::string name = gst_structure_get_name(structure);
+    if (name == "video/x-h264") {
+        return {PadMedia::Kind::Video, "H264"};
+    }
+    if (name == "video/x-h265") {
+        return {PadMedia::Kind::Video, "H265"};
+    }
+    if (name == "audio/mpeg") {
+        const char *encode = _MpegAudioEncode(structure);
+        if (gst_structure_has_field(structure, "stream-format") != FALSE) {
+            const char *format = GSTREAMER::TextField(structure, "stream-format");
+            PRINT_BY_GLIB("Stream format: %s\n", format != nullptr ? format : "(null)");
+        }
+        return {PadMedia::Kind::Audio, encode};
+    }
+    if (name == "audio/x-opus") {
+        return {PadMedia::Kind::Audio, "OPUS"};
+    }
+    if (name == "audio/x-ac3") {
+        return {PadMedia::Kind::Audio, "AC3"};
+    }
+    PRINT_BY_GLIB("Tsdeumx unsupport current media: %s\n", name.c_str());
+    return {PadMedia::Kind::None, nullptr};
+}
+
+GstElement *CBaseSource::_MakeBranchQueue(const char *name) {
+    GstElement *queue = GSTREAMER::MakeElement("queue", name);
+    if (queue != nullptr) {
+        g_object_set(queue, "max-size-time", GetMaxSizeTime(m_nCaching), nullptr);
+    }
+    return queue;
+}
+
+void CBaseSource::_SetSinkTarget(GstElement *sink, int media, bool sync) {
+    if (sink == nullptr) {
+        return;
+    }
+    g_object_set(sink, "share-buffer", m_pShareBuffer, "media", media, "channel", m_nChannel, "stream", m_nStream, "async",
+                 FALSE, "sync", sync ? TRUE : FALSE, nullptr);
+}
+
+void CBaseSource::_SetSinkMedia(GstElement *sink, int media) {
+    if (sink != nullptr) {
+        g_object_set(sink, "media", media, nullptr);
+    }
+}
+
+void CBaseSource::_ConnectVideoSink(GstElement *sink) {
+    if (sink == nullptr) {
+        return;
+    }
+    g_signal_connect(sink, "v-media-changed", G_CALLBACK(shbsink_video_changed_handler), this);
+    g_signal_connect(sink, "media-real-bitrate", G_CALLBACK(shbsink_video_bitrate_handler), this);
+    g_signal_connect(sink, "media-real-fps", G_CALLBACK(shbsink_video_fps_handler), this);
+}
+
+void CBaseSource::_ConnectAudioSink(GstElement *sink) {
+    if (sink == nullptr) {
+        return;
+    }
+    g_signal_connect(sink, "a-media-changed", G_CALLBACK(shbsink_audio_changed_handler), this);
+    g_signal_connect(sink, "media-real-bitrate", G_CALLBACK(shbsink_audio_bitrate_handler), this);
+    g_signal_connect(sink, "media-real-fps", G_CALLBACK(shbsink_audio_fps_handler), this);
+}
+
+void CBaseSource::_RemoveManyElements(std::initializer_list<GstElement *> elements) {
+    for (GstElement *element : elements) {
+        if (element != nullptr) {
+            gst_object_unref(element);
+        }
+    }
+}
+
+}  // namespace Tessaro

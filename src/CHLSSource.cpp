@@ -1,0 +1,529 @@
+#include "CHLSSource.h"
+
+#include "CodecTables.h"
+#include "Logger.h"
+
+#include <cstdio>
+#include <exception>
+
+namespace Tessaro {
+
+using namespace GSTREAMER;
+
+namespace {
+
+constexpr char kTag[] = "[CHLSSource]";
+constexpr char kTransportStream[] = "video/mpegts";
+
+bool HasHost(const std::string &uri) {
+    gchar *host = nullptr;
+    g_uri_split(uri.c_str(), G_URI_FLAGS_NONE, nullptr, nullptr, &host, nullptr, nullptr, nullptr, nullptr, nullptr);
+    const TextPtr owner(host);
+    return host != nullptr && *host != '\0';
+}
+
+// s; a source with another time-out keeps its HTTP session to itself.
+constexpr guint32 kSharedSessionTimeout = 15;
+// Up to two seconds until the reload session has been authenticated; then the playlist is asked for all the same.
+constexpr gulong kSettleSliceUs = 10000;
+constexpr int kSettleSlices = 200;
+
+// A proxy that is no URI aborts the process inside souphttpsrc, which puts "http://" in front of a text without a scheme.
+bool IsUsableProxy(const std::string &proxy) {
+    const std::string uri = proxy.find("://") == std::string::npos ? "http://" + proxy : proxy;
+    return proxy.empty() || (g_utf8_validate(uri.c_str(), -1, nullptr) != FALSE && HasHost(uri));
+}
+
+}  // namespace
+
+CHLSSource *CHLSSource::CreateNew(void *share_buffer, int channel, int stream) {
+    return new CHLSSource(share_buffer, channel, stream);
+}
+
+void CHLSSource::DestroyHandle(CHLSSource *source) {
+    delete source;
+}
+
+CHLSSource::CHLSSource(void *share_buffer, int channel, int stream) : CBaseSource(share_buffer, channel, stream) {}
+
+CHLSSource::~CHLSSource() {
+    CHLSSource::CloseLiveStream();
+}
+
+std::array<GstElement **, 11> CHLSSource::_ElementFields() {
+    return {&m_pSoupSrc,    &m_pHlsDemux,        &m_pTsDemux,         &m_pVideoQueue, &m_pAudioQueue, &m_pVideoParse,
+            &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
+}
+
+// ---- Open, worker, close ----------------------------------------------------------------------------------------------------
+
+bool CHLSSource::OpenLiveStream(const char *url, unsigned int caching, bool islive, unsigned int timeout, int retries,
+                                const char *proxy, const char *proxy_id, const char *proxy_pwd, const char *user_agent,
+                                const char *user_id, const char *user_pw) {
+    if (m_pShareBuffer == nullptr || url == nullptr) {
+        LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    // A worker that has ended by itself still counts until a close has joined it.
+    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
+        LOG_WARN(kTag << " The current source is already live! url=" << url);
+        return false;
+    }
+    LOG_INFO(kTag << " Open " << url << " { Opts: caching=" << caching << ",islive=" << islive << ",timeout=" << timeout
+                  << ",retries=" << retries << ",proxy=" << proxy << ",proxy_id=" << proxy_id << ",proxy_pwd=" << proxy_pwd
+                  << ",user_agent=" << user_agent << " }");
+    m_strURL = url;
+    m_nCaching = caching;
+    m_bIsLive = islive;
+    m_nTimeout = timeout;
+    m_nRetries = retries;
+    m_strProxy = proxy;
+    m_strProxyId = proxy_id;
+    m_strProxyPw = proxy_pwd;
+    m_strUserAgent = user_agent;
+    m_strUserId = user_id;
+    m_strUserPw = user_pw;
+
+    if (!_CreateGstElements()) {
+        LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
+        return false;
+    }
+    m_bExit = false;
+    try {
+        m_nLoopPthread = std::thread(&CHLSSource::_LoopPthread, this);
+    } catch (const std::exception &error) {
+        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+        _DestroyGstElements();
+        return false;
+    }
+    return true;
+}
+
+void CHLSSource::_LoopPthread() {
+    const OwnThread own(*this);
+    LOG_INFO("HLS source pthread start...");
+    _NameThread("CHLSSource");
+    _SetStatusStarted();
+    for (;;) {
+        if (!_CreateGstElements()) {
+            LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
+            break;
+        }
+        if (_PipelinePlay()) {
+            _SetStatusState("connected");
+            while (!m_bExit) {
+                if (_PollBus() != BUS_MSG_NONE) {
+                    LOG_ERR(kTag << " DoBusMessage--------------error!! URL=" << m_strURL);
+                    break;
+                }
+                if (m_bMediaChanged) {
+                    LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
+                    m_bMediaChanged = false;
+                    break;
+                }
+            }
+        } else {
+            LOG_INFO(kTag << " _PipelinePlay faild!!! URL=" << m_strURL);
+        }
+        if (!m_bReconnect) {
+            break;  // the pipeline is left for the close
+        }
+        _PrepareRebuild();
+        LOG_INFO(kTag << " HLS source reconnect..." << m_strURL);
+        _PipelineStop();
+        _DestroyGstElements();
+    }
+    LOG_INFO("HLS source pthread exit");
+}
+
+bool CHLSSource::_PipelinePlay() {
+    if (m_pPipeline == nullptr) {
+        LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_PLAYING) {
+        LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    _OpenReloadSession();
+    if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
+        m_nPipelineState = 0;
+        return false;
+    }
+    m_nPipelineState = GST_STATE_PLAYING;
+    PRINT_BY_STDIO("~~~~~~~_PipelinePlay %d\n", m_nPipelineState.load());
+    return true;
+}
+
+bool CHLSSource::_PipelineStop() {
+    if (m_pPipeline == nullptr) {
+        LOG_WARN(kTag << " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_NULL) {
+        LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    m_reloadSession.Close();
+    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
+    }
+    for (GstElement **field : _ElementFields()) {
+        ReleaseElement(*field);
+    }
+    m_strHlsMediaType.Clear();
+    m_strVideoEncode.Clear();
+    m_strAudioEncode.Clear();
+    m_nPipelineState = GST_STATE_NULL;
+    return true;
+}
+
+void CHLSSource::_DestroyGstElements() {
+    m_reloadSession.Close();
+    if (m_pPipeline != nullptr) {
+        gst_element_set_state(m_pPipeline, GST_STATE_NULL);
+    }
+    // Before the pipeline goes: what sits in it goes with it.
+    for (GstElement **field : _ElementFields()) {
+        ReleaseElement(*field);
+    }
+    _ReleasePipeline();
+    m_bElementsCreated = false;
+    m_nPipelineState = GST_STATE_NULL;
+}
+
+bool CHLSSource::CloseLiveStream() {
+    LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
+    // In this order: a worker that sees the stop finds rebuilding switched off.
+    m_bReconnect = false;
+    m_bExit = true;
+    if (m_nLoopPthread.joinable()) {
+        m_nLoopPthread.join();
+    }
+    LOG_INFO(kTag << " m_nLoopPthread .join.. URL=" << m_strURL);
+    _PipelineStop();
+    LOG_INFO(kTag << " _PipelineStop .join.. URL=" << m_strURL);
+    _DestroyGstElements();
+    LOG_INFO(kTag << " _DestroyGstElements .join.. URL=" << m_strURL);
+    _SetStatusStopped();
+    return true;
+}
+
+// ---- Front of the pipeline --------------------------------------------------------------------------------------------------
+
+bool CHLSSource::_CreateGstElements() {
+    if (m_bElementsCreated) {
+        return true;
+    }
+    _CreatePipeline();
+    if (m_pPipeline != nullptr) {
+        g_signal_connect(m_pPipeline, "deep-element-added", G_CALLBACK(deep_element_added_handler), this);
+    }
+    if (!IsUsableProxy(m_strProxy)) {
+        LOG_ERR(kTag << " The proxy is not a URI!!! proxy=" << m_strProxy << ", url=" << m_strURL);
+        _DestroyGstElements();
+        return false;
+    }
+    m_pSoupSrc = MakeElement("souphttpsrc", "Souphttpsrc");
+    if (m_pSoupSrc != nullptr) {
+        g_object_set(m_pSoupSrc, "location", m_strURL.c_str(), "timeout", m_nTimeout, "is-live", m_bIsLive ? TRUE : FALSE,
+                     "retries", m_nRetries, nullptr);
+        _SetRequestOptions(m_pSoupSrc);
+    }
+    m_pHlsDemux = MakeElement("hlsdemux", "Hlsdemux");
+    if (m_pHlsDemux != nullptr) {
+        g_signal_connect(m_pHlsDemux, "pad-added", G_CALLBACK(hls_pad_added_handler), this);
+    }
+    if (m_pPipeline == nullptr || m_pBus == nullptr || m_pSoupSrc == nullptr || m_pHlsDemux == nullptr) {
+        LOG_ERR(kTag << " Not all elements could be created!!! url=" << m_strURL);
+        _DestroyGstElements();
+        return false;
+    }
+    AddMany(m_pPipeline, {m_pSoupSrc, m_pHlsDemux});
+    if (!LinkMany({m_pSoupSrc, m_pHlsDemux})) {
+        LOG_ERR(kTag << " Failed to link souphttpsrc and hlsdemux.!!! url=" << m_strURL);
+        TakeOut(m_pPipeline, m_pSoupSrc);
+        TakeOut(m_pPipeline, m_pHlsDemux);
+        _DestroyGstElements();
+        return false;
+    }
+    const PadPtr pad(gst_element_get_static_pad(m_pSoupSrc, "src"));
+    if (pad) {
+        gst_pad_add_probe(pad.get(),
+                          static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+                          playlist_probe, nullptr, nullptr);
+    }
+    m_bElementsCreated = true;
+    return true;
+}
+
+GstPadProbeReturn CHLSSource::playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer /*user_data*/) {
+    if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+        return GST_PAD_PROBE_REMOVE;
+    }
+    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
+        return GST_PAD_PROBE_OK;
+    }
+    // hlsdemux takes an end without a playlist for no news at all: neither it nor the pipeline would ever say anything again.
+    GstElement *source = GST_PAD_PARENT(pad);
+    GST_ELEMENT_ERROR(source, RESOURCE, READ, ("The playlist is empty."), (nullptr));
+    return GST_PAD_PROBE_REMOVE;
+}
+
+void CHLSSource::_SetRequestOptions(GstElement *source) {
+    if (!m_strProxy.empty()) {
+        g_object_set(source, "proxy", m_strProxy.c_str(), nullptr);
+        if (!m_strProxyId.empty() && !m_strProxyPw.empty()) {
+            g_object_set(source, "proxy-id", m_strProxyId.c_str(), "proxy-pw", m_strProxyPw.c_str(), nullptr);
+        }
+    }
+    if (!m_strUserAgent.empty()) {
+        g_object_set(source, "user-agent", m_strUserAgent.c_str(), nullptr);
+    }
+    if (!m_strUserId.empty()) {
+        g_object_set(source, "user-id", m_strUserId.c_str(), nullptr);
+    }
+    if (!m_strUserPw.empty()) {
+        g_object_set(source, "user-pw", m_strUserPw.c_str(), nullptr);
+    }
+}
+
+void CHLSSource::_OpenReloadSession() {
+    if ((m_nTimeout == kSharedSessionTimeout && m_strProxy.empty()) || !HasHost(m_strURL)) {
+        return;  // the playlist's own source shares its session, or has nowhere to go
+    }
+    m_reloadSession.Open(m_pPipeline, m_strURL.c_str(), [this](GstElement *source) {
+        g_object_set(source, "timeout", m_nTimeout, nullptr);
+        _SetRequestOptions(source);
+    });
+    // A variant playlist or a key may be asked for right behind the playlist, so the credentials have to be in place first.
+    const bool authenticated = !m_strUserId.empty() || (!m_strProxy.empty() && !m_strProxyId.empty());
+    for (int slice = 0; authenticated && slice < kSettleSlices && !m_bExit && !m_reloadSession.IsSettled(); ++slice) {
+        g_usleep(kSettleSliceUs);
+    }
+}
+
+void CHLSSource::deep_element_added_handler(GstBin * /*pipeline*/, GstBin * /*bin*/, GstElement *element, gpointer user_data) {
+    auto *self = static_cast<CHLSSource *>(user_data);
+    GstElementFactory *factory = gst_element_get_factory(element);
+    if (self == nullptr || factory == nullptr || std::string("souphttpsrc") != GST_OBJECT_NAME(factory) ||
+        element == self->m_pSoupSrc) {
+        return;
+    }
+    // hlsdemux makes a source of its own for the segments and gives it none of the options.
+    g_object_set(element, "timeout", self->m_nTimeout, "retries", self->m_nRetries, nullptr);
+    self->_SetRequestOptions(element);
+    // An HTTP session of its own: a segment source that shares the session of the playlist reloads dead-locks hlsdemux when a
+    // segment fails during a reload. The session thread then posts the segment's error, which waits for hlsdemux's lock, which
+    // the reload holds while it waits for the session thread. A source with cookies, even none in the list, does not share.
+    const gchar *const no_cookies[] = {nullptr};
+    g_object_set(element, "cookies", no_cookies, nullptr);
+}
+
+void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gpointer user_data) {
+    if (user_data == nullptr || pad == nullptr || gst_pad_get_direction(pad) != GST_PAD_SRC) {
+        return;
+    }
+    auto *self = static_cast<CHLSSource *>(user_data);
+    LOG_INFO(kTag << " hlsdeumx A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
+    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) {
+        LOG_ERR(kTag << " Unable to get hlsdeumx current caps by source pad!!! url=" << self->GetURL());
+        return;
+    }
+    PrintCaps(caps.get());
+    const GstStructure *structure = FirstStructure(caps.get());
+    if (structure == nullptr) {
+        LOG_ERR(kTag << " Unable to get hlsdeumx current structure by caps!!! url=" << self->GetURL());
+        return;
+    }
+    const std::string name = gst_structure_get_name(structure);
+    if (name != kTransportStream) {
+        LOG_ERR(kTag << " Unable support hlsdeumx current meida structure!!! url=" << self->GetURL());
+        return;
+    }
+    if (!self->m_strHlsMediaType.Get().empty()) {
+        LOG_WARN(kTag << " HLS media data src chanage so refused, noly support one!!!  new media src is " << name
+                      << ", url=" << self->GetURL());
+        return;
+    }
+    self->m_strHlsMediaType.Set(kTransportStream);
+    self->_AddTsDemux(pad);
+}
+
+void CHLSSource::_AddTsDemux(GstPad *pad) {
+    m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
+    if (m_pTsDemux != nullptr) {
+        g_object_set(m_pTsDemux, "latency", m_nCaching != 0 ? static_cast<gint>(m_nTsLatency) : 0, nullptr);
+        g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
+    }
+    AddMany(m_pPipeline, {m_pTsDemux});
+    SyncState(m_pTsDemux);
+    switch (LinkToSinkPad(pad, m_pTsDemux)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " hlsdemux element src_pad link tsdemux sink_pad faild !!! url=" << GetURL());
+            break;
+        case PadLink::Done:
+            LOG_INFO(kTag << " hlsdemux element src_pad link tsdemux sink_pad OK.... url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+}
+
+void CHLSSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data) {
+    if (user_data == nullptr || pad == nullptr || gst_pad_get_direction(pad) != GST_PAD_SRC) {
+        return;
+    }
+    auto *self = static_cast<CHLSSource *>(user_data);
+    LOG_INFO(kTag << " tsdeumx A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
+    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) {
+        LOG_ERR(kTag << " Unable to get tsdeumx current caps by source pad!!! url=" << self->GetURL());
+        return;
+    }
+    PrintCaps(caps.get());
+    const GstStructure *structure = FirstStructure(caps.get());
+    if (structure == nullptr) {
+        LOG_ERR(kTag << " Unable to get tsdeumx current structure by caps!!! url=" << self->GetURL());
+        return;
+    }
+    const PadMedia media = _ClassifyTsPad(structure);
+    if (media.kind == PadMedia::Kind::Video) {
+        self->_CreateVideoStream(element, pad, media.encode);
+    } else if (media.kind == PadMedia::Kind::Audio) {
+        self->_CreateAudioStream(element, pad, media.encode);
+    }
+}
+
+// ---- Branches ---------------------------------------------------------------------------------------------------------------
+
+bool CHLSSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
+    const std::string current = m_strVideoEncode.Get();
+    if (!current.empty() && current != encode) {
+        LOG_WARN(kTag << " Video media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
+        m_bMediaChanged = true;
+        return true;
+    }
+    if (!current.empty()) {
+        LOG_WARN(kTag << " Multiple video media data ???  url=" << GetURL());
+        return true;
+    }
+
+    m_pVideoQueue = _MakeBranchQueue("vqueue");
+    m_pVideoSink = MakeElement("shbsink", "h26xshbsink");
+    _SetSinkTarget(m_pVideoSink, kMediaH264, true);
+    _ConnectVideoSink(m_pVideoSink);
+    if (std::string("H264") == encode) {
+        m_pVideoParse = MakeVideoParser("h264parse", "H264parse");
+        m_pVideoCapsFilter = MakeCapsFilter("H264capsfilter", kH264Caps);
+        _SetSinkMedia(m_pVideoSink, kMediaH264);
+    } else if (std::string("H265") == encode) {
+        m_pVideoParse = MakeVideoParser("h265parse", "H265parse");
+        m_pVideoCapsFilter = MakeCapsFilter("H265capsfilter", kH265Caps);
+        _SetSinkMedia(m_pVideoSink, kMediaH265);
+    }
+    // Recorded before the check: a failed branch counts as this run's video.
+    m_strVideoEncode.Set(encode);
+    if (m_pVideoQueue == nullptr || m_pVideoParse == nullptr || m_pVideoCapsFilter == nullptr || m_pVideoSink == nullptr) {
+        LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
+        _RemoveManyElements({m_pVideoParse, m_pVideoCapsFilter, m_pVideoQueue, m_pVideoSink});
+        m_pVideoParse = m_pVideoCapsFilter = m_pVideoQueue = m_pVideoSink = nullptr;
+        return false;
+    }
+
+    AddMany(m_pPipeline, {m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink});
+    SyncState(m_pVideoQueue);
+    SyncState(m_pVideoParse);
+    SyncState(m_pVideoCapsFilter);
+    SyncState(m_pVideoSink);
+    switch (LinkToSinkPad(pad, m_pVideoQueue)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
+            return false;
+        case PadLink::Done:
+            LOG_INFO(kTag << " tsdemux src_pad link h26xqueue sink_pad  OK.... url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+    if (!LinkMany({m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink})) {
+        LOG_ERR(kTag << " Video element link many faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    return true;
+}
+
+bool CHLSSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
+    const std::string current = m_strAudioEncode.Get();
+    if (!current.empty() && current != encode) {
+        LOG_WARN(kTag << " Audio media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
+        m_bMediaChanged = true;
+        return true;
+    }
+    if (!current.empty()) {
+        LOG_WARN(kTag << " Multiple audio media data ???  url=" << GetURL());
+        return true;
+    }
+
+    m_pAudioQueue = _MakeBranchQueue("aqueue");
+    m_pAudioSink = MakeElement("shbsink", "audioshbsink");
+    _SetSinkTarget(m_pAudioSink, kMediaAudioProvisional, false);
+    _ConnectAudioSink(m_pAudioSink);
+    const std::string parser = Lookup(g_mapAudioParseElements, encode);
+    if (parser.empty()) {
+        LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
+        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
+        m_pAudioQueue = m_pAudioSink = nullptr;
+        return false;
+    }
+    LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
+    m_strAudioEncode.Set(encode);
+    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
+    // "none" is no element either: encodings without a parser are refused here.
+    m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
+    if (m_pAudioParse == nullptr) {
+        LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
+        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
+        m_pAudioQueue = m_pAudioSink = nullptr;
+        return false;
+    }
+    if (IsAac(encode)) {
+        m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
+    }
+
+    const bool filtered = m_pAudioCapsFilter != nullptr;
+    if (filtered) {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
+    } else {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    }
+    SyncState(m_pAudioQueue);
+    SyncState(m_pAudioParse);
+    SyncState(m_pAudioCapsFilter);
+    SyncState(m_pAudioSink);
+    switch (LinkToSinkPad(pad, m_pAudioQueue)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
+            m_nPipelineState = 0;
+            return false;
+        case PadLink::Done:
+            LOG_INFO(kTag << "[INFO] tsdemux src_pad link audioqueue sink_pad  ok !!!  url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+    const bool linked = filtered ? LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink})
+                                 : LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    if (!linked) {
+        LOG_ERR(kTag << " Audio element link many faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    LOG_INFO(kTag << "Audio element link many ok !!!  url=" << GetURL());
+    return true;
+}
+
+}  // namespace Tessaro

@@ -1,0 +1,79 @@
+// HLS with transport-stream segments: souphttpsrc -> hlsdemux -> tsdemux (added when hlsdemux exposes its pad) -> branches.
+#pragma once
+
+#include "CBaseSource.h"
+#include "CHttpSession.h"
+
+#include <array>
+
+namespace Tessaro {
+
+class CHLSSource : public CBaseSource {
+  public:
+    static CHLSSource *CreateNew(void *share_buffer, int channel, int stream);
+    static void DestroyHandle(CHLSSource *source);
+    CHLSSource(void *share_buffer, int channel, int stream);
+    ~CHLSSource() override;
+
+    // Host thread. True when the front of the pipeline was built and the worker started.
+    bool OpenLiveStream(const char *url, unsigned int caching, bool islive, unsigned int timeout, int retries,
+                        const char *proxy, const char *proxy_id, const char *proxy_pwd, const char *user_agent,
+                        const char *user_id, const char *user_pw);
+    bool CloseLiveStream() override;
+
+  private:
+    friend struct SourceProbe;
+
+    bool _CreateGstElements();   // host (first build), worker (rebuilds)
+    void _DestroyGstElements();  // host while there is no worker, worker
+    bool _PipelinePlay();        // worker
+    bool _PipelineStop();        // as _DestroyGstElements
+    void _LoopPthread();         // body of the worker
+    // Proxy, user agent and credentials of an HTTP source, those that the host gave.
+    void _SetRequestOptions(GstElement *source);
+    // Gives the playlist reloads a session with the host's time-out, proxy and credentials where hlsdemux would use one
+    // without. Worker.
+    void _OpenReloadSession();
+    // Ends the session when the first playlist request brings nothing at all. Streaming.
+    static GstPadProbeReturn playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
+    // Hands the request options to the HTTP sources that hlsdemux makes. Streaming.
+    static void deep_element_added_handler(GstBin *pipeline, GstBin *bin, GstElement *element, gpointer user_data);
+    // First stage: accepts one transport-stream pad of hlsdemux in a pipeline run. Streaming.
+    static void hls_pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);
+    void _AddTsDemux(GstPad *pad);  // streaming
+    // Second stage: pads of the transport-stream demultiplexer.
+    static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
+    bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
+    bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
+    std::array<GstElement **, 11> _ElementFields();                                       // in the order of release
+
+    // Media type of the accepted pad of hlsdemux, empty while none. Written by the first stage, cleared by the stop.
+    GuardedText m_strHlsMediaType;
+    // Views of elements that sit in the pipeline; owned only while they do not (see GSTREAMER::ReleaseElement). The front is
+    // written where the pipeline is built, the branches on the streaming thread.
+    GstElement *m_pSoupSrc = nullptr;
+    GstElement *m_pHlsDemux = nullptr;
+    GstElement *m_pTsDemux = nullptr;
+    GstElement *m_pVideoQueue = nullptr;
+    GstElement *m_pAudioQueue = nullptr;
+    GstElement *m_pVideoParse = nullptr;
+    GstElement *m_pAudioParse = nullptr;
+    GstElement *m_pVideoCapsFilter = nullptr;
+    GstElement *m_pAudioCapsFilter = nullptr;
+    GstElement *m_pVideoSink = nullptr;
+    GstElement *m_pAudioSink = nullptr;
+    GSTREAMER::CHttpSession m_reloadSession;  // worker; host while there is none
+    // Options, written by open before the worker exists.
+    std::string m_strUserAgent;
+    std::string m_strUserId;
+    std::string m_strUserPw;
+    std::string m_strProxy;  // URI
+    std::string m_strProxyId;
+    std::string m_strProxyPw;
+    gint32 m_nRetries = 3;
+    bool m_bIsLive = false;
+    guint32 m_nTimeout = 15;    // s
+    guint32 m_nTsLatency = 50;  // ms
+};
+
+}  // namespace Tessaro

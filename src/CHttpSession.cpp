@@ -1,0 +1,82 @@
+#include "CHttpSession.h"
+
+namespace GSTREAMER {
+
+namespace {
+
+constexpr char kSessionContext[] = "gst.soup.session";
+
+}  // namespace
+
+void CHttpSession::Open(GstElement *pipeline, const char *location, std::function<void(GstElement *)> configure) {
+    Close();
+    m_pSource = TryMakeElement("souphttpsrc", "HttpSession");
+    m_pBus = m_pSource != nullptr ? gst_bus_new() : nullptr;
+    if (m_pBus == nullptr) {
+        g_clear_pointer(&m_pSource, gst_object_unref);
+        return;
+    }
+    m_pPipeline = pipeline;
+    m_fnConfigure = std::move(configure);
+    {
+        const std::lock_guard<std::mutex> lock(m_mtx);
+        m_bSettled = false;
+    }
+    gst_bus_set_sync_handler(m_pBus, message_handler, this, nullptr);
+    gst_element_set_bus(m_pSource, m_pBus);
+    g_object_set(m_pSource, "location", location, "method", "HEAD", "retries", 0, nullptr);
+    gst_element_set_state(m_pSource, GST_STATE_PAUSED);
+}
+
+bool CHttpSession::IsSettled() {
+    const std::lock_guard<std::mutex> lock(m_mtx);
+    return m_bSettled;
+}
+
+void CHttpSession::Close() {
+    if (m_pSource == nullptr) {
+        return;
+    }
+    gst_element_set_state(m_pSource, GST_STATE_NULL);
+    gst_element_set_bus(m_pSource, nullptr);
+    gst_bus_set_sync_handler(m_pBus, nullptr, nullptr, nullptr);
+    g_clear_pointer(&m_pSource, gst_object_unref);
+    g_clear_pointer(&m_pBus, gst_object_unref);
+    m_pPipeline = nullptr;
+    m_fnConfigure = nullptr;
+    const std::lock_guard<std::mutex> lock(m_mtx);
+    m_bSettled = true;
+}
+
+GstBusSyncReply CHttpSession::message_handler(GstBus * /*bus*/, GstMessage *message, gpointer user_data) {
+    auto *self = static_cast<CHttpSession *>(user_data);
+    switch (GST_MESSAGE_TYPE(message)) {
+        case GST_MESSAGE_NEED_CONTEXT:
+            // The moment between the source's decision that its session can be shared, which it takes by its defaults, and the
+            // making of the session, which follows the options.
+            self->m_fnConfigure(self->m_pSource);
+            break;
+        case GST_MESSAGE_HAVE_CONTEXT: {
+            GstContext *context = nullptr;
+            gst_message_parse_have_context(message, &context);
+            if (gst_context_has_context_type(context, kSessionContext) != FALSE) {
+                gst_element_set_context(self->m_pPipeline, context);
+            }
+            gst_context_unref(context);
+            break;
+        }
+        case GST_MESSAGE_ELEMENT:  // the answer's headers
+        case GST_MESSAGE_EOS:
+        case GST_MESSAGE_ERROR: {
+            const std::lock_guard<std::mutex> lock(self->m_mtx);
+            self->m_bSettled = true;
+            break;
+        }
+        default:
+            break;
+    }
+    gst_message_unref(message);
+    return GST_BUS_DROP;
+}
+
+}  // namespace GSTREAMER

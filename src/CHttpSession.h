@@ -1,0 +1,44 @@
+// An HTTP session for requests that cannot be given options themselves.
+//
+// hlsdemux makes the reload requests of its playlists (and those for variants and keys) by sources that sit in no bin and keep
+// their defaults. Such a source takes its HTTP session, and with it proxy, time-out and what has been authenticated, from a
+// context of its parent. The playlist's own source offers its session that way only while its time-out is the default and it
+// has no proxy. In every other case this class makes a session with the host's time-out, proxy and credentials and offers it
+// instead. The user agent is the requesting source's own affair and out of reach.
+#pragma once
+
+#include "CGstUtils.h"
+
+#include <functional>
+#include <mutex>
+
+namespace GSTREAMER {
+
+class CHttpSession {
+  public:
+    CHttpSession() = default;
+    ~CHttpSession() { Close(); }
+    CHttpSession(const CHttpSession &) = delete;
+    CHttpSession &operator=(const CHttpSession &) = delete;
+
+    // Opens the session and offers it to everything in the pipeline. `configure` sets the options on the source that opens it.
+    // That source then asks for the location's headers, once, so that the session is authenticated before the first reload.
+    // Does not wait for the answer. Nothing when the source cannot be made.
+    void Open(GstElement *pipeline, const char *location, std::function<void(GstElement *)> configure);
+    // True once the request of Open has been answered, refused or given up, and when there is none.
+    bool IsSettled();
+    // Ends the request if it is still running. The session lives on while others use it.
+    void Close();
+
+  private:
+    static GstBusSyncReply message_handler(GstBus *bus, GstMessage *message, gpointer user_data);
+
+    std::function<void(GstElement *)> m_fnConfigure;
+    GstElement *m_pPipeline = nullptr;  // borrowed, while open
+    GstElement *m_pSource = nullptr;    // owned, while open
+    GstBus *m_pBus = nullptr;           // owned, while open
+    std::mutex m_mtx;
+    bool m_bSettled = true;  // guarded by m_mtx
+};
+
+}  // namespace GSTREAMER

@@ -1,0 +1,471 @@
+#include "CRtmpSource.h"
+
+#include "CodecTables.h"
+#include "Logger.h"
+
+#include <gio/gio.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <exception>
+#include <thread>
+
+namespace Tessaro {
+
+using namespace GSTREAMER;
+
+namespace {
+
+constexpr char kTag[] = "[CRtmpSource]";
+constexpr char kRtmpsScheme[] = "rtmps";
+// A live stream brings the next buffer well before.
+constexpr int kHoldMs = 300;
+// A stalled one is woken by the end of its socket, which takes no time unless it does something else just then.
+constexpr int kWakes = 200;
+constexpr std::chrono::milliseconds kWakePause{10};
+
+}  // namespace
+
+CRtmpSource *CRtmpSource::CreateNew(void *share_buffer, int channel, int stream) {
+    return new CRtmpSource(share_buffer, channel, stream);
+}
+
+void CRtmpSource::DestroyHandle(CRtmpSource *source) {
+    delete source;
+}
+
+CRtmpSource::CRtmpSource(void *share_buffer, int channel, int stream) : CBaseSource(share_buffer, channel, stream) {}
+
+CRtmpSource::~CRtmpSource() {
+    CRtmpSource::CloseLiveStream();
+}
+
+std::array<GstElement **, 10> CRtmpSource::_ElementFields() {
+    return {&m_pRtmpSrc,    &m_pFlvDemux,        &m_pVideoQueue,      &m_pAudioQueue, &m_pVideoParse,
+            &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
+}
+
+// ---- Open, worker, close ----------------------------------------------------------------------------------------------------
+
+bool CRtmpSource::OpenLiveStream(const char *url, unsigned int caching, unsigned int contimeout, unsigned int idle_timeout,
+                                 const char *user, const char *pwd, const char *token) {
+    if (m_pShareBuffer == nullptr || url == nullptr) {
+        LOG_ERR(kTag << " Share buffer not init or location is invaild!");
+        return false;
+    }
+    // A worker that has ended by itself still counts until a close has joined it.
+    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
+        LOG_WARN(kTag << " The current source is already live! url=" << url);
+        return false;
+    }
+    LOG_INFO(kTag << " Open " << url << "... {Opts:caching=" << caching << ",contimeout=" << contimeout
+                  << ",idle_timeout=" << idle_timeout << ",user=" << user << ",pwd=" << pwd << ",token=" << token << "}");
+    m_strURL = url;
+    m_nCaching = caching;
+    m_nConTimeout = contimeout;
+    m_nIdleTimeout = idle_timeout;
+    m_strUser = user;
+    m_strPwd = pwd;
+    m_strToken = token;
+    _RewriteRtmpsLocation();
+
+    if (!_CreateGstElements()) {
+        LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
+        return false;
+    }
+    m_bExit = false;
+    m_bWorkerRuns = true;
+    try {
+        m_nLoopPthread = std::thread(&CRtmpSource::_LoopPthread, this);
+    } catch (const std::exception &error) {
+        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+        m_bWorkerRuns = false;
+        _DestroyGstElements();
+        return false;
+    }
+    return true;
+}
+
+void CRtmpSource::_RewriteRtmpsLocation() {
+    const std::size_t scheme_length = sizeof kRtmpsScheme - 1;
+    m_bRtmps = m_strURL.size() > scheme_length && m_strURL.compare(0, scheme_length, kRtmpsScheme) == 0;
+    if (!m_bRtmps) {
+        return;
+    }
+    m_strURL += " live=1";
+    if (!m_strUser.empty() && !m_strPwd.empty()) {
+        // Without "://" the position wraps to 2, where the credentials then go.
+        m_strURL.insert(m_strURL.find("://") + 3, m_strUser + ":" + m_strPwd + "@");
+        LOG_INFO(kTag << " Modified RTMPS address... url=" << m_strURL);
+    }
+}
+
+void CRtmpSource::_LoopPthread() {
+    const OwnThread own(*this);
+    m_nWorkerThread = gettid();
+    LOG_INFO("Rtmp source pthread start...");
+    _NameThread("CRtmpSource");
+    _SetStatusStarted();
+    for (;;) {
+        if (!_CreateGstElements()) {
+            LOG_INFO("Rtmp source _CreateGstElements error.");
+            break;
+        }
+        if (_PipelinePlay()) {
+            _SetStatusState("connected");
+            while (!m_bExit) {
+                if (_PollBus() != BUS_MSG_NONE) {
+                    LOG_ERR(kTag << " DoBusMessage--------------error!! URL=" << m_strURL);
+                    break;
+                }
+                if (m_bMediaChanged) {
+                    LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
+                    m_bMediaChanged = false;
+                    break;
+                }
+            }
+        } else {
+            LOG_INFO(kTag << " _PipelinePlay faild!!! URL=" << m_strURL);
+        }
+        if (!m_bReconnect) {
+            break;  // the pipeline is left for the close
+        }
+        _PrepareRebuild();
+        LOG_INFO(kTag << " RTMP source reconnect..." << m_strURL);
+        _PipelineStop();
+        _DestroyGstElements();
+    }
+    LOG_INFO("Rtmp source pthread exit");
+    m_bWorkerRuns = false;
+}
+
+bool CRtmpSource::_PipelinePlay() {
+    if (m_pPipeline == nullptr) {
+        LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_PLAYING) {
+        LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
+        m_nPipelineState = 0;
+        return false;
+    }
+    m_nPipelineState = GST_STATE_PLAYING;
+    return true;
+}
+
+// rtmpsrc frees its TLS session on the stopping thread. With the streaming thread amid a read from it that is a use after free.
+void CRtmpSource::_RestRtmpsSource() {
+    if (HoldAtSourcePad(m_pRtmpSrc, kHoldMs)) {
+        return;
+    }
+    const PadPtr pad(m_pRtmpSrc != nullptr ? gst_element_get_static_pad(m_pRtmpSrc, "src") : nullptr);
+    for (int wake = 0; wake < kWakes && pad && gst_pad_get_task_state(pad.get()) == GST_TASK_STARTED; ++wake) {
+        EndSocketWait(m_nStreamingThread);
+        std::this_thread::sleep_for(kWakePause);
+    }
+}
+
+GstPadProbeReturn CRtmpSource::source_event_probe(GstPad * /*pad*/, GstPadProbeInfo * /*info*/, gpointer user_data) {
+    static_cast<CRtmpSource *>(user_data)->m_nStreamingThread = gettid();
+    return GST_PAD_PROBE_OK;
+}
+
+bool CRtmpSource::_PipelineStop() {
+    if (m_pPipeline == nullptr) {
+        LOG_WARN(kTag << " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_NULL) {
+        LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    if (m_bRtmps) {
+        _RestRtmpsSource();
+    }
+    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
+    }
+    for (GstElement **field : _ElementFields()) {
+        ReleaseElement(*field);
+    }
+    m_strVideoEncode.Clear();
+    m_strAudioEncode.Clear();
+    m_nPipelineState = GST_STATE_NULL;
+    return true;
+}
+
+void CRtmpSource::_DestroyGstElements() {
+    // Before the pipeline goes: what sits in it goes with it.
+    for (GstElement **field : _ElementFields()) {
+        ReleaseElement(*field);
+    }
+    _ReleasePipeline();
+    m_bElementsCreated = false;
+    m_nPipelineState = GST_STATE_NULL;
+}
+
+bool CRtmpSource::CloseLiveStream() {
+    LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
+    // In this order: a worker that sees the stop finds rebuilding switched off.
+    m_bReconnect = false;
+    m_bExit = true;
+    // A worker that is amid connecting sits in rtmpsrc's library until the peer answers or its time is up, and again for the next step.
+    while (m_bRtmps && m_bWorkerRuns) {
+        EndSocketWait(m_nWorkerThread);
+        std::this_thread::sleep_for(kWakePause);
+    }
+    if (m_nLoopPthread.joinable()) {
+        m_nLoopPthread.join();
+    }
+    _PipelineStop();
+    _DestroyGstElements();
+    _SetStatusStopped();
+    return true;
+}
+
+// ---- Front of the pipeline --------------------------------------------------------------------------------------------------
+
+bool CRtmpSource::_CreateGstElements() {
+    if (m_bElementsCreated) {
+        return true;
+    }
+    _CreatePipeline();
+    m_pRtmpSrc = m_bRtmps ? MakeElement("rtmpsrc", "Rtmpsrc") : MakeElement("rtmp2src", "Rtmp2src");
+    if (m_bRtmps) {
+        // librtmp writes to closed connections. GLib's sockets, once their class exists, keep that from ending the process.
+        g_type_class_unref(g_type_class_ref(G_TYPE_SOCKET));
+    }
+    if (m_pRtmpSrc != nullptr && m_bRtmps) {
+        const PadPtr pad(gst_element_get_static_pad(m_pRtmpSrc, "src"));
+        if (pad) {
+            gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, source_event_probe, this, nullptr);
+        }
+        g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), "timeout", static_cast<gint>(m_nConTimeout), nullptr);
+    } else if (m_pRtmpSrc != nullptr) {
+        // The location first: setting it wipes the credentials of rtmp2src.
+        g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
+        if (!m_strUser.empty() && !m_strPwd.empty()) {
+            LOG_INFO(kTag << " RTMPS set username adn passwd... url=" << m_strURL);
+            g_object_set(m_pRtmpSrc, "username", m_strUser.c_str(), "password", m_strPwd.c_str(), nullptr);
+        }
+        if (!m_strToken.empty()) {
+            g_object_set(m_pRtmpSrc, "secure-token", m_strToken.c_str(), nullptr);
+        }
+        g_object_set(m_pRtmpSrc, "timeout", m_nConTimeout, "idle-timeout", m_nIdleTimeout, nullptr);
+    }
+    m_pFlvDemux = MakeElement("flvdemux", "Flvdemux");
+    if (m_pFlvDemux != nullptr) {
+        g_signal_connect(m_pFlvDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
+    }
+    if (m_pPipeline == nullptr || m_pBus == nullptr || m_pRtmpSrc == nullptr || m_pFlvDemux == nullptr) {
+        LOG_ERR(kTag << " Not all elements could be created!!! url=" << m_strURL);
+        _DestroyGstElements();
+        return false;
+    }
+    AddMany(m_pPipeline, {m_pRtmpSrc, m_pFlvDemux});
+    if (!LinkMany({m_pRtmpSrc, m_pFlvDemux})) {
+        LOG_ERR(kTag << " Failed to link rtmpsrc and flvdemux.!!! url=" << m_strURL);
+        TakeOut(m_pPipeline, m_pRtmpSrc);
+        TakeOut(m_pPipeline, m_pFlvDemux);
+        _DestroyGstElements();
+        return false;
+    }
+    m_bElementsCreated = true;
+    return true;
+}
+
+CBaseSource::PadMedia CRtmpSource::_ClassifyFlvPad(const GstStructure *structure) {
+    const std::string name = gst_structure_get_name(structure);
+    if (name == "video/x-h264") {
+        return {PadMedia::Kind::Video, "H264"};
+    }
+    if (name == "audio/mpeg") {
+        return {PadMedia::Kind::Audio, _MpegAudioEncode(structure)};
+    }
+    if (name == "audio/x-mulaw") {
+        return {PadMedia::Kind::Audio, "PCMU"};
+    }
+    if (name == "audio/x-alaw") {
+        return {PadMedia::Kind::Audio, "PCMA"};
+    }
+    PRINT_BY_GLIB("flvdeumx unsupport current media: %s\n", name.c_str());
+    return {PadMedia::Kind::None, nullptr};
+}
+
+void CRtmpSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data) {
+    if (user_data == nullptr || pad == nullptr || gst_pad_get_direction(pad) != GST_PAD_SRC) {
+        return;
+    }
+    auto *self = static_cast<CRtmpSource *>(user_data);
+    LOG_INFO(kTag << " flvdemux A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
+    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) {
+        LOG_ERR(kTag << " Unable to get flvdemux current caps by source pad!!! url=" << self->GetURL());
+        return;
+    }
+    PrintCaps(caps.get());
+    const GstStructure *structure = FirstStructure(caps.get());
+    if (structure == nullptr) {
+        LOG_ERR(kTag << " Unable to get flvdemux current structure by caps!!! url=" << self->GetURL());
+        return;
+    }
+    const PadMedia media = _ClassifyFlvPad(structure);
+    if (media.kind == PadMedia::Kind::Video) {
+        self->_CreateVideoStream(element, pad, media.encode);
+    } else if (media.kind == PadMedia::Kind::Audio) {
+        self->_CreateAudioStream(element, pad, media.encode);
+    }
+}
+
+// ---- Branches ---------------------------------------------------------------------------------------------------------------
+
+bool CRtmpSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
+    const std::string current = m_strVideoEncode.Get();
+    if (!current.empty() && current != encode) {
+        LOG_WARN(kTag << " Video media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
+        m_bMediaChanged = true;
+        return true;
+    }
+    if (!current.empty()) {
+        LOG_WARN(kTag << " Multiple video media data ???  url=" << GetURL());
+        return true;
+    }
+
+    m_pVideoQueue = _MakeBranchQueue("vqueue");
+    m_pVideoSink = MakeElement("shbsink", "h26xshbsink");
+    _SetSinkTarget(m_pVideoSink, kMediaH264, true);
+    _ConnectVideoSink(m_pVideoSink);
+    if (std::string("H264") == encode) {
+        m_pVideoParse = MakeVideoParser("h264parse", "H264parse");
+        m_pVideoCapsFilter = MakeCapsFilter("H264capsfilter", kH264Caps);
+        _SetSinkMedia(m_pVideoSink, kMediaH264);
+    } else if (std::string("H265") == encode) {
+        m_pVideoParse = MakeVideoParser("h265parse", "H265parse");
+        m_pVideoCapsFilter = MakeCapsFilter("H265capsfilter", kH265Caps);
+        _SetSinkMedia(m_pVideoSink, kMediaH265);
+    }
+    // Recorded before the check: a failed branch counts as this run's video.
+    m_strVideoEncode.Set(encode);
+    if (m_pVideoQueue == nullptr || m_pVideoParse == nullptr || m_pVideoCapsFilter == nullptr || m_pVideoSink == nullptr) {
+        LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
+        _RemoveManyElements({m_pVideoParse, m_pVideoCapsFilter, m_pVideoQueue, m_pVideoSink});
+        m_pVideoParse = m_pVideoCapsFilter = m_pVideoQueue = m_pVideoSink = nullptr;
+        return false;
+    }
+
+    AddMany(m_pPipeline, {m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink});
+    SyncState(m_pVideoQueue);
+    SyncState(m_pVideoParse);
+    SyncState(m_pVideoCapsFilter);
+    SyncState(m_pVideoSink);
+    switch (LinkToSinkPad(pad, m_pVideoQueue)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " flvdemux src_pad link h26xparse sink_pad  faild !!! url=" << GetURL());
+            m_nPipelineState = 0;
+            return false;
+        case PadLink::Done:
+            LOG_INFO(kTag << " flvdemux src_pad link h26xparse sink_pad  OK.... url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+    if (!LinkMany({m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink})) {
+        LOG_ERR(kTag << " Video element link many faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    return true;
+}
+
+bool CRtmpSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
+    const std::string current = m_strAudioEncode.Get();
+    if (!current.empty() && current != encode) {
+        LOG_WARN(kTag << " Audio media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
+        m_bMediaChanged = true;
+        return true;
+    }
+    if (!current.empty()) {
+        LOG_WARN(kTag << " Multiple audio media data ???  url=" << GetURL());
+        return true;
+    }
+
+    m_pAudioQueue = _MakeBranchQueue("aqueue");
+    m_pAudioSink = MakeElement("shbsink", "audioshbsink");
+    _SetSinkTarget(m_pAudioSink, kMediaAudioProvisional, false);
+    _ConnectAudioSink(m_pAudioSink);
+    const std::string parser = Lookup(g_mapAudioParseElements, encode);
+    if (parser.empty()) {
+        LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
+        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
+        m_pAudioQueue = m_pAudioSink = nullptr;
+        return false;
+    }
+    LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
+    m_strAudioEncode.Set(encode);
+    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
+    const bool parsed = parser != "none";
+    if (parsed) {
+        m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
+        if (m_pAudioParse == nullptr) {
+            LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
+            _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
+            m_pAudioQueue = m_pAudioSink = nullptr;
+            return false;
+        }
+        if (IsAac(encode)) {
+            m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
+        }
+    }
+
+    const bool filtered = m_pAudioCapsFilter != nullptr;
+    if (!parsed) {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioSink});
+    } else if (!filtered) {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    } else {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
+    }
+    SyncState(m_pAudioQueue);
+    if (SyncState(m_pAudioParse)) {
+        // Some of this branch's messages carry the RTSP tag; hosts match on them.
+        LOG_INFO("[CRtspSource] audioparse sync state with parent OK. url=" << GetURL());
+    }
+    SyncState(m_pAudioCapsFilter);
+    SyncState(m_pAudioSink);
+    switch (LinkToSinkPad(pad, m_pAudioQueue)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " flvdemux src_pad link audioparse sink_pad  faild !!! url=" << GetURL());
+            m_nPipelineState = 0;
+            return false;
+        case PadLink::Done:
+            LOG_INFO(kTag << "[INFO] flvdemux src_pad link audioparse sink_pad  ok !!!  url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+    bool linked = false;
+    if (!parsed) {
+        linked = LinkMany({m_pAudioQueue, m_pAudioSink});
+    } else if (!filtered) {
+        linked = LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    } else {
+        linked = LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
+    }
+    if (!linked) {
+        LOG_ERR("[CRtspSource] Audio element link many faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    if (parsed) {
+        LOG_INFO("[CRtspSource] Audio element link many ok !!! url=" << GetURL());
+    } else {
+        LOG_INFO(kTag << "Audio element link many ok !!!  url=" << GetURL());
+    }
+    return true;
+}
+
+}  // namespace Tessaro

@@ -1,0 +1,69 @@
+// RTMP (rtmp2src) and RTMPS (rtmpsrc, by the scheme of the location) -> flvdemux -> branches.
+#pragma once
+
+#include "CBaseSource.h"
+
+#include <array>
+#include <atomic>
+
+namespace Tessaro {
+
+class CRtmpSource : public CBaseSource {
+  public:
+    static CRtmpSource *CreateNew(void *share_buffer, int channel, int stream);
+    static void DestroyHandle(CRtmpSource *source);
+    CRtmpSource(void *share_buffer, int channel, int stream);
+    ~CRtmpSource() override;
+
+    // Host thread. True when the front of the pipeline was built and the worker started.
+    bool OpenLiveStream(const char *url, unsigned int caching, unsigned int contimeout, unsigned int idle_timeout,
+                        const char *user, const char *pwd, const char *token);
+    bool CloseLiveStream() override;
+
+  private:
+    friend struct SourceProbe;
+
+    // Decides by the scheme whether this is RTMPS; if so appends " live=1" and puts the credentials into the location. Host.
+    void _RewriteRtmpsLocation();
+    bool _CreateGstElements();   // host (first build), worker (rebuilds)
+    void _DestroyGstElements();  // host while there is no worker, worker
+    bool _PipelinePlay();        // worker
+    bool _PipelineStop();        // as _DestroyGstElements
+    void _LoopPthread();         // body of the worker
+    // Media of an FLV pad. H.265 is not taken on this path.
+    static PadMedia _ClassifyFlvPad(const GstStructure *structure);
+    // Brings the streaming thread of rtmpsrc to rest outside of it, whatever it waits for there. As _DestroyGstElements.
+    void _RestRtmpsSource();
+    // Notes the streaming thread of rtmpsrc before it enters its library.
+    static GstPadProbeReturn source_event_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);  // streaming
+    static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);                  // streaming
+    bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);                          // streaming
+    bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);                          // streaming
+    std::array<GstElement **, 10> _ElementFields();  // in the order of release
+
+    // Views of elements that sit in the pipeline; owned only while they do not (see GSTREAMER::ReleaseElement). The front is
+    // written where the pipeline is built, the branches on the streaming thread.
+    GstElement *m_pRtmpSrc = nullptr;
+    GstElement *m_pFlvDemux = nullptr;
+    GstElement *m_pVideoQueue = nullptr;
+    GstElement *m_pAudioQueue = nullptr;
+    GstElement *m_pVideoParse = nullptr;
+    GstElement *m_pAudioParse = nullptr;
+    GstElement *m_pVideoCapsFilter = nullptr;
+    GstElement *m_pAudioCapsFilter = nullptr;
+    GstElement *m_pVideoSink = nullptr;
+    GstElement *m_pAudioSink = nullptr;
+    // Options, written by open before the worker exists.
+    std::string m_strUser;
+    std::string m_strPwd;
+    std::string m_strToken;      // secure token of rtmp2src
+    guint32 m_nConTimeout = 10;  // s
+    guint32 m_nIdleTimeout = 0;  // s without data until rtmp2src gives up, 0 never
+    bool m_bRtmps = false;
+    // Threads that may sit in rtmpsrc's library, which nothing but the end of its socket gets out of there; 0: none.
+    std::atomic<pid_t> m_nWorkerThread{0};
+    std::atomic<pid_t> m_nStreamingThread{0};
+    std::atomic<bool> m_bWorkerRuns{false};
+};
+
+}  // namespace Tessaro

@@ -1,0 +1,409 @@
+#include "CSrtSource.h"
+
+#include "CodecTables.h"
+#include "Logger.h"
+
+#include <exception>
+
+namespace Tessaro {
+
+using namespace GSTREAMER;
+
+namespace {
+
+constexpr char kTag[] = "[CSrtSource]";
+
+// Values of srtsrc's "mode".
+constexpr gint kModeCaller = 1;
+constexpr gint kModeListener = 2;
+constexpr gint kModeRendezvous = 3;
+
+// Three spellings each; everything else is a caller.
+gint ConnectionMode(const std::string &mode) {
+    if (mode == "listener" || mode == "LISTENER" || mode == "Listener") {
+        return kModeListener;
+    }
+    if (mode == "rendezvous" || mode == "RENDEZVOUS" || mode == "Rendezvous") {
+        return kModeRendezvous;
+    }
+    return kModeCaller;
+}
+
+}  // namespace
+
+CSrtSource *CSrtSource::CreateNew(void *share_buffer, int channel, int stream) {
+    return new CSrtSource(share_buffer, channel, stream);
+}
+
+void CSrtSource::DestroyHandle(CSrtSource *source) {
+    delete source;
+}
+
+CSrtSource::CSrtSource(void *share_buffer, int channel, int stream) : CBaseSource(share_buffer, channel, stream) {}
+
+CSrtSource::~CSrtSource() {
+    CSrtSource::CloseLiveStream();
+}
+
+std::array<GstElement **, 10> CSrtSource::_ElementFields() {
+    return {&m_pSrtSrc,     &m_pTsDemux,         &m_pVideoQueue,      &m_pAudioQueue, &m_pVideoParse,
+            &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
+}
+
+// ---- Open, worker, close ----------------------------------------------------------------------------------------------------
+
+bool CSrtSource::OpenLiveStream(const char *url, unsigned int caching, const char *mode, const char *streamid,
+                                const char *passphrase, unsigned int keylen, unsigned int latency, unsigned int tslatency,
+                                const char *localaddress) {
+    if (m_pShareBuffer == nullptr || url == nullptr) {
+        LOG_ERR(kTag << " Share buffer not init or location is invaild!");
+        return false;
+    }
+    // A worker that has ended by itself still counts until a close has joined it.
+    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
+        LOG_WARN(kTag << " The current source is already live! url=" << url);
+        return false;
+    }
+    LOG_INFO(kTag << " Open " << url << "... {Opts:caching=" << caching << ",mode=" << mode << ",streamid=" << streamid
+                  << ",passphrase=" << passphrase << ",keylen=" << keylen << ",latency=" << latency
+                  << ",tslatency=" << tslatency << ",localaddress=" << localaddress << "}");
+    m_strURL = url;
+    m_nCaching = caching;
+    m_nLatency = latency;
+    m_strStreamId = streamid;
+    m_strPassphrase = passphrase;
+    m_strMode = mode;
+    m_nKeyLen = keylen;
+    m_strLocalAddress = localaddress;
+    // tslatency is told in the log and goes no further: the demultiplexer keeps its 50 ms.
+
+    if (!_CreateGstElements()) {
+        LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
+        return false;
+    }
+    m_bExit = false;
+    try {
+        m_nLoopPthread = std::thread(&CSrtSource::_LoopPthread, this);
+    } catch (const std::exception &error) {
+        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+        _DestroyGstElements();
+        return false;
+    }
+    return true;
+}
+
+void CSrtSource::_LoopPthread() {
+    const OwnThread own(*this);
+    LOG_INFO("Srt source pthread start...version=1.0");
+    _NameThread("CSrtSource");
+    _SetStatusStarted();
+    for (;;) {
+        if (!_CreateGstElements()) {
+            LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
+            break;
+        }
+        if (_PipelinePlay()) {
+            // Not "connected" yet: a caller plays happily without a peer. The first bit-rate report says that data flows.
+            _SetStatusState("reconnect");
+            while (!m_bExit) {
+                if (_PollBus() != BUS_MSG_NONE) {
+                    LOG_ERR(kTag << " DoBusMessage--------------error!! URL=" << m_strURL);
+                    break;
+                }
+                if (m_bMediaChanged) {
+                    LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
+                    m_bMediaChanged = false;
+                    break;
+                }
+            }
+        } else {
+            LOG_INFO(kTag << " _PipelinePlay faild!!! URL=" << m_strURL);
+        }
+        if (!m_bReconnect) {
+            break;  // the pipeline is left for the close
+        }
+        _PrepareRebuild();
+        LOG_INFO(kTag << " Srt source reconnect..." << m_strURL);
+        _PipelineStop();
+        _DestroyGstElements();
+    }
+    LOG_INFO("Srt source pthread exit");
+}
+
+bool CSrtSource::_PipelinePlay() {
+    if (m_pPipeline == nullptr) {
+        LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_PLAYING) {
+        LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
+        m_nPipelineState = 0;
+        return false;
+    }
+    m_nPipelineState = GST_STATE_PLAYING;
+    return true;
+}
+
+bool CSrtSource::_PipelineStop() {
+    if (m_pPipeline == nullptr) {
+        LOG_WARN(kTag << " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_NULL) {
+        LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
+    }
+    for (GstElement **field : _ElementFields()) {
+        ReleaseElement(*field);
+    }
+    m_strVideoEncode.Clear();
+    m_strAudioEncode.Clear();
+    m_nPipelineState = GST_STATE_NULL;
+    return true;
+}
+
+void CSrtSource::_DestroyGstElements() {
+    // Before the pipeline goes: what sits in it goes with it.
+    for (GstElement **field : _ElementFields()) {
+        ReleaseElement(*field);
+    }
+    _ReleasePipeline();
+    m_bElementsCreated = false;
+    m_nPipelineState = GST_STATE_NULL;
+}
+
+bool CSrtSource::CloseLiveStream() {
+    LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
+    // In this order: a worker that sees the stop finds rebuilding switched off.
+    m_bReconnect = false;
+    m_bExit = true;
+    if (m_nLoopPthread.joinable()) {
+        m_nLoopPthread.join();
+    }
+    _PipelineStop();
+    _DestroyGstElements();
+    _SetStatusStopped();
+    return true;
+}
+
+// ---- Front of the pipeline --------------------------------------------------------------------------------------------------
+
+bool CSrtSource::_CreateGstElements() {
+    PRINT_BY_GLIB(" Srt debug version 1.00\n");
+    if (m_bElementsCreated) {
+        return true;
+    }
+    _CreatePipeline();
+    m_pSrtSrc = MakeElement("srtsrc", "Srtsrc");
+    if (m_pSrtSrc != nullptr) {
+        g_object_set(m_pSrtSrc, "uri", m_strURL.c_str(), "latency", static_cast<gint>(m_nLatency), "mode",
+                     ConnectionMode(m_strMode), nullptr);
+        if (!m_strPassphrase.empty() && m_nKeyLen != 0) {
+            g_object_set(m_pSrtSrc, "pbkeylen", static_cast<gint>(m_nKeyLen), "passphrase", m_strPassphrase.c_str(), nullptr);
+        }
+        if (!m_strStreamId.empty()) {
+            g_object_set(m_pSrtSrc, "authentication", TRUE, "streamid", m_strStreamId.c_str(), nullptr);
+            g_signal_connect(m_pSrtSrc, "caller-connecting", G_CALLBACK(caller_connecting_handler), this);
+        }
+        if (!m_strLocalAddress.empty()) {
+            g_object_set(m_pSrtSrc, "localaddress", m_strLocalAddress.c_str(), nullptr);
+        }
+    }
+    m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
+    if (m_pTsDemux != nullptr) {
+        g_object_set(m_pTsDemux, "latency", m_nCaching != 0 ? static_cast<gint>(m_nTsLatency) : 0, nullptr);
+        g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
+    }
+    if (m_pPipeline == nullptr || m_pBus == nullptr || m_pSrtSrc == nullptr || m_pTsDemux == nullptr) {
+        LOG_ERR(kTag << " Not all elements could be created!!! url=" << m_strURL);
+        _DestroyGstElements();
+        return false;
+    }
+    AddMany(m_pPipeline, {m_pSrtSrc, m_pTsDemux});
+    if (!LinkMany({m_pSrtSrc, m_pTsDemux})) {
+        LOG_ERR(kTag << " Failed to link srtsrc and tsdemux.!!! url=" << m_strURL);
+        TakeOut(m_pPipeline, m_pSrtSrc);
+        TakeOut(m_pPipeline, m_pTsDemux);
+        _DestroyGstElements();
+        return false;
+    }
+    m_bElementsCreated = true;
+    return true;
+}
+
+gboolean CSrtSource::caller_connecting_handler(GstElement *element, GSocketAddress *address, char *stream_id,
+                                               gpointer user_data) {
+    const auto *self = static_cast<CSrtSource *>(user_data);
+    if (element == nullptr || address == nullptr || self == nullptr) {
+        LOG_ERR("[CSrtSource] Srt caller connecting...But args invalid. url=" << (self != nullptr ? self->GetURL()
+                                                                                                  : std::string()));
+        return FALSE;
+    }
+    // A caller without an id presents an empty one.
+    const bool admitted = self->m_strStreamId.empty() || self->m_strStreamId == (stream_id != nullptr ? stream_id : "");
+    return admitted ? TRUE : FALSE;
+}
+
+void CSrtSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data) {
+    if (user_data == nullptr || pad == nullptr || gst_pad_get_direction(pad) != GST_PAD_SRC) {
+        return;
+    }
+    auto *self = static_cast<CSrtSource *>(user_data);
+    LOG_INFO(kTag << " tsdeumx A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
+    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) {
+        LOG_ERR(kTag << " Unable to get tsdeumx current caps by source pad!!! url=" << self->GetURL());
+        return;
+    }
+    PrintCaps(caps.get());
+    const GstStructure *structure = FirstStructure(caps.get());
+    if (structure == nullptr) {
+        LOG_ERR(kTag << " Unable to get tsdeumx current structure by caps!!! url=" << self->GetURL());
+        return;
+    }
+    const PadMedia media = _ClassifyTsPad(structure);
+    if (media.kind == PadMedia::Kind::Video) {
+        self->_CreateVideoStream(element, pad, media.encode);
+    } else if (media.kind == PadMedia::Kind::Audio) {
+        self->_CreateAudioStream(element, pad, media.encode);
+    }
+}
+
+// ---- Branches ---------------------------------------------------------------------------------------------------------------
+
+bool CSrtSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
+    const std::string current = m_strVideoEncode.Get();
+    if (!current.empty() && current != encode) {
+        LOG_WARN(kTag << " Video media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
+        m_bMediaChanged = true;
+        return true;
+    }
+    if (!current.empty()) {
+        LOG_WARN(kTag << " Multiple video media data ???  url=" << GetURL());
+        return true;
+    }
+
+    m_pVideoQueue = _MakeBranchQueue("vqueue");
+    m_pVideoSink = MakeElement("shbsink", "h26xshbsink");
+    _SetSinkTarget(m_pVideoSink, kMediaH264, true);
+    _ConnectVideoSink(m_pVideoSink);
+    if (std::string("H264") == encode) {
+        m_pVideoParse = MakeVideoParser("h264parse", "H264parse");
+        m_pVideoCapsFilter = MakeCapsFilter("H264capsfilter", kH264Caps);
+        _SetSinkMedia(m_pVideoSink, kMediaH264);
+    } else if (std::string("H265") == encode) {
+        m_pVideoParse = MakeVideoParser("h265parse", "H265parse");
+        m_pVideoCapsFilter = MakeCapsFilter("H265capsfilter", kH265Caps);
+        _SetSinkMedia(m_pVideoSink, kMediaH265);
+    }
+    // Recorded before the check: a failed branch counts as this run's video.
+    m_strVideoEncode.Set(encode);
+    if (m_pVideoQueue == nullptr || m_pVideoParse == nullptr || m_pVideoCapsFilter == nullptr || m_pVideoSink == nullptr) {
+        LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
+        _RemoveManyElements({m_pVideoParse, m_pVideoCapsFilter, m_pVideoQueue, m_pVideoSink});
+        m_pVideoParse = m_pVideoCapsFilter = m_pVideoQueue = m_pVideoSink = nullptr;
+        return false;
+    }
+
+    AddMany(m_pPipeline, {m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink});
+    SyncState(m_pVideoQueue);
+    SyncState(m_pVideoParse);
+    SyncState(m_pVideoCapsFilter);
+    SyncState(m_pVideoSink);
+    switch (LinkToSinkPad(pad, m_pVideoQueue)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
+            m_nPipelineState = 0;
+            return false;
+        case PadLink::Done:
+            LOG_INFO(kTag << " tsdemux src_pad link h26xqueue sink_pad  OK.... url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+    if (!LinkMany({m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink})) {
+        LOG_ERR(kTag << " Video element link many faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    return true;
+}
+
+bool CSrtSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
+    const std::string current = m_strAudioEncode.Get();
+    if (!current.empty() && current != encode) {
+        LOG_WARN(kTag << " Audio media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
+        m_bMediaChanged = true;
+        return true;
+    }
+    if (!current.empty()) {
+        LOG_WARN(kTag << " Multiple audio media data ???  url=" << GetURL());
+        return true;
+    }
+
+    m_pAudioQueue = _MakeBranchQueue("aqueue");
+    m_pAudioSink = MakeElement("shbsink", "audioshbsink");
+    _SetSinkTarget(m_pAudioSink, kMediaAudioProvisional, false);
+    _ConnectAudioSink(m_pAudioSink);
+    const std::string parser = Lookup(g_mapAudioParseElements, encode);
+    if (parser.empty()) {
+        LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
+        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
+        m_pAudioQueue = m_pAudioSink = nullptr;
+        return false;
+    }
+    LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
+    m_strAudioEncode.Set(encode);
+    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
+    // "none" is no element either: encodings without a parser are refused here.
+    m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
+    if (m_pAudioParse == nullptr) {
+        LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
+        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
+        m_pAudioQueue = m_pAudioSink = nullptr;
+        return false;
+    }
+    if (IsAac(encode)) {
+        m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
+    }
+
+    const bool filtered = m_pAudioCapsFilter != nullptr;
+    if (filtered) {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
+    } else {
+        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    }
+    SyncState(m_pAudioQueue);
+    SyncState(m_pAudioParse);
+    SyncState(m_pAudioCapsFilter);
+    SyncState(m_pAudioSink);
+    switch (LinkToSinkPad(pad, m_pAudioQueue)) {
+        case PadLink::Failed:
+            LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
+            m_nPipelineState = 0;
+            return false;
+        case PadLink::Done:
+            LOG_INFO(kTag << "[INFO] tsdemux src_pad link audioqueue sink_pad  ok !!!  url=" << GetURL());
+            break;
+        case PadLink::TakenAlready:
+            break;
+    }
+    const bool linked = filtered ? LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink})
+                                 : LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    if (!linked) {
+        LOG_ERR(kTag << " Audio element link many faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    LOG_INFO(kTag << "Audio element link many ok !!!  url=" << GetURL());
+    return true;
+}
+
+}  // namespace Tessaro

@@ -1,0 +1,72 @@
+// What an audio branch needs for an encoding name. Names are compared case-sensitively. The tables are constant: sources share
+// them from many threads.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace Tessaro {
+
+// Encoding name to parser element. "none" means that the branch gets no parser.
+inline const std::map<std::string, std::string> g_mapAudioParseElements = {
+    {"AC3", "ac3parse"},
+    {"MP4A-LATM", "aacparse"},
+    {"MPEG4-GENERIC", "aacparse"},
+    {"AAC", "aacparse"},
+    {"MPA", "mpegaudioparse"},
+    {"MP2", "mpegaudioparse"},
+    {"MP3", "mpegaudioparse"},
+    {"OPUS", "opusparse"},
+    {"PCMA", "none"},
+    {"PCMU", "none"},
+    {"X-GST-OPUS-DRAFT-SPITTKA-00", "opusparse"},
+    {"MULTIOPUS", "opusparse"},
+    {"VORBIS", "vorbisparse"},
+};
+
+// Encoding name to the sink's "media" property. Two Opus variants and Vorbis have none on purpose.
+inline const std::map<std::string, int> g_mapAudioMediaTypes = {
+    {"AC3", 25}, {"MP4A-LATM", 23}, {"MPEG4-GENERIC", 21}, {"AAC", 21},  {"MP2", 17},
+    {"MP3", 18}, {"OPUS", 22},      {"PCMA", 19},          {"PCMU", 24}, {"MPA", 30},
+};
+
+// Encoding name to RTP depayloader element.
+inline const std::map<std::string, std::string> g_mapDepayElements = {
+    {"PCMA", "rtppcmadepay"},
+    {"PCMU", "rtppcmudepay"},
+    {"AC3", "rtpac3depay"},
+    {"MP4A-LATM", "rtpmp4adepay"},
+    {"MPEG4-GENERIC", "rtpmp4gdepay"},
+    {"AAC", "rtpmp4gdepay"},
+    {"MPA", "rtpmpadepay"},
+    {"MP2", "rtpmpadepay"},
+    {"MP3", "rtpmpadepay"},
+    {"OPUS", "rtpopusdepay"},
+    {"X-GST-OPUS-DRAFT-SPITTKA-00", "rtpopusdepay"},
+    {"MULTIOPUS", "rtpopusdepay"},
+    {"VORBIS", "rtpvorbisdepay"},
+};
+
+// What the branches deliver.
+constexpr char kH264Caps[] = "video/x-h264,stream-format=byte-stream,alignment=au";
+constexpr char kH265Caps[] = "video/x-h265,stream-format=byte-stream,alignment=au";
+constexpr char kAdtsCaps[] = "audio/mpeg,stream-format=adts";
+
+constexpr int kMediaH264 = 48;
+constexpr int kMediaH265 = 64;
+// What an audio sink carries until its encoding has been looked up.
+constexpr int kMediaAudioProvisional = 21;
+
+// Row of a table, or its value type's zero ("" or 0) when the name is absent.
+template <typename Value>
+Value Lookup(const std::map<std::string, Value> &table, const std::string &encode) {
+    const auto row = table.find(encode);
+    return row != table.end() ? row->second : Value();
+}
+
+// AAC in any of its transports: brought into ADTS framing by a caps filter behind the parser.
+inline bool IsAac(const std::string &encode) {
+    return encode == "MP4A-LATM" || encode == "AAC" || encode == "MPEG4-GENERIC";
+}
+
+}  // namespace Tessaro

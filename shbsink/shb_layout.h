@@ -1,0 +1,174 @@
+/*
+ * Layout of the mapping, version 2. Everything stands at an offset that both sides compute from the geometry; nothing in the
+ * mapping is a pointer or an offset into it, so a reader that has checked the geometry once cannot be led astray.
+ *
+ * Private to the library and to its tests.
+ */
+#ifndef SHB_LAYOUT_H
+#define SHB_LAYOUT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "shb.h"
+
+#ifdef __cplusplus
+#include <atomic>
+#define SHB_ATOMIC(type) std::atomic<type>
+#define SHB_STATIC_ASSERT(condition, text) static_assert(condition, text)
+#else
+#include <stdatomic.h>
+#define SHB_ATOMIC(type) _Atomic(type)
+#define SHB_STATIC_ASSERT(condition, text) _Static_assert(condition, text)
+#endif
+
+#define SHB_LAYOUT_MAGIC UINT64_C(0x3155425242485321) /* "!SHBRBU1" */
+#define SHB_LAYOUT_VERSION 2u
+#define SHB_WAITERS_MAGIC UINT64_C(0x3152455449415721) /* "!WAITER1" */
+
+#define SHB_PAGE_BYTES 4096u
+#define SHB_LINE_BYTES UINT64_C(64)
+/* Frames start on this boundary, so that payload can be copied by whole words and later be read in place. */
+#define SHB_FRAME_ALIGN 64u
+
+enum { SHB_STATE_OPEN = 1, SHB_STATE_DESTROYED = 2 };
+
+/*
+ * The first page. All but `state` and `heartbeat_ns` is written before the name appears and never again. The first four fields keep their
+ * places in all versions, so that any version can tell whose a buffer is and whether that process lives.
+ */
+typedef struct shb_header {
+    uint64_t magic;
+    uint32_t version;
+    uint32_t header_bytes;
+    uint64_t total_bytes;
+    uint64_t creator; /* identity of the creating process, see shb_identity_self */
+    uint32_t channels;
+    uint32_t streams;
+    uint64_t video_bytes;
+    uint64_t audio_bytes;
+    uint32_t video_frames;
+    uint32_t audio_frames;
+    uint64_t waiters; /* random; part of the name of the file of waiters, and repeated in it */
+    uint64_t reserved0[7];
+    /* line 2 */
+    SHB_ATOMIC(uint32_t) state;
+    uint32_t reserved1[15];
+    /* line 3: renewed four times a second while the creator runs */
+    SHB_ATOMIC(uint64_t) heartbeat_ns; /* CLOCK_MONOTONIC */
+    uint64_t reserved2[7];
+} shb_header_t;
+
+/*
+ * The file of waiters, "NAME+TOKEN" beside the buffer: the one thing that readers write. It holds nothing but hints, is open to the
+ * creator's user alone, and never holds up a writer: a word that is 1 costs it one system call, after which the word is 0 again.
+ */
+typedef struct shb_waiters_header {
+    uint64_t magic;
+    uint32_t version;
+    uint32_t header_bytes;
+    uint64_t total_bytes;
+    uint64_t creator;
+    uint64_t token; /* `waiters` of the buffer */
+    uint64_t reserved[3];
+} shb_waiters_header_t;
+
+typedef struct shb_waiters {
+    SHB_ATOMIC(uint32_t) waiting; /* 1: somebody sleeps, or is about to, until the track's futex word changes */
+    uint32_t reserved[15];
+} shb_waiters_t;
+
+#define SHB_DESCRIPTION_WORDS UINT64_C(13)
+#define SHB_DESCRIPTION_SLOTS UINT64_C(8)
+
+/*
+ * One description under a sequence lock (odd while it is being written). The slots are used in turn; before one is used again, the tail
+ * is raised past the frames that belong to what it held, so that every intact frame has its description.
+ */
+typedef struct shb_description_slot {
+    SHB_ATOMIC(uint64_t) lock;
+    SHB_ATOMIC(uint64_t) epoch;
+    SHB_ATOMIC(uint64_t) words[SHB_DESCRIPTION_WORDS];
+    SHB_ATOMIC(uint64_t) first; /* index of the first frame that can belong to it */
+} shb_description_slot_t;
+
+/*
+ * Head of a track. Frames are numbered through all epochs here ("index"): frame i has descriptor i modulo the number of descriptors.
+ *
+ *     tail  the oldest frame that is intact. The writer raises it BEFORE it overwrites: whoever finds tail <= i after a copy
+ *           of frame i knows that the copy is whole.
+ *     head  the next frame to be written; raised AFTER the frame is complete.
+ */
+typedef struct shb_track {
+    /* line 0: what changes when a writer comes or goes */
+    SHB_ATOMIC(uint64_t) owner;      /* identity of the writing process, 0 when no writer has the track open */
+    SHB_ATOMIC(uint64_t) epoch_lock; /* sequence lock of this line, odd while a new epoch is being set up */
+    SHB_ATOMIC(uint64_t) epoch;
+    SHB_ATOMIC(uint64_t) epoch_head;   /* head when the epoch began */
+    SHB_ATOMIC(uint64_t) epoch_bytes;  /* total_bytes when the epoch began */
+    SHB_ATOMIC(uint64_t) descriptions; /* descriptions ever written, over all epochs */
+    uint64_t reserved0[2];
+    /* line 1: announced before each overwrite */
+    SHB_ATOMIC(uint64_t) tail;
+    uint64_t reserved1[7];
+    /* line 2: published after each frame */
+    SHB_ATOMIC(uint64_t) head;
+    SHB_ATOMIC(uint64_t) newest_key; /* index + 1 of the newest key frame, 0 when there never was one */
+    SHB_ATOMIC(uint32_t) wake;       /* futex word, changes with every frame and at the end */
+    uint32_t reserved2[11];
+    /* line 3: statistics */
+    SHB_ATOMIC(uint64_t) total_bytes;
+    SHB_ATOMIC(uint64_t) key_frames;
+    SHB_ATOMIC(uint64_t) last_ns; /* CLOCK_MONOTONIC of the last frame of this epoch, 0 when there is none */
+    SHB_ATOMIC(uint32_t) bitrate;
+    SHB_ATOMIC(uint32_t) fps_milli;
+    SHB_ATOMIC(uint64_t) left_out; /* frames of this epoch that were larger than the track */
+    uint64_t reserved3[3];
+    shb_description_slot_t description[SHB_DESCRIPTION_SLOTS];
+} shb_track_t;
+
+/* One frame. `position` counts payload bytes through all epochs; the frame starts at position modulo the track's bytes. */
+typedef struct shb_descriptor {
+    SHB_ATOMIC(uint64_t) sequence;
+    SHB_ATOMIC(uint64_t) epoch;
+    SHB_ATOMIC(uint64_t) pts;
+    SHB_ATOMIC(uint64_t) dts;
+    SHB_ATOMIC(uint64_t) duration;
+    SHB_ATOMIC(uint64_t) position;
+    SHB_ATOMIC(uint32_t) size;
+    SHB_ATOMIC(uint32_t) flags;
+    SHB_ATOMIC(uint32_t) description;
+    uint32_t reserved;
+} shb_descriptor_t;
+
+SHB_STATIC_ASSERT(sizeof(shb_description_t) == SHB_DESCRIPTION_WORDS * 8, "a description is copied by words");
+SHB_STATIC_ASSERT(sizeof(shb_header_t) == 4 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, version) == 8, "all layout versions");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, total_bytes) == 16, "all layout versions");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, creator) == 24, "all layout versions");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, video_bytes) == 40, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, video_frames) == 56, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, waiters) == 64, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, state) == 2 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_header_t, heartbeat_ns) == 3 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(sizeof(shb_waiters_header_t) == SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_waiters_header_t, creator) == 24, "all layout versions");
+SHB_STATIC_ASSERT(offsetof(shb_waiters_header_t, token) == 32, "layout version 2");
+SHB_STATIC_ASSERT(sizeof(shb_waiters_t) == SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(sizeof(shb_description_slot_t) == 2 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_description_slot_t, first) == 120, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, epoch_head) == 24, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, tail) == 1 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, head) == 2 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, newest_key) == 2 * SHB_LINE_BYTES + 8, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, wake) == 2 * SHB_LINE_BYTES + 16, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, total_bytes) == 3 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, left_out) == 3 * SHB_LINE_BYTES + 32, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_track_t, description) == 4 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(sizeof(shb_track_t) == 20 * SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(sizeof(shb_descriptor_t) == SHB_LINE_BYTES, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_descriptor_t, position) == 40, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_descriptor_t, size) == 48, "layout version 2");
+SHB_STATIC_ASSERT(offsetof(shb_descriptor_t, description) == 56, "layout version 2");
+
+#endif /* SHB_LAYOUT_H */

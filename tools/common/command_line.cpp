@@ -1,0 +1,89 @@
+#include "command_line.h"
+
+#include <algorithm>
+#include <cmath>
+#include <sstream>
+
+namespace tool {
+namespace {
+
+class HelpFormatter : public CLI::Formatter {
+  public:
+    explicit HelpFormatter(std::string usage) : m_usage(std::move(usage)) {
+        column_width(kIndent);
+        label("Subcommands", "Commands");
+    }
+
+    std::string make_usage(const CLI::App * /*app*/, std::string /*name*/) const override {
+        return "\nUsage: " + m_usage + "\n";
+    }
+
+    std::string make_option_desc(const CLI::Option *option) const override {
+        std::istringstream words(option->get_description());
+        std::string wrapped;
+        size_t line = 0;
+        for (std::string word; words >> word; line += word.size() + 1) {
+            if (line + word.size() > kWidth - kIndent) {
+                wrapped += '\n';
+                line = 0;
+            } else if (!wrapped.empty()) {
+                wrapped += ' ';
+            }
+            wrapped += word;
+        }
+        return wrapped;
+    }
+
+  private:
+    static constexpr size_t kIndent = 32;
+    static constexpr size_t kWidth = 100;
+    const std::string m_usage;
+};
+
+// A message of the parser without its line breaks.
+std::string OneLine(std::string text) {
+    while (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
+}  // namespace
+
+void Refuse(const std::string &message) {
+    throw CLI::ValidationError(message);
+}
+
+double ParseSeconds(const std::string &flag, const std::string &text, double longest) {
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value) || value <= 0 || value > longest) {
+        Refuse(flag + ": \"" + text + "\" is not a number of seconds above 0 and up to " +
+               std::to_string(static_cast<uint64_t>(longest)));
+    }
+    return value;
+}
+
+std::shared_ptr<CLI::Formatter> MakeHelpFormatter(const std::string &usage) {
+    return std::make_shared<HelpFormatter>(usage);
+}
+
+std::optional<ParseEnd> Parse(const CLI::App &app, const std::string &program, const std::function<void()> &parse) {
+    try {
+        parse();
+        return std::nullopt;
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            std::ostringstream out;
+            std::ostringstream err;
+            app.exit(error, out, err);
+            return ParseEnd{kExitOk, out.str(), {}};
+        }
+        return ParseEnd{kExitUsage, {}, program + ": " + OneLine(error.what()) + "\n"};
+    } catch (const std::exception &error) {
+        return ParseEnd{kExitUsage, {}, program + ": " + OneLine(error.what()) + "\n"};
+    }
+}
+
+}  // namespace tool

@@ -1,0 +1,134 @@
+#include "emergency.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+namespace tool::emergency {
+namespace {
+
+constexpr std::string_view kShowCursor = "\x1b[?25h\x1b[0m";
+
+// Longer than any path of a shared buffer.
+constexpr size_t kPathSize = 512;
+std::array<std::array<char, kPathSize>, 2> g_files{};
+std::atomic<size_t> g_file_count{0};
+std::atomic<int> g_terminal{-1};
+std::atomic<int> g_log_pipe{-1};
+std::atomic<int> g_log_target{-1};
+
+// The tail of the log as a ring of letters. A crash in the middle of a line shows half of that line, no worse.
+constexpr size_t kTailSize = 8192;
+std::array<std::atomic<char>, kTailSize> g_tail{};
+std::atomic<size_t> g_tail_end{0};
+
+constexpr std::array<int, 5> kCrashes{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+std::array<struct sigaction, kCrashes.size()> g_previous{};
+
+void Put(int fd, const char *data, size_t size) {
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written <= 0) {
+            return;
+        }
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+}
+
+void PutLog() {
+    const int target = g_log_target.load();
+    const int pipe_fd = g_log_pipe.load();
+    if (target < 0 || pipe_fd < 0) {
+        return;
+    }
+    const size_t end = g_tail_end.load();
+    std::array<char, 512> buffer{};
+    size_t used = 0;
+    for (size_t at = end > kTailSize ? end - kTailSize : 0; at < end; ++at) {
+        buffer[used++] = g_tail[at % kTailSize].load(std::memory_order_relaxed);
+        if (used == buffer.size() || at + 1 == end) {
+            Put(target, buffer.data(), used);
+            used = 0;
+        }
+    }
+    // Does not wait: the reading end never does.
+    for (ssize_t got = read(pipe_fd, buffer.data(), buffer.size()); got > 0;
+         got = read(pipe_fd, buffer.data(), buffer.size())) {
+        Put(target, buffer.data(), static_cast<size_t>(got));
+    }
+}
+
+void OnCrash(int number, siginfo_t *info, void * /*context*/) {
+    const int saved = errno;
+    for (size_t i = 0; i < kCrashes.size(); ++i) {
+        sigaction(kCrashes[i], &g_previous[i], nullptr);
+    }
+    Clean();
+    PutLog();
+    errno = saved;
+    // An instruction at fault runs again and meets the previous handler with all that it has to tell; what was sent would
+    // not come again by itself.
+    const bool sent = info->si_code <= 0;
+    if (sent) {
+        raise(number);
+    }
+}
+
+}  // namespace
+
+void RemoveFiles(const std::vector<std::string_view> &paths) {
+    g_file_count.store(0);
+    size_t count = 0;
+    for (const std::string_view path : paths) {
+        if (count < g_files.size() && path.size() < kPathSize) {
+            *std::copy(path.begin(), path.end(), g_files[count++].begin()) = '\0';
+        }
+    }
+    g_file_count.store(count);
+}
+
+void RestoreCursor(int fd) {
+    g_terminal.store(fd);
+}
+
+void SaveLog(int pipe_fd, int error_fd) {
+    g_log_target.store(error_fd);
+    g_log_pipe.store(pipe_fd);
+}
+
+void RememberLine(std::string_view line) {
+    size_t end = g_tail_end.load(std::memory_order_relaxed);
+    for (const char c : line) {
+        g_tail[end++ % kTailSize].store(c, std::memory_order_relaxed);
+    }
+    g_tail[end++ % kTailSize].store('\n', std::memory_order_relaxed);
+    g_tail_end.store(end);
+}
+
+void Clean() {
+    for (size_t i = 0; i < g_file_count.load(); ++i) {
+        unlink(g_files[i].data());
+    }
+    const int terminal = g_terminal.load();
+    if (terminal >= 0) {
+        Put(terminal, kShowCursor.data(), kShowCursor.size());
+    }
+}
+
+void HandleCrashes() {
+    struct sigaction action {};
+    action.sa_sigaction = OnCrash;
+    action.sa_flags = SA_SIGINFO;
+    sigemptyset(&action.sa_mask);
+    for (size_t i = 0; i < kCrashes.size(); ++i) {
+        sigaction(kCrashes[i], &action, &g_previous[i]);
+    }
+}
+
+}  // namespace tool::emergency

@@ -1,0 +1,27 @@
+// What must not be left behind when the process goes down in an instant: shared memory, a hidden cursor, unread log lines.
+// Everything here may run in a signal handler.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+namespace tool::emergency {
+
+// Files of the shared buffer, at most two, removed by Clean(); none when empty.
+void RemoveFiles(const std::vector<std::string_view> &paths);
+
+// Terminal whose cursor Clean() shows again; -1 for none.
+void RestoreCursor(int fd);
+
+// When the process crashes while its standard error is captured, what is in the pipe and the last lines taken out of it go
+// to `error_fd`. -1 for none.
+void SaveLog(int pipe_fd, int error_fd);
+void RememberLine(std::string_view line);
+
+// Removes the memory and shows the cursor.
+void Clean();
+
+// Cleans up at SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT before the previous handler runs.
+void HandleCrashes();
+
+}  // namespace tool::emergency

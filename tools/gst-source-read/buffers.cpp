@@ -1,0 +1,161 @@
+#include "buffers.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "text.h"
+
+namespace reader {
+
+std::string Reason(int result) {
+    switch (result) {
+        case SHB_ERR_SYSTEM:
+            return std::strerror(errno);
+        case SHB_ERR_ARG:
+            return "not a name that a shared buffer can have";
+        case SHB_ERR_NOT_FOUND:
+            return "no shared buffer of this name";
+        default:
+            return shb_strerror(result);
+    }
+}
+
+std::vector<shb_info_t> ListBuffers() {
+    std::vector<shb_info_t> buffers;
+    for (;;) {
+        size_t count = 0;
+        const int result = shb_list(buffers.data(), buffers.size(), &count);
+        if (result != SHB_OK) {
+            throw std::runtime_error("the shared buffers cannot be listed: " + Reason(result));
+        }
+        const bool complete = count <= buffers.size();
+        buffers.resize(count);
+        if (complete) {
+            return buffers;
+        }
+    }
+}
+
+std::string NameOf(const shb_info_t &info) {
+    return info.name[0] == '/' ? info.name + 1 : info.name;
+}
+
+std::string ChooseName(const std::string &name) {
+    if (!name.empty()) {
+        return name;
+    }
+    std::vector<std::string> live;
+    for (const shb_info_t &info : ListBuffers()) {
+        if (info.alive != 0 && Readable(info)) {
+            live.push_back(NameOf(info));
+        }
+    }
+    if (live.size() == 1) {
+        return live.front();
+    }
+    if (live.empty()) {
+        throw std::runtime_error("no live shared buffer on this machine");
+    }
+    std::string names;
+    for (const std::string &one : live) {
+        names += (names.empty() ? "" : ", ") + one;
+    }
+    throw std::runtime_error("several live shared buffers, say which: " + names);
+}
+
+Map Attach(const std::string &name) {
+    shb_map_t *map = nullptr;
+    const int result = shb_attach(name.c_str(), &map);
+    if (result != SHB_OK) {
+        throw std::runtime_error(name + ": " + Reason(result));
+    }
+    return Map(map);
+}
+
+Map TryAttach(const std::string &name) {
+    shb_map_t *map = nullptr;
+    const int result = shb_attach(name.c_str(), &map);
+    if (result == SHB_OK) {
+        return Map(map);
+    }
+    // One that is just being replaced may be there in part.
+    if (result == SHB_ERR_NOT_FOUND || result == SHB_ERR_VERSION || result == SHB_ERR_CORRUPT) {
+        return nullptr;
+    }
+    throw std::runtime_error(name + ": " + Reason(result));
+}
+
+Map TryAttachLive(const std::string &name) {
+    Map map = TryAttach(name);
+    return map != nullptr && shb_map_alive(map.get()) != 0 ? std::move(map) : nullptr;
+}
+
+shb_info_t InfoOf(const Map &map) {
+    shb_info_t info{};
+    const int result = shb_map_info(map.get(), &info);
+    if (result != SHB_OK) {
+        throw std::runtime_error(std::string("the shared buffer cannot be read: ") + Reason(result));
+    }
+    return info;
+}
+
+const char *StateOf(const shb_info_t &info) {
+    constexpr uint64_t kLongSilence = 2'000'000'000;
+    if (info.alive == 0) {
+        return "stale";
+    }
+    return Readable(info) && info.heartbeat_age_ns > kLongSilence ? "stopped" : "alive";
+}
+
+bool Readable(const shb_info_t &info) {
+    return info.geometry.channels > 0;
+}
+
+const char *KindName(shb_kind_t kind) {
+    return kind == SHB_VIDEO ? "video" : "audio";
+}
+
+std::vector<Track> TracksOf(const Map &map) {
+    std::vector<Track> tracks;
+    const shb_geometry_t geometry = InfoOf(map).geometry;
+    for (uint32_t channel = 0; channel < geometry.channels; ++channel) {
+        for (uint32_t stream = 0; stream < geometry.streams; ++stream) {
+            for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
+                Track track{channel, stream, kind, {}, {}};
+                if (shb_map_stats(map.get(), channel, stream, kind, &track.stats) != SHB_OK || track.stats.epoch == 0) {
+                    continue;
+                }
+                shb_description_t description{};
+                if (shb_map_description(map.get(), channel, stream, kind, &description) == SHB_OK) {
+                    track.description = description;
+                }
+                tracks.push_back(track);
+            }
+        }
+    }
+    return tracks;
+}
+
+std::string Describe(shb_kind_t kind, const shb_description_t &description) {
+    std::string text = description.code;
+    text += description.profile[0] != '\0' ? std::string(" ") + description.profile : "";
+    text += description.level[0] != '\0' ? std::string(" level ") + description.level : "";
+    text += " " + FormatOf(kind, description);
+    if (kind == SHB_VIDEO && AnnouncedFps(description) > 0) {
+        text += " " + tool::FormatRate(AnnouncedFps(description)) + " fps";
+    }
+    return tool::Printable(text);
+}
+
+std::string FormatOf(shb_kind_t kind, const shb_description_t &description) {
+    return kind == SHB_VIDEO ? tool::FormatPicture(description.width, description.height, description.scan_type)
+                             : tool::FormatSound(description.sample_rate, description.channels);
+}
+
+double AnnouncedFps(const shb_description_t &description) {
+    return description.fps_n > 0 && description.fps_d > 0 ? static_cast<double>(description.fps_n) / description.fps_d : 0;
+}
+
+}  // namespace reader

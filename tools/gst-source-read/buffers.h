@@ -1,0 +1,63 @@
+// The shared buffers of this machine and their tracks.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "shb.h"
+
+namespace reader {
+
+struct DetachMap {
+    void operator()(shb_map_t *map) const { shb_detach(map); }
+};
+struct CloseReader {
+    void operator()(shb_reader_t *reader) const { shb_reader_close(reader); }
+};
+using Map = std::unique_ptr<shb_map_t, DetachMap>;
+using Reader = std::unique_ptr<shb_reader_t, CloseReader>;
+
+// Text of a failed call; to be asked before errno changes.
+std::string Reason(int result);
+
+// All functions throw std::runtime_error with a message for people, unless they say otherwise.
+
+std::vector<shb_info_t> ListBuffers();
+// As the commands take it, without the leading "/".
+std::string NameOf(const shb_info_t &info);
+// The name itself, or that of the one live buffer when it is empty.
+std::string ChooseName(const std::string &name);
+
+Map Attach(const std::string &name);
+// Null when there is no such buffer, or none that can be read yet.
+Map TryAttach(const std::string &name);
+// The same, but only one whose creator is alive.
+Map TryAttachLive(const std::string &name);
+shb_info_t InfoOf(const Map &map);
+
+// "alive", "stopped" when its creator lives and shows no sign of it, "stale" when the creator has gone.
+const char *StateOf(const shb_info_t &info);
+// Nothing in buffers of other layout versions.
+bool Readable(const shb_info_t &info);
+
+struct Track {
+    uint32_t channel = 0;
+    uint32_t stream = 0;
+    shb_kind_t kind = SHB_VIDEO;
+    shb_stats_t stats{};
+    std::optional<shb_description_t> description;
+};
+
+const char *KindName(shb_kind_t kind);
+// Tracks that have had a writer.
+std::vector<Track> TracksOf(const Map &map);
+
+// "H264 high level 4.1 640x360p 25 fps", "AAC 48000 Hz 2 ch".
+std::string Describe(shb_kind_t kind, const shb_description_t &description);
+std::string FormatOf(shb_kind_t kind, const shb_description_t &description);  // "640x360p", "48000 Hz 2 ch"
+double AnnouncedFps(const shb_description_t &description);                    // 0 when not announced
+
+}  // namespace reader

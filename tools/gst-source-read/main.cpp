@@ -1,0 +1,46 @@
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "commands.h"
+#include "fd.h"
+#include "options.h"
+#include "output.h"
+
+namespace {
+
+int Run(const reader::Options &options) {
+    switch (options.command) {
+        case reader::Command::kList:
+            return reader::RunList(options);
+        case reader::Command::kTracks:
+            return reader::RunTracks(options);
+        case reader::Command::kRead:
+            return reader::RunRead(options);
+        case reader::Command::kRemove:
+            return reader::RunRemove(options);
+    }
+    return tool::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    const reader::ParseResult parsed = reader::ParseOptions(argc, argv);
+    std::fputs(parsed.out.c_str(), stdout);
+    std::fputs(parsed.err.c_str(), stderr);
+    if (!parsed.options) {
+        return parsed.exit_code;
+    }
+    tool::OpenStandardDescriptors();
+    try {
+        return Run(*parsed.options);
+    } catch (const reader::PipeClosed &) {
+        // Nobody reads any more: the end that a shell expects of a program in a pipe.
+        std::signal(SIGPIPE, SIG_DFL);
+        std::raise(SIGPIPE);
+    } catch (const std::exception &error) {
+        reader::Complain(error.what());
+    }
+    return tool::kExitNothing;
+}

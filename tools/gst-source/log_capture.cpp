@@ -1,0 +1,120 @@
+#include "log_capture.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include "emergency.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t kLongestLine = size_t{64} * 1024;
+
+}  // namespace
+
+LogCapture::LogCapture(int target, bool with_errors, Masker masker, std::function<void(const std::string &)> on_line)
+    : m_target(target),
+      m_masker(std::move(masker)),
+      m_withErrors(with_errors),
+      m_onLine(std::move(on_line)),
+      m_savedOut(Duplicate(STDOUT_FILENO)),
+      m_savedErr(Duplicate(STDERR_FILENO)),
+      m_stop(eventfd(0, EFD_CLOEXEC)) {
+    std::array<int, 2> ends{-1, -1};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    m_pipeRead = Fd(ends[0]);
+    const Fd write_end(ends[1]);
+    fcntl(m_pipeRead.Get(), F_SETFL, O_NONBLOCK);
+
+    std::fflush(stdout);
+    // To a pipe, stdio would hold lines back until its buffer is full.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    m_thread = std::thread(&LogCapture::Read, this);
+    dup2(write_end.Get(), STDOUT_FILENO);
+    if (m_withErrors) {
+        dup2(write_end.Get(), STDERR_FILENO);
+        emergency::SaveLog(m_pipeRead.Get(), m_savedErr.Get());
+    }
+}
+
+LogCapture::~LogCapture() {
+    std::fflush(stdout);
+    emergency::SaveLog(-1, -1);
+    dup2(m_savedOut.Get(), STDOUT_FILENO);
+    if (m_withErrors) {
+        dup2(m_savedErr.Get(), STDERR_FILENO);
+    }
+    // Not by the end of the file: a child of the framework may still hold the other end.
+    eventfd_write(m_stop.Get(), 1);
+    m_thread.join();
+}
+
+std::vector<std::string> LogCapture::LastLines(size_t count) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    count = std::min(count, m_kept.size());
+    return {m_kept.end() - static_cast<std::ptrdiff_t>(count), m_kept.end()};
+}
+
+void LogCapture::Read() {
+    std::array<char, 4096> buffer{};
+    for (;;) {
+        const ssize_t got = read(m_pipeRead.Get(), buffer.data(), buffer.size());
+        if (got > 0) {
+            TakeIn(buffer.data(), static_cast<size_t>(got));
+            continue;
+        }
+        if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+            break;
+        }
+        std::array<pollfd, 2> wait{{{m_pipeRead.Get(), POLLIN, 0}, {m_stop.Get(), POLLIN, 0}}};
+        poll(wait.data(), wait.size(), -1);
+        if ((wait[1].revents & POLLIN) != 0 && (wait[0].revents & POLLIN) == 0) {
+            break;
+        }
+    }
+    if (!m_partial.empty()) {
+        HandOut(std::move(m_partial));
+    }
+}
+
+void LogCapture::TakeIn(const char *data, size_t size) {
+    m_partial.append(data, size);
+    size_t begin = 0;
+    for (size_t end = m_partial.find('\n'); end != std::string::npos; end = m_partial.find('\n', begin)) {
+        HandOut(m_partial.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    m_partial.erase(0, begin);
+    if (m_partial.size() > kLongestLine) {
+        HandOut(std::exchange(m_partial, {}));
+    }
+}
+
+void LogCapture::HandOut(std::string line) {
+    line = m_masker.Mask(std::move(line));
+    if (m_target >= 0) {
+        WriteAll(m_target, line + "\n");
+    }
+    emergency::RememberLine(line);
+    if (m_onLine) {
+        m_onLine(line);
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_kept.push_back(std::move(line));
+    if (m_kept.size() > kKept) {
+        m_kept.pop_front();
+    }
+    m_lines.fetch_add(1);
+}
+
+}  // namespace tool

@@ -1,0 +1,56 @@
+// What is known of a source at one moment. Made by Source, shown by the views.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "stream_url.h"
+
+namespace tool {
+
+// What both kinds of track have. Counters run over the whole life of the shared buffer.
+struct TrackSample {
+    std::string codec;        // empty while unknown
+    uint32_t bitrate = 0;     // bits per second, measured, 0 once the track is silent
+    double measured_fps = 0;  // frames per second, likewise
+    uint64_t frames = 0;
+    uint64_t bytes = 0;
+    uint64_t epoch = 0;                       // writers that have opened the track so far
+    std::optional<uint64_t> age_ns;           // of the last frame
+    std::optional<uint64_t> lost_frames;      // overwritten before the dump read them; only with a dump
+    std::optional<uint64_t> dumped_frames;    // only with a dump
+    std::optional<uint64_t> discontinuities;  // gaps in the stream, as marked on the frames; only with a dump
+};
+
+struct VideoSample : TrackSample {
+    int width = 0;   // pixels
+    int height = 0;  // pixels
+    int scan = 0;    // 0 progressive, 1 interlaced, 2 anything else
+    double announced_fps = 0;
+};
+
+struct AudioSample : TrackSample {
+    int sample_rate = 0;  // Hz
+    int channels = 0;
+};
+
+// What reaches the buffer, whatever the state says: "connected" is true of a source that waits for a silent sender as well.
+enum class Flow { kNone, kLive, kSilent };
+
+struct SourceSample {
+    unsigned channel = 0;
+    std::string url;  // without secrets
+    Protocol protocol = Protocol::kUdp;
+    std::string state;  // of the library's status record; "failed" when the open call refused
+    Flow flow = Flow::kNone;
+    unsigned rebuilds = 0;
+    VideoSample video;
+    AudioSample audio;
+};
+
+inline bool Delivered(const SourceSample &sample) {
+    return sample.video.frames > 0 || sample.audio.frames > 0;
+}
+
+}  // namespace tool

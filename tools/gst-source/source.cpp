@@ -1,0 +1,165 @@
+#include "source.h"
+
+#include <cstring>
+
+namespace tool {
+namespace {
+
+int TypeOf(Protocol protocol) {
+    switch (protocol) {
+        case Protocol::kRtsp:
+            return SOURCE_TYPE_RTSP;
+        case Protocol::kRtmp:
+            return SOURCE_TYPE_RTMP;
+        case Protocol::kSrt:
+            return SOURCE_TYPE_SRT;
+        case Protocol::kUdp:
+            return SOURCE_TYPE_UDP;
+        case Protocol::kHls:
+            return SOURCE_TYPE_HLS;
+    }
+    return -1;
+}
+
+// The texts of the records fill their field without a terminator when they are as long as it.
+template <size_t Size>
+std::string FieldText(const char (&field)[Size]) {
+    return {field, strnlen(field, Size)};
+}
+
+// HLS brings a segment at once and then nothing until the next one.
+uint64_t SilentAfter(Protocol protocol) {
+    constexpr uint64_t kSecond = 1'000'000'000;
+    return (protocol == Protocol::kHls ? 15 : 2) * kSecond;
+}
+
+bool IsCurrent(const TrackSample &track, uint64_t silent_after) {
+    return track.age_ns && *track.age_ns < silent_after;
+}
+
+void ReadTrack(const shb_buffer_t *buffer, unsigned channel, shb_kind_t kind, uint64_t silent_after, TrackSample &track) {
+    shb_stats_t stats{};
+    if (shb_buffer_stats(buffer, channel, 0, kind, &stats) != SHB_OK) {
+        return;
+    }
+    track.frames = stats.total_frames;
+    track.bytes = stats.total_bytes;
+    track.epoch = stats.epoch;
+    track.age_ns = stats.age_ns == SHB_TIME_NONE ? std::nullopt : std::optional<uint64_t>(stats.age_ns);
+    // The rates are those of the last window in which frames came.
+    const bool current = IsCurrent(track, silent_after);
+    track.bitrate = current ? stats.bitrate : 0;
+    constexpr double kMilli = 1000.0;
+    track.measured_fps = current ? stats.fps_milli / kMilli : 0;
+}
+
+}  // namespace
+
+Source::Source(unsigned channel, const std::string &url, Protocol protocol, shb_buffer_t *buffer)
+    : m_location(url),
+      m_protocol(protocol),
+      m_buffer(buffer),
+      m_handle(gst_source_create(TypeOf(protocol), buffer, static_cast<int>(channel), 0)),
+      m_rebuilds(protocol) {
+    m_sample.channel = channel;
+    m_sample.url = PublicUrl(url);
+    m_sample.protocol = protocol;
+}
+
+bool Source::Open(const Options &options) {
+    const char *url = m_location.c_str();
+    const char *user = options.user.c_str();
+    const char *password = options.password.c_str();
+    int result = -1;
+    switch (m_protocol) {
+        case Protocol::kRtsp:
+            result = gst_rtsp_source_open_live_stream(m_handle.get(), url, options.caching, options.rtsp.protocols,
+                                                      options.rtsp.latency, options.rtsp.contimeout, user, password);
+            break;
+        case Protocol::kRtmp:
+            result = gst_rtmp_source_open_live_stream(m_handle.get(), url, options.caching, options.rtmp.contimeout,
+                                                      options.rtmp.idle_timeout, user, password, options.rtmp.token.c_str());
+            break;
+        case Protocol::kSrt:
+            result = gst_srt_source_open_live_stream(m_handle.get(), url, options.caching, options.srt.mode.c_str(),
+                                                     options.srt.streamid.c_str(), options.srt.passphrase.c_str(),
+                                                     options.srt.keylen, options.srt.latency, options.srt.tslatency,
+                                                     options.srt.localaddress.c_str());
+            break;
+        case Protocol::kUdp:
+            result =
+                gst_udp_source_open_live_stream(m_handle.get(), url, options.caching, options.udp.ts_latency, options.udp.mtu);
+            break;
+        case Protocol::kHls:
+            result =
+                gst_hls_source_open_live_stream(m_handle.get(), url, options.caching, options.hls.islive, options.hls.timeout,
+                                                options.hls.retries, options.hls.proxy.c_str(), options.hls.proxy_id.c_str(),
+                                                options.hls.proxy_pwd.c_str(), options.hls.user_agent.c_str(), user, password);
+            break;
+    }
+    m_opened = result == 0;
+    return m_opened;
+}
+
+void Source::Poll() {
+    if (m_handle) {
+        source_status_t status{};
+        if (gst_source_get_status(m_handle.get(), &status) == 0) {
+            m_rebuilds.OnState(FieldText(status.state));
+        }
+    }
+    ReadCounters();
+}
+
+const SourceSample &Source::Sample() {
+    ReadRecords();
+    ReadCounters();
+    return m_sample;
+}
+
+void Source::Destroy() {
+    // Closing empties the codec texts of the record, and the summary wants them.
+    ReadRecords();
+    m_handle.reset();
+    ReadCounters();
+    if (m_opened) {
+        m_sample.state = "stop";
+    }
+}
+
+void Source::ReadRecords() {
+    if (!m_handle) {
+        return;
+    }
+    source_status_t status{};
+    media_code_info_t video{};
+    media_code_info_t audio{};
+    if (gst_source_get_status(m_handle.get(), &status) != 0 || gst_source_get_media_info(m_handle.get(), &video, &audio) != 0) {
+        return;
+    }
+    m_sample.state = m_opened ? FieldText(status.state) : "failed";
+    m_sample.video.codec = FieldText(status.video_code);
+    m_sample.video.width = status.width;
+    m_sample.video.height = status.height;
+    m_sample.video.scan = video.params.video.scan_type;
+    m_sample.video.announced_fps = static_cast<double>(status.fps);
+    m_sample.audio.codec = FieldText(status.audio_code);
+    m_sample.audio.sample_rate = status.sample_rate;
+    m_sample.audio.channels = status.channels;
+}
+
+void Source::ReadCounters() {
+    const uint64_t silent_after = SilentAfter(m_protocol);
+    ReadTrack(m_buffer, m_sample.channel, SHB_VIDEO, silent_after, m_sample.video);
+    ReadTrack(m_buffer, m_sample.channel, SHB_AUDIO, silent_after, m_sample.audio);
+    m_rebuilds.OnEpoch(std::max(m_sample.video.epoch, m_sample.audio.epoch));
+    m_sample.rebuilds = m_rebuilds.Count();
+    if (!Delivered(m_sample)) {
+        m_sample.flow = Flow::kNone;
+    } else {
+        const bool live = IsCurrent(m_sample.video, silent_after) || IsCurrent(m_sample.audio, silent_after);
+        m_sample.flow = live ? Flow::kLive : Flow::kSilent;
+    }
+}
+
+}  // namespace tool

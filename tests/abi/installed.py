@@ -1,0 +1,36 @@
+#!/usr/bin/env python3
+"""Installs into a folder and builds a host against that copy by pkg-config."""
+
+import os
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+build, compiler = sys.argv[1:3]
+HOST = """
+#include <gst_source_api.h>
+#include <shb.h>
+int main(void) {
+    gst_source_destroy(gst_source_create(SOURCE_TYPE_UDP, (void *)shb_strerror(SHB_OK), 0, 0));
+    return 0;
+}
+"""
+
+with tempfile.TemporaryDirectory() as folder:
+    root = Path(folder)
+    subprocess.run(["meson", "install", "-C", build, "--no-rebuild", "--quiet", "--destdir", folder], check=True)
+    files = {path.name: path for path in root.rglob("*") if path.is_file()}
+    for name in ("gst_source_api.h", "shb.h", "gst-source.pc", "shb.pc", "libgstshbsink.so", "gst-source", "gst-source-read"):
+        assert name in files, f"{name} is not installed"
+    library = files["libgst_source.so.1.0.0"].parent
+    assert files["libgstshbsink.so"].parent == library / "gstreamer-1.0"
+    assert (library / "libgst_source.so").is_symlink() and (library / "libgst_source.so.1").is_symlink()
+    soname = subprocess.run(["readelf", "-d", library / "libgst_source.so"], stdout=subprocess.PIPE, text=True, check=True).stdout
+    assert "[libgst_source.so.1]" in soname, soname
+    environment = dict(os.environ, PKG_CONFIG_PATH=str(files["gst-source.pc"].parent), PKG_CONFIG_SYSROOT_DIR=folder)
+    flags = subprocess.run(["pkg-config", "--cflags", "--libs", "gst-source", "shb"], env=environment, stdout=subprocess.PIPE, text=True,
+                           check=True).stdout.split()
+    (root / "host.c").write_text(HOST)
+    subprocess.run([compiler, "-std=c99", "-Wall", "-Wextra", "-pedantic", "-Werror", "host.c", "-o", "host", *flags], cwd=folder, check=True)
+    subprocess.run(["./host"], cwd=folder, env=dict(os.environ, LD_LIBRARY_PATH=str(library)), stdout=subprocess.DEVNULL, check=True)

@@ -1,0 +1,214 @@
+// Things that run out around a playing source: it says so, goes on when they are back, and closes in any case.
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "harness/PeerTest.h"
+
+namespace peers {
+namespace {
+
+constexpr int kUdp = 3;
+
+class Exhaustion : public PeerTest {
+  protected:
+    void Open(Host &host) {
+        ASSERT_TRUE(host.Open(url, UdpOptions{}));
+        ASSERT_TRUE(WaitFor([&] { return UdpBound(port); }, seconds(5)));
+    }
+    std::unique_ptr<Process> SendUdp(const Material &material) { return SendTs(material, url + "?pkt_size=1316"); }
+
+    const uint16_t port = FreeUdpPort();
+    const std::string url = "udp://127.0.0.1:" + std::to_string(port);
+};
+
+// Standard output is something else while an object lives.
+class OutputReplaced {
+  public:
+    explicit OutputReplaced(int with) : saved_(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
+        std::fflush(stdout);
+        dup2(with, STDOUT_FILENO);
+    }
+    ~OutputReplaced() {
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+    }
+    OutputReplaced(const OutputReplaced &) = delete;
+    OutputReplaced &operator=(const OutputReplaced &) = delete;
+
+  private:
+    int saved_;
+};
+
+struct Pipe {
+    Pipe() { EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0); }
+    ~Pipe() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    Pipe(const Pipe &) = delete;
+    Pipe &operator=(const Pipe &) = delete;
+    void Fill() const {
+        const int flags = fcntl(ends[1], F_GETFL);
+        fcntl(ends[1], F_SETFL, flags | O_NONBLOCK);
+        const std::string junk(4096, '-');
+        while (write(ends[1], junk.data(), junk.size()) > 0) {
+        }
+        EXPECT_EQ(errno, EAGAIN);
+        fcntl(ends[1], F_SETFL, flags);
+    }
+    std::string Drain() const {
+        std::string all;
+        char block[4096];
+        fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        for (ssize_t got = read(ends[0], block, sizeof block); got > 0; got = read(ends[0], block, sizeof block)) {
+            all.append(block, static_cast<size_t>(got));
+        }
+        return all;
+    }
+    int ends[2] = {-1, -1};
+};
+
+void PlayAndClose(Host &host, const std::string &url) {
+    ASSERT_TRUE(host.Open(url, UdpOptions{}));
+    EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50, seconds(40)));
+    EXPECT_TRUE(host.Close());
+    EXPECT_EQ(host.State(), "stop");
+}
+
+TEST_F(Exhaustion, OutputThatNobodyReadsHoldsNothingUp) {
+    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    Host host(kUdp);
+    const Pipe pipe;
+    pipe.Fill();
+    {
+        const OutputReplaced output(pipe.ends[1]);
+        PlayAndClose(host, url);
+        // Somebody reads at last: the next line is preceded by what has been left out.
+        pipe.Drain();
+        ASSERT_TRUE(host.Open(url, UdpOptions{}));
+        EXPECT_TRUE(host.Close());
+    }
+    const std::string text = pipe.Drain();
+    EXPECT_NE(text.find("(WARN)"), std::string::npos) << text;
+    EXPECT_NE(text.find("[Logger] Standard output was full, lines dropped: "), std::string::npos) << text;
+    EXPECT_NE(text.find("[CUDPSource] Open " + url), std::string::npos) << text;
+}
+
+TEST_F(Exhaustion, OutputThatTakesNothingHoldsNothingUp) {
+    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    Host host(kUdp);
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    {
+        const OutputReplaced output(full);
+        PlayAndClose(host, url);
+    }
+    close(full);
+}
+
+// GLib ignores the signal of a broken pipe as soon as there is a socket, which a source has.
+TEST_F(Exhaustion, OutputWhoseReaderIsGoneHoldsNothingUp) {
+    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    Host host(kUdp);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    close(ends[0]);
+    {
+        const OutputReplaced output(ends[1]);
+        PlayAndClose(host, url);
+    }
+    close(ends[1]);
+}
+
+size_t OpenDescriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+// Lets no more than `room` descriptors be opened while an object lives.
+class FewDescriptors {
+  public:
+    explicit FewDescriptors(rlim_t room) {
+        getrlimit(RLIMIT_NOFILE, &saved_);
+        // The limit is on numbers, of which lower ones may be free: fewer than `room` can then be had above.
+        const rlimit limit{OpenDescriptors() - 1 + room, saved_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
+    FewDescriptors(const FewDescriptors &) = delete;
+    FewDescriptors &operator=(const FewDescriptors &) = delete;
+
+  private:
+    rlimit saved_{};
+};
+
+TEST_F(Exhaustion, OpenSaysThatThereAreNoDescriptors) {
+    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    Host host(kUdp);
+    for (const rlim_t room : std::initializer_list<rlim_t>{0, 1, 3, 6, 20}) {
+        const FewDescriptors few(room);
+        EXPECT_FALSE(host.Open(url, UdpOptions{}));
+        EXPECT_TRUE(host.Close());
+    }
+    EXPECT_EQ(log.Count("ERR", "[CBaseSource] Too few file descriptors are left for a pipeline!!! needed=32, URL=" + url), 5U);
+    EXPECT_EQ(log.Count("ERR", "[CUDPSource] _CreateGstElements error!!! URL=" + url), 5U);
+    PlayAndClose(host, url);
+}
+
+TEST_F(Exhaustion, RebuildWaitsForDescriptors) {
+    const Material &material = GetMaterial("h264_aac");
+    auto sender = SendUdp(material);
+    Host host(kUdp);
+    Open(host);
+    ASSERT_TRUE(WaitMedia(host, material, seconds(2), seconds(20)));
+    const auto epoch = host.Frames(SHB_VIDEO).back().info.epoch;
+    sender->Kill();
+    // The three seconds before a rebuild.
+    ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }, seconds(20)));
+    {
+        const FewDescriptors few(2);
+        sender.reset();
+        ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few file descriptors") == 1; }, seconds(30)));
+    }
+    EXPECT_TRUE(log.WaitLine("INFO", "[CBaseSource] There are file descriptors again. URL=" + url, seconds(10)));
+    sender = SendUdp(material);
+    EXPECT_TRUE(WaitEpochAfter(host, epoch, seconds(40)));
+    EXPECT_TRUE(host.Close());
+}
+
+TEST_F(Exhaustion, CloseEndsTheWaitForDescriptors) {
+    Host host(kUdp);
+    Open(host);
+    // The three seconds before a rebuild.
+    ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }, seconds(20)));
+    const FewDescriptors few(2);
+    ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few file descriptors") == 1; }, seconds(30)));
+    EXPECT_TRUE(host.Close());
+    EXPECT_EQ(host.State(), "stop");
+}
+
+// Whoever opens something next would get the number, and the log would go into that.
+TEST_F(Exhaustion, ClosedOutputIsNoFileOfSomebodyElse) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    int buffer = 0;
+    EXPECT_EXIT(
+        {
+            close(STDOUT_FILENO);
+            void *source = gst_source_create(kUdp, &buffer, 0, 0);
+            const int next = open("/dev/zero", O_RDONLY | O_CLOEXEC);
+            char target[64] = "";
+            const ssize_t length = readlink("/proc/self/fd/1", target, sizeof target - 1);
+            gst_source_destroy(source);
+            _exit(next > STDOUT_FILENO && std::string(target, length > 0 ? static_cast<size_t>(length) : 0) == "/dev/null" ? 0
+                                                                                                                           : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace peers

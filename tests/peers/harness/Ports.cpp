@@ -1,0 +1,81 @@
+#include "Ports.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+namespace peers {
+namespace {
+
+sockaddr_in Loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+uint16_t FreePort(int type) {
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    sockaddr_in address = Loopback(0);
+    socklen_t size = sizeof address;
+    const bool known = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 &&
+                       getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (!known) {
+        throw std::runtime_error("the kernel gives no port");
+    }
+    return ntohs(address.sin_port);
+}
+
+bool InTable(const char *path, uint16_t port) {
+    std::ifstream table(path);
+    std::string line;
+    std::getline(table, line);
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot;
+        std::string local;
+        fields >> slot >> local;
+        const auto colon = local.rfind(':');
+        if (colon != std::string::npos && std::strtoul(local.c_str() + colon + 1, nullptr, 16) == port) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+uint16_t FreeTcpPort() {
+    return FreePort(SOCK_STREAM);
+}
+
+uint16_t FreeUdpPort() {
+    return FreePort(SOCK_DGRAM);
+}
+
+bool TcpListening(uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = Loopback(port);
+    const bool accepted = fd >= 0 && connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    if (fd >= 0) {
+        close(fd);
+    }
+    return accepted;
+}
+
+bool UdpBound(uint16_t port) {
+    return InTable("/proc/net/udp", port) || InTable("/proc/net/udp6", port);
+}
+
+}  // namespace peers

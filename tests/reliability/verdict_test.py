@@ -1,0 +1,66 @@
+#!/usr/bin/env python3
+"""The checks of the cycles can fail: verdict_test.py BUILD SANITIZERS
+
+A host that loses something with every close is found out, by the right measure, and one that loses nothing is not.
+"""
+
+import subprocess
+import sys
+import unittest
+from pathlib import Path
+
+import cycles
+import verdict
+from rig import Sample
+
+# A sanitizer brings an allocator of its own, which does not tell what is in use, and finds such losses itself.
+HEAP = {"heap"} if sys.argv.pop() == "none" else set()
+BUILD = Path(sys.argv.pop())
+# What a loss shows in. A pipeline has descriptors of its own.
+LOSSES = {"": set(), "memory": HEAP, "descriptors": {"descriptors"}, "threads": {"threads"}, "pipeline": {"descriptors", "objects"} | HEAP}
+
+
+class Losses(unittest.TestCase):
+    def test_each_loss_shows_where_it_must(self):
+        commands = {loss: [sys.executable, cycles.__file__, "--build", BUILD, "--only", "udp", "--mode", "no peer", "--opens", "24", "--leak", loss]
+                    for loss in LOSSES}
+        running = {loss: subprocess.Popen(command, stdout=subprocess.PIPE, text=True) for loss, command in commands.items()}
+        try:
+            for loss, process in running.items():
+                said = process.communicate(timeout=240)[0]
+                found = {line.removeprefix("udp, no peer: ").split(":")[0] for line in said.splitlines() if line.startswith("udp, no peer: ")}
+                with self.subTest(loss=loss):
+                    self.assertEqual(found - {"log of the host"}, LOSSES[loss], said)
+                    self.assertEqual(process.returncode, 1 if LOSSES[loss] else 0)
+        finally:
+            for process in running.values():
+                process.kill()
+                process.wait()
+
+
+class Verdict(unittest.TestCase):
+    @staticmethod
+    def series(cycles_done, **changes):
+        return [Sample(**{"memory_kib": 9000, "heap_kib": 3000, "descriptors": 8, "threads": 6, "objects": 0,
+                          **{what: change(i) for what, change in changes.items()}}) for i in range(cycles_done)]
+
+    def test_what_stays_is_flat(self):
+        self.assertEqual(verdict.growing(self.series(50)), [])
+        self.assertEqual(verdict.growing(self.series(1000, heap_kib=lambda i: 3000 + i % 7 * 40)), [])
+
+    def test_what_is_kept_from_the_first_cycles_on_is_flat(self):
+        self.assertEqual(verdict.growing(self.series(50, threads=lambda i: 4 if i < 3 else 6)), [])
+
+    def test_one_descriptor_in_a_hundred_cycles_is_growth(self):
+        self.assertEqual(len(verdict.growing(self.series(1000, descriptors=lambda i: 8 + i // 100))), 1)
+
+    def test_heap_that_grows_by_less_than_a_pipeline_is_growth(self):
+        self.assertEqual(len(verdict.growing(self.series(1000, heap_kib=lambda i: 3000 + 10 * i))), 1)
+        self.assertEqual(len(verdict.growing(self.series(50, heap_kib=lambda i: 3000 + 40 * i))), 1)
+
+    def test_heap_that_comes_to_rest_is_flat(self):
+        self.assertEqual(verdict.growing(self.series(1000, heap_kib=lambda i: 3000 + min(i, 400) * 10)), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,77 @@
+#include "futex_watch.h"
+
+#include <dlfcn.h>
+#include <linux/futex.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <ctime>
+#include <fstream>
+#include <string>
+
+namespace futex_watch {
+
+std::atomic<uint64_t> woken{0};
+std::atomic<uint64_t> forgotten{0};
+std::atomic<int64_t> last_limit_ns{0};
+std::atomic<bool> wakes_are_slow{false};
+thread_local Gate *gate_of_this_thread = nullptr;
+
+bool Gate::Asleep() const {
+    if (thread == 0)
+        return false;
+    std::string line;
+    std::getline(std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat"), line);
+    const size_t end = line.rfind(')');
+    return end != std::string::npos && line.substr(end, 3) == ") S";
+}
+
+namespace {
+
+// Found when the program starts, so that nobody has to wait for it later.
+const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));  // NOLINT(cert-err58-cpp)
+
+void StandAtTheGate(Gate &gate) {
+    gate.waiting = true;
+    while (!gate.open)
+        sched_yield();
+    gate.thread = static_cast<pid_t>(real(SYS_gettid));
+}
+
+}  // namespace
+}  // namespace futex_watch
+
+// The library's door to futexes: the definition in the executable comes before that of the C library.
+extern "C" long syscall(long number, ...) noexcept {
+    using namespace futex_watch;
+    long a[6];
+    va_list list;
+    va_start(list, number);
+    for (long &argument : a)
+        argument = va_arg(list, long);
+    va_end(list);
+    if (number != SYS_futex)
+        return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    if (a[1] == FUTEX_WAKE && wakes_are_slow)
+        sched_yield();
+    if (a[1] == FUTEX_WAIT && gate_of_this_thread != nullptr)
+        StandAtTheGate(*gate_of_this_thread);
+    const long result = real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    const int saved = errno;
+    if (a[1] == FUTEX_WAIT) {
+        const auto *limit = reinterpret_cast<const timespec *>(a[3]);
+        const auto *word = reinterpret_cast<const std::atomic<uint32_t> *>(a[0]);
+        last_limit_ns = int64_t{limit->tv_sec} * 1'000'000'000 + limit->tv_nsec;
+        woken += result == 0;
+        if (result == -1 && saved == ETIMEDOUT && *word != static_cast<uint32_t>(a[2])) {
+            forgotten++;
+            if (gate_of_this_thread != nullptr)
+                gate_of_this_thread->forgotten++;
+        }
+    }
+    errno = saved;
+    return result;
+}

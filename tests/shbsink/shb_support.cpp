@@ -1,0 +1,72 @@
+#include "shb_support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+// The framework is not instrumented: what its own locks order looks like a race there. Children that end with a thread still running
+// would be held for a second each.
+extern "C" const char *__tsan_default_options();
+extern "C" const char *__tsan_default_options() {
+    return "ignore_noninstrumented_modules=1:atexit_sleep_ms=0";
+}
+// GLib keeps the outgrown table of its quarks on purpose; that is made when the library is loaded. The exact unwinder is needed
+// to see so far through code without frame pointers.
+extern "C" const char *__lsan_default_suppressions();
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:call_init\n";
+}
+extern "C" const char *__asan_default_options();
+extern "C" const char *__asan_default_options() {
+    return "fast_unwind_on_malloc=0";
+}
+
+namespace {
+
+// No test leaves a segment in the system, however it ended.
+class NothingLeft : public ::testing::Environment {
+  public:
+    void TearDown() override {
+        for (const std::string &name : shbtest::FilesOf("shbtest-" + std::to_string(getpid()) + "-"))
+            ADD_FAILURE() << name << " was left in /dev/shm";
+    }
+};
+const auto *const nothing_left = ::testing::AddGlobalTestEnvironment(new NothingLeft);  // NOLINT(cert-err58-cpp)
+
+}  // namespace
+
+namespace shbtest {
+
+std::vector<std::string> FilesOf(const std::string &prefix) {
+    std::vector<std::string> names;
+    DIR *directory = opendir("/dev/shm");
+    if (directory == nullptr)
+        return names;
+    while (const dirent *entry = readdir(directory))
+        if (std::string(entry->d_name).rfind(prefix, 0) == 0)
+            names.emplace_back(entry->d_name);
+    closedir(directory);
+    return names;
+}
+
+std::string WaitersPath(const std::string &name) {
+    const auto found = FilesOf(name + "+");
+    return found.size() == 1 ? "/dev/shm/" + found[0] : "";
+}
+
+Segment::Segment(const std::string &path) {
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    struct stat file {};
+    if (fd >= 0 && fstat(fd, &file) == 0) {
+        size = static_cast<size_t>(file.st_size);
+        bytes = static_cast<uint8_t *>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    }
+    close(fd);
+}
+
+Segment::~Segment() {
+    munmap(bytes, size);
+}
+
+}  // namespace shbtest

@@ -1,0 +1,892 @@
+// The element: what it takes, what it refuses, what it writes and what it says about it.
+#include <fcntl.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/check/gstharness.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+#include "shb_support.h"
+
+using namespace shbtest;
+
+namespace {
+
+struct VideoChanged {
+    std::string code, profile, level, scan;
+    int width, height, fps_n, fps_d, ref_frames;
+};
+struct AudioChanged {
+    std::string code;
+    int sample_rate, channels, samples, nominal_bitrate, media, bits_per_sample;
+};
+
+// What an element has said, in order. Signals come on streaming threads.
+struct Heard {
+    std::mutex lock;
+    std::vector<VideoChanged> video;
+    std::vector<AudioChanged> audio;
+    std::vector<guint> bitrates, rates;
+
+    void Connect(GstElement *sink) {
+        g_signal_connect(sink, "v-media-changed", G_CALLBACK(OnVideo), this);
+        g_signal_connect(sink, "a-media-changed", G_CALLBACK(OnAudio), this);
+        g_signal_connect(sink, "media-real-bitrate", G_CALLBACK(OnBitrate), this);
+        g_signal_connect(sink, "media-real-fps", G_CALLBACK(OnRate), this);
+    }
+    static void OnVideo(GstElement *, const char *code, const char *profile, const char *level, const char *scan, int width,
+                        int height, int fps_n, int fps_d, int ref_frames, gpointer user) {
+        auto *self = static_cast<Heard *>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->video.push_back({code, profile, level, scan, width, height, fps_n, fps_d, ref_frames});
+    }
+    static void OnAudio(GstElement *, const char *code, int sample_rate, int channels, int samples, int nominal, int media,
+                        int bits, gpointer user) {
+        auto *self = static_cast<Heard *>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->audio.push_back({code, sample_rate, channels, samples, nominal, media, bits});
+    }
+    static void OnBitrate(GstElement *, guint value, gpointer user) {
+        auto *self = static_cast<Heard *>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->bitrates.push_back(value);
+    }
+    static void OnRate(GstElement *, guint value, gpointer user) {
+        auto *self = static_cast<Heard *>(user);
+        std::lock_guard<std::mutex> guard(self->lock);
+        self->rates.push_back(value);
+    }
+};
+
+struct SentBuffer {
+    std::vector<uint8_t> bytes;
+    uint64_t pts, dts, duration;
+};
+
+// All frames that a track holds.
+std::vector<ReadFrame> ReadTrack(const std::string &name, shb_kind_t kind) {
+    std::vector<ReadFrame> frames;
+    Map map = Attach(name);
+    Reader reader = OpenReader(map, SHB_START_OLDEST, kind);
+    for (;;) {
+        ReadFrame got = Read(reader, 0, 4 << 20);
+        if (got.result != SHB_OK)
+            return frames;
+        frames.push_back(std::move(got));
+    }
+}
+
+std::string Material(const std::string &name) {
+    return std::string(g_getenv("SHBSINK_MATERIALS")) + "/" + name;
+}
+
+std::string RunCommand(const std::string &command) {
+    gchar *output = nullptr;
+    gchar *argv[] = {g_strdup("sh"), g_strdup("-c"), g_strdup(command.c_str()), nullptr};
+    g_spawn_sync(nullptr, argv, nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &output, nullptr, nullptr, nullptr);
+    for (int i = 0; i < 3; i++)
+        g_free(argv[i]);
+    std::string result = output != nullptr ? output : "";
+    g_free(output);
+    return result;
+}
+
+// What ffprobe says of the first stream of a file.
+std::map<std::string, std::string> Probe(const std::string &file) {
+    std::map<std::string, std::string> fields;
+    std::istringstream lines(
+        RunCommand("ffprobe -v error -show_streams -select_streams 0 -of default=nw=1 '" + Material(file) + "'"));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t at = line.find('=');
+        if (at != std::string::npos)
+            fields[line.substr(0, at)] = line.substr(at + 1);
+    }
+    return fields;
+}
+
+std::vector<bool> ProbeKeys(const std::string &file) {
+    std::vector<bool> keys;
+    std::istringstream lines(
+        RunCommand("ffprobe -v error -show_packets -show_entries packet=flags -of csv=p=0 '" + Material(file) + "'"));
+    for (std::string line; std::getline(lines, line);)
+        keys.push_back(!line.empty() && line[0] == 'K');
+    return keys;
+}
+
+class Framework : public ::testing::Environment {
+  public:
+    void SetUp() override {
+        gst_init(nullptr, nullptr);
+        // Loaded by hand: the scanner of the registry is another program and cannot load an instrumented plugin.
+        GstPlugin *plugin = gst_plugin_load_file(g_getenv("SHBSINK_PLUGIN"), nullptr);
+        ASSERT_NE(nullptr, plugin);
+        gst_object_unref(plugin);
+    }
+};
+const auto *const framework = ::testing::AddGlobalTestEnvironment(new Framework);  // NOLINT(cert-err58-cpp)
+
+// A pipeline "filesrc ! ... ! shbsink" that is played to its end.
+class Play {
+  public:
+    Play(const std::string &file, const std::string &parser, int media, bool sync = false)
+        : kind_(media == 48 || media == 64 ? SHB_VIDEO : SHB_AUDIO) {
+        geometry_.video_frames = geometry_.audio_frames = 1024;
+        buffer_ = Create(name_, geometry_);
+        const std::string text = "filesrc name=source ! " + parser + " ! shbsink name=sink";
+        pipeline_ = gst_parse_launch(text.c_str(), nullptr);
+        // Not in the text: a blank in the path would end the value there.
+        GstElement *source = gst_bin_get_by_name(GST_BIN(pipeline_), "source");
+        g_object_set(source, "location", Material(file).c_str(), nullptr);
+        gst_object_unref(source);
+        sink_ = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
+        g_object_set(sink_, "share-buffer", buffer_.get(), "media", media, "sync", static_cast<gboolean>(sync), nullptr);
+        heard.Connect(sink_);
+        GstPad *pad = gst_element_get_static_pad(sink_, "sink");
+        gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, OnBuffer, this, nullptr);
+        gst_object_unref(pad);
+    }
+    Play(const Play &) = delete;
+    Play &operator=(const Play &) = delete;
+    ~Play() {
+        gst_element_set_state(pipeline_, GST_STATE_NULL);
+        gst_object_unref(sink_);
+        gst_object_unref(pipeline_);
+    }
+    // True when the stream was played to its end without an error.
+    bool Run() {
+        sent.clear();
+        GstBus *bus = gst_element_get_bus(pipeline_);
+        gst_element_set_state(pipeline_, GST_STATE_PLAYING);
+        GstMessage *message =
+            gst_bus_timed_pop_filtered(bus, 120 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+        gst_object_unref(bus);
+        const bool ended = message != nullptr && GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS;
+        if (message != nullptr)
+            gst_message_unref(message);
+        gst_element_set_state(pipeline_, GST_STATE_NULL);
+        // The streaming threads are gone; the lock says so to tools that do not see into the framework.
+        std::lock_guard<std::mutex> guard(heard.lock);
+        return ended;
+    }
+    std::vector<ReadFrame> Frames() const { return ReadTrack(name_, kind_); }
+    shb_stats_t Stats() const {
+        shb_stats_t stats{};
+        shb_buffer_stats(buffer_.get(), 0, 0, kind_, &stats);
+        return stats;
+    }
+    shb_description_t Description() const {
+        shb_description_t description{};
+        shb_buffer_description(buffer_.get(), 0, 0, kind_, &description);
+        return description;
+    }
+    Heard heard;
+    std::vector<SentBuffer> sent;
+
+  private:
+    static GstPadProbeReturn OnBuffer(GstPad *, GstPadProbeInfo *info, gpointer user) {
+        GstBuffer *buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+        GstMapInfo map;
+        gst_buffer_map(buffer, &map, GST_MAP_READ);
+        auto *self = static_cast<Play *>(user);
+        std::lock_guard<std::mutex> guard(self->heard.lock);
+        self->sent.push_back({std::vector<uint8_t>(map.data, map.data + map.size), GST_BUFFER_PTS(buffer),
+                              GST_BUFFER_DTS(buffer), GST_BUFFER_DURATION(buffer)});
+        gst_buffer_unmap(buffer, &map);
+        return GST_PAD_PROBE_OK;
+    }
+    const shb_kind_t kind_;
+    const std::string name_ = UniqueName();
+    shb_geometry_t geometry_{};
+    Buffer buffer_;
+    GstElement *pipeline_ = nullptr;
+    GstElement *sink_ = nullptr;
+};
+
+void ExpectWrittenAsSent(const Play &play) {
+    const auto frames = play.Frames();
+    ASSERT_EQ(play.sent.size(), frames.size());
+    for (size_t i = 0; i < frames.size(); i++) {
+        ASSERT_EQ(play.sent[i].bytes, frames[i].bytes) << "frame " << i;
+        EXPECT_EQ(play.sent[i].pts, frames[i].frame.pts);
+        EXPECT_EQ(play.sent[i].dts, frames[i].frame.dts);
+        EXPECT_EQ(play.sent[i].duration, frames[i].frame.duration);
+        EXPECT_EQ(i, frames[i].frame.sequence);
+    }
+}
+
+const char *const kH264 = "h264parse config-interval=-1 ! video/x-h264,stream-format=byte-stream,alignment=au";
+const char *const kH265 = "h265parse config-interval=-1 ! video/x-h265,stream-format=byte-stream,alignment=au";
+
+}  // namespace
+
+// ---- Video ---------------------------------------------------------------------------------------------------------
+
+struct VideoCase {
+    const char *file;
+    const char *scan;
+};
+
+class ShbSinkVideo : public ::testing::TestWithParam<VideoCase> {};
+
+TEST_P(ShbSinkVideo, ReportsWhatTheStreamSays) {
+    const std::string file = GetParam().file;
+    const bool h264 = g_str_has_suffix(file.c_str(), "h264");
+    auto probed = Probe(file);
+    ASSERT_FALSE(probed["width"].empty());
+    Play play(file, h264 ? kH264 : kH265, h264 ? 48 : 64);
+    ASSERT_TRUE(play.Run());
+    ASSERT_EQ(1u, play.heard.video.size());
+    EXPECT_TRUE(play.heard.audio.empty());
+    const VideoChanged &said = play.heard.video[0];
+    EXPECT_EQ(h264 ? "H264" : "H265", said.code);
+    EXPECT_EQ(probed["width"], std::to_string(said.width));
+    EXPECT_EQ(probed["height"], std::to_string(said.height));
+    EXPECT_EQ(probed["r_frame_rate"], std::to_string(said.fps_n) + "/" + std::to_string(said.fps_d));
+    EXPECT_EQ(GetParam().scan, said.scan);
+    std::string profile = probed["profile"];
+    for (char &c : profile)
+        c = c == ' ' ? '-' : g_ascii_tolower(c);
+    EXPECT_EQ(profile, said.profile.substr(0, profile.size()));
+    EXPECT_NEAR(std::stod(probed["level"]) / (h264 ? 10 : 30), std::stod(said.level), 0.01);
+    // ffprobe does not say how many; the trace of the headers does.
+    const std::string traced =
+        RunCommand("ffmpeg -nostdin -i '" + Material(file) + "' -c copy -bsf:v trace_headers -f null - 2>&1 | " +
+                   "sed -n 's/.*\\(max_num_ref_frames\\|sps_max_dec_pic_buffering_minus1.0.\\) .* = //p' | " + "head -1");
+    ASSERT_FALSE(traced.empty());
+    EXPECT_EQ(std::max(1, std::stoi(traced)), said.ref_frames);
+    const shb_description_t description = play.Description();
+    EXPECT_EQ(1u, description.serial);
+    EXPECT_EQ(h264 ? 48 : 64, description.media);
+    EXPECT_EQ(said.code, description.code);
+    EXPECT_EQ(said.profile, description.profile);
+    EXPECT_EQ(said.level, description.level);
+    EXPECT_EQ(said.width, description.width);
+    EXPECT_EQ(said.fps_n, description.fps_n);
+    EXPECT_EQ(said.ref_frames, description.ref_frames);
+}
+
+TEST_P(ShbSinkVideo, WritesWhatItGets) {
+    const std::string file = GetParam().file;
+    const bool h264 = g_str_has_suffix(file.c_str(), "h264");
+    Play play(file, h264 ? kH264 : kH265, h264 ? 48 : 64);
+    ASSERT_TRUE(play.Run());
+    ASSERT_GE(play.sent.size(), 70u);
+    ExpectWrittenAsSent(play);
+    const auto frames = play.Frames();
+    const auto keys = ProbeKeys(file);
+    ASSERT_EQ(keys.size(), frames.size());
+    for (size_t i = 0; i < frames.size(); i++) {
+        EXPECT_EQ(keys[i], (frames[i].frame.flags & SHB_FRAME_KEY) != 0) << "frame " << i;
+        EXPECT_EQ(0u, frames[i].frame.flags & SHB_FRAME_HEADER);
+        EXPECT_EQ(1u, frames[i].frame.description);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, ShbSinkVideo,
+                         ::testing::Values(VideoCase{"progressive.h264", "progressive"},
+                                           VideoCase{"interlaced.h264", "interlaced"}, VideoCase{"fake.h264", "mixed"},
+                                           VideoCase{"faketold.h264", "mixed"}, VideoCase{"intra.h264", "progressive"},
+                                           VideoCase{"refresh.h264", "progressive"},
+                                           VideoCase{"progressive.h265", "progressive"},
+                                           VideoCase{"opengop.h265", "progressive"}),
+                         [](const auto &which) {
+                             std::string name = which.param.file;
+                             std::replace(name.begin(), name.end(), '.', '_');
+                             return name;
+                         });
+
+TEST(ShbSink, EachChangeOfTheStreamIsReportedOnce) {
+    Play play("resized.h264", kH264, 48);
+    ASSERT_TRUE(play.Run());
+    ASSERT_EQ(2u, play.heard.video.size());
+    EXPECT_EQ(636, play.heard.video[0].width);
+    EXPECT_EQ(320, play.heard.video[1].width);
+    EXPECT_EQ(30000, play.heard.video[1].fps_n);
+    const auto frames = play.Frames();
+    ASSERT_GT(frames.size(), 100u);
+    for (size_t i = 0; i < frames.size(); i++)
+        EXPECT_EQ(i < 75 ? 1u : 2u, frames[i].frame.description) << "frame " << i;
+    EXPECT_EQ(2u, play.Description().serial);
+}
+
+TEST(ShbSink, EachRunIsAnEpoch) {
+    Play play("progressive.h264", kH264, 48);
+    ASSERT_TRUE(play.Run());
+    EXPECT_EQ(1u, play.Stats().epoch);
+    EXPECT_EQ(0, play.Stats().writer_pid);
+    ASSERT_TRUE(play.Run());
+    EXPECT_EQ(2u, play.Stats().epoch);
+    EXPECT_EQ(75u, play.Stats().frames);
+    EXPECT_EQ(150u, play.Stats().total_frames);
+    EXPECT_EQ(2u, play.heard.video.size()) << "a new run knows nothing of the last";
+}
+
+TEST(ShbSink, MeasuresRealRates) {
+    Play play("progressive.h264", kH264, 48, true);
+    ASSERT_TRUE(play.Run());
+    // Three seconds at 25 frames/s, played by the clock.
+    ASSERT_FALSE(play.heard.rates.empty());
+    EXPECT_EQ(play.heard.rates.size(), play.heard.bitrates.size());
+    EXPECT_GE(play.heard.rates[0], 15u);
+    EXPECT_LE(play.heard.rates[0], 40u);
+    EXPECT_GT(play.heard.bitrates[0], 100'000u);
+    EXPECT_LT(play.heard.bitrates[0], 20'000'000u);
+}
+
+// ---- Audio ---------------------------------------------------------------------------------------------------------
+
+struct AudioCase {
+    const char *file;
+    const char *parser;
+    int media;
+    const char *code;
+    int samples;
+};
+
+class ShbSinkAudio : public ::testing::TestWithParam<AudioCase> {};
+
+TEST_P(ShbSinkAudio, ReportsAndWrites) {
+    const AudioCase &param = GetParam();
+    auto probed = Probe(param.file);
+    Play play(param.file, param.parser, param.media);
+    ASSERT_TRUE(play.Run());
+    ASSERT_EQ(1u, play.heard.audio.size());
+    EXPECT_TRUE(play.heard.video.empty());
+    const AudioChanged &said = play.heard.audio[0];
+    EXPECT_EQ(param.code, said.code);
+    EXPECT_EQ(probed["sample_rate"], std::to_string(said.sample_rate));
+    EXPECT_EQ(probed["channels"], std::to_string(said.channels));
+    EXPECT_EQ(param.samples, said.samples);
+    EXPECT_EQ(param.media, said.media);
+    EXPECT_EQ(0, said.bits_per_sample);
+    const shb_description_t description = play.Description();
+    EXPECT_STREQ(param.code, description.code);
+    EXPECT_EQ(said.sample_rate, description.sample_rate);
+    EXPECT_EQ(said.channels, description.channels);
+    EXPECT_EQ(said.samples, description.samples_per_frame);
+    EXPECT_EQ(said.nominal_bitrate, description.nominal_bitrate);
+    ASSERT_GE(play.sent.size(), 40u);
+    ExpectWrittenAsSent(play);
+    for (const ReadFrame &frame : play.Frames())
+        EXPECT_NE(0u, frame.frame.flags & SHB_FRAME_KEY);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Streams, ShbSinkAudio,
+    ::testing::Values(AudioCase{"tone.aac", "aacparse ! audio/mpeg,stream-format=adts", 21, "AAC", 1024},
+                      AudioCase{"low.aac", "aacparse ! audio/mpeg,stream-format=adts", 23, "MP4A-LATM", 1024},
+                      AudioCase{"tone.mp3", "mpegaudioparse", 18, "MP3", 1152},
+                      AudioCase{"low.mp3", "mpegaudioparse", 18, "MP3", 576},
+                      AudioCase{"tone.mp2", "mpegaudioparse", 17, "MP2", 1152},
+                      AudioCase{"tone.mp2", "mpegaudioparse ! queue", 30, "MPA", 1152},
+                      AudioCase{"tone.mp3", "mpegaudioparse ! queue", 0, "MP3", 1152},
+                      AudioCase{"tone.ac3", "ac3parse", 25, "AC3", 1536}, AudioCase{"tone.eac3", "ac3parse", 0, "EAC3", 1536},
+                      AudioCase{"tone.opus", "oggdemux ! opusparse", 22, "OPUS", 960},
+                      AudioCase{"tone.opus", "oggdemux ! opusparse ! queue", 0, "OPUS", 960},
+                      AudioCase{"tone.ogg", "oggdemux ! vorbisparse", 0, "VORBIS", 576}),
+    [](const auto &which) {
+        std::string name = which.param.file + std::string("_") + which.param.code + "_" + std::to_string(which.param.media);
+        std::replace_if(
+            name.begin(), name.end(), [](char c) { return !g_ascii_isalnum(c); }, '_');
+        return name;
+    });
+
+// ---- Pushed by hand ------------------------------------------------------------------------------------------------
+
+namespace {
+
+// An element by itself, fed buffer by buffer.
+class ShbSinkHarness : public ::testing::Test {
+  protected:
+    ShbSinkHarness() {
+        g_object_set(sink_, "share-buffer", buffer_.get(), "sync", FALSE, "async", FALSE, nullptr);
+        bus_ = gst_bus_new();
+        gst_element_set_bus(sink_, bus_);
+        heard_.Connect(sink_);
+    }
+    ~ShbSinkHarness() override {
+        gst_element_set_state(sink_, GST_STATE_NULL);
+        if (harness_ != nullptr)
+            gst_harness_teardown(harness_);
+        gst_element_set_bus(sink_, nullptr);
+        gst_object_unref(bus_);
+        gst_object_unref(sink_);
+    }
+    void Start(const char *caps) {
+        harness_ = gst_harness_new_with_element(sink_, "sink", nullptr);
+        gst_harness_set_src_caps_str(harness_, caps);
+        gst_harness_play(harness_);
+    }
+    GstFlowReturn Push(const std::vector<uint8_t> &bytes, GstClockTime duration = GST_CLOCK_TIME_NONE, guint flags = 0) {
+        GstBuffer *buffer = bytes.empty() ? gst_buffer_new() : gst_buffer_new_memdup(bytes.data(), bytes.size());
+        GST_BUFFER_DURATION(buffer) = duration;
+        GST_BUFFER_FLAG_SET(buffer, flags);
+        return gst_harness_push(harness_, buffer);
+    }
+    // The next message of this type, as "domain/code: text | debug"; empty when there is none.
+    std::string Message(GstMessageType type) {
+        GstMessage *message = gst_bus_pop_filtered(bus_, type);
+        if (message == nullptr)
+            return "";
+        GError *error = nullptr;
+        gchar *debug = nullptr;
+        if (type == GST_MESSAGE_ERROR)
+            gst_message_parse_error(message, &error, &debug);
+        else
+            gst_message_parse_warning(message, &error, &debug);
+        std::string text = std::string(g_quark_to_string(error->domain)) + "/" + std::to_string(error->code) + ": " +
+                           error->message + " | " + (debug != nullptr ? debug : "");
+        g_error_free(error);
+        g_free(debug);
+        gst_message_unref(message);
+        return text;
+    }
+    std::vector<ReadFrame> Frames(shb_kind_t kind) const { return ReadTrack(name_, kind); }
+    static std::string Code(GQuark domain, int code) {
+        return std::string(g_quark_to_string(domain)) + "/" + std::to_string(code);
+    }
+    // What the base class says on top of the reason is not of interest.
+    bool Starts() {
+        gst_bus_set_flushing(bus_, TRUE);
+        gst_bus_set_flushing(bus_, FALSE);
+        return gst_element_set_state(sink_, GST_STATE_PAUSED) != GST_STATE_CHANGE_FAILURE;
+    }
+
+    const std::string name_ = UniqueName();
+    Buffer buffer_ = Create(name_, SmallGeometry());
+    Heard heard_;
+    GstElement *sink_ = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("shbsink", nullptr)));
+    GstBus *bus_ = nullptr;
+    GstHarness *harness_ = nullptr;
+};
+
+const std::vector<uint8_t> kSomeFrame(160, 0x55);  // NOLINT(cert-err58-cpp)
+const char *const kH264Caps = "video/x-h264,stream-format=byte-stream,alignment=au";
+
+}  // namespace
+
+TEST_F(ShbSinkHarness, PropertiesAreWhatHostsSet) {
+    int marker = 0;
+    g_object_set(sink_, "share-buffer", &marker, "media", 48, "channel", 7, "stream", 3, "debug", 2, "async", TRUE, "sync",
+                 TRUE, nullptr);
+    gpointer share_buffer = nullptr;
+    int media = 0, channel = 0, stream = 0, debug = 0;
+    g_object_get(sink_, "share-buffer", &share_buffer, "media", &media, "channel", &channel, "stream", &stream, "debug", &debug,
+                 nullptr);
+    EXPECT_EQ(&marker, share_buffer);
+    EXPECT_EQ(48, media);
+    EXPECT_EQ(7, channel);
+    EXPECT_EQ(3, stream);
+    EXPECT_EQ(2, debug);
+    // No value is refused when it is set: what is wrong is told when the element starts.
+    g_object_set(sink_, "media", G_MAXINT, "channel", G_MININT, "stream", G_MAXINT, "debug", -1, nullptr);
+    g_object_get(sink_, "media", &media, "channel", &channel, "stream", &stream, "debug", &debug, nullptr);
+    EXPECT_EQ(G_MAXINT, media);
+    EXPECT_EQ(G_MININT, channel);
+    EXPECT_EQ(G_MAXINT, stream);
+    EXPECT_EQ(-1, debug);
+    for (const char *name : {"share-buffer", "media", "channel", "stream", "debug"}) {
+        GParamSpec *spec = g_object_class_find_property(G_OBJECT_GET_CLASS(sink_), name);
+        ASSERT_NE(nullptr, spec) << name;
+        EXPECT_EQ(strcmp(name, "share-buffer") == 0 ? G_TYPE_POINTER : G_TYPE_INT, spec->value_type) << name;
+    }
+}
+
+TEST_F(ShbSinkHarness, SignalsAreWhatHostsConnect) {
+    const std::map<std::string, std::vector<GType>> expected = {
+        {"v-media-changed",
+         {G_TYPE_STRING, G_TYPE_STRING, G_TYPE_STRING, G_TYPE_STRING, G_TYPE_INT, G_TYPE_INT, G_TYPE_INT, G_TYPE_INT,
+          G_TYPE_INT}},
+        {"a-media-changed", {G_TYPE_STRING, G_TYPE_INT, G_TYPE_INT, G_TYPE_INT, G_TYPE_INT, G_TYPE_INT, G_TYPE_INT}},
+        {"media-real-bitrate", {G_TYPE_UINT}},
+        {"media-real-fps", {G_TYPE_UINT}}};
+    guint count = 0;
+    g_free(g_signal_list_ids(G_OBJECT_TYPE(sink_), &count));
+    EXPECT_EQ(expected.size(), count);
+    for (const auto &[name, types] : expected) {
+        GSignalQuery query;
+        g_signal_query(g_signal_lookup(name.c_str(), G_OBJECT_TYPE(sink_)), &query);
+        EXPECT_EQ(types, std::vector<GType>(query.param_types, query.param_types + query.n_params)) << name;
+        EXPECT_EQ(G_TYPE_NONE, query.return_type);
+        EXPECT_EQ(G_SIGNAL_RUN_LAST, query.signal_flags);
+    }
+}
+
+TEST_F(ShbSinkHarness, SampleWiseAudioComesWithoutAParser) {
+    g_object_set(sink_, "media", 19, nullptr);
+    Start("audio/x-alaw,rate=8000,channels=1");
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    ASSERT_EQ(1u, heard_.audio.size());
+    EXPECT_EQ("PCMA", heard_.audio[0].code);
+    EXPECT_EQ(8000, heard_.audio[0].sample_rate);
+    EXPECT_EQ(1, heard_.audio[0].channels);
+    EXPECT_EQ(160, heard_.audio[0].samples);
+    EXPECT_EQ(64000, heard_.audio[0].nominal_bitrate);
+    EXPECT_EQ(19, heard_.audio[0].media);
+    EXPECT_EQ(8, heard_.audio[0].bits_per_sample);
+    EXPECT_EQ(3u, Frames(SHB_AUDIO).size());
+    // The same sound in other packets is no change; another rate is.
+    EXPECT_EQ(GST_FLOW_OK, Push(std::vector<uint8_t>(320)));
+    EXPECT_EQ(1u, heard_.audio.size());
+    gst_harness_set_src_caps_str(harness_, "audio/x-alaw,rate=16000,channels=1");
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    ASSERT_EQ(2u, heard_.audio.size());
+    EXPECT_EQ(16000, heard_.audio[1].sample_rate);
+}
+
+TEST_F(ShbSinkHarness, OpusWithoutRateOrChannels) {
+    g_object_set(sink_, "media", 22, nullptr);
+    Start("audio/x-opus");
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame, 10 * GST_MSECOND));
+    ASSERT_EQ(1u, heard_.audio.size());
+    EXPECT_EQ("OPUS", heard_.audio[0].code);
+    EXPECT_EQ(48000, heard_.audio[0].sample_rate);
+    EXPECT_EQ(2, heard_.audio[0].channels);
+    EXPECT_EQ(480, heard_.audio[0].samples);
+}
+
+TEST_F(ShbSinkHarness, FramesWithoutALengthGetTheUsualOne) {
+    g_object_set(sink_, "media", 22, nullptr);
+    Start("audio/x-opus,rate=48000,channels=1");
+    for (int i = 0; i < 6; i++)
+        EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    ASSERT_EQ(1u, heard_.audio.size());
+    EXPECT_EQ(960, heard_.audio[0].samples);
+}
+
+TEST_F(ShbSinkHarness, NominalBitRateComesFromTags) {
+    g_object_set(sink_, "media", 18, nullptr);
+    Start("audio/mpeg,mpegversion=1,mpegaudioversion=1,layer=3,rate=44100,channels=2");
+    gst_harness_push_event(harness_, gst_event_new_tag(gst_tag_list_new(GST_TAG_NOMINAL_BITRATE, 96000u, nullptr)));
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    ASSERT_EQ(1u, heard_.audio.size());
+    EXPECT_EQ(96000, heard_.audio[0].nominal_bitrate);
+}
+
+TEST_F(ShbSinkHarness, NothingIsReportedFromCapsAlone) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start("video/x-h264,stream-format=byte-stream,alignment=au,width=640,height=480,framerate=25/1");
+    // A slice of a picture whose parameter sets have not come.
+    EXPECT_EQ(GST_FLOW_OK, Push({0, 0, 0, 1, 0x41, 0x9a, 0x24, 0x6c, 0x41, 0x4f, 0xfe}));
+    EXPECT_EQ(GST_FLOW_OK, Push({0, 0, 0, 1, 0x65, 0x88, 0x84, 0x00, 0x10, 0xff, 0xfe}));
+    EXPECT_TRUE(heard_.video.empty());
+    const auto frames = Frames(SHB_VIDEO);
+    ASSERT_EQ(2u, frames.size());
+    EXPECT_EQ(0u, frames[0].frame.flags & SHB_FRAME_KEY);
+    EXPECT_NE(0u, frames[1].frame.flags & SHB_FRAME_KEY);
+    EXPECT_EQ(0u, frames[1].frame.description);
+    shb_description_t description;
+    EXPECT_EQ(SHB_ERR_NOT_FOUND, shb_buffer_description(buffer_.get(), 0, 0, SHB_VIDEO, &description));
+}
+
+TEST_F(ShbSinkHarness, NoiseInVideoIsWrittenAndNothingElse) {
+    g_object_set(sink_, "media", 64, nullptr);
+    Start("video/x-h265,stream-format=byte-stream,alignment=au");
+    for (uint64_t i = 0; i < 2000; i++) {
+        auto bytes = Pattern(1, i, 5 + i % 100);
+        // Parameter sets, messages and slices full of noise.
+        const uint8_t start[] = {0, 0, 0, 1, static_cast<uint8_t>(std::array<int, 6>{32, 33, 34, 39, 19, 1}[i % 6] << 1), 1};
+        std::copy_n(start, std::min<size_t>(sizeof start, bytes.size()), bytes.begin());
+        ASSERT_EQ(GST_FLOW_OK, Push(bytes));
+    }
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty());
+}
+
+TEST_F(ShbSinkHarness, NoiseInH264IsWrittenAndNothingElse) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    for (uint64_t i = 0; i < 2000; i++) {
+        auto bytes = Pattern(2, i, 5 + i % 100);
+        const uint8_t start[] = {0, 0, 0, 1, std::array<uint8_t, 5>{0x67, 0x68, 0x06, 0x65, 0x41}[i % 5]};
+        std::copy_n(start, sizeof start, bytes.begin());
+        ASSERT_EQ(GST_FLOW_OK, Push(bytes));
+    }
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty());
+}
+
+TEST_F(ShbSinkHarness, HeadersByThemselvesAreMarked) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push({0, 0, 0, 1, 0x67, 0x42, 0xc0, 0x1e, 0xd9, 0x00, 0, 0, 1, 0x68, 0xcb, 0x83, 0xcb, 0x20}));
+    EXPECT_EQ(GST_FLOW_OK, Push({0, 0, 0, 1, 0x41, 0x9a, 0x24, 0x6c}));
+    const auto frames = Frames(SHB_VIDEO);
+    ASSERT_EQ(2u, frames.size());
+    EXPECT_NE(0u, frames[0].frame.flags & SHB_FRAME_HEADER);
+    EXPECT_EQ(0u, frames[0].frame.flags & SHB_FRAME_KEY);
+    EXPECT_EQ(0u, frames[1].frame.flags & SHB_FRAME_HEADER);
+}
+
+TEST_F(ShbSinkHarness, FrameLargerThanTheTrackIsLeftOut) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    EXPECT_EQ(GST_FLOW_OK, Push(std::vector<uint8_t>(65537)));
+    EXPECT_EQ(GST_FLOW_OK, Push(std::vector<uint8_t>(70000)));
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    const std::string warning = Message(GST_MESSAGE_WARNING);
+    EXPECT_EQ(0u, warning.find(Code(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT))) << warning;
+    EXPECT_NE(std::string::npos, warning.find("65537")) << warning;
+    EXPECT_TRUE(Message(GST_MESSAGE_WARNING).empty()) << "told once";
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty());
+    shb_stats_t stats;
+    ASSERT_EQ(SHB_OK, shb_buffer_stats(buffer_.get(), 0, 0, SHB_VIDEO, &stats));
+    EXPECT_EQ(2u, stats.left_out);
+    EXPECT_EQ(3u, stats.frames);
+    const auto frames = Frames(SHB_VIDEO);
+    ASSERT_EQ(3u, frames.size());
+    EXPECT_NE(0u, frames[1].frame.flags & SHB_FRAME_DISCONT) << "something is missing before it";
+    EXPECT_EQ(0u, frames[2].frame.flags & SHB_FRAME_DISCONT);
+}
+
+TEST_F(ShbSinkHarness, FlagsFollowTheBuffer) {
+    g_object_set(sink_, "media", 21, nullptr);
+    Start("audio/mpeg,mpegversion=4,stream-format=adts,rate=48000,channels=2");
+    Push(kSomeFrame);
+    Push(kSomeFrame, GST_CLOCK_TIME_NONE, GST_BUFFER_FLAG_DISCONT);
+    Push(kSomeFrame, GST_CLOCK_TIME_NONE, GST_BUFFER_FLAG_HEADER);
+    Push({});
+    gst_harness_push_event(harness_, gst_event_new_flush_start());
+    gst_harness_push_event(harness_, gst_event_new_flush_stop(TRUE));
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    gst_harness_push_event(harness_, gst_event_new_segment(&segment));
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    const auto frames = Frames(SHB_AUDIO);
+    ASSERT_EQ(4u, frames.size()) << "an empty buffer is no frame";
+    EXPECT_EQ(uint32_t{SHB_FRAME_KEY | SHB_FRAME_DISCONT}, frames[1].frame.flags);
+    EXPECT_EQ(uint32_t{SHB_FRAME_KEY | SHB_FRAME_HEADER}, frames[2].frame.flags);
+    EXPECT_EQ(uint32_t{SHB_FRAME_KEY | SHB_FRAME_DISCONT}, frames[3].frame.flags) << "a flush leaves a gap";
+}
+
+TEST_F(ShbSinkHarness, FramesBeforeTheSegmentAreKept) {
+    g_object_set(sink_, "media", 21, nullptr);
+    Start("audio/mpeg,mpegversion=4,stream-format=adts,rate=48000,channels=2");
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    segment.start = 10 * GST_SECOND;
+    gst_harness_push_event(harness_, gst_event_new_segment(&segment));
+    GstBuffer *buffer = gst_buffer_new_memdup(kSomeFrame.data(), kSomeFrame.size());
+    GST_BUFFER_PTS(buffer) = GST_SECOND;
+    EXPECT_EQ(GST_FLOW_OK, gst_harness_push(harness_, buffer));
+    const auto frames = Frames(SHB_AUDIO);
+    ASSERT_EQ(1u, frames.size());
+    EXPECT_EQ(GST_SECOND, frames[0].frame.pts);
+}
+
+TEST_F(ShbSinkHarness, MediaSetAgainBeforeTheDataCounts) {
+    // Audio by its first value, video by its second; the track goes along.
+    g_object_set(sink_, "media", 21, nullptr);
+    ASSERT_TRUE(Starts());
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    EXPECT_EQ(1u, Frames(SHB_VIDEO).size());
+    EXPECT_TRUE(Frames(SHB_AUDIO).empty());
+    shb_stats_t stats;
+    shb_buffer_stats(buffer_.get(), 0, 0, SHB_AUDIO, &stats);
+    EXPECT_EQ(0, stats.writer_pid) << "the other track is free again";
+}
+
+TEST_F(ShbSinkHarness, DebugWritesNothingToStandardOutput) {
+    g_object_set(sink_, "media", 19, "debug", 3, nullptr);
+    testing::internal::CaptureStdout();
+    Start("audio/x-alaw,rate=8000,channels=1");
+    for (int i = 0; i < 10; i++)
+        Push(kSomeFrame);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+}
+
+// ---- Stall watch ---------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Told of the silence of another track of the same buffer: whoever is watched as well has been looked at by then.
+class ShbSinkStall : public ShbSinkHarness {
+  protected:
+    ShbSinkStall() {
+        shb_set_stall_watch(buffer_.get(), 20);
+        shb_writer_on_stall(
+            witness_.get(), [](void *times, uint64_t) { ++*static_cast<std::atomic<int> *>(times); }, &witnessed_);
+        g_object_set(sink_, "media", 48, nullptr);
+    }
+    void LetTheWatchPass() {
+        for (int i = 0; i < 3; i++) {
+            const int before = witnessed_;
+            WritePattern(witness_, 1, 0, 10);
+            ASSERT_TRUE(Eventually([&] { return witnessed_ > before; }));
+        }
+    }
+    std::atomic<int> witnessed_{0};
+    Writer witness_ = OpenWriter(buffer_, SHB_AUDIO);
+};
+
+}  // namespace
+
+TEST_F(ShbSinkStall, SilenceIsAnErrorOnTheBus) {
+    Start(kH264Caps);
+    LetTheWatchPass();
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty()) << "no data has come yet";
+    for (int silence = 0; silence < 2; silence++) {
+        EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+        LetTheWatchPass();
+        const std::string error = Message(GST_MESSAGE_ERROR);
+        EXPECT_EQ(0u, error.find(Code(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ) + ": The stream has stalled. | ")) << error;
+        EXPECT_NE(std::string::npos, error.find("no data for ")) << error;
+        LetTheWatchPass();
+        EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty()) << "told once for each silence";
+    }
+}
+
+TEST_F(ShbSinkStall, SilenceAfterTheEndIsNone) {
+    Start(kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    ASSERT_TRUE(gst_harness_push_event(harness_, gst_event_new_eos()));
+    gst_bus_set_flushing(bus_, TRUE);
+    gst_bus_set_flushing(bus_, FALSE);
+    LetTheWatchPass();
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty());
+}
+
+TEST_F(ShbSinkStall, SilenceInPauseIsNone) {
+    Start(kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    gst_element_set_state(sink_, GST_STATE_PAUSED);
+    gst_bus_set_flushing(bus_, TRUE);
+    gst_bus_set_flushing(bus_, FALSE);
+    LetTheWatchPass();
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty());
+}
+
+// ---- Refusals ------------------------------------------------------------------------------------------------------
+
+TEST_F(ShbSinkHarness, NoBufferIsAnError) {
+    g_object_set(sink_, "share-buffer", nullptr, nullptr);
+    EXPECT_FALSE(Starts());
+    const std::string error = Message(GST_MESSAGE_ERROR);
+    EXPECT_EQ(0u, error.find(Code(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SETTINGS))) << error;
+}
+
+TEST_F(ShbSinkHarness, ForeignBufferIsAnError) {
+    int marker[100] = {};
+    for (gpointer foreign : {static_cast<gpointer>(marker), GSIZE_TO_POINTER(0x1000)}) {
+        g_object_set(sink_, "share-buffer", foreign, nullptr);
+        EXPECT_FALSE(Starts());
+        const std::string error = Message(GST_MESSAGE_ERROR);
+        EXPECT_EQ(0u, error.find(Code(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SETTINGS))) << error;
+    }
+}
+
+TEST_F(ShbSinkHarness, TrackOutsideTheBufferIsAnError) {
+    const int outside[][2] = {{1, 0}, {0, 1}, {-1, 0}, {0, -1}, {G_MAXINT, 0}, {0, G_MININT}};
+    for (const auto &at : outside) {
+        g_object_set(sink_, "channel", at[0], "stream", at[1], nullptr);
+        EXPECT_FALSE(Starts());
+        const std::string error = Message(GST_MESSAGE_ERROR);
+        EXPECT_EQ(0u, error.find(Code(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SETTINGS))) << error;
+        EXPECT_NE(std::string::npos, error.find(std::to_string(at[0]))) << error;
+    }
+    g_object_set(sink_, "channel", 0, "stream", 0, nullptr);
+    EXPECT_TRUE(Starts());
+}
+
+TEST_F(ShbSinkHarness, BusyTrackIsAnError) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Writer other = OpenWriter(buffer_, SHB_VIDEO);
+    EXPECT_FALSE(Starts());
+    const std::string error = Message(GST_MESSAGE_ERROR);
+    EXPECT_EQ(0u, error.find(Code(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE))) << error;
+    EXPECT_NE(std::string::npos, error.find(shb_strerror(SHB_ERR_BUSY))) << error;
+    other.reset();
+    EXPECT_TRUE(Starts());
+}
+
+TEST_F(ShbSinkHarness, ContradictingCapsAreAnError) {
+    const struct {
+        int media;
+        const char *media_name, *caps, *caps_name;
+    } cases[] = {
+        {21, "AAC", kH264Caps, "video/x-h264"},
+        {0, "audio", kH264Caps, "video/x-h264"},
+        {48, "H264", "audio/x-alaw,rate=8000,channels=1", "audio/x-alaw"},
+        {48, "H264", "video/x-h265,stream-format=byte-stream,alignment=au", "video/x-h265"},
+        {64, "H265", kH264Caps, "video/x-h264"},
+        {25, "AC3", "audio/x-opus", "audio/x-opus"},
+        {18, "MP3", "audio/mpeg,mpegversion=4,stream-format=adts", "audio/mpeg"},
+        {21, "AAC", "audio/mpeg,mpegversion=1,layer=3", "audio/mpeg"},
+    };
+    for (const auto &c : cases) {
+        GstElement *sink = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("shbsink", nullptr)));
+        g_object_set(sink, "share-buffer", buffer_.get(), "media", c.media, "async", FALSE, nullptr);
+        gst_element_set_bus(sink, bus_);
+        GstHarness *harness = gst_harness_new_with_element(sink, "sink", nullptr);
+        gst_harness_play(harness);
+        gst_harness_set_src_caps_str(harness, c.caps);
+        GstBuffer *buffer = gst_buffer_new_memdup(kSomeFrame.data(), kSomeFrame.size());
+        EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, gst_harness_push(harness, buffer)) << c.media << " " << c.caps;
+        const std::string error = Message(GST_MESSAGE_ERROR);
+        EXPECT_EQ(0u, error.find(Code(GST_STREAM_ERROR, GST_STREAM_ERROR_WRONG_TYPE))) << error;
+        EXPECT_NE(std::string::npos, error.find(c.media_name)) << error;
+        EXPECT_NE(std::string::npos, error.find(c.caps_name)) << error;
+        gst_harness_teardown(harness);
+        gst_element_set_bus(sink, nullptr);
+        gst_object_unref(sink);
+        gst_bus_set_flushing(bus_, TRUE);
+        gst_bus_set_flushing(bus_, FALSE);
+    }
+}
+
+TEST_F(ShbSinkHarness, FormatsThatCannotBeCarriedAreNotTaken) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    // Frames of these have no start codes, or are parts of frames.
+    for (const char *caps : {"video/x-h264,stream-format=avc,alignment=au",
+                             "video/x-h264,stream-format=byte-stream,alignment=nal", "video/x-vp8", "text/x-raw"}) {
+        gst_harness_set_src_caps_str(harness_, caps);
+        EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, Push(kSomeFrame)) << caps;
+    }
+    gst_harness_set_src_caps_str(harness_, kH264Caps);
+    EXPECT_EQ(GST_FLOW_OK, Push(kSomeFrame));
+    EXPECT_EQ(2u, Frames(SHB_VIDEO).size());
+}
+
+TEST_F(ShbSinkHarness, DataWithoutCapsIsAnError) {
+    harness_ = gst_harness_new_with_element(sink_, "sink", nullptr);
+    gst_harness_play(harness_);
+    GstPad *pad = gst_element_get_static_pad(sink_, "sink");
+    gst_pad_send_event(pad, gst_event_new_stream_start("test"));
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    gst_pad_send_event(pad, gst_event_new_segment(&segment));
+    EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, gst_pad_chain(pad, gst_buffer_new_memdup(kSomeFrame.data(), kSomeFrame.size())));
+    gst_object_unref(pad);
+    const std::string error = Message(GST_MESSAGE_ERROR);
+    EXPECT_EQ(0u, error.find(Code(GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION))) << error;
+}
+
+TEST_F(ShbSinkHarness, TemplateTakesWhatBranchesLink) {
+    GstPad *pad = gst_element_get_static_pad(sink_, "sink");
+    GstCaps *taken = gst_pad_get_pad_template_caps(pad);
+    for (const char *factory : {"h264parse", "h265parse", "aacparse", "mpegaudioparse", "ac3parse", "opusparse", "vorbisparse",
+                                "rtppcmadepay", "rtppcmudepay"}) {
+        GstElement *element = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make(factory, nullptr)));
+        ASSERT_NE(nullptr, element) << factory;
+        GstPad *source = gst_element_get_static_pad(element, "src");
+        GstCaps *offered = gst_pad_get_pad_template_caps(source);
+        EXPECT_TRUE(gst_caps_can_intersect(offered, taken)) << factory;
+        gst_caps_unref(offered);
+        gst_object_unref(source);
+        gst_object_unref(element);
+    }
+    gst_caps_unref(taken);
+    gst_object_unref(pad);
+}

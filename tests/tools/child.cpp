@@ -1,0 +1,125 @@
+#include "child.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <stdexcept>
+
+Child::Child(const std::vector<std::string> &command, const Variables &variables, Output output) {
+    winsize size{};
+    size.ws_col = 100;
+    size.ws_row = 30;
+    int terminal = -1;
+    const pid_t parent = getpid();
+    m_id = output == Output::kTerminal ? forkpty(&terminal, nullptr, nullptr, &size) : fork();
+    if (m_id < 0) {
+        throw std::runtime_error("fork");
+    }
+    if (m_id == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (output != Output::kTerminal) {
+            if (getppid() != parent) {
+                _exit(127);
+            }
+            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+            dup2(open(m_dir.File("out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDOUT_FILENO);
+            dup2(open(m_dir.File("err").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+        }
+        std::array<int, 2> ends{};
+        if (output == Output::kClosedPipe && pipe(ends.data()) == 0) {
+            dup2(ends[1], STDOUT_FILENO);
+            close(ends[0]);
+            close(ends[1]);
+        }
+        for (const auto &[name, value] : variables) {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+        std::vector<char *> arguments;
+        arguments.reserve(command.size() + 1);
+        for (const std::string &argument : command) {
+            arguments.push_back(const_cast<char *>(argument.c_str()));
+        }
+        arguments.push_back(nullptr);
+        execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    if (terminal >= 0) {
+        m_terminal = tool::Fd(terminal);
+        fcntl(terminal, F_SETFD, FD_CLOEXEC);
+        fcntl(terminal, F_SETFL, O_NONBLOCK);
+    }
+}
+
+Child::~Child() {
+    if (Running()) {
+        kill(m_id, SIGKILL);
+        waitpid(m_id, nullptr, 0);
+    }
+}
+
+void Child::Signal(int number) const {
+    if (!m_exit) {
+        kill(m_id, number);
+    }
+}
+
+bool Child::Running() {
+    int status = 0;
+    if (!m_exit && waitpid(m_id, &status, WNOHANG) == m_id) {
+        m_exit = WIFSIGNALED(status) ? 256 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    return !m_exit;
+}
+
+std::optional<int> Child::Wait(std::chrono::milliseconds bound) {
+    WaitFor(
+        [this] {
+            // A full terminal would hold it up.
+            Screen();
+            return !Running();
+        },
+        bound);
+    return m_exit;
+}
+
+const std::string &Child::Screen() {
+    std::array<char, 4096> buffer{};
+    while (m_terminal) {
+        const ssize_t got = read(m_terminal.Get(), buffer.data(), buffer.size());
+        if (got <= 0) {
+            break;
+        }
+        m_screen.append(buffer.data(), static_cast<size_t>(got));
+    }
+    return m_screen;
+}
+
+void Child::Resize(unsigned short columns, unsigned short rows) const {
+    winsize size{};
+    size.ws_col = columns;
+    size.ws_row = rows;
+    ioctl(m_terminal.Get(), TIOCSWINSZ, &size);
+}
+
+unsigned short FreeUdpPort() {
+    const tool::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(fd.Get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        getsockname(fd.Get(), reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        throw std::runtime_error("no free port");
+    }
+    return ntohs(address.sin_port);
+}

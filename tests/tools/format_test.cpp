@@ -1,0 +1,102 @@
+#include "format.h"
+
+#include <gtest/gtest.h>
+
+using namespace tool;
+
+TEST(Format, BitRates) {
+    EXPECT_EQ(FormatBitRate(0), "-");
+    EXPECT_EQ(FormatBitRate(999), "999 b/s");
+    EXPECT_EQ(FormatBitRate(1000), "1.00 kb/s");
+    EXPECT_EQ(FormatBitRate(128'000), "128 kb/s");
+    EXPECT_EQ(FormatBitRate(999'999), "1.00 Mb/s");
+    EXPECT_EQ(FormatBitRate(1'214'000), "1.21 Mb/s");
+    EXPECT_EQ(FormatBitRate(45'670'000), "45.7 Mb/s");
+    EXPECT_EQ(FormatBitRate(4'294'967'295), "4.29 Gb/s");
+}
+
+TEST(Format, Bytes) {
+    EXPECT_EQ(FormatBytes(0), "0 B");
+    EXPECT_EQ(FormatBytes(63'699), "63.7 kB");
+    EXPECT_EQ(FormatBytes(UINT64_MAX), "18446744 TB");
+}
+
+TEST(Format, RatesWithoutSuperfluousDigits) {
+    EXPECT_EQ(FormatRate(0), "-");
+    EXPECT_EQ(FormatRate(25), "25");
+    EXPECT_EQ(FormatRate(100), "100");
+    EXPECT_EQ(FormatRate(29.97002997), "29.97");
+    EXPECT_EQ(FormatRate(12.5), "12.5");
+    EXPECT_EQ(FormatRate(0.001), "0");
+}
+
+TEST(Format, AgesBecomeCoarser) {
+    constexpr uint64_t kSecond = 1'000'000'000;
+    EXPECT_EQ(FormatAge(std::nullopt), "-");
+    EXPECT_EQ(FormatAge(40'000'000), "0.04 s");
+    EXPECT_EQ(FormatAge(12 * kSecond), "12 s");
+    EXPECT_EQ(FormatAge(119 * kSecond), "119 s");
+    EXPECT_EQ(FormatAge(180 * kSecond), "3 min");
+    EXPECT_EQ(FormatAge(uint64_t{5} * 3600 * kSecond), "5 h");
+}
+
+TEST(Format, Elapsed) {
+    EXPECT_EQ(FormatElapsed(0), "00:00:00");
+    EXPECT_EQ(FormatElapsed(83.9), "00:01:23");
+    EXPECT_EQ(FormatElapsed(360'000), "100:00:00");
+}
+
+TEST(Format, StateSaysWhenNothingComes) {
+    SourceSample sample;
+    EXPECT_EQ(FormatState(sample), "-");
+    sample.state = "connected";
+    EXPECT_EQ(FormatState(sample), "no data");
+    sample.flow = Flow::kSilent;
+    EXPECT_EQ(FormatState(sample), "no data");
+    sample.flow = Flow::kLive;
+    EXPECT_EQ(FormatState(sample), "connected");
+    sample.state = "reconnect";
+    EXPECT_EQ(FormatState(sample), "reconnect");
+}
+
+TEST(Format, Summary) {
+    SourceSample sample;
+    sample.channel = 3;
+    sample.url = "udp://127.0.0.1:5000";
+    EXPECT_EQ(FormatSummary(sample), "source 3: 0 access units, 0 audio frames, 0 rebuilds  udp://127.0.0.1:5000");
+    sample.video.codec = "H264";
+    sample.video.width = 640;
+    sample.video.height = 360;
+    sample.video.scan = 1;
+    sample.video.frames = 1;
+    sample.video.bytes = 2000;
+    sample.video.dumped_frames = 1;
+    sample.video.lost_frames = 2;
+    sample.video.discontinuities = 1;
+    sample.audio.codec = "AAC";
+    sample.audio.sample_rate = 48000;
+    sample.audio.channels = 2;
+    sample.audio.frames = 7;
+    sample.audio.bytes = 10;
+    sample.rebuilds = 1;
+    EXPECT_EQ(FormatSummary(sample),
+              "source 3: 1 access unit (H264 640x360i, 2.00 kB), 7 audio frames (AAC 48000 Hz 2 ch, 10 B), 1 rebuild; "
+              "video dump: 1 written, 2 lost, 1 discontinuity  udp://127.0.0.1:5000");
+}
+
+TEST(Format, PrintableTakesTheTerminalsCommandsOut) {
+    EXPECT_EQ(Printable("plain \xc3\xa4"), "plain \xc3\xa4");
+    EXPECT_EQ(Printable("\x1b[31;1mred\x1b[0m"), "red");
+    EXPECT_EQ(Printable("a\tb\rc\x07"), "a b?c?");
+    EXPECT_EQ(Printable("\x1b]0;title\x07"), "?]0;title?");
+    EXPECT_EQ(Printable("cut \x1b[31"), "cut ");
+}
+
+TEST(Format, CutKeepsWholeCharacters) {
+    EXPECT_EQ(Cut("hello", 5), "hello");
+    EXPECT_EQ(Cut("hello!", 5), "hel..");
+    EXPECT_EQ(Cut("\xc3\xa4\xc3\xb6\xc3\xbc\xc3\xa4", 4), "\xc3\xa4\xc3\xb6\xc3\xbc\xc3\xa4");
+    EXPECT_EQ(Cut("\xc3\xa4\xc3\xb6\xc3\xbc\xc3\xa4", 3), "\xc3\xa4..");
+    EXPECT_EQ(Cut("hello", 1), ".");
+    EXPECT_EQ(Cut("hello", 0), "");
+}

@@ -1,0 +1,121 @@
+// Classification of bus messages, with what it prints.
+#include "support/Fixture.h"
+
+namespace unit {
+
+namespace {
+
+class BusMessage : public SourceTest {
+  protected:
+    void SetUp() override { Make(ClassOf(SOURCE_TYPE_UDP)); }
+
+    // Classifies and drops the message.
+    int Classify(GstMessage *message) {
+        const int result = m_source->DoBusMessage(message);
+        EXPECT_EQ(1, GST_MINI_OBJECT_REFCOUNT_VALUE(message)) << "the message stays the caller's";
+        gst_message_unref(message);
+        return result;
+    }
+};
+
+std::string ElementInfo(const std::string &structure) {
+    return "[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" + structure;
+}
+
+}  // namespace
+
+TEST_F(BusMessage, Results) {
+    EXPECT_EQ(0, Tessaro::BUS_MSG_NONE);
+    EXPECT_EQ(1, Tessaro::BUS_MSG_EOS);
+    EXPECT_EQ(2, Tessaro::BUS_MSG_ERROR);
+    EXPECT_EQ(3, Tessaro::BUS_MSG_TIMEOUT);
+}
+
+TEST_F(BusMessage, EndOfStream) {
+    EXPECT_EQ(Tessaro::BUS_MSG_EOS, Classify(gst_message_new_eos(nullptr)));
+    EXPECT_EQ(Lines{Raw("-------------GST_MESSAGE_EOS")}, m_log.Take());
+}
+
+TEST_F(BusMessage, Error) {
+    GError *error = g_error_new_literal(GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED, "details stay unlogged");
+    EXPECT_EQ(Tessaro::BUS_MSG_ERROR, Classify(gst_message_new_error(nullptr, error, "debug")));
+    g_error_free(error);
+    EXPECT_EQ(Lines{Raw("-------------GST_MESSAGE_ERROR")}, m_log.Take());
+}
+
+TEST_F(BusMessage, TimeOuts) {
+    for (const char *name : {"GstUDPSrcTimeout", "GstRTSPSrcTimeout"}) {
+        GstStructure *structure = gst_structure_new(name, "timeout", G_TYPE_UINT64, G_GUINT64_CONSTANT(5000000000), nullptr);
+        EXPECT_EQ(Tessaro::BUS_MSG_TIMEOUT, Classify(gst_message_new_element(nullptr, structure)));
+        EXPECT_EQ(Lines{Info(ElementInfo(std::string(name) + ", timeout=(guint64)5000000000;"))}, m_log.Take());
+    }
+}
+
+TEST_F(BusMessage, OtherElementMessagesAreLoggedOnly) {
+    // Close names are other names.
+    for (const char *name : {"pat", "GstUDPSrcTimeouts", "gstudpsrctimeout", "GstUDPSrc"}) {
+        EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_element(nullptr, gst_structure_new_empty(name))));
+        EXPECT_EQ(Lines{Info(ElementInfo(std::string(name) + ";"))}, m_log.Take());
+    }
+}
+
+TEST_F(BusMessage, ElementMessageWithoutStructure) {
+    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_custom(GST_MESSAGE_ELEMENT, nullptr, nullptr)));
+    EXPECT_EQ(Lines{}, m_log.Take());
+}
+
+// What is posted by hand need not hold what its type promises; the handler that learns the streaming threads looks at every message.
+TEST_F(BusMessage, StreamStatusWithoutAStatusIsPassedOn) {
+    ASSERT_TRUE(ClassOf(SOURCE_TYPE_UDP).build(*m_source));
+    for (GstStructure *structure : {static_cast<GstStructure *>(nullptr), gst_structure_new_empty("empty"),
+                                    gst_structure_new("wrong", "type", G_TYPE_STRING, "enter", nullptr)}) {
+        GstMessage *message = gst_message_new_custom(GST_MESSAGE_STREAM_STATUS, nullptr, structure);
+        Post(message);
+        GstMessage *taken = gst_bus_pop(SourceProbe::Bus(*m_source));
+        EXPECT_EQ(message, taken);
+        EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(taken == message ? taken : gst_message_new_eos(nullptr)));
+        EXPECT_FALSE(m_source->IsOwnThread());
+    }
+}
+
+TEST_F(BusMessage, TimeOutNameInAnotherMessageType) {
+    GstStructure *structure = gst_structure_new_empty("GstUDPSrcTimeout");
+    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_application(nullptr, structure)));
+    EXPECT_EQ(Lines{}, m_log.Take());
+}
+
+TEST_F(BusMessage, Latency) {
+    GstElement *bin = gst_bin_new("loud");
+    gst_object_ref_sink(bin);
+    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_latency(GST_OBJECT(bin))));
+    gst_object_unref(bin);
+    EXPECT_EQ((Lines{Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:----loud ")}), m_log.Take());
+}
+
+TEST_F(BusMessage, LatencyWithoutSource) {
+    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_latency(nullptr)));
+    EXPECT_EQ((Lines{Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:---- ")}), m_log.Take());
+}
+
+TEST_F(BusMessage, SilentTypes) {
+    GError *warning = g_error_new_literal(GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED, "no matter");
+    GstMessage *messages[] = {
+        gst_message_new_state_changed(nullptr, GST_STATE_READY, GST_STATE_PAUSED, GST_STATE_PLAYING),
+        gst_message_new_buffering(nullptr, 50),
+        gst_message_new_async_start(nullptr),
+        gst_message_new_async_done(nullptr, GST_CLOCK_TIME_NONE),
+        gst_message_new_warning(nullptr, warning, nullptr),
+        gst_message_new_info(nullptr, warning, nullptr),
+        gst_message_new_duration_changed(nullptr),
+        gst_message_new_clock_lost(nullptr, nullptr),
+        gst_message_new_tag(nullptr, gst_tag_list_new_empty()),
+    };
+    g_error_free(warning);
+    for (GstMessage *message : messages) {
+        SCOPED_TRACE(GST_MESSAGE_TYPE_NAME(message));
+        EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(message));
+        EXPECT_EQ(Lines{}, m_log.Take());
+    }
+}
+
+}  // namespace unit

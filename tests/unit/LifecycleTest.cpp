@@ -1,0 +1,665 @@
+// The life of a source from open to destroy: the five classes against one table.
+#include "support/Fixture.h"
+
+#include <dirent.h>
+
+#include <sys/socket.h>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+namespace unit {
+
+namespace {
+
+// Names of the process's threads.
+std::vector<std::string> ThreadNames() {
+    std::vector<std::string> names;
+    DIR *directory = opendir("/proc/self/task");
+    if (directory == nullptr) {
+        return names;
+    }
+    while (const dirent *entry = readdir(directory)) {
+        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+        std::string name;
+        if (std::getline(comm, name)) {
+            names.push_back(name);
+        }
+    }
+    closedir(directory);
+    return names;
+}
+
+bool HasThread(const std::string &name) {
+    const std::vector<std::string> names = ThreadNames();
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+GstMessage *ErrorMessage() {
+    GError *error = g_error_new_literal(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ, "test");
+    GstMessage *message = gst_message_new_error(nullptr, error, nullptr);
+    g_error_free(error);
+    return message;
+}
+
+// What brings a session to its end, and what the classification says to it.
+struct SessionEnd {
+    const char *name;
+    GstMessage *(*message)();
+    Line line;
+};
+
+const SessionEnd kSessionEnds[] = {
+    {"end of stream", [] { return gst_message_new_eos(nullptr); }, Raw("-------------GST_MESSAGE_EOS")},
+    {"error", ErrorMessage, Raw("-------------GST_MESSAGE_ERROR")},
+    {"UDP time-out", [] { return gst_message_new_element(nullptr, gst_structure_new_empty("GstUDPSrcTimeout")); },
+     Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :GstUDPSrcTimeout;")},
+    {"RTSP time-out", [] { return gst_message_new_element(nullptr, gst_structure_new_empty("GstRTSPSrcTimeout")); },
+     Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :GstRTSPSrcTimeout;")},
+};
+
+class Lifecycle : public ClassTest {
+  protected:
+    Line BusFailure() const { return Err(Row().Tag() + " DoBusMessage--------------error!! URL=" + Url()); }
+
+    // Waits for that many rebuilds and until the last one polls its bus.
+    bool WaitForSessions(std::size_t rebuilds) {
+        if (!m_log.WaitFor(Info(Row().reconnectMessage + Url()), rebuilds)) {
+            return false;
+        }
+        const std::size_t before = m_faults.Polls().size();
+        return Eventually(
+            [&] { return SourceProbe::StateText(Source()) == Row().stateAfterPlay && m_faults.Polls().size() > before; });
+    }
+
+    // A full set of reports, so that clearing shows.
+    void Report() {
+        GstElement *any = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("any")));
+        char video[] = "H264";
+        char audio[] = "AAC";
+        char scan[] = "progressive";
+        CBaseSource::shbsink_video_changed_handler(any, video, nullptr, nullptr, scan, 640, 360, 25, 1, 2, &Source());
+        CBaseSource::shbsink_audio_changed_handler(any, audio, 44100, 1, 1024, 5, 0, 0, &Source());
+        CBaseSource::shbsink_video_bitrate_handler(any, 1000, &Source());
+        CBaseSource::shbsink_audio_bitrate_handler(any, 2000, &Source());
+        CBaseSource::shbsink_video_fps_handler(any, 24, &Source());
+        gst_object_unref(any);
+    }
+
+    bool MediaInfoIsClear() {
+        media_code_info_t video{};
+        media_code_info_t audio{};
+        Source().GetMediaInfo(&video, &audio);
+        return video.code[0] == '\0' && video.params.video.width == 0 && audio.code[0] == '\0' && audio.type == 1;
+    }
+
+    // What the worker leaves behind while it waits.
+    struct DuringWait {
+        source_status_t status{};
+        int state = -1;
+        bool clear = false;
+    };
+    void WatchWait(DuringWait &seen) {
+        m_faults.OnSleep([this, &seen](int number) {
+            if (number == 1) {
+                seen.status = SourceProbe::Status(Source());
+                seen.state = SourceProbe::State(Source());
+                seen.clear = MediaInfoIsClear();
+            }
+        });
+    }
+};
+
+}  // namespace
+
+// ---- Open -------------------------------------------------------------------------------------------------------------------
+
+TEST_P(Lifecycle, OpenRefusesNullLocation) {
+    EXPECT_FALSE(Row().open(Source(), nullptr));
+    EXPECT_EQ(Lines{Row().BadArguments("")}, m_log.Take());
+    OpenPretended(Row());
+    Source().CloseLiveStream();
+    m_log.Take();
+    EXPECT_FALSE(Row().open(Source(), nullptr));
+    EXPECT_EQ(Lines{Row().BadArguments(Url())}, m_log.Take());
+    EXPECT_EQ(Url(), Source().GetURL());
+    EXPECT_FALSE(SourceProbe::Joinable(Source()));
+}
+
+TEST_P(Lifecycle, OpenRefusesMissingShareBuffer) {
+    m_source.reset(Row().create(nullptr, 0, 0));
+    m_log.Take();
+    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+    EXPECT_EQ(Lines{Row().BadArguments("")}, m_log.Take());
+    EXPECT_EQ("", Source().GetURL());
+    EXPECT_EQ(nullptr, SourceProbe::Pipeline(Source()));
+}
+
+TEST_P(Lifecycle, OpenPlayClose) {
+    m_faults.SetPlay(Play::Pretend);
+    ASSERT_TRUE(Row().open(Source(), Url().c_str()));
+    ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(Source()) == Row().stateAfterPlay; }));
+    ASSERT_TRUE(Eventually([&] { return m_faults.Polls().size() >= 2; }));
+    EXPECT_EQ(Lines{Info(Row().OpenLine(Url()))} + Row().BuildLines(Url()) + Row().StartLines(), m_log.Take());
+    for (const GstClockTime poll : m_faults.Polls()) {
+        EXPECT_EQ(100 * GST_MSECOND, poll);
+    }
+    EXPECT_STREQ("live", SourceProbe::Status(Source()).source_mode);
+    EXPECT_EQ(GST_STATE_PLAYING, SourceProbe::State(Source()));
+    EXPECT_TRUE(SourceProbe::Joinable(Source()));
+    EXPECT_TRUE(HasThread(Row().name));
+    EXPECT_TRUE(SourceProbe::ElementsCreated(Source()));
+
+    Report();
+    EXPECT_STREQ("connected", SourceProbe::Status(Source()).state);
+    m_log.Take();
+    EXPECT_TRUE(Source().CloseLiveStream());
+    EXPECT_EQ(Row().CloseLines(Url(), {Info(Row().exitMessage)}), m_log.Take());
+    EXPECT_FALSE(HasThread(Row().name));
+    EXPECT_FALSE(SourceProbe::Joinable(Source()));
+    EXPECT_EQ(nullptr, SourceProbe::Pipeline(Source()));
+    EXPECT_EQ(nullptr, SourceProbe::Bus(Source()));
+    EXPECT_FALSE(SourceProbe::ElementsCreated(Source()));
+    EXPECT_EQ(GST_STATE_NULL, SourceProbe::State(Source()));
+    EXPECT_FALSE(SourceProbe::Reconnect(Source()));
+    EXPECT_TRUE(SourceProbe::Exit(Source()));
+    EXPECT_EQ("", SourceProbe::VideoEncode(Source()).Get());
+    EXPECT_EQ("", SourceProbe::AudioEncode(Source()).Get());
+
+    const source_status_t status = SourceProbe::Status(Source());
+    EXPECT_STREQ("stop", status.state);
+    EXPECT_STREQ("live", status.source_mode);
+    EXPECT_EQ(0U, status.video_bitrate);
+    EXPECT_EQ(0U, status.audio_bitrate);
+    EXPECT_STREQ("", status.video_code);
+    EXPECT_STREQ("", status.audio_code);
+    // The rest of the status and the records keep what was seen last.
+    EXPECT_EQ(640, status.width);
+    EXPECT_EQ(44100, status.sample_rate);
+    EXPECT_EQ(24.0F, status.video_real_fps);
+    EXPECT_FALSE(MediaInfoIsClear());
+    EXPECT_TRUE(LiveObjects().empty());
+    EXPECT_TRUE(m_faults.Sleeps().empty());
+}
+
+TEST_P(Lifecycle, SecondOpenIsRefused) {
+    OpenPretended(Row());
+    m_log.Take();
+    GstElement *const pipeline = SourceProbe::Pipeline(Source());
+    EXPECT_FALSE(Row().open(Source(), "other://location"));
+    EXPECT_EQ(Lines{Row().AlreadyLive("other://location")}, m_log.Take());
+    EXPECT_EQ(Url(), Source().GetURL());
+    EXPECT_EQ(pipeline, SourceProbe::Pipeline(Source()));
+}
+
+TEST_P(Lifecycle, OpenIsRefusedByTheStateAlone) {
+    SourceProbe::State(Source()) = GST_STATE_PLAYING;
+    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+    EXPECT_EQ(Lines{Row().AlreadyLive(Url())}, m_log.Take());
+    EXPECT_EQ("", Source().GetURL());
+    SourceProbe::State(Source()) = GST_STATE_NULL;
+}
+
+TEST_P(Lifecycle, OpenUsesElementsThatStandAlready) {
+    SourceProbe::SetUrl(Source(), Url());
+    ASSERT_TRUE(Row().build(Source()));
+    GstElement *const pipeline = SourceProbe::Pipeline(Source());
+    m_log.Take();
+    m_faults.SetPlay(Play::Pretend);
+    ASSERT_TRUE(Row().open(Source(), Url().c_str()));
+    ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(Source()) == Row().stateAfterPlay; }));
+    EXPECT_EQ(Lines{Info(Row().OpenLine(Url()))} + Row().SkippedBuildLines() + Row().StartLines(), m_log.Take());
+    EXPECT_EQ(pipeline, SourceProbe::Pipeline(Source()));
+}
+
+TEST_P(Lifecycle, FailedOpenCanBeRepeated) {
+    const std::string factory = Row().front[0];
+    m_faults.FailFactory(factory.substr(0, factory.find(' ')));
+    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+    EXPECT_FALSE(SourceProbe::Joinable(Source()));
+    EXPECT_EQ(Url(), Source().GetURL()) << "the options stay stored";
+    EXPECT_STREQ("", SourceProbe::Status(Source()).state);
+    m_faults.Forgive(factory.substr(0, factory.find(' ')));
+    OpenPretended(Row());
+    EXPECT_TRUE(SourceProbe::Reconnect(Source()));
+}
+
+TEST_P(Lifecycle, WorkerThatCannotStart) {
+    m_faults.FailThreadStart();
+    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+    const Lines lines = m_log.Take();
+    const Lines before = Lines{Info(Row().OpenLine(Url()))} + Row().BuildLines(Url());
+    ASSERT_EQ(before.size() + 1, lines.size());
+    EXPECT_EQ(before, Lines(lines.begin(), lines.end() - 1));
+    EXPECT_EQ("ERR", lines.back().level);
+    EXPECT_EQ(0U, lines.back().message.find(Row().Tag() + " Unable to start the worker thread!!! "));
+    EXPECT_NE(std::string::npos, lines.back().message.find(" URL=" + Url()));
+    EXPECT_TRUE(LiveObjects().empty());
+    EXPECT_FALSE(SourceProbe::ElementsCreated(Source()));
+    EXPECT_FALSE(SourceProbe::Joinable(Source()));
+    EXPECT_STREQ("", SourceProbe::Status(Source()).state);
+    Source().CloseLiveStream();
+    EXPECT_EQ(Row().IdleCloseLines(Url()), m_log.Take());
+}
+
+// ---- Session ends and rebuilds ----------------------------------------------------------------------------------------------
+
+TEST_P(Lifecycle, EachBusResultRebuilds) {
+    OpenPretended(Row());
+    for (const SessionEnd &end : kSessionEnds) {
+        SCOPED_TRACE(end.name);
+        Report();
+        SourceProbe::VideoEncode(Source()).Set("H264");
+        const std::size_t slept = m_faults.Sleeps().size();
+        DuringWait seen;
+        m_faults.OnSleep([&](int number) {
+            if (static_cast<std::size_t>(number) == slept + 1) {
+                seen.status = SourceProbe::Status(Source());
+                seen.state = SourceProbe::State(Source());
+                seen.clear = MediaInfoIsClear();
+            }
+        });
+        const int pipelines = static_cast<int>(m_faults.Made().size());
+        m_log.Take();
+        Post(end.message());
+        ASSERT_TRUE(WaitForSessions(1));
+        m_faults.OnSleep({});
+        EXPECT_EQ((Lines{end.line, BusFailure()}) + Row().RebuildLines(Url()), m_log.Take());
+
+        const std::vector<gulong> sleeps = m_faults.Sleeps();
+        ASSERT_EQ(slept + 30, sleeps.size());
+        for (const gulong slice : sleeps) {
+            EXPECT_EQ(100000U, slice);
+        }
+        EXPECT_STREQ("reconnect", seen.status.state);
+        EXPECT_STREQ("live", seen.status.source_mode);
+        EXPECT_EQ(0U, seen.status.video_bitrate);
+        EXPECT_EQ(0U, seen.status.audio_bitrate);
+        EXPECT_STREQ("H264", seen.status.video_code) << "the codec texts are emptied by close only";
+        EXPECT_EQ(Row().stateAfterBusError, seen.state);
+        EXPECT_EQ(Row().clearsMediaInfo, seen.clear);
+        EXPECT_EQ(static_cast<std::size_t>(pipelines) + Row().front.size(), m_faults.Made().size());
+        EXPECT_EQ("", SourceProbe::VideoEncode(Source()).Get());
+        EXPECT_EQ(GST_STATE_PLAYING, SourceProbe::State(Source()));
+    }
+}
+
+TEST_P(Lifecycle, MessagesThatEndNothing) {
+    OpenPretended(Row());
+    m_log.Take();
+    Post(gst_message_new_latency(GST_OBJECT(SourceProbe::Pipeline(Source()))));
+    Post(gst_message_new_state_changed(nullptr, GST_STATE_READY, GST_STATE_PAUSED, GST_STATE_PLAYING));
+    Post(gst_message_new_element(nullptr, gst_structure_new_empty("pat")));
+    ASSERT_TRUE(m_log.WaitFor(Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :pat;")));
+    const std::size_t polls = m_faults.Polls().size();
+    ASSERT_TRUE(Eventually([&] { return m_faults.Polls().size() > polls; }));
+    EXPECT_EQ((Lines{Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:----pipeline "),
+                     Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :pat;")}),
+              m_log.Take());
+    EXPECT_TRUE(m_faults.Sleeps().empty());
+}
+
+TEST_P(Lifecycle, ChangedMediaRebuilds) {
+    OpenPretended(Row());
+    Report();
+    m_log.Take();
+    DuringWait seen;
+    WatchWait(seen);
+    SourceProbe::MediaChanged(Source()) = true;
+    ASSERT_TRUE(WaitForSessions(1));
+    EXPECT_EQ(
+        Lines{Warn(Row().Tag() + " Check media data changed, reset session.... URL=" + Url())} + Row().RebuildLines(Url()),
+        m_log.Take());
+    EXPECT_FALSE(SourceProbe::MediaChanged(Source()));
+    EXPECT_EQ(GST_STATE_PLAYING, seen.state) << "only a bus result touches it, and only with RTSP";
+    EXPECT_EQ(Row().clearsMediaInfo, seen.clear);
+    EXPECT_EQ("", SourceProbe::VideoEncode(Source()).Get());
+    EXPECT_EQ("", SourceProbe::AudioEncode(Source()).Get());
+    EXPECT_EQ(30U, m_faults.Sleeps().size());
+}
+
+TEST_P(Lifecycle, FailedPlayIsRetried) {
+    m_faults.SetPlay(Play::Fail);
+    DuringWait seen;
+    m_faults.OnSleep([&](int number) {
+        if (number == 1) {
+            seen.status = SourceProbe::Status(Source());
+            seen.state = SourceProbe::State(Source());
+        }
+        if (number == 31) {  // the second attempt has failed as well
+            m_faults.SetPlay(Play::Pretend);
+        }
+    });
+    ASSERT_TRUE(Row().open(Source(), Url().c_str()));
+    ASSERT_TRUE(WaitForSessions(2));
+    const Lines failure{Err(Row().Tag() + " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" + Url()),
+                        Info(Row().Tag() + " _PipelinePlay faild!!! URL=" + Url())};
+    EXPECT_EQ(Lines{Info(Row().OpenLine(Url()))} + Row().BuildLines(Url()) + Lines{Info(Row().startMessage)} +
+                  Row().SkippedBuildLines() + failure + Lines{Info(Row().reconnectMessage + Url())} + Row().BuildLines(Url()) +
+                  failure + Row().RebuildLines(Url()),
+              m_log.Take());
+    EXPECT_EQ(0, seen.state);
+    EXPECT_STREQ("reconnect", seen.status.state);
+    EXPECT_EQ(60U, m_faults.Sleeps().size());
+}
+
+TEST_P(Lifecycle, FailedRebuildEndsTheWorker) {
+    OpenPretended(Row());
+    m_log.Take();
+    const std::string &source = Row().front[0];
+    m_faults.FailFactory(source.substr(0, source.find(' ')));
+    Post(gst_message_new_eos(nullptr));
+    ASSERT_TRUE(m_log.WaitFor(Info(Row().exitMessage)));
+    Line failure = Row().loopBuildFailure;
+    if (Row().loopBuildFailureHasUrl) {
+        failure.message += Url();
+    }
+    const Lines build = Row().type == SOURCE_TYPE_RTSP ? Lines{} : Row().BuildLines(Url());
+    const Lines expected = Lines{Raw("-------------GST_MESSAGE_EOS"), BusFailure(), Info(Row().reconnectMessage + Url())} +
+                           build +
+                           Lines{NotMade(source), Err(Row().Tag() + " Not all elements could be created!!! url=" + Url()),
+                                 failure, Info(Row().exitMessage)};
+    EXPECT_EQ(expected, m_log.Take());
+    EXPECT_EQ("reconnect", SourceProbe::StateText(Source()));
+    ASSERT_TRUE(Eventually([] { return LiveObjects().empty(); }));
+
+    // The worker is not joined yet: the source stays closed to a new open until a close.
+    m_faults.Forgive(source.substr(0, source.find(' ')));
+    EXPECT_FALSE(Row().open(Source(), "other://location"));
+    EXPECT_EQ(Lines{Row().AlreadyLive("other://location")}, m_log.Take());
+    EXPECT_EQ(Url(), Source().GetURL());
+    Source().CloseLiveStream();
+    EXPECT_EQ(Row().IdleCloseLines(Url()), m_log.Take());
+    EXPECT_EQ("stop", SourceProbe::StateText(Source()));
+    OpenPretended(Row());
+}
+
+// ---- Close ------------------------------------------------------------------------------------------------------------------
+
+TEST_P(Lifecycle, CloseDuringTheWaitBuildsOnceMore) {
+    OpenPretended(Row());
+    m_log.Take();
+    m_faults.OnSleep([&](int number) {
+        if (number == 3) {
+            EXPECT_TRUE(Eventually([&] { return SourceProbe::Exit(Source()).load(); }));
+        }
+    });
+    Post(gst_message_new_eos(nullptr));
+    ASSERT_TRUE(Eventually([&] { return m_faults.Sleeps().size() == 3; }));
+    const std::size_t made = m_faults.Made().size();
+    const std::size_t polls = m_faults.Polls().size();
+    EXPECT_TRUE(Source().CloseLiveStream());
+    EXPECT_EQ((Lines{Raw("-------------GST_MESSAGE_EOS"), BusFailure()}) +
+                  Row().CloseLines(Url(), Row().RebuildLines(Url()) + Lines{Info(Row().exitMessage)}),
+              m_log.Take());
+    EXPECT_EQ(3U, m_faults.Sleeps().size()) << "the stop ends the wait";
+    EXPECT_EQ(made + Row().front.size(), m_faults.Made().size());
+    EXPECT_EQ(polls, m_faults.Polls().size()) << "the stop is seen before the first poll";
+    EXPECT_EQ("stop", SourceProbe::StateText(Source()));
+    EXPECT_TRUE(LiveObjects().empty());
+}
+
+TEST_P(Lifecycle, CloseWithoutOpen) {
+    EXPECT_TRUE(Source().CloseLiveStream());
+    EXPECT_EQ(Row().IdleCloseLines(""), m_log.Take());
+    EXPECT_STREQ("stop", SourceProbe::Status(Source()).state);
+    EXPECT_STREQ("", SourceProbe::Status(Source()).source_mode);
+    EXPECT_FALSE(SourceProbe::Reconnect(Source()));
+}
+
+TEST_P(Lifecycle, CloseTwiceAndDestroy) {
+    OpenPretended(Row());
+    EXPECT_TRUE(Source().CloseLiveStream());
+    m_log.Take();
+    EXPECT_TRUE(Source().CloseLiveStream());
+    EXPECT_EQ(Row().IdleCloseLines(Url()), m_log.Take());
+    m_source.reset();
+    EXPECT_EQ(Row().IdleCloseLines(Url()) + Lines{Info("[CBaseSource] ~~~CBaseSource .. URL=" + Url())}, m_log.Take());
+}
+
+TEST_P(Lifecycle, ReopenedSourceEndsWithItsSession) {
+    OpenPretended(Row());
+    Source().CloseLiveStream();
+    m_log.Take();
+    OpenPretended(Row());
+    EXPECT_EQ(Lines{Info(Row().OpenLine(Url()))} + Row().BuildLines(Url()) + Row().StartLines(), m_log.Take());
+    EXPECT_FALSE(SourceProbe::Reconnect(Source()));
+    GstElement *const pipeline = SourceProbe::Pipeline(Source());
+    Post(gst_message_new_eos(nullptr));
+    ASSERT_TRUE(m_log.WaitFor(Info(Row().exitMessage)));
+    EXPECT_EQ((Lines{Raw("-------------GST_MESSAGE_EOS"), BusFailure(), Info(Row().exitMessage)}), m_log.Take());
+    EXPECT_TRUE(m_faults.Sleeps().empty());
+    EXPECT_EQ(Row().stateAfterPlay, SourceProbe::StateText(Source()));
+    EXPECT_EQ(pipeline, SourceProbe::Pipeline(Source())) << "left for the close";
+
+    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+    EXPECT_EQ(Lines{Row().AlreadyLive(Url())}, m_log.Take());
+    Source().CloseLiveStream();
+    EXPECT_EQ(Row().CloseLines(Url(), {}), m_log.Take());
+    EXPECT_TRUE(LiveObjects().empty());
+}
+
+TEST_P(Lifecycle, FailedStopIsToldAndGoesOn) {
+    OpenPretended(Row());
+    m_log.Take();
+    m_faults.ReportStopFailure();
+    Source().CloseLiveStream();
+    Lines worker{Info(Row().exitMessage)};
+    const Line failure = Err(Row().Tag() + " Set the pipeline to the GST_STATE_NULL failure!!! URL=" + Url());
+    Lines expected = Row().CloseLines(Url(), worker);
+    expected.insert(expected.begin() + (Row().type == SOURCE_TYPE_HLS ? 3 : 2), failure);
+    EXPECT_EQ(expected, m_log.Take());
+    EXPECT_TRUE(LiveObjects().empty());
+    EXPECT_EQ("stop", SourceProbe::StateText(Source()));
+}
+
+// ---- The steps by themselves ------------------------------------------------------------------------------------------------
+
+TEST_P(Lifecycle, PlayWithoutPipeline) {
+    EXPECT_FALSE(Row().play(Source()));
+    EXPECT_EQ(Lines{Err(Row().Tag() + " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=")},
+              m_log.Take());
+    EXPECT_EQ(GST_STATE_NULL, SourceProbe::State(Source()));
+}
+
+TEST_P(Lifecycle, PlayTwice) {
+    SourceProbe::SetUrl(Source(), Url());
+    ASSERT_TRUE(Row().build(Source()));
+    m_log.Take();
+    m_faults.SetPlay(Play::Pretend);
+    EXPECT_TRUE(Row().play(Source()));
+    EXPECT_EQ(Row().PlayLines(), m_log.Take());
+    EXPECT_TRUE(Row().play(Source()));
+    EXPECT_EQ(Lines{Warn(Row().Tag() + " The current state is already playing state, Nothing to do. URL=" + Url())},
+              m_log.Take());
+}
+
+TEST_P(Lifecycle, PlayAfterAFailure) {
+    SourceProbe::SetUrl(Source(), Url());
+    ASSERT_TRUE(Row().build(Source()));
+    m_faults.SetPlay(Play::Fail);
+    EXPECT_FALSE(Row().play(Source()));
+    EXPECT_EQ(0, SourceProbe::State(Source()));
+    m_faults.SetPlay(Play::Pretend);
+    EXPECT_TRUE(Row().play(Source()));
+    EXPECT_EQ(GST_STATE_PLAYING, SourceProbe::State(Source()));
+}
+
+TEST_P(Lifecycle, StopWithoutPipeline) {
+    EXPECT_FALSE(Row().stop(Source()));
+    EXPECT_EQ(Lines{Warn(Row().Tag() + " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=")},
+              m_log.Take());
+}
+
+TEST_P(Lifecycle, StopThatFindsTheNullStateForgetsNothing) {
+    SourceProbe::SetUrl(Source(), Url());
+    ASSERT_TRUE(Row().build(Source()));
+    SourceProbe::VideoEncode(Source()).Set("H264");
+    SourceProbe::AudioEncode(Source()).Set("AAC");
+    if (Row().type == SOURCE_TYPE_HLS) {
+        SourceProbe::HlsMediaType(Source()).Set("video/mpegts");
+    }
+    const std::vector<GstElement *> fields = Row().fields(Source());
+    m_log.Take();
+    EXPECT_TRUE(Row().stop(Source()));
+    EXPECT_EQ(Lines{Warn(Row().Tag() + " The current state is already GST_STATE_NULL state, Nothing to do. URL=" + Url())},
+              m_log.Take());
+    EXPECT_EQ(fields, Row().fields(Source()));
+    EXPECT_NE(nullptr, fields[0]);
+    EXPECT_EQ("H264", SourceProbe::VideoEncode(Source()).Get());
+    EXPECT_EQ("AAC", SourceProbe::AudioEncode(Source()).Get());
+    // The teardown then has fields of elements that die with the pipeline.
+    Row().destroy(Source());
+    EXPECT_EQ(Lines{}, m_log.Take());
+    EXPECT_TRUE(LiveObjects().empty());
+    EXPECT_EQ(std::vector<GstElement *>(fields.size(), nullptr), Row().fields(Source()));
+    EXPECT_FALSE(SourceProbe::ElementsCreated(Source()));
+    EXPECT_EQ(nullptr, SourceProbe::Bus(Source()));
+    if (Row().type == SOURCE_TYPE_HLS) {
+        EXPECT_EQ("video/mpegts", SourceProbe::HlsMediaType(Source()).Get()) << "not the teardown's";
+    }
+}
+
+TEST_P(Lifecycle, StopForgetsElementsAndEncodings) {
+    SourceProbe::SetUrl(Source(), Url());
+    ASSERT_TRUE(Row().build(Source()));
+    m_faults.SetPlay(Play::Pretend);
+    ASSERT_TRUE(Row().play(Source()));
+    for (const int state : {static_cast<int>(GST_STATE_PLAYING), 0}) {
+        SourceProbe::State(Source()) = state;
+        SourceProbe::VideoEncode(Source()).Set("H264");
+        SourceProbe::AudioEncode(Source()).Set("AAC");
+        if (Row().type == SOURCE_TYPE_HLS) {
+            SourceProbe::HlsMediaType(Source()).Set("video/mpegts");
+        }
+        m_log.Take();
+        EXPECT_TRUE(Row().stop(Source()));
+        EXPECT_EQ(Lines{}, m_log.Take());
+        EXPECT_EQ(GST_STATE_NULL, SourceProbe::State(Source()));
+        EXPECT_EQ("", SourceProbe::VideoEncode(Source()).Get());
+        EXPECT_EQ("", SourceProbe::AudioEncode(Source()).Get());
+        for (const GstElement *element : Row().fields(Source())) {
+            EXPECT_EQ(nullptr, element);
+        }
+        if (Row().type == SOURCE_TYPE_HLS) {
+            EXPECT_EQ("", SourceProbe::HlsMediaType(Source()).Get());
+        }
+        EXPECT_NE(nullptr, SourceProbe::Pipeline(Source()));
+        EXPECT_TRUE(SourceProbe::ElementsCreated(Source()));
+    }
+}
+
+TEST_P(Lifecycle, DestroyWithoutAnything) {
+    SourceProbe::State(Source()) = 0;
+    Row().destroy(Source());
+    EXPECT_EQ(GST_STATE_NULL, SourceProbe::State(Source()));
+    EXPECT_EQ(Lines{}, m_log.Take());
+}
+
+TEST_P(Lifecycle, CloseReleasesABuiltPipelineThatNeverPlayed) {
+    SourceProbe::SetUrl(Source(), Url());
+    ASSERT_TRUE(Row().build(Source()));
+    m_log.Take();
+    EXPECT_TRUE(Source().CloseLiveStream());
+    EXPECT_TRUE(LiveObjects().empty());
+    EXPECT_EQ(
+        1U, m_log.Count(Warn(Row().Tag() + " The current state is already GST_STATE_NULL state, Nothing to do. URL=" + Url())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Classes, Lifecycle, testing::ValuesIn(SourceClasses()), ClassName());
+
+// ---- Elements' references ---------------------------------------------------------------------------------------------------
+
+TEST_F(SourceTest, RemoveManyDropsOneReferenceOfEach) {
+    GstElement *first = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("first")));
+    GstElement *second = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("second")));
+    gst_object_ref(first);
+    gst_object_ref(second);
+    SourceProbe::RemoveMany({nullptr, first, nullptr, second});
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(first));
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(second));
+    SourceProbe::RemoveMany({first, second});
+    SourceProbe::RemoveMany({});
+}
+
+// ---- All five for real, at the same time ------------------------------------------------------------------------------------
+
+namespace {
+
+// Locations with nobody behind them. UDP binds a port of the kernel's choice.
+std::string DeadLocation(const SourceClass &row) {
+    const std::string port = std::to_string(FreePort(row.type == SOURCE_TYPE_SRT ? SOCK_DGRAM : SOCK_STREAM));
+    switch (row.type) {
+        case SOURCE_TYPE_RTSP:
+            return "rtsp://127.0.0.1:" + port + "/none";
+        case SOURCE_TYPE_RTMP:
+            return "rtmp://127.0.0.1:" + port + "/live/none";
+        case SOURCE_TYPE_SRT:
+            return "srt://127.0.0.1:" + port;
+        case SOURCE_TYPE_HLS:
+            return "http://127.0.0.1:" + port + "/none.m3u8";
+        default:
+            return "udp://127.0.0.1:" + std::to_string(FreePort(SOCK_DGRAM));
+    }
+}
+
+}  // namespace
+
+TEST_F(SourceTest, RealSessionsRebuildAfterAboutThreeSeconds) {
+    m_faults.SleepReally();
+    std::vector<SourcePtr> sources;
+    std::vector<std::string> locations;
+    for (const SourceClass &row : SourceClasses()) {
+        sources.emplace_back(row.create(&m_buffer, kChannel, kStream));
+        locations.push_back(DeadLocation(row));
+        ASSERT_TRUE(row.open(*sources.back(), locations.back().c_str()));
+    }
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        ASSERT_TRUE(m_log.WaitFor(Info(SourceClasses()[i].startMessage)));
+        EXPECT_TRUE(Eventually([&] { return HasThread(SourceClasses()[i].name); }));
+    }
+    // Those that notice by themselves do; the others are told.
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        const int type = SourceClasses()[i].type;
+        if (type == SOURCE_TYPE_UDP || type == SOURCE_TYPE_SRT) {
+            ASSERT_TRUE(Eventually([&] { return SourceProbe::State(*sources[i]) == GST_STATE_PLAYING; }));
+            PostOn(*sources[i], gst_message_new_eos(nullptr));
+        }
+    }
+    std::vector<std::chrono::steady_clock::time_point> ended(sources.size());
+    std::vector<std::chrono::steady_clock::time_point> rebuilt(sources.size());
+    ASSERT_TRUE(Eventually([&] {
+        bool all = true;
+        const Lines lines = m_log.All();
+        for (std::size_t i = 0; i < sources.size(); ++i) {
+            const SourceClass &row = SourceClasses()[i];
+            const auto seen = [&](const Line &line) { return std::find(lines.begin(), lines.end(), line) != lines.end(); };
+            const auto now = std::chrono::steady_clock::now();
+            // An SRT caller or an RTMP client without a peer may also fail to play, with the same consequence.
+            const bool failed = seen(Err(row.Tag() + " DoBusMessage--------------error!! URL=" + locations[i])) ||
+                                seen(Info(row.Tag() + " _PipelinePlay faild!!! URL=" + locations[i]));
+            if (failed && ended[i].time_since_epoch().count() == 0) {
+                ended[i] = now;
+            }
+            if (seen(Info(row.reconnectMessage + locations[i])) && rebuilt[i].time_since_epoch().count() == 0) {
+                rebuilt[i] = now;
+            }
+            all = all && rebuilt[i].time_since_epoch().count() != 0;
+        }
+        return all;
+    }));
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+        const auto waited = rebuilt[i] - ended[i];
+        EXPECT_LT(std::chrono::milliseconds(2500), waited) << SourceClasses()[i].name;
+        EXPECT_GT(std::chrono::seconds(30), waited) << SourceClasses()[i].name;
+    }
+    for (SourcePtr &source : sources) {
+        source->CloseLiveStream();
+        EXPECT_EQ("stop", SourceProbe::StateText(*source));
+    }
+}
+
+}  // namespace unit

@@ -1,0 +1,457 @@
+#include "Faults.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <system_error>
+#include <thread>
+
+namespace unit {
+
+namespace {
+
+struct Plan {
+    std::set<std::string> failingFactories;
+    int failNthMake = 0;
+    bool nthMakeReached = false;
+    std::map<std::string, std::string> substitutes;
+    std::map<std::string, std::function<void(GstElement *)>> onMade;
+    std::vector<std::string> made;
+    bool failPipeline = false;
+    bool failBus = false;
+    int failElementLink = 0;
+    int failPadLink = 0;
+    bool failThreadStart = false;
+    int failCall = 0;
+    bool failAllAfter = false;
+    int calls = 0;
+    FrameworkCall failedCall;
+    Play play = Play::Real;
+    bool reportStopFailure = false;
+    int plays = 0;
+    bool sleepReally = false;
+    std::function<void(int)> onSleep;
+    std::vector<gulong> sleeps;
+    std::function<GstMessage *(int)> onPoll;
+    std::vector<GstClockTime> polls;
+    bool pollFast = false;
+};
+
+thread_local int t_uncounted = 0;
+
+std::mutex g_planMutex;
+std::unique_ptr<Plan> g_plan;
+
+std::mutex g_liveMutex;
+std::map<std::size_t, std::string> g_live;
+std::set<const void *> g_liveBuses;
+std::size_t g_nextLive = 1;
+
+struct Watched {
+    std::size_t id;
+    const void *bus;
+};
+
+void Gone(gpointer data, GObject *) {
+    const std::unique_ptr<Watched> watched(static_cast<Watched *>(data));
+    const std::lock_guard<std::mutex> lock(g_liveMutex);
+    g_live.erase(watched->id);
+    g_liveBuses.erase(watched->bus);
+}
+
+void Watch(gpointer object, const std::string &name, bool bus = false) {
+    std::size_t id = 0;
+    {
+        const std::lock_guard<std::mutex> lock(g_liveMutex);
+        if (bus && !g_liveBuses.insert(object).second) {
+            return;
+        }
+        id = g_nextLive++;
+        g_live[id] = name;
+    }
+    g_object_weak_ref(G_OBJECT(object), Gone, new Watched{id, bus ? object : nullptr});
+}
+
+// Runs `body` on the plan, under its lock; a default result without a plan.
+template <typename Body>
+auto WithPlan(Body &&body) -> decltype(body(*g_plan)) {
+    const std::lock_guard<std::mutex> lock(g_planMutex);
+    if (g_plan) {
+        return body(*g_plan);
+    }
+    return decltype(body(*g_plan))();
+}
+
+bool CountDown(int &counter) {
+    return counter > 0 && --counter == 0;
+}
+
+// Counts one call that can fail; true when it has to.
+bool Refused(const char *function, const std::string &detail) {
+    return WithPlan([&](Plan &plan) {
+        if (plan.failCall == 0 || t_uncounted != 0) {
+            return false;
+        }
+        ++plan.calls;
+        if (plan.calls < plan.failCall || (plan.calls > plan.failCall && !plan.failAllAfter)) {
+            return false;
+        }
+        if (plan.calls == plan.failCall) {
+            plan.failedCall = {function, detail};
+        }
+        return true;
+    });
+}
+
+std::string NameOf(gpointer object) {
+    return GST_IS_OBJECT(object) && GST_OBJECT_NAME(object) != nullptr ? GST_OBJECT_NAME(object) : "";
+}
+
+}  // namespace
+
+Faults::Faults() {
+    const std::lock_guard<std::mutex> lock(g_planMutex);
+    if (g_plan) {
+        std::fputs("two fault plans at a time\n", stderr);
+        std::abort();
+    }
+    g_plan = std::make_unique<Plan>();
+}
+
+Faults::~Faults() {
+    const std::lock_guard<std::mutex> lock(g_planMutex);
+    g_plan.reset();
+}
+
+void Faults::FailFactory(const std::string &factory) {
+    WithPlan([&](Plan &plan) { plan.failingFactories.insert(factory); });
+}
+
+void Faults::Forgive(const std::string &factory) {
+    WithPlan([&](Plan &plan) { plan.failingFactories.erase(factory); });
+}
+
+void Faults::FailNthMake(int n) {
+    WithPlan([&](Plan &plan) {
+        plan.failNthMake = n;
+        plan.nthMakeReached = false;
+    });
+}
+
+bool Faults::NthMakeWasReached() const {
+    return WithPlan([](Plan &plan) { return plan.nthMakeReached; });
+}
+
+void Faults::Substitute(const std::string &factory, const std::string &other) {
+    WithPlan([&](Plan &plan) { plan.substitutes[factory] = other; });
+}
+
+void Faults::OnMade(const std::string &factory, std::function<void(GstElement *)> hook) {
+    WithPlan([&](Plan &plan) { plan.onMade[factory] = std::move(hook); });
+}
+
+std::vector<std::string> Faults::Made() const {
+    return WithPlan([](Plan &plan) { return plan.made; });
+}
+
+void Faults::FailPipeline() {
+    WithPlan([](Plan &plan) { plan.failPipeline = true; });
+}
+
+void Faults::FailBus() {
+    WithPlan([](Plan &plan) { plan.failBus = true; });
+}
+
+void Faults::FailElementLink(int n) {
+    WithPlan([&](Plan &plan) { plan.failElementLink = n; });
+}
+
+void Faults::FailPadLink(int n) {
+    WithPlan([&](Plan &plan) { plan.failPadLink = n; });
+}
+
+void Faults::FailThreadStart() {
+    WithPlan([](Plan &plan) { plan.failThreadStart = true; });
+}
+
+void Faults::FailCall(int n, bool and_all_after) {
+    WithPlan([&](Plan &plan) {
+        plan.failCall = n;
+        plan.failAllAfter = and_all_after;
+        if (n != 0) {
+            plan.calls = 0;
+            plan.failedCall = {};
+        }
+    });
+}
+
+FrameworkCall Faults::FailedCall() const {
+    return WithPlan([](Plan &plan) { return plan.failedCall; });
+}
+
+int Faults::Plays() const {
+    return WithPlan([](Plan &plan) { return plan.plays; });
+}
+
+void Faults::ForgetPlays() {
+    WithPlan([](Plan &plan) { plan.plays = 0; });
+}
+
+void Faults::PollFast() {
+    WithPlan([](Plan &plan) { plan.pollFast = true; });
+}
+
+Uncounted::Uncounted() {
+    ++t_uncounted;
+}
+
+Uncounted::~Uncounted() {
+    --t_uncounted;
+}
+
+void Faults::SetPlay(Play play) {
+    WithPlan([&](Plan &plan) { plan.play = play; });
+}
+
+void Faults::ReportStopFailure() {
+    WithPlan([](Plan &plan) { plan.reportStopFailure = true; });
+}
+
+void Faults::SleepReally() {
+    WithPlan([](Plan &plan) { plan.sleepReally = true; });
+}
+
+void Faults::OnSleep(std::function<void(int)> hook) {
+    WithPlan([&](Plan &plan) { plan.onSleep = std::move(hook); });
+}
+
+std::vector<gulong> Faults::Sleeps() const {
+    return WithPlan([](Plan &plan) { return plan.sleeps; });
+}
+
+void Faults::OnPoll(std::function<GstMessage *(int)> hook) {
+    WithPlan([&](Plan &plan) { plan.onPoll = std::move(hook); });
+}
+
+std::vector<GstClockTime> Faults::Polls() const {
+    return WithPlan([](Plan &plan) { return plan.polls; });
+}
+
+std::vector<std::string> LiveObjects() {
+    const std::lock_guard<std::mutex> lock(g_liveMutex);
+    std::vector<std::string> names;
+    for (const auto &entry : g_live) {
+        names.push_back(entry.second);
+    }
+    return names;
+}
+
+void ForgetLiveObjects() {
+    const std::lock_guard<std::mutex> lock(g_liveMutex);
+    g_live.clear();
+}
+
+}  // namespace unit
+
+// ---- Replaced calls ---------------------------------------------------------------------------------------------------------
+
+extern "C" {
+
+GstElement *__real_gst_element_factory_make(const gchar *factory, const gchar *name);
+GstElement *__wrap_gst_element_factory_make(const gchar *factory, const gchar *name);
+GstElement *__real_gst_pipeline_new(const gchar *name);
+GstElement *__wrap_gst_pipeline_new(const gchar *name);
+GstBus *__real_gst_pipeline_get_bus(GstPipeline *pipeline);
+GstBus *__wrap_gst_pipeline_get_bus(GstPipeline *pipeline);
+gboolean __real_gst_element_link(GstElement *source, GstElement *destination);
+gboolean __wrap_gst_element_link(GstElement *source, GstElement *destination);
+GstPadLinkReturn __real_gst_pad_link(GstPad *source, GstPad *sink);
+GstPadLinkReturn __wrap_gst_pad_link(GstPad *source, GstPad *sink);
+GstStateChangeReturn __real_gst_element_set_state(GstElement *element, GstState state);
+GstStateChangeReturn __wrap_gst_element_set_state(GstElement *element, GstState state);
+void __real_g_usleep(gulong microseconds);
+void __wrap_g_usleep(gulong microseconds);
+GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
+GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
+// std::thread::_M_start_thread, which throws when the system has no thread left.
+void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    std::thread *self, std::unique_ptr<std::thread::_State> state, void (*depend)());
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    std::thread *self, std::unique_ptr<std::thread::_State> state, void (*depend)());
+
+GstElement *__wrap_gst_element_factory_make(const gchar *factory, const gchar *name) {
+    using unit::Plan;
+    std::string actual = factory;
+    std::function<void(GstElement *)> hook;
+    const bool fail = unit::WithPlan([&](Plan &plan) {
+        plan.made.push_back(std::string(factory) + " " + name);
+        if (unit::CountDown(plan.failNthMake)) {
+            plan.nthMakeReached = true;
+            return true;
+        }
+        const auto substitute = plan.substitutes.find(factory);
+        if (substitute != plan.substitutes.end()) {
+            actual = substitute->second;
+        }
+        const auto wanted = plan.onMade.find(factory);
+        if (wanted != plan.onMade.end()) {
+            hook = wanted->second;
+        }
+        return plan.failingFactories.count(factory) != 0;
+    });
+    const bool refused = unit::Refused("gst_element_factory_make", std::string(factory) + " " + name);
+    GstElement *element = fail || refused ? nullptr : __real_gst_element_factory_make(actual.c_str(), name);
+    if (element != nullptr) {
+        unit::Watch(element, std::string(factory) + " " + name);
+        if (hook) {
+            hook(element);
+        }
+    }
+    return element;
+}
+
+GstElement *__wrap_gst_pipeline_new(const gchar *name) {
+    if (unit::WithPlan([](unit::Plan &plan) { return plan.failPipeline; }) || unit::Refused("gst_pipeline_new", name)) {
+        return nullptr;
+    }
+    GstElement *pipeline = __real_gst_pipeline_new(name);
+    unit::Watch(pipeline, std::string("pipeline ") + name);
+    return pipeline;
+}
+
+GstBus *__wrap_gst_pipeline_get_bus(GstPipeline *pipeline) {
+    if (unit::WithPlan([](unit::Plan &plan) { return plan.failBus; }) || unit::Refused("gst_pipeline_get_bus", "")) {
+        return nullptr;
+    }
+    GstBus *bus = __real_gst_pipeline_get_bus(pipeline);
+    unit::Watch(bus, "bus", true);
+    return bus;
+}
+
+gboolean __wrap_gst_element_link(GstElement *source, GstElement *destination) {
+    if (unit::WithPlan([](unit::Plan &plan) { return unit::CountDown(plan.failElementLink); }) ||
+        unit::Refused("gst_element_link", unit::NameOf(source))) {
+        return FALSE;
+    }
+    return __real_gst_element_link(source, destination);
+}
+
+GstPadLinkReturn __wrap_gst_pad_link(GstPad *source, GstPad *sink) {
+    if (unit::WithPlan([](unit::Plan &plan) { return unit::CountDown(plan.failPadLink); }) ||
+        unit::Refused("gst_pad_link", unit::NameOf(source))) {
+        return GST_PAD_LINK_REFUSED;
+    }
+    return __real_gst_pad_link(source, sink);
+}
+
+GstStateChangeReturn __wrap_gst_element_set_state(GstElement *element, GstState state) {
+    const bool refused =
+        unit::Refused("gst_element_set_state", unit::NameOf(element) + " " + gst_element_state_get_name(state));
+    if (refused && state != GST_STATE_NULL) {
+        return GST_STATE_CHANGE_FAILURE;
+    }
+    if (!GST_IS_PIPELINE(element)) {
+        // A stop that fails has stopped what it could.
+        const GstStateChangeReturn result = __real_gst_element_set_state(element, state);
+        return refused ? GST_STATE_CHANGE_FAILURE : result;
+    }
+    if (state == GST_STATE_PLAYING) {
+        switch (unit::WithPlan([](unit::Plan &plan) { return plan.play; })) {
+            case unit::Play::Pretend:
+                unit::WithPlan([](unit::Plan &plan) { return ++plan.plays; });
+                return GST_STATE_CHANGE_ASYNC;
+            case unit::Play::Fail:
+                return GST_STATE_CHANGE_FAILURE;
+            case unit::Play::Real:
+                break;
+        }
+    }
+    const GstStateChangeReturn result = __real_gst_element_set_state(element, state);
+    if (state == GST_STATE_PLAYING && result != GST_STATE_CHANGE_FAILURE) {
+        unit::WithPlan([](unit::Plan &plan) { return ++plan.plays; });
+    }
+    const bool report = refused || unit::WithPlan([](unit::Plan &plan) { return plan.reportStopFailure; });
+    return state == GST_STATE_NULL && report ? GST_STATE_CHANGE_FAILURE : result;
+}
+
+void __wrap_g_usleep(gulong microseconds) {
+    bool really = true;
+    std::size_t number = 0;
+    std::function<void(int)> hook;
+    unit::WithPlan([&](unit::Plan &plan) {
+        plan.sleeps.push_back(microseconds);
+        number = plan.sleeps.size();
+        really = plan.sleepReally;
+        hook = plan.onSleep;
+    });
+    if (hook) {
+        hook(static_cast<int>(number));
+    }
+    if (really) {
+        __real_g_usleep(microseconds);
+    }
+}
+
+GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout) {
+    std::size_t number = 0;
+    std::function<GstMessage *(int)> hook;
+    unit::WithPlan([&](unit::Plan &plan) {
+        plan.polls.push_back(timeout);
+        number = plan.polls.size();
+        hook = plan.onPoll;
+        if (plan.pollFast) {
+            timeout = GST_MSECOND;
+        }
+    });
+    if (hook) {
+        GstMessage *message = hook(static_cast<int>(number));
+        if (message != nullptr) {
+            return message;
+        }
+    }
+    return __real_gst_bus_timed_pop(bus, timeout);
+}
+
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    std::thread *self, std::unique_ptr<std::thread::_State> state, void (*depend)()) {
+    if (unit::WithPlan([](unit::Plan &plan) { return plan.failThreadStart; }) || unit::Refused("std::thread", "")) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    }
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(self, std::move(state),
+                                                                                                 depend);
+}
+
+// Calls that only fail in turn (FailCall).
+#define GST_SOURCE_FALLIBLE(result, function, parameters, arguments, subject, failure) \
+    result __real_##function parameters;                                               \
+    result __wrap_##function parameters;                                               \
+    result __wrap_##function parameters {                                              \
+        if (unit::Refused(#function, subject)) {                                       \
+            return failure;                                                            \
+        }                                                                              \
+        return __real_##function arguments;                                            \
+    }
+
+GST_SOURCE_FALLIBLE(gboolean, gst_bin_add, (GstBin * bin, GstElement *element), (bin, element), unit::NameOf(element), FALSE)
+GST_SOURCE_FALLIBLE(gboolean, gst_bin_remove, (GstBin * bin, GstElement *element), (bin, element), unit::NameOf(element), FALSE)
+GST_SOURCE_FALLIBLE(GstPad *, gst_element_get_static_pad, (GstElement * element, const gchar *name), (element, name),
+                    unit::NameOf(element), nullptr)
+GST_SOURCE_FALLIBLE(gboolean, gst_element_sync_state_with_parent, (GstElement * element), (element), unit::NameOf(element),
+                    FALSE)
+GST_SOURCE_FALLIBLE(gulong, gst_pad_add_probe,
+                    (GstPad * pad, GstPadProbeType mask, GstPadProbeCallback callback, gpointer user, GDestroyNotify notify),
+                    (pad, mask, callback, user, notify), unit::NameOf(pad), 0)
+GST_SOURCE_FALLIBLE(GstCaps *, gst_pad_get_current_caps, (GstPad * pad), (pad), unit::NameOf(pad), nullptr)
+GST_SOURCE_FALLIBLE(GstCaps *, gst_caps_from_string, (const gchar *text), (text), text, nullptr)
+GST_SOURCE_FALLIBLE(gchar *, gst_caps_to_string, (const GstCaps *caps), (caps), "", nullptr)
+GST_SOURCE_FALLIBLE(GstStructure *, gst_caps_get_structure, (const GstCaps *caps, guint index), (caps, index), "", nullptr)
+GST_SOURCE_FALLIBLE(const GValue *, gst_structure_get_value, (const GstStructure *structure, const gchar *field),
+                    (structure, field), field, nullptr)
+GST_SOURCE_FALLIBLE(gchar *, gst_structure_to_string, (const GstStructure *structure), (structure), "", nullptr)
+GST_SOURCE_FALLIBLE(gchar *, gst_object_get_name, (GstObject * object), (object), unit::NameOf(object), nullptr)
+GST_SOURCE_FALLIBLE(GstBus *, gst_bus_new, (), (), "", nullptr)
+
+}  // extern "C"

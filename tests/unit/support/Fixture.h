@@ -1,0 +1,103 @@
+// A source under test, with faults, captured output and the check that nothing it made outlives it.
+#pragma once
+
+#include "Faults.h"
+#include "LogCapture.h"
+#include "RecordingSink.h"
+#include "SourceClasses.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+namespace unit {
+
+struct SourceDeleter {
+    void operator()(CBaseSource *source) const { delete source; }
+};
+using SourcePtr = std::unique_ptr<CBaseSource, SourceDeleter>;
+
+constexpr int kChannel = 7;
+constexpr int kStream = 3;
+
+class SourceTest : public testing::Test {
+  protected:
+    void TearDown() override {
+        m_source.reset();
+        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); }, 20)) << testing::PrintToString(LiveObjects());
+        ForgetLiveObjects();
+    }
+
+    // A source that writes to a buffer of the test. Only one at a time.
+    CBaseSource &Make(const SourceClass &row) {
+        m_source.reset(row.create(&m_buffer, kChannel, kStream));
+        return *m_source;
+    }
+
+    // Plays by pretence: only the test puts messages on the bus.
+    void OpenPretended(const SourceClass &row) {
+        m_faults.SetPlay(Play::Pretend);
+        ASSERT_TRUE(row.open(*m_source, row.url.c_str()));
+        ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(*m_source) == row.stateAfterPlay; }));
+    }
+
+    void Post(GstMessage *message) { PostOn(*m_source, message); }
+    // The worker may act on the message, and drop its bus, before the call is back.
+    static void PostOn(CBaseSource &source, GstMessage *message) {
+        GstBus *bus = GST_BUS(gst_object_ref(SourceProbe::Bus(source)));
+        gst_bus_post(bus, message);
+        gst_object_unref(bus);
+    }
+
+    Faults m_faults;
+    LogCapture m_log;
+    int m_buffer = 0;
+    SourcePtr m_source;
+};
+
+class ClassTest : public SourceTest, public testing::WithParamInterface<SourceClass> {
+  protected:
+    void SetUp() override { Make(GetParam()); }
+    const SourceClass &Row() const { return GetParam(); }
+    CBaseSource &Source() { return *m_source; }
+    const std::string &Url() const { return GetParam().url; }
+};
+
+// A port of the loopback interface that nothing listens on (kind: SOCK_STREAM or SOCK_DGRAM).
+int FreePort(int kind);
+
+template <typename Value>
+Value Property(gpointer object, const char *name) {
+    Value value{};
+    g_object_get(object, name, &value, nullptr);
+    return value;
+}
+
+// A text property; "(null)" for none.
+std::string TextProperty(gpointer object, const char *name);
+
+// The element of that name in the source's pipeline, borrowed; null when there is none.
+GstElement *Element(CBaseSource &source, const std::string &name);
+std::string FactoryOf(GstElement *element);
+
+// A source pad as a demultiplexer exposes it, active and with these caps ("" for none). The owner drops it.
+struct PadUnref {
+    void operator()(GstPad *pad) const {
+        gst_pad_set_active(pad, FALSE);
+        gst_object_unref(pad);
+    }
+};
+using TestPad = std::unique_ptr<GstPad, PadUnref>;
+TestPad MakePad(const std::string &name, const std::string &caps, GstPadDirection direction = GST_PAD_SRC);
+// The same with caps that no element would send ("EMPTY", "ANY").
+TestPad MakeOddPad(const std::string &name, const std::string &caps);
+
+// Links `other` to the sink pad of the element of that name as soon as it is added to the pipeline. (A bin unlinks what is
+// added to it.)
+void OccupyWhenAdded(CBaseSource &source, const std::string &element, const TestPad &other);
+
+// Factories and names from the pad's peer to the end of the chain: "queue vqueue".
+std::vector<std::string> ChainBehind(GstPad *pad);
+
+}  // namespace unit

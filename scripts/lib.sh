@@ -1,0 +1,96 @@
+# What the commands in this directory have in common: the packages, their installation and the build. Sourced, not run.
+# shellcheck shell=bash disable=SC2034
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
+
+# Without recommends: everything that is needed is named.
+build_packages=(build-essential meson ninja-build pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+    libgstreamer-plugins-bad1.0-dev libcli11-dev nlohmann-json3-dev)
+# Elements at run time; glib-networking and ca-certificates are what rtsps:// and https:// need.
+runtime_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad glib-networking ca-certificates)
+sender_packages=(ffmpeg)
+# What the tests add: their framework, the servers they play from, and the analysis tools.
+test_packages=(libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
+    libnginx-mod-rtmp libnginx-mod-stream tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps git clang clang-format
+    clang-tidy libclang-rt-14-dev cppcheck valgrind abigail-tools gdb shellcheck)
+
+note() { printf '%s: %s\n' "${0##*/}" "$*" >&2; }
+fail() {
+    note "$*"
+    exit 1
+}
+
+# quietly COMMAND...: silent while it works, everything it said when it does not.
+quietly() {
+    local log status=0
+    log=$(mktemp)
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    if [ "$status" -ne 0 ]; then
+        cat "$log" >&2
+    fi
+    rm -f "$log"
+    return "$status"
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        return 127
+    fi
+}
+
+# need_packages PACKAGE...: installs the Debian packages that are missing; asks nothing of the network when none is.
+need_packages() {
+    local installed package missing=()
+    installed=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
+    for package; do
+        grep -qxF "$package installed" <<<"$installed" || missing+=("$package")
+    done
+    if [ "${#missing[@]}" -eq 0 ]; then
+        return 0
+    fi
+    local by_hand="as root: apt-get update && apt-get install --no-install-recommends ${missing[*]}"
+    command -v apt-get >/dev/null || fail "missing Debian packages, and no apt-get to install them with: ${missing[*]}"
+    if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+        fail "missing packages, and no sudo; install them $by_hand"
+    fi
+    note "installing ${missing[*]} (on a fresh machine this takes minutes) ..."
+    # The password question of sudo belongs to the terminal, so it is asked before the output is held back.
+    as_root true || fail "missing packages, and sudo refuses; install them $by_hand"
+    quietly as_root apt-get -qq update || note "the package lists could not be refreshed; trying with those at hand"
+    quietly as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install "${missing[@]}" ||
+        fail "apt-get could not install ${missing[*]}"
+}
+
+# build_dir DIRECTORY [MESON OPTION...] [-- TARGET...]: configures DIRECTORY (under build/ of the repository) once and brings it, or the
+# targets named, up to date.
+build_dir() {
+    local dir=$root/build/$1 lock options=() targets=()
+    shift
+    while [ "$#" -gt 0 ] && [ "$1" != -- ]; do
+        options+=("$1")
+        shift
+    done
+    targets=("${@:2}")
+    if ! mkdir -p "$dir" || ! [ -w "$dir" ]; then
+        fail "cannot write to $dir; was it made by another user?"
+    fi
+    # Two builds in one directory at the same time spoil each other.
+    exec {lock}>"$dir/.lock"
+    flock "$lock"
+    if [ ! -f "$dir/build.ninja" ]; then
+        note "configuring build/${dir##*/} ..."
+        if [ -f "$dir/meson-private/coredata.dat" ]; then
+            options+=(--wipe)
+        fi
+        quietly meson setup "${options[@]}" "$dir" "$root" || fail "the build could not be configured"
+    fi
+    if ! ninja -C "$dir" -n "${targets[@]}" 2>/dev/null | grep -q 'no work to do'; then
+        note "building build/${dir##*/} (the first time takes a minute or two) ..."
+        quietly ninja -C "$dir" "${targets[@]}" || fail "the build failed"
+    fi
+    exec {lock}>&-
+}

@@ -183,10 +183,11 @@ TEST_P(OwnThread, CloseFromTheHostsSinkIsRefused) {
             return;
         }
         const bool depays = Row().depays;
+        // Said before: the queue's thread gets the first event while the pad is still being exposed.
+        exposed = true;
         ExposePad(self, "video_0",
                   depays ? "application/x-rtp, media=(string)video, encoding-name=(string)H264, clock-rate=(int)90000"
                          : "video/x-h264, stream-format=(string)byte-stream, alignment=(string)au");
-        exposed = true;
         // The queue's thread pushes this on, and with it what came before.
         GstPad *pad = gst_element_get_static_pad(self, "video_0");
         GstSegment segment;

@@ -8,7 +8,7 @@ using namespace std::chrono_literals;
 
 // True once the condition holds, false when it does not within the bound.
 template <typename Condition>
-bool WaitFor(const Condition &condition, std::chrono::milliseconds bound = 30s) {
+bool WaitFor(const Condition &condition, std::chrono::milliseconds bound = 120s) {
     const auto deadline = std::chrono::steady_clock::now() + bound;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline) {

@@ -25,7 +25,7 @@ class SourceTest : public testing::Test {
   protected:
     void TearDown() override {
         m_source.reset();
-        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); }, 20)) << testing::PrintToString(LiveObjects());
+        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); })) << testing::PrintToString(LiveObjects());
         ForgetLiveObjects();
     }
 

@@ -186,6 +186,9 @@ bool CRtmpSource::_PipelineStop() {
     if (m_bRtmps) {
         _RestRtmpsSource();
     }
+    if (m_pAttempts && m_pRtmpSrc != nullptr && GST_STATE(m_pRtmpSrc) >= GST_STATE_PAUSED) {
+        m_pAttempts->AwaitConnection();
+    }
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
     }
@@ -204,6 +207,10 @@ void CRtmpSource::_DestroyGstElements() {
         ReleaseElement(*field);
     }
     _ReleasePipeline();
+    if (m_pAttempts && !m_pAttempts->Sweep()) {
+        LOG_WARN(kTag << " A connection attempt does not end, its socket stays open!!! URL=" << m_strURL);
+    }
+    m_pAttempts.reset();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
 }
@@ -248,6 +255,7 @@ bool CRtmpSource::_CreateGstElements() {
     } else if (m_pRtmpSrc != nullptr) {
         // The location first: setting it wipes the credentials of rtmp2src.
         g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
+        m_pAttempts = std::make_unique<CConnectAttempts>(m_pRtmpSrc);
         if (!m_strUser.empty() && !m_strPwd.empty()) {
             LOG_INFO(kTag << " RTMPS set username adn passwd... url=" << m_strURL);
             g_object_set(m_pRtmpSrc, "username", m_strUser.c_str(), "password", m_strPwd.c_str(), nullptr);

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "CBaseSource.h"
+#include "CConnectAttempts.h"
 
 #include <array>
 #include <atomic>
+#include <memory>
 
 namespace Tessaro {
 
@@ -53,6 +55,8 @@ class CRtmpSource : public CBaseSource {
     GstElement *m_pAudioCapsFilter = nullptr;
     GstElement *m_pVideoSink = nullptr;
     GstElement *m_pAudioSink = nullptr;
+    // Of rtmp2src in the pipeline. Lives as long as that.
+    std::unique_ptr<GSTREAMER::CConnectAttempts> m_pAttempts;
     // Options, written by open before the worker exists.
     std::string m_strUser;
     std::string m_strPwd;

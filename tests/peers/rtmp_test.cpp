@@ -1,7 +1,10 @@
 // RTMP: nginx plays what ffmpeg publishes to it; RTMPS is the same behind nginx's TLS.
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
 #include <ostream>
+#include <thread>
 
 #include "harness/PeerTest.h"
 #include "harness/Relay.h"
@@ -162,6 +165,30 @@ TEST_F(Rtmp, UnknownApplicationIsRefused) {
     ASSERT_TRUE(host.Open(url, RtmpOptions{}));
     EXPECT_TRUE(log.WaitLine("INFO", Reconnect(url), seconds(20), 2));
     EXPECT_EQ(host.Count(SHB_VIDEO), 0U);
+}
+
+// rtmp2src, stopped in the midst of connecting, would keep its socket and itself for ever.
+TEST_F(Rtmp, ClosedAtAnyMomentOfConnectingLeavesNothingBehind) {
+    const auto publisher = Publish(GetMaterial("h264_aac"));
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator open("/proc/self/fd");
+        return std::distance(begin(open), end(open));
+    };
+    Host host(kRtmp);
+    // Once through, so that what is made on first use is there.
+    ASSERT_TRUE(host.Open(Url(), RtmpOptions{}));
+    ASSERT_TRUE(WaitFor([&] { return host.Count(SHB_VIDEO) > 0; }, seconds(20)));
+    EXPECT_TRUE(host.Close());
+    const auto before = descriptors();
+    // The conversation before the first frame takes about 150 ms on an idle machine.
+    constexpr int kMoments = 25;
+    for (int moment = 0; moment < kMoments; ++moment) {
+        ASSERT_TRUE(host.Open(moment % 2 == 0 ? Url() : Url("nothing"), RtmpOptions{}));
+        std::this_thread::sleep_for(milliseconds(8 * moment));
+        EXPECT_TRUE(host.Close());
+    }
+    EXPECT_TRUE(WaitFor([&] { return descriptors() <= before; }, seconds(5))) << descriptors() << ", before: " << before;
+    EXPECT_EQ(log.CountContaining("A connection attempt does not end"), 0U);
 }
 
 class Rtmps : public Rtmp {

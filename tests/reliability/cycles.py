@@ -47,9 +47,9 @@ PROTOCOLS = {
 }
 NEVER_NOTICED = {"srt"}  # srtsrc calls again by itself
 MODES = ["playing", "at once", "no peer", "restarts"]
-# Not without being asked for: rtmp2src loses what it was connecting with when it is closed in the midst of that, and rtspsrc may hang when its
+# Not without being asked for: rtspsrc may hang when its
 # server goes (docs/reliability.md).
-LEFT_OUT = {("rtmp", "at once"), ("rtmp", "no peer"), ("rtsp", "restarts"), ("rtsp-udp", "restarts")}
+LEFT_OUT = {("rtsp", "restarts"), ("rtsp-udp", "restarts")}
 # Divides the number of cycles: these closes wait for a handshake.
 SLOW = {("rtmps", "at once"): 5}
 PLAYED = 40  # frames to be seen before the peer is killed

@@ -36,6 +36,9 @@ size_t AudioWanted(const Material &material, Clock::duration span) {
 // made, and arrays of that kind are used nowhere here. The demultiplexer of HLS takes a segment's source
 // down on one thread while another is just bringing it up, when segments are refused and the stream is stopped at that moment.
 void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer) {
+    if ((level & (G_LOG_LEVEL_DEBUG | G_LOG_LEVEL_INFO)) != 0) {
+        return;
+    }
     std::fprintf(stderr, "%s: %s\n", domain != nullptr ? domain : "", message);
     const bool segment = std::strstr(message, "srcbin-src_") != nullptr && std::strstr(message, "READY (locked)") != nullptr;
     const bool known = segment || std::strcmp(message, "g_ptr_array_unref: assertion 'array' failed") == 0;

@@ -3,18 +3,18 @@
 #include "Logger.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
+#include <exception>
 #include <fstream>
-#include <memory>
-#include <mutex>
+#include <istream>
 #include <sstream>
 #include <vector>
 
@@ -253,24 +253,88 @@ bool IsSocketCall(long number) {
     }
 }
 
+// The descriptors that a poll is about. They are on the other thread's stack, which may be gone by now: the kernel looks for us.
+std::vector<int> PolledBy(std::istream &arguments) {
+    constexpr unsigned long kMost = 16;
+    unsigned long place = 0;
+    unsigned long count = 0;
+    if (!(arguments >> place >> count) || count == 0 || count > kMost) {
+        return {};
+    }
+    std::vector<pollfd> polled(count);
+    const iovec here{polled.data(), count * sizeof(pollfd)};
+    const iovec there{reinterpret_cast<void *>(place), count * sizeof(pollfd)};
+    if (process_vm_readv(getpid(), &here, 1, &there, 1, 0) != static_cast<ssize_t>(here.iov_len)) {
+        return {};
+    }
+    std::vector<int> descriptors;
+    for (const pollfd &one : polled) {
+        descriptors.push_back(one.fd);
+    }
+    return descriptors;
+}
+
 }  // namespace
 
 bool EndSocketWait(pid_t thread) {
     const std::string call = SystemCallOf(thread);
     std::istringstream fields(call);
     long number = -1;
+    // The number of the call is decimal, its arguments are not.
+    if (!(fields >> number) || !(fields >> std::hex)) {
+        return false;
+    }
+    std::vector<int> descriptors;
     int fd = -1;
-    if (!(fields >> number >> std::hex >> fd) || !IsSocketCall(number)) {
-        return false;
+    if (number == SYS_poll || number == SYS_ppoll) {
+        descriptors = PolledBy(fields);
+    } else if (IsSocketCall(number) && fields >> fd) {
+        descriptors = {fd};
     }
-    // A number of its own for the socket, and then a second look: if the thread is still at it, this is the socket.
-    const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-    if (own < 0) {
-        return false;
+    // Numbers of their own for the sockets, and then a second look: if the thread is still at it, these are the sockets.
+    std::vector<int> own;
+    for (const int descriptor : descriptors) {
+        const int copy = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+        if (copy >= 0) {
+            own.push_back(copy);
+        }
     }
-    const bool ended = SystemCallOf(thread) == call && shutdown(own, SHUT_RDWR) == 0;
-    close(own);
+    const bool still = !own.empty() && SystemCallOf(thread) == call;
+    bool ended = false;
+    for (const int copy : own) {
+        // What is no socket is left alone by this.
+        ended = (still && shutdown(copy, SHUT_RDWR) == 0) || ended;
+        close(copy);
+    }
     return ended;
+}
+
+SocketPatience::SocketPatience(pid_t thread, std::chrono::milliseconds patience) {
+    if (thread == 0) {
+        return;
+    }
+    try {
+        m_thread = std::thread([this, thread, patience] {
+            constexpr std::chrono::milliseconds kPause{10};
+            std::unique_lock<std::mutex> lock(m_mtx);
+            for (auto pause = patience; !m_cond.wait_for(lock, pause, [this] { return m_bOver; }); pause = kPause) {
+                EndSocketWait(thread);
+            }
+        });
+    } catch (const std::exception &error) {
+        LOG_WARN("[GSTREAMER] Unable to watch a stop, it takes as long as its peer wants. " << error.what());
+    }
+}
+
+SocketPatience::~SocketPatience() {
+    {
+        const std::lock_guard<std::mutex> lock(m_mtx);
+        m_bOver = true;
+    }
+    m_cond.notify_all();
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
 }
 
 PadLink LinkToSinkPad(GstPad *source, GstElement *element) {

@@ -5,9 +5,13 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace GSTREAMER {
@@ -89,10 +93,26 @@ void TakeOut(GstElement *bin, GstElement *element);
 // there until the element is stopped. True when it does; false when nothing came within `bound_ms`, or when it does not stream.
 bool HoldAtSourcePad(GstElement *source, int bound_ms);
 
-// Ends the wait of a thread of this process for a socket (connecting, receiving or sending): the socket is shut down in both directions,
-// and the call returns with an error. For libraries that offer no other way out. True when the thread was waiting so. Any thread; needs
-// /proc.
+// Ends the wait of a thread of this process for a socket (connecting, receiving, sending or polling): the socket is shut down in both
+// directions, and the call returns with an error. For libraries that offer no other way out. True when the thread was waiting so. Any
+// thread; needs /proc.
 bool EndSocketWait(pid_t thread);
+
+// For the time of a stop that may depend on a peer: once `patience` is over, the waits of that thread for its sockets are ended, one after
+// the other. The thread must live until this goes; 0 is none. Any thread.
+class SocketPatience {
+  public:
+    SocketPatience(pid_t thread, std::chrono::milliseconds patience);
+    ~SocketPatience();
+    SocketPatience(const SocketPatience &) = delete;
+    SocketPatience &operator=(const SocketPatience &) = delete;
+
+  private:
+    std::mutex m_mtx;
+    std::condition_variable m_cond;
+    bool m_bOver = false;  // guarded by m_mtx
+    std::thread m_thread;
+};
 
 enum class PadLink { Done, Failed, TakenAlready };
 

@@ -3,6 +3,9 @@
 #include "CodecTables.h"
 #include "Logger.h"
 
+#include <unistd.h>
+
+#include <chrono>
 #include <exception>
 
 namespace Tessaro {
@@ -14,6 +17,8 @@ namespace {
 constexpr char kTag[] = "[CRtspSource]";
 constexpr gint kUdpBufferBytes = 2097152;
 constexpr gint kSinkDebugLevel = 3;
+// A server that answers is taken leave of within a fraction of this.
+constexpr std::chrono::seconds kStopPatience{2};
 
 }  // namespace
 
@@ -140,9 +145,14 @@ bool CRtspSource::_PipelineStop() {
         LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
-        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
+    {
+        // rtspsrc does not leave an answer that it has begun to read, but for its time-out, which may be none.
+        const SocketPatience patience(m_nTaskThread, kStopPatience);
+        if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
+            LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
+        }
     }
+    m_nTaskThread = 0;
     for (GstElement **field : _ElementFields()) {
         ReleaseElement(*field);
     }
@@ -194,6 +204,10 @@ bool CRtspSource::_CreateGstElements() {
         g_object_set(m_pRtspSrc, "location", m_strURL.c_str(), "protocols", static_cast<guint>(m_nProtocols), "latency",
                      m_nLatency, "tcp-timeout", m_nTcpTimeout, "udp-buffer-size", kUdpBufferBytes, nullptr);
         g_signal_connect(m_pRtspSrc, "pad-added", G_CALLBACK(pad_added_handler), this);
+        // Not known to what may stand in for rtspsrc.
+        if (g_signal_lookup("before-send", G_OBJECT_TYPE(m_pRtspSrc)) != 0) {
+            g_signal_connect(m_pRtspSrc, "before-send", G_CALLBACK(before_send_handler), this);
+        }
     }
     // A refused source counts as missing here: there is no link behind it that would fail.
     if (m_pPipeline == nullptr || m_pBus == nullptr || m_pRtspSrc == nullptr || !AddMany(m_pPipeline, {m_pRtspSrc})) {
@@ -210,6 +224,11 @@ void CRtspSource::_SetSinkTarget(GstElement *sink) {
         g_object_set(sink, "share-buffer", m_pShareBuffer, "channel", m_nChannel, "stream", m_nStream, "sync", FALSE, "async",
                      FALSE, "debug", kSinkDebugLevel, nullptr);
     }
+}
+
+gboolean CRtspSource::before_send_handler(GstElement * /*element*/, gpointer /*message*/, gpointer user_data) {
+    static_cast<CRtspSource *>(user_data)->m_nTaskThread = gettid();
+    return TRUE;
 }
 
 void CRtspSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data) {

@@ -4,6 +4,7 @@
 #include "CBaseSource.h"
 
 #include <array>
+#include <atomic>
 
 namespace Tessaro {
 
@@ -29,10 +30,12 @@ class CRtspSource : public CBaseSource {
     void _LoopPthread();         // body of the worker
     // This class's sinks run unsynchronised and with their diagnostics on; the media kind follows with the encoding.
     void _SetSinkTarget(GstElement *sink);
-    static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
-    bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
-    bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
-    std::array<GstElement **, 11> _ElementFields();                                       // in the order of release
+    // Notes the thread that talks to the server.
+    static gboolean before_send_handler(GstElement *element, gpointer message, gpointer user_data);  // rtspsrc's
+    static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);             // streaming
+    bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);                     // streaming
+    bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);                     // streaming
+    std::array<GstElement **, 11> _ElementFields();                                                  // in the order of release
 
     // Views of elements that sit in the pipeline; owned only while they do not (see GSTREAMER::ReleaseElement). The front is
     // written where the pipeline is built, the branches on the streaming thread.
@@ -53,6 +56,8 @@ class CRtspSource : public CBaseSource {
     guint64 m_nProtocols = 4;          // GstRTSPLowerTrans bit mask; 4 is interleaved TCP
     guint32 m_nLatency = 2000;         // ms
     guint64 m_nTcpTimeout = 15000000;  // us
+    // rtspsrc's own thread, once it has sent something; 0: none.
+    std::atomic<pid_t> m_nTaskThread{0};
 };
 
 }  // namespace Tessaro

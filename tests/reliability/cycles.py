@@ -47,8 +47,7 @@ PROTOCOLS = {
 }
 NEVER_NOTICED = {"srt"}  # srtsrc calls again by itself
 MODES = ["playing", "at once", "no peer", "restarts"]
-# Not without being asked for: rtspsrc may hang when its
-# server goes (docs/reliability.md).
+# Not without being asked for: rtspsrc may hang when its server goes (docs/reliability.md).
 LEFT_OUT = {("rtsp", "restarts"), ("rtsp-udp", "restarts")}
 # Divides the number of cycles: these closes wait for a handshake.
 SLOW = {("rtmps", "at once"): 5}

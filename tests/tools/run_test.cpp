@@ -35,7 +35,8 @@ std::vector<std::string> Complaints(const std::string &err) {
     return own;
 }
 
-// Breaks off in the midst of its first answer: rtspsrc does not leave a message that it has begun to read before its time is up.
+// Breaks off in the midst of its first answer: rtspsrc does not leave a message that it has begun to read, until the source loses its
+// patience (2 s) and takes the socket away.
 class SilentServer {
   public:
     SilentServer() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -51,7 +52,7 @@ class SilentServer {
         fcntl(m_socket.Get(), F_SETFL, O_NONBLOCK);
     }
     std::string Url() const { return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/x"; }
-    // A client that has connected hangs in the framework from then on.
+    // A client that has connected takes its time to close from then on.
     bool Connected() {
         if (!m_client) {
             m_client = tool::Fd(accept(m_socket.Get(), nullptr, nullptr));

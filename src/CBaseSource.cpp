@@ -159,6 +159,7 @@ int CBaseSource::DoBusMessage(GstMessage *msg) {
 // ---- Sink signals -----------------------------------------------------------------------------------------------------------
 
 void CBaseSource::_StoreBitrate(uint32_t source_status_t::*field, guint bitrate) {
+    m_nLastReport = g_get_monotonic_time();
     const std::lock_guard<std::mutex> lock(m_mtxStatus);
     m_stStatus.*field = bitrate;
     if (ReadBounded(m_stStatus.state) != "connected") {
@@ -421,7 +422,11 @@ void CBaseSource::_SetStatusStopped() {
 
 int CBaseSource::_PollBus() {
     const GSTREAMER::MessagePtr message(gst_bus_timed_pop(m_pBus, kBusWait));
-    return message ? DoBusMessage(message.get()) : static_cast<int>(BUS_MSG_NONE);
+    if (!message) {
+        return BUS_MSG_NONE;
+    }
+    _NoteMessage(message.get());
+    return DoBusMessage(message.get());
 }
 
 bool CBaseSource::_DescriptorsLeft() {

@@ -108,6 +108,10 @@ class CBaseSource {
     void _SetStatusStopped();
     // Waits up to 100 ms for one bus message of any type and classifies it.
     int _PollBus();
+    // Sees each message that was polled, before it is classified. Worker.
+    virtual void _NoteMessage(GstMessage * /*message*/) {}
+    // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
+    gint64 _LastReport() const { return m_nLastReport; }
     // Makes m_pPipeline and m_pBus, neither when there are too few file descriptors for what a pipeline opens. The worker waits for them until
     // the source is closed; a host that opens is told at once.
     void _CreatePipeline();
@@ -168,6 +172,7 @@ class CBaseSource {
 
     // Number of the pipeline, new for each in the process, 0 while there is none. Written as m_pPipeline, read by any thread.
     std::atomic<std::size_t> m_nRun{0};
+    std::atomic<gint64> m_nLastReport{0};
     std::mutex m_mtxStatus;     // guards m_stStatus
     std::mutex m_mtxMediaInfo;  // guards the two media records; never held together with m_mtxStatus
     media_code_info_t m_stAudioInfo{};

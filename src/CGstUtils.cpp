@@ -309,16 +309,31 @@ bool EndSocketWait(pid_t thread) {
     return ended;
 }
 
-SocketPatience::SocketPatience(pid_t thread, std::chrono::milliseconds patience) {
-    if (thread == 0) {
-        return;
-    }
+void WakeJitterBuffers(GstElement *pipeline) {
+    GstIterator *const buffers = gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "rtpjitterbuffer");
+    // A source that is amid changing its elements is looked into the next time.
+    gst_iterator_foreach(
+        buffers,
+        [](const GValue *value, gpointer /*user*/) {
+            const PadPtr pad(gst_element_get_static_pad(static_cast<GstElement *>(g_value_get_object(value)), "sink"));
+            if (pad) {
+                // What makes it signal its condition. One that has been stopped refuses it.
+                gst_pad_send_event(pad.get(), gst_event_new_flush_start());
+            }
+        },
+        nullptr);
+    gst_iterator_free(buffers);
+}
+
+StopPatience::StopPatience(std::chrono::milliseconds patience, std::function<void()> help) {
     try {
-        m_thread = std::thread([this, thread, patience] {
+        m_thread = std::thread([this, patience, help = std::move(help)] {
             constexpr std::chrono::milliseconds kPause{10};
             std::unique_lock<std::mutex> lock(m_mtx);
             for (auto pause = patience; !m_cond.wait_for(lock, pause, [this] { return m_bOver; }); pause = kPause) {
-                EndSocketWait(thread);
+                lock.unlock();
+                help();
+                lock.lock();
             }
         });
     } catch (const std::exception &error) {
@@ -326,7 +341,7 @@ SocketPatience::SocketPatience(pid_t thread, std::chrono::milliseconds patience)
     }
 }
 
-SocketPatience::~SocketPatience() {
+StopPatience::~StopPatience() {
     {
         const std::lock_guard<std::mutex> lock(m_mtx);
         m_bOver = true;

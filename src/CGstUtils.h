@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -98,14 +99,19 @@ bool HoldAtSourcePad(GstElement *source, int bound_ms);
 // thread; needs /proc.
 bool EndSocketWait(pid_t thread);
 
-// For the time of a stop that may depend on a peer: once `patience` is over, the waits of that thread for its sockets are ended, one after
-// the other. The thread must live until this goes; 0 is none. Any thread.
-class SocketPatience {
+// Wakes the jitter buffers in that pipeline which sleep through their stop: once a stream has ended, two threads of theirs wait for one
+// condition, and the stop wakes one, which may be the wrong one (rtpjitterbuffer of GStreamer 1.22). Only while they are being stopped,
+// on a thread that may wait for them.
+void WakeJitterBuffers(GstElement *pipeline);
+
+// For the time of a stop that may not end by itself: once `patience` is over, `help` is called again and again until this goes, on a
+// thread of its own.
+class StopPatience {
   public:
-    SocketPatience(pid_t thread, std::chrono::milliseconds patience);
-    ~SocketPatience();
-    SocketPatience(const SocketPatience &) = delete;
-    SocketPatience &operator=(const SocketPatience &) = delete;
+    StopPatience(std::chrono::milliseconds patience, std::function<void()> help);
+    ~StopPatience();
+    StopPatience(const StopPatience &) = delete;
+    StopPatience &operator=(const StopPatience &) = delete;
 
   private:
     std::mutex m_mtx;

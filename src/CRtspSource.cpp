@@ -5,8 +5,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
+#include <memory>
 
 namespace Tessaro {
 
@@ -19,6 +21,8 @@ constexpr gint kUdpBufferBytes = 2097152;
 constexpr gint kSinkDebugLevel = 3;
 // A server that answers is taken leave of within a fraction of this.
 constexpr std::chrono::seconds kStopPatience{2};
+// What the end of the streams may take after the server has left, beside what the jitter buffers hold back.
+constexpr gint64 kEndMs = 3000;
 
 }  // namespace
 
@@ -97,6 +101,11 @@ void CRtspSource::_LoopPthread() {
                     m_nPipelineState = 0;
                     break;
                 }
+                if (_IsForsaken()) {
+                    LOG_ERR(kTag << " The server has closed the connection, and nothing has come since!!! URL=" << m_strURL);
+                    m_nPipelineState = 0;
+                    break;
+                }
                 if (m_bMediaChanged) {
                     LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
                     m_bMediaChanged = false;
@@ -116,6 +125,25 @@ void CRtspSource::_LoopPthread() {
         _DestroyGstElements();
     }
     LOG_INFO("Rtsp source pthread exit");
+}
+
+void CRtspSource::_NoteMessage(GstMessage *message) {
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_WARNING || GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(m_pRtspSrc) ||
+        gst_message_get_structure(message) == nullptr) {
+        return;
+    }
+    GError *warning = nullptr;
+    gst_message_parse_warning(message, &warning, nullptr);
+    if (g_error_matches(warning, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ) != FALSE) {
+        m_nServerLeft = g_get_monotonic_time();
+    }
+    g_clear_error(&warning);
+}
+
+bool CRtspSource::_IsForsaken() const {
+    // Over UDP the media may well go on.
+    return m_nServerLeft != 0 &&
+           g_get_monotonic_time() - std::max(m_nServerLeft, _LastReport()) > (kEndMs + m_nLatency) * (G_USEC_PER_SEC / 1000);
 }
 
 bool CRtspSource::_PipelinePlay() {
@@ -146,8 +174,12 @@ bool CRtspSource::_PipelineStop() {
         return true;
     }
     {
-        // rtspsrc does not leave an answer that it has begun to read, but for its time-out, which may be none.
-        const SocketPatience patience(m_nTaskThread, kStopPatience);
+        // rtspsrc does not leave an answer that it has begun to read, but for its time-out, which may be none; and its jitter buffers
+        // may sleep through their stop when the server has just gone.
+        const std::unique_ptr<StopPatience> patience(m_nTaskThread == 0 ? nullptr : new StopPatience(kStopPatience, [this] {
+            EndSocketWait(m_nTaskThread);
+            WakeJitterBuffers(m_pPipeline);
+        }));
         if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
             LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
         }
@@ -193,6 +225,7 @@ bool CRtspSource::_CreateGstElements() {
         return true;
     }
     _CreatePipeline();
+    m_nServerLeft = 0;
     m_pRtspSrc = MakeElement("rtspsrc", "Rtspsrc");
     if (m_pRtspSrc != nullptr) {
         if (!m_strUserId.empty() && !m_strUserPw.empty()) {

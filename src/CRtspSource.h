@@ -28,6 +28,10 @@ class CRtspSource : public CBaseSource {
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
+    // rtspsrc warns that the server has closed the connection, and ends its streams. The end gets lost when there is no pad yet, or a
+    // jitter buffer does not let it through: then nothing else ever ends the session.
+    void _NoteMessage(GstMessage *message) override;  // worker
+    bool _IsForsaken() const;                         // worker
     // This class's sinks run unsynchronised and with their diagnostics on; the media kind follows with the encoding.
     void _SetSinkTarget(GstElement *sink);
     // Notes the thread that talks to the server.
@@ -56,6 +60,7 @@ class CRtspSource : public CBaseSource {
     guint64 m_nProtocols = 4;          // GstRTSPLowerTrans bit mask; 4 is interleaved TCP
     guint32 m_nLatency = 2000;         // ms
     guint64 m_nTcpTimeout = 15000000;  // us
+    gint64 m_nServerLeft = 0;          // when, as g_get_monotonic_time; 0: it has not. Worker
     // rtspsrc's own thread, once it has sent something; 0: none.
     std::atomic<pid_t> m_nTaskThread{0};
 };

@@ -47,8 +47,6 @@ PROTOCOLS = {
 }
 NEVER_NOTICED = {"srt"}  # srtsrc calls again by itself
 MODES = ["playing", "at once", "no peer", "restarts"]
-# Not without being asked for: rtspsrc may hang when its server goes (docs/reliability.md).
-LEFT_OUT = {("rtsp", "restarts"), ("rtsp-udp", "restarts")}
 # Divides the number of cycles: these closes wait for a handshake.
 SLOW = {("rtmps", "at once"): 5}
 PLAYED = 40  # frames to be seen before the peer is killed
@@ -205,8 +203,7 @@ def main():
         os.chmod(folder, 0o755)
         material = rig.materials(build, "h264_aac")["h264_aac"]
         jobs = [Job(build, folder, protocol, mode, restarts if mode == "restarts" else opens // SLOW.get((protocol, mode), 1), material, arguments.leak)
-                for protocol in arguments.only or PROTOCOLS for mode in arguments.mode or MODES
-                if arguments.mode or (protocol, mode) not in LEFT_OUT]
+                for protocol in arguments.only or PROTOCOLS for mode in arguments.mode or MODES]
         for job in jobs:
             job.start()
         print(HEAD, end="", flush=True)

@@ -608,6 +608,51 @@ std::string DeadLocation(const SourceClass &row) {
 
 }  // namespace
 
+// rtspsrc ends its streams when the server leaves, and that end can get lost on its way.
+TEST_F(SourceTest, RtspServerThatHasLeftForGoodEndsTheSession) {
+    const SourceClass &row = SourceClasses()[SOURCE_TYPE_RTSP];
+    Make(row);
+    m_faults.PollFast();
+    m_faults.SetPlay(Play::Pretend);
+    constexpr unsigned int kLatencyMs = 500;
+    ASSERT_TRUE(static_cast<Tessaro::CRtspSource &>(*m_source).OpenLiveStream(row.url.c_str(), 200, 4, kLatencyMs, 0, "", ""));
+    ASSERT_TRUE(Eventually([&] { return m_faults.Plays() > 0; }));
+    const auto warn = [&](const char *element, gint code) {
+        GError *const warning = g_error_new_literal(GST_RESOURCE_ERROR, code, "Could not read from resource.");
+        GstElement *const source = element != nullptr ? Element(*m_source, element) : nullptr;
+        Post(gst_message_new_warning(GST_OBJECT(source), warning, "The server closed the connection."));
+        g_error_free(warning);
+    };
+    const Line forsaken =
+        Err("[CRtspSource] The server has closed the connection, and nothing has come since!!! URL=" + row.url);
+    const auto lasts = [&](std::chrono::milliseconds span, const std::function<void()> &meanwhile) {
+        for (const auto end = std::chrono::steady_clock::now() + span; std::chrono::steady_clock::now() < end;) {
+            meanwhile();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return m_log.Count(forsaken) == 0;
+    };
+    // Other warnings mean nothing.
+    warn("Rtspsrc", GST_RESOURCE_ERROR_WRITE);
+    warn(nullptr, GST_RESOURCE_ERROR_READ);
+    EXPECT_TRUE(lasts(std::chrono::milliseconds(4500), [] {}));
+    // Over UDP the media may go on without the server's connection.
+    warn("Rtspsrc", GST_RESOURCE_ERROR_READ);
+    int dummy = 0;
+    EXPECT_TRUE(lasts(std::chrono::milliseconds(4500), [&] {
+        Tessaro::CBaseSource::shbsink_video_bitrate_handler(reinterpret_cast<GstElement *>(&dummy), 1000, m_source.get());
+    }));
+    const auto silent = std::chrono::steady_clock::now();
+    m_faults.ForgetPlays();
+    EXPECT_TRUE(Eventually([&] { return m_faults.Plays() > 0; })) << "a new session";
+    EXPECT_LT(std::chrono::milliseconds(3400), std::chrono::steady_clock::now() - silent);
+    EXPECT_EQ(1U, m_log.Count(forsaken));
+    // Which knows nothing of it.
+    lasts(std::chrono::milliseconds(4500), [] {});
+    EXPECT_EQ(1U, m_log.Count(forsaken));
+    m_source->CloseLiveStream();
+}
+
 TEST_F(SourceTest, RealSessionsRebuildAfterAboutThreeSeconds) {
     m_faults.SleepReally();
     std::vector<SourcePtr> sources;

@@ -10,6 +10,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
@@ -253,6 +254,12 @@ bool IsSocketCall(long number) {
     }
 }
 
+bool IsNetworkSocket(int descriptor) {
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    return getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && (domain == AF_INET || domain == AF_INET6);
+}
+
 // The descriptors that a poll is about. They are on the other thread's stack, which may be gone by now: the kernel looks for us.
 std::vector<int> PolledBy(std::istream &arguments) {
     constexpr unsigned long kMost = 16;
@@ -299,10 +306,13 @@ bool EndSocketWait(pid_t thread) {
             own.push_back(copy);
         }
     }
+    // Threads also poll what wakes them within the process, pairs of local sockets among it: that must stay whole.
+    const auto local = std::partition(own.begin(), own.end(), IsNetworkSocket);
+    std::for_each(local, own.end(), close);
+    own.erase(local, own.end());
     const bool still = !own.empty() && SystemCallOf(thread) == call;
     bool ended = false;
     for (const int copy : own) {
-        // What is no socket is left alone by this.
         ended = (still && shutdown(copy, SHUT_RDWR) == 0) || ended;
         close(copy);
     }

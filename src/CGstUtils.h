@@ -94,8 +94,8 @@ void TakeOut(GstElement *bin, GstElement *element);
 // there until the element is stopped. True when it does; false when nothing came within `bound_ms`, or when it does not stream.
 bool HoldAtSourcePad(GstElement *source, int bound_ms);
 
-// Ends the wait of a thread of this process for a socket (connecting, receiving, sending or polling): the socket is shut down in both
-// directions, and the call returns with an error. For libraries that offer no other way out. True when the thread was waiting so. Any
+// Ends the wait of a thread of this process for a network socket (connecting, receiving, sending or polling): the socket is shut down in
+// both directions, and the call returns. For libraries that offer no other way out. True when the thread was waiting so. Any
 // thread; needs /proc.
 bool EndSocketWait(pid_t thread);
 

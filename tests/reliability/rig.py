@@ -32,16 +32,22 @@ def wait_for(condition, bound, step=0.02):
 
 
 running = set()  # children that have been started and not been waited for
+starting = threading.RLock()  # whoever starts one holds it until the child is in there
 
 
 def end_on_signals():
     """Children end with the program, also when a signal ends it in the midst of its threads."""
     def leave(number, _):
         print(f"ended by signal {number}", flush=True)
+        # For good: what is killed now would be started again by the threads that tend it.
+        starting.acquire()
         for child in list(running):
             child.kill()
+        for file in Path("/dev/shm").glob(f"reliability-{os.getpid()}-*"):
+            file.unlink(missing_ok=True)
         os._exit(128 + number)
 
+    signal.signal(signal.SIGINT, leave)
     signal.signal(signal.SIGTERM, leave)
     signal.signal(signal.SIGHUP, leave)
 
@@ -49,6 +55,31 @@ def end_on_signals():
 def percentile(values, part):
     ordered = sorted(values)
     return ordered[min(len(ordered) - 1, int(part * len(ordered)))] if ordered else None
+
+
+# ---- Places ---------------------------------------------------------------------------------------------------------------------
+
+
+class Here:
+    """Where a peer and its source run: this one is loopback. `address` is the peer's, `source` the source's; `command` puts a program to the peer,
+    `host_command` one to the source."""
+
+    address = source = LOOPBACK
+
+    def command(self, words):
+        return words
+
+    def host_command(self, words):
+        return words
+
+    def tcp_listening(self, port):
+        return tcp_listening(port)
+
+    def udp_bound(self, port):
+        return udp_bound(port)
+
+
+HERE = Here()
 
 
 # ---- The host -------------------------------------------------------------------------------------------------------------------
@@ -79,15 +110,15 @@ class Gone(Exception):
 class Host:
     numbers = itertools.count()
 
-    def __init__(self, build, folder, channels, stall_watch_ms=0, leak=""):
+    def __init__(self, build, folder, channels, stall_watch_ms=0, leak="", at=HERE):
         self.name = f"reliability-{os.getpid()}-{next(Host.numbers)}"
         self.log = Path(folder) / f"{self.name}.log"
         # The suite's own registry and search path when it runs from there.
         environment = {"GST_PLUGIN_PATH": str(build / "shbsink"), **os.environ, "GST_TRACERS": "leaks", "RELIABILITY_LEAK": leak}
-        with open(self.log, "wb") as log:
-            self.process = subprocess.Popen([build / "tests/reliability/reliability-host", self.name, str(channels), str(stall_watch_ms)],
-                                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=environment)
-        running.add(self.process)
+        with open(self.log, "wb") as log, starting:
+            command = at.host_command([build / "tests/reliability/reliability-host", self.name, str(channels), str(stall_watch_ms)])
+            self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=environment)
+            running.add(self.process)
         self.asked = itertools.count()
         self.answers = {}
         self.arrived = threading.Condition()
@@ -154,6 +185,10 @@ class Host:
         status = self.process.wait()
         running.discard(self.process)
         self.reader.join(10)
+        if status != 0:  # its buffer is still there
+            for file in Path("/dev/shm").glob(f"{self.name}*"):
+                if file.name == self.name or file.name.startswith(f"{self.name}+"):
+                    file.unlink(missing_ok=True)
         return status
 
     def log_tail(self, lines=40):
@@ -176,22 +211,22 @@ def tcp_listening(port):
         return probe.connect_ex((LOOPBACK, port)) == 0
 
 
-def udp_bound(port):
-    return any(line.split()[1].endswith(f":{port:04X}") for line in Path("/proc/net/udp").read_text().splitlines()[1:])
+def udp_bound(port, net="/proc/net"):
+    return any(line.split()[1].endswith(f":{port:04X}") for line in Path(net, "udp").read_text().splitlines()[1:])
 
 
 class Process:
     """One program of a peer. `ready` tells when it can be used. Once started it is meant to run: tend() starts it again when it has ended by itself,
     as a sender does that finds nobody."""
 
-    def __init__(self, name, command, output, ready=None):
-        self.name, self.command, self.output, self.ready = name, command, output, ready
+    def __init__(self, name, command, output, ready=None, at=HERE):
+        self.name, self.command, self.output, self.ready, self.at = name, command, output, ready, at
         self.child = None
 
     def start(self):
-        with open(self.output, "ab") as output:
-            self.child = subprocess.Popen([str(word) for word in self.command], stdin=subprocess.DEVNULL, stdout=output, stderr=output)
-        running.add(self.child)
+        with open(self.output, "ab") as output, starting:
+            self.child = subprocess.Popen(self.at.command([str(word) for word in self.command]), stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+            running.add(self.child)
         if self.ready is not None and not wait_for(self.ready, 20):
             raise RuntimeError(f"{self.name} is not ready: {Path(self.output).read_text(errors='replace')[-2000:]}")
 
@@ -217,14 +252,14 @@ class Process:
 class Peer:
     """What stands at the other end of one location: its programs in the order in which they start, and who of them is killed for a restart."""
 
-    def __init__(self, folder, material, victims):
-        self.folder, self.material, self.victims = Path(folder), material, victims
+    def __init__(self, folder, material, victims, at=HERE):
+        self.folder, self.material, self.victims, self.at = Path(folder), material, victims, at
         self.processes = {}
         self.url = ""
         self.protocols = RTSP_TCP
 
     def add(self, name, command, ready=None):
-        self.processes[name] = Process(name, command, self.folder / f"{type(self).__name__}-{id(self):x}-{name}.out", ready)
+        self.processes[name] = Process(name, command, self.folder / f"{type(self).__name__}-{id(self):x}-{name}.out", ready, self.at)
 
     def start(self):
         for process in self.processes.values():
@@ -256,9 +291,9 @@ class Peer:
 class Udp(Peer):
     """One sender; `count` locations on as many ports."""
 
-    def __init__(self, folder, material, count=1):
-        super().__init__(folder, material, ["sender"])
-        self.urls = [f"udp://{LOOPBACK}:{free_port(UDP)}" for _ in range(count)]
+    def __init__(self, folder, material, count=1, at=HERE):
+        super().__init__(folder, material, ["sender"], at)
+        self.urls = [f"udp://{at.source}:{free_port(UDP)}" for _ in range(count)]
         self.url = self.urls[0]
         outputs = [word for url in self.urls for word in ("-map", "0", "-c", "copy", "-f", "mpegts", f"{url}?pkt_size=1316")]
         self.add("sender", ffmpeg(material)[:-4] + outputs)
@@ -267,25 +302,25 @@ class Udp(Peer):
 class SrtListener(Peer):
     """The peer listens: srt-live-transmit, which outlives its callers, fed over UDP."""
 
-    def __init__(self, folder, material, latency_ms=SRT_LATENCY_MS):
-        super().__init__(folder, material, ["listener"])
+    def __init__(self, folder, material, latency_ms=SRT_LATENCY_MS, at=HERE):
+        super().__init__(folder, material, ["listener"], at)
         port, feed = free_port(UDP), free_port(UDP)
-        self.url = f"srt://{LOOPBACK}:{port}"
+        self.url = f"srt://{at.address}:{port}"
         self.add("listener", ["srt-live-transmit", "-q", f"udp://{LOOPBACK}:{feed}", f"{self.url}?mode=listener&latency={latency_ms}"],
-                 lambda: udp_bound(feed) and udp_bound(port))
+                 lambda: at.udp_bound(feed) and at.udp_bound(port))
         self.add("sender", ffmpeg(material, "-f", "mpegts", f"udp://{LOOPBACK}:{feed}?pkt_size=1316"))
 
 
 class SrtCaller(Peer):
     """The peer calls: one sender that ends, and is started again, when nobody listens."""
 
-    def __init__(self, folder, material, latency_ms=SRT_LATENCY_MS, count=1):
-        super().__init__(folder, material, ["sender"])
+    def __init__(self, folder, material, latency_ms=SRT_LATENCY_MS, count=1, at=HERE):
+        super().__init__(folder, material, ["sender"], at)
         ports = [free_port(UDP) for _ in range(count)]
         self.urls = [f"srt://:{port}" for port in ports]
         self.url = self.urls[0]
         outputs = [word for port in ports
-                   for word in ("-map", "0", "-c", "copy", "-f", "mpegts", f"srt://{LOOPBACK}:{port}?mode=caller&latency={latency_ms}000")]
+                   for word in ("-map", "0", "-c", "copy", "-f", "mpegts", f"srt://{at.source}:{port}?mode=caller&latency={latency_ms}000")]
         self.add("sender", ffmpeg(material)[:-4] + outputs)
 
 
@@ -300,13 +335,13 @@ class Relay:
 
 
 class Rtsp(Peer):
-    def __init__(self, folder, material, build, protocols=RTSP_TCP, relay=False):
-        super().__init__(folder, material, ["sender"])
+    def __init__(self, folder, material, build, protocols=RTSP_TCP, relay=False, at=HERE):
+        super().__init__(folder, material, ["sender"], at)
         port = free_port()
         self.protocols = protocols
-        self.add("sender", [build / "tests/peers/peers-rtsp-server", "--port", port, "--file", material, *self.codecs(material)],
-                 lambda: tcp_listening(port))
-        self.url = f"rtsp://{LOOPBACK}:{Relay(self, port).port if relay else port}/stream"
+        self.add("sender", [build / "tests/peers/peers-rtsp-server", "--address", at.address, "--port", port, "--file", material, *self.codecs(material)],
+                 lambda: at.tcp_listening(port))
+        self.url = f"rtsp://{at.address}:{Relay(self, port).port if relay else port}/stream"
 
 
     @staticmethod
@@ -321,24 +356,24 @@ class Rtsp(Peer):
 
 
 class Rtmp(Peer):
-    def __init__(self, folder, material, secure=False, relay=False):
-        super().__init__(folder, material, ["server", "sender"])
+    def __init__(self, folder, material, secure=False, relay=False, at=HERE):
+        super().__init__(folder, material, ["server", "sender"], at)
         port, tls = free_port(), free_port()
         front = ""
         if secure:
             make_certificate(self.folder)
-            front = (f"stream {{ server {{ listen {LOOPBACK}:{tls} ssl; ssl_certificate {folder}/certificate.pem; "
-                     f"ssl_certificate_key {folder}/key.pem; proxy_pass {LOOPBACK}:{port}; }} }}")
-        body = f"rtmp {{ access_log off; server {{ listen {LOOPBACK}:{port}; application live {{ live on; }} }} }} {front}"
-        self.add("server", nginx(self.folder / f"rtmp{port}", body, modules=["rtmp", "stream"]), lambda: tcp_listening(tls if secure else port))
-        self.add("sender", ffmpeg(material, "-f", "flv", "-flvflags", "no_duration_filesize", f"rtmp://{LOOPBACK}:{port}/live/a"))
+            front = (f"stream {{ server {{ listen {at.address}:{tls} ssl; ssl_certificate {folder}/certificate.pem; "
+                     f"ssl_certificate_key {folder}/key.pem; proxy_pass {at.address}:{port}; }} }}")
+        body = f"rtmp {{ access_log off; server {{ listen {at.address}:{port}; application live {{ live on; }} }} }} {front}"
+        self.add("server", nginx(self.folder / f"rtmp{port}", body, modules=["rtmp", "stream"]), lambda: at.tcp_listening(tls if secure else port))
+        self.add("sender", ffmpeg(material, "-f", "flv", "-flvflags", "no_duration_filesize", f"rtmp://{at.address}:{port}/live/a"))
         entry = Relay(self, port).port if relay else port
-        self.url = f"rtmps://{LOOPBACK}:{tls}/live/a" if secure else f"rtmp://{LOOPBACK}:{entry}/live/a"
+        self.url = f"rtmps://{at.address}:{tls}/live/a" if secure else f"rtmp://{at.address}:{entry}/live/a"
 
 
 class Hls(Peer):
-    def __init__(self, folder, material, relay=False):
-        super().__init__(folder, material, ["server"])
+    def __init__(self, folder, material, relay=False, at=HERE):
+        super().__init__(folder, material, ["server"], at)
         port = free_port()
         root = self.folder / f"hls{port}"
         playlist = root / "www/live.m3u8"
@@ -348,9 +383,9 @@ class Hls(Peer):
         self.add("sender", ffmpeg(material, "-f", "hls", "-hls_time", "1", "-hls_list_size", "8", "-hls_delete_threshold", "8",
                                   "-hls_flags", "delete_segments+append_list+omit_endlist", playlist),
                  lambda: playlist.exists() and playlist.read_text().count("#EXTINF") >= 3)
-        self.add("server", nginx(root, f"http {{ access_log off; {temporary} server {{ listen {LOOPBACK}:{port}; root {root}/www; }} }}"),
-                 lambda: tcp_listening(port))
-        self.url = f"http://{LOOPBACK}:{Relay(self, port).port if relay else port}/live.m3u8"
+        self.add("server", nginx(root, f"http {{ access_log off; {temporary} server {{ listen {at.address}:{port}; root {root}/www; }} }}"),
+                 lambda: at.tcp_listening(port))
+        self.url = f"http://{at.address}:{Relay(self, port).port if relay else port}/live.m3u8"
 
 
 def make_certificate(folder):

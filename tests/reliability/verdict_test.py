@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""The checks of the cycles can fail: verdict_test.py BUILD SANITIZERS
+"""The checks of the cycles and of the dead networks can fail: verdict_test.py BUILD SANITIZERS
 
-A host that loses something with every close is found out, by the right measure, and one that loses nothing is not.
+A host that loses something with every close is found out, by the right measure, and one that loses nothing is not; a source that nobody tells of its dead
+network is found out too.
 """
 
 import subprocess
@@ -10,6 +11,7 @@ import unittest
 from pathlib import Path
 
 import cycles
+import dead_networks
 import verdict
 from rig import Sample
 
@@ -36,6 +38,18 @@ class Losses(unittest.TestCase):
             for process in running.values():
                 process.kill()
                 process.wait()
+
+
+class DeadNetworks(unittest.TestCase):
+    @unittest.skipUnless(dead_networks.allowed(), "needs network namespaces")
+    def test_a_dead_network_that_is_not_noticed_is_a_failure(self):
+        # A stall watch that comes too late.
+        command = [sys.executable, dead_networks.__file__, "--build", BUILD, "--only", "rtmp", "--condition", "black hole", "--least", "3",
+                   "--patience", "6", "--stall-watch", "90000"]
+        run = subprocess.run(command, stdout=subprocess.PIPE, text=True, timeout=240)
+        self.assertIn("rtmp, black hole, stall watch: noticed > 6 s, and not within 102 s\n", run.stdout)
+        self.assertIn("1 of 2 cases held", run.stdout)
+        self.assertEqual(run.returncode, 1)
 
 
 class Verdict(unittest.TestCase):

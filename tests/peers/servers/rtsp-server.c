@@ -1,7 +1,7 @@
 /*
  * rtsp-server.c - the RTSP server of the peer tests: one mount "/stream" that plays a Matroska file from its start for each client.
  *
- * Prints "port N" once it listens on loopback, and one line for each request that it grants ("request DESCRIBE")
+ * Prints "port N" once it listens, and one line for each request that it grants ("request DESCRIBE")
  * and for each of its answers ("response 200").
  */
 #include <gst/gst.h>
@@ -18,6 +18,7 @@ static gchar *user = NULL;
 static gchar *password = NULL;
 static gchar *certificate = NULL;
 static gchar *damage = NULL;
+static gchar *address = "127.0.0.1";
 static gboolean metadata = FALSE;
 static gint port = 0;
 
@@ -32,6 +33,7 @@ static const GOptionEntry options[] = {
     {"certificate", 0, 0, G_OPTION_ARG_FILENAME, &certificate, "PEM file with certificate and key, for rtsps", "FILE"},
     {"damage", 0, 0, G_OPTION_ARG_STRING, &damage, "element, with properties, that the packets go through", "ELEMENT"},
     {"metadata", 0, 0, G_OPTION_ARG_NONE, &metadata, "add a stream of the media \"application\"", NULL},
+    {"address", 0, 0, G_OPTION_ARG_STRING, &address, "address to listen at, instead of 127.0.0.1", "ADDRESS"},
     {"port", 0, 0, G_OPTION_ARG_INT, &port, "port, 0 for one of the kernel's choice", "N"},
     {NULL, 0, 0, G_OPTION_ARG_NONE, NULL, NULL, NULL}};
 
@@ -170,7 +172,7 @@ int main(int argc, char *argv[]) {
     }
     gst_rtsp_mount_points_add_factory(mounts, "/stream", factory);
     g_object_unref(mounts);
-    gst_rtsp_server_set_address(server, "127.0.0.1");
+    gst_rtsp_server_set_address(server, address);
     gst_rtsp_server_set_service(server, service);
     g_signal_connect(server, "client-connected", G_CALLBACK(on_client), NULL);
     if (gst_rtsp_server_attach(server, NULL) == 0) {

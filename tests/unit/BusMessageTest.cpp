@@ -78,6 +78,22 @@ TEST_F(BusMessage, StreamStatusWithoutAStatusIsPassedOn) {
     }
 }
 
+// A thread that streams for one source may close another.
+TEST_F(BusMessage, StreamingThreadIsThatOfOneSource) {
+    const SourceClass &row = ClassOf(SOURCE_TYPE_UDP);
+    ASSERT_TRUE(row.build(*m_source));
+    const SourcePtr other(row.create(&m_buffer, kChannel, kStream));
+    ASSERT_TRUE(row.build(*other));
+    GstElement *owner = Element(*m_source, "Udpsrc");
+    Post(gst_message_new_stream_status(GST_OBJECT(owner), GST_STREAM_STATUS_TYPE_ENTER, owner));
+    EXPECT_TRUE(m_source->IsOwnThread());
+    EXPECT_FALSE(other->IsOwnThread());
+    Post(gst_message_new_stream_status(GST_OBJECT(owner), GST_STREAM_STATUS_TYPE_START, owner));
+    EXPECT_TRUE(m_source->IsOwnThread());
+    Post(gst_message_new_stream_status(GST_OBJECT(owner), GST_STREAM_STATUS_TYPE_LEAVE, owner));
+    EXPECT_FALSE(m_source->IsOwnThread());
+}
+
 TEST_F(BusMessage, TimeOutNameInAnotherMessageType) {
     GstStructure *structure = gst_structure_new_empty("GstUDPSrcTimeout");
     EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_application(nullptr, structure)));

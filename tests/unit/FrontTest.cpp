@@ -740,6 +740,24 @@ TEST_F(Options, HlsHandsItsOptionsToTheSegmentSources) {
     EXPECT_EQ(Sets{}, RecordOf(other));
 }
 
+TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
+    using Tessaro::CHLSSource;
+    ASSERT_TRUE(Open<CHLSSource>("http://127.0.0.1:9/a.m3u8", 200U, false, 20U, 5, "", "", "", "agent/2", "", ""));
+    // One that no factory has made: a host's or another plug-in's own.
+    static const GType type = g_type_register_static_simple(GST_TYPE_ELEMENT, "UnitBareElement", sizeof(GstElementClass),
+                                                            nullptr, sizeof(GstElement), nullptr, GTypeFlags(0));
+    auto *bare = GST_ELEMENT(g_object_new(type, nullptr));
+    ASSERT_EQ(nullptr, gst_element_get_factory(bare));
+    EXPECT_TRUE(gst_bin_add(GST_BIN(Source("Hlsdemux")), bare));
+
+    GstElement *segments = gst_element_factory_create(gst_element_factory_find("souphttpsrc"), "segments");
+    gst_object_ref_sink(segments);
+    StartRecord(segments);
+    SourceProbe::HlsDeepElementAdded(segments, nullptr);
+    EXPECT_EQ(Sets{}, RecordOf(segments)) << "nobody's options";
+    gst_object_unref(segments);
+}
+
 TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
     using Tessaro::CHLSSource;
     struct Row {
@@ -776,6 +794,39 @@ TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
         }
         m_source->CloseLiveStream();
         EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); }, 20)) << testing::PrintToString(LiveObjects());
+    }
+}
+
+TEST_F(Options, HlsReloadSessionHandsOnNoOtherContext) {
+    using Tessaro::CHLSSource;
+    GstElement *session = nullptr;
+    m_faults.OnMade("souphttpsrc", [&](GstElement *element) {
+        if (std::string("HttpSession") == GST_ELEMENT_NAME(element)) {
+            session = GST_ELEMENT(gst_object_ref(element));
+        }
+    });
+    const std::string url = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/a.m3u8";
+    ASSERT_TRUE(Open<CHLSSource>(url.c_str(), 200U, false, 10U, 3, "", "", "", "", "", ""));
+    ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
+    ASSERT_NE(nullptr, session);
+    for (const char *type : {"unit.other", "gst.soup.session"}) {
+        gst_element_post_message(session, gst_message_new_have_context(GST_OBJECT(session), gst_context_new(type, TRUE)));
+    }
+    GstContext *handed = gst_element_get_context(SourceProbe::Pipeline(*m_source), "gst.soup.session");
+    EXPECT_NE(nullptr, handed);
+    g_clear_pointer(&handed, gst_context_unref);
+    EXPECT_EQ(nullptr, gst_element_get_context(SourceProbe::Pipeline(*m_source), "unit.other"));
+    gst_object_unref(session);
+}
+
+TEST_F(Options, HlsLocationWithoutAHostGetsNoReloadSession) {
+    using Tessaro::CHLSSource;
+    for (const char *url : {"a.m3u8", "http:///a.m3u8"}) {
+        ASSERT_TRUE(Open<CHLSSource>(url, 200U, false, 10U, 3, "", "", "", "", "user", "secret"));
+        ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
+        const std::vector<std::string> made = m_faults.Made();
+        EXPECT_EQ(0, std::count(made.begin(), made.end(), "souphttpsrc HttpSession")) << url;
+        m_source->CloseLiveStream();
     }
 }
 

@@ -1,4 +1,5 @@
 // The life of a source from open to destroy: the five classes against one table.
+#include "support/FewDescriptors.h"
 #include "support/Fixture.h"
 
 #include <dirent.h>
@@ -64,6 +65,10 @@ const SessionEnd kSessionEnds[] = {
 class Lifecycle : public ClassTest {
   protected:
     Line BusFailure() const { return Err(Row().Tag() + " DoBusMessage--------------error!! URL=" + Url()); }
+
+    Line TooFewDescriptors() const {
+        return Err("[CBaseSource] Too few file descriptors are left for a pipeline!!! needed=32, URL=" + Url());
+    }
 
     // Waits for that many rebuilds and until the last one polls its bus.
     bool WaitForSessions(std::size_t rebuilds) {
@@ -375,6 +380,61 @@ TEST_P(Lifecycle, FailedRebuildEndsTheWorker) {
     EXPECT_EQ(Row().IdleCloseLines(Url()), m_log.Take());
     EXPECT_EQ("stop", SourceProbe::StateText(Source()));
     OpenPretended(Row());
+}
+
+// ---- Descriptors ------------------------------------------------------------------------------------------------------------
+
+// Less than a pipeline needs, and enough for what an element of the framework's own opens as soon as it is made.
+constexpr rlim_t kTooFew = 16;
+
+TEST_P(Lifecycle, OpenWithoutDescriptorsIsRefused) {
+    m_faults.SetPlay(Play::Pretend);
+    {
+        const FewDescriptors few(kTooFew);
+        EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+    }
+    EXPECT_EQ(1U, m_log.Count(TooFewDescriptors()));
+    EXPECT_EQ(1U, m_log.Count(Err(Row().Tag() + " Not all elements could be created!!! url=" + Url())));
+    EXPECT_TRUE(m_faults.Sleeps().empty()) << "the host is told at once";
+    EXPECT_FALSE(SourceProbe::Joinable(Source()));
+    OpenPretended(Row());
+}
+
+TEST_P(Lifecycle, RebuildWaitsForDescriptors) {
+    OpenPretended(Row());
+    std::unique_ptr<FewDescriptors> few;
+    m_faults.OnSleep([&](int number) {
+        if (number == 30) {  // the last slice before the rebuild
+            few = std::make_unique<FewDescriptors>(kTooFew);
+        } else if (number == 35) {
+            few.reset();
+        }
+    });
+    Post(gst_message_new_eos(nullptr));
+    ASSERT_TRUE(WaitForSessions(1));
+    EXPECT_EQ(std::vector<gulong>(35, 100000), m_faults.Sleeps());
+    EXPECT_EQ(1U, m_log.Count(TooFewDescriptors()));
+    EXPECT_EQ(1U, m_log.Count(Info("[CBaseSource] There are file descriptors again. URL=" + Url())));
+}
+
+TEST_P(Lifecycle, CloseEndsTheWaitForDescriptors) {
+    OpenPretended(Row());
+    std::unique_ptr<FewDescriptors> few;
+    m_faults.OnSleep([&](int number) {
+        if (number == 30) {
+            few = std::make_unique<FewDescriptors>(kTooFew);
+        } else if (number == 33) {
+            EXPECT_TRUE(Eventually([&] { return SourceProbe::Exit(Source()).load(); }));
+        }
+    });
+    Post(gst_message_new_eos(nullptr));
+    ASSERT_TRUE(Eventually([&] { return m_faults.Sleeps().size() == 33; }));
+    EXPECT_TRUE(Source().CloseLiveStream());
+    few.reset();
+    EXPECT_EQ(33U, m_faults.Sleeps().size());
+    EXPECT_EQ(1U, m_log.Count(TooFewDescriptors()));
+    EXPECT_EQ(0U, m_log.Count(Info("[CBaseSource] There are file descriptors again. URL=" + Url())));
+    EXPECT_EQ("stop", SourceProbe::StateText(Source()));
 }
 
 // ---- Close ------------------------------------------------------------------------------------------------------------------

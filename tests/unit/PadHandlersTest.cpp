@@ -64,9 +64,10 @@ class PadHandlers : public ClassTest {
 
 // ---- All classes ------------------------------------------------------------------------------------------------------------
 
-TEST_P(PadHandlers, SinkPadsAndMissingUserDataAreIgnored) {
+TEST_P(PadHandlers, SinkPadsAndMissingArgumentsAreIgnored) {
     const TestPad sink = MakePad("sink_1", "video/x-h264", GST_PAD_SINK);
     Handle(sink.get());
+    Handle(nullptr);
     const TestPad source = MakePad("src_1", "video/x-h264");
     Row().padAdded(SourceProbe::Pipeline(Source()), source.get(), nullptr);
     Row().padAdded(SourceProbe::Pipeline(Source()), sink.get(), nullptr);
@@ -347,9 +348,10 @@ TEST_F(HlsFirstStage, PadsWithoutCapsOrStructure) {
     }
 }
 
-TEST_F(HlsFirstStage, SinkPadsAndMissingUserDataAreIgnored) {
+TEST_F(HlsFirstStage, SinkPadsAndMissingArgumentsAreIgnored) {
     const TestPad sink = MakePad("sink", "video/mpegts", GST_PAD_SINK);
     Handle(sink.get());
+    SourceProbe::HlsPadAdded(nullptr, nullptr, m_source.get());
     const TestPad pad = MakePad("src_0", "video/mpegts");
     SourceProbe::HlsPadAdded(nullptr, pad.get(), nullptr);
     EXPECT_EQ(Lines{}, m_log.Take());

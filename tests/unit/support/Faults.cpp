@@ -1,5 +1,7 @@
 #include "Faults.h"
 
+#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -38,6 +40,7 @@ struct Plan {
     std::function<GstMessage *(int)> onPoll;
     std::vector<GstClockTime> polls;
     bool pollFast = false;
+    std::function<int(int)> onDescriptorCall;
 };
 
 thread_local int t_uncounted = 0;
@@ -200,6 +203,10 @@ void Faults::ForgetPlays() {
     WithPlan([](Plan &plan) { plan.plays = 0; });
 }
 
+void Faults::OnDescriptorCall(std::function<int(int command)> hook) {
+    WithPlan([&](Plan &plan) { plan.onDescriptorCall = std::move(hook); });
+}
+
 void Faults::PollFast() {
     WithPlan([](Plan &plan) { plan.pollFast = true; });
 }
@@ -274,6 +281,8 @@ GstStateChangeReturn __real_gst_element_set_state(GstElement *element, GstState 
 GstStateChangeReturn __wrap_gst_element_set_state(GstElement *element, GstState state);
 void __real_g_usleep(gulong microseconds);
 void __wrap_g_usleep(gulong microseconds);
+int __real_fcntl64(int fd, int command, ...);
+int __wrap_fcntl64(int fd, int command, ...);
 GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
 GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
 // std::thread::_M_start_thread, which throws when the system has no thread left.
@@ -393,6 +402,21 @@ void __wrap_g_usleep(gulong microseconds) {
     if (really) {
         __real_g_usleep(microseconds);
     }
+}
+
+int __wrap_fcntl64(int fd, int command, ...) {
+    // Whatever type the argument has, it is one machine word.
+    va_list arguments;
+    va_start(arguments, command);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    const auto hook = unit::WithPlan([](unit::Plan &plan) { return plan.onDescriptorCall; });
+    const int error = hook ? hook(command) : 0;
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return __real_fcntl64(fd, command, argument);
 }
 
 GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout) {

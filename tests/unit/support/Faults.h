@@ -61,6 +61,9 @@ class Faults {
     int Plays() const;
     void ForgetPlays();
 
+    // Called with the command of each fcntl, before it; an errno that it gives is what the call fails with, 0 lets it go on.
+    void OnDescriptorCall(std::function<int(int command)> hook);
+
     // The waits of the worker: recorded; not slept through unless asked for. The hook is called on the worker with the number
     // of the wait, counted from 1.
     void SleepReally();

@@ -63,6 +63,9 @@ struct SourceProbe {
     static void HlsPadAdded(GstElement *element, GstPad *pad, gpointer user) {
         CHLSSource::hls_pad_added_handler(element, pad, user);
     }
+    static void HlsDeepElementAdded(GstElement *element, gpointer user) {
+        CHLSSource::deep_element_added_handler(nullptr, nullptr, element, user);
+    }
     static gboolean CallerConnecting(GstElement *element, GSocketAddress *address, char *id, gpointer user) {
         return CSrtSource::caller_connecting_handler(element, address, id, user);
     }

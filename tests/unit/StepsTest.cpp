@@ -1,0 +1,667 @@
+// The steps below the source classes that deal with the process: its descriptors, its standard output, threads that stand or wait.
+#include "support/FewDescriptors.h"
+#include "support/Fixture.h"
+#include "support/Watchdog.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <future>
+#include <thread>
+#include <vector>
+
+namespace unit {
+
+// ---- Descriptors ------------------------------------------------------------------------------------------------------------
+
+TEST(Descriptors, AreCountedAndGivenBack) {
+    const int before = dup(STDIN_FILENO);
+    close(before);
+    EXPECT_TRUE(GSTREAMER::DescriptorsLeft(0));
+    EXPECT_TRUE(GSTREAMER::DescriptorsLeft(32));
+    {
+        const FewDescriptors none(0);
+        EXPECT_TRUE(GSTREAMER::DescriptorsLeft(0));
+        EXPECT_FALSE(GSTREAMER::DescriptorsLeft(1));
+    }
+    const int after = dup(STDIN_FILENO);
+    close(after);
+    EXPECT_EQ(before, after);
+}
+
+// ---- Standard output --------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Lends the first two descriptors to a test that closes them. What it finds it reports after the end of the scope, since until then
+// there is nowhere to print.
+class BorrowedStdio {
+  public:
+    BorrowedStdio() {
+        std::fflush(stdout);
+        for (const int fd : {0, 1}) {
+            m_saved.at(static_cast<std::size_t>(fd)) = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+            if (m_saved.at(static_cast<std::size_t>(fd)) < 0) {
+                std::perror("unable to save standard input and output");
+                std::abort();
+            }
+        }
+    }
+    ~BorrowedStdio() {
+        std::fflush(stdout);
+        for (const int fd : {0, 1}) {
+            dup2(m_saved.at(static_cast<std::size_t>(fd)), fd);
+            close(m_saved.at(static_cast<std::size_t>(fd)));
+        }
+    }
+    BorrowedStdio(const BorrowedStdio &) = delete;
+    BorrowedStdio &operator=(const BorrowedStdio &) = delete;
+
+  private:
+    std::array<int, 2> m_saved{};
+};
+
+bool IsOpen(int fd) {
+    return fcntl(fd, F_GETFD) >= 0;
+}
+
+bool IsNull(int fd) {
+    struct stat info {};
+    return fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
+}
+
+// The number that is given out next.
+int LowestFree() {
+    const int fd = memfd_create("number", MFD_CLOEXEC);
+    close(fd);
+    return fd;
+}
+
+}  // namespace
+
+TEST(StandardOutput, OneThatIsOpenIsLeftAlone) {
+    bool same = false;
+    {
+        const BorrowedStdio borrowed;
+        const int file = memfd_create("output", MFD_CLOEXEC);
+        dup2(file, STDOUT_FILENO);
+        GSTREAMER::GuardStandardOutput();
+        struct stat is {};
+        struct stat was {};
+        same = fstat(STDOUT_FILENO, &is) == 0 && fstat(file, &was) == 0 && is.st_dev == was.st_dev && is.st_ino == was.st_ino;
+        close(file);
+    }
+    EXPECT_TRUE(same);
+}
+
+TEST(StandardOutput, OneThatIsClosedLeadsToNull) {
+    bool null = false;
+    int before = -1;
+    int after = -2;
+    {
+        const BorrowedStdio borrowed;
+        before = LowestFree();
+        close(STDOUT_FILENO);
+        GSTREAMER::GuardStandardOutput();
+        null = IsNull(STDOUT_FILENO);
+        after = LowestFree();
+    }
+    EXPECT_TRUE(null);
+    EXPECT_EQ(before, after) << "no other descriptor is left open";
+}
+
+TEST(StandardOutput, LowerNumbersThatAreFreeStayFree) {
+    bool null = false;
+    bool input = true;
+    {
+        const BorrowedStdio borrowed;
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        GSTREAMER::GuardStandardOutput();
+        null = IsNull(STDOUT_FILENO);
+        input = IsOpen(STDIN_FILENO);
+    }
+    EXPECT_TRUE(null);
+    EXPECT_FALSE(input);
+}
+
+TEST(StandardOutput, NothingCanBeOpened) {
+    bool output = true;
+    {
+        const BorrowedStdio borrowed;
+        close(STDOUT_FILENO);
+        {
+            const FewDescriptors none(0);
+            GSTREAMER::GuardStandardOutput();
+        }
+        output = IsOpen(STDOUT_FILENO);
+    }
+    EXPECT_FALSE(output);
+}
+
+// Another thread that opens something in the same moment gets the number first.
+TEST(StandardOutput, NumberThatSomebodyElseHasGotIsTheirs) {
+    Faults faults;
+    bool same = false;
+    int before = -1;
+    int after = -2;
+    {
+        const BorrowedStdio borrowed;
+        const int file = memfd_create("somebody's", MFD_CLOEXEC);
+        before = LowestFree();
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        faults.OnDescriptorCall([&](int command) {
+            if (command == F_DUPFD) {
+                dup2(file, STDOUT_FILENO);
+            }
+            return 0;
+        });
+        GSTREAMER::GuardStandardOutput();
+        faults.OnDescriptorCall(nullptr);
+        struct stat is {};
+        struct stat was {};
+        same = fstat(STDOUT_FILENO, &is) == 0 && fstat(file, &was) == 0 && is.st_ino == was.st_ino;
+        dup2(STDOUT_FILENO, STDIN_FILENO);
+        after = LowestFree();
+        close(file);
+    }
+    EXPECT_TRUE(same);
+    EXPECT_EQ(before, after) << "no other descriptor is left open";
+}
+
+TEST(StandardOutput, OneThatCannotBeLookedAtIsLeftAlone) {
+    Faults faults;
+    bool output = true;
+    {
+        const BorrowedStdio borrowed;
+        close(STDOUT_FILENO);
+        faults.OnDescriptorCall([](int) { return EPERM; });
+        GSTREAMER::GuardStandardOutput();
+        faults.OnDescriptorCall(nullptr);
+        output = IsOpen(STDOUT_FILENO);
+    }
+    EXPECT_FALSE(output);
+}
+
+// ---- Taking out -------------------------------------------------------------------------------------------------------------
+
+TEST(TakeOut, WhatIsNotInTheBinIsLeftAlone) {
+    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
+    GstElement *loose = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("loose")));
+    GSTREAMER::TakeOut(bin, nullptr);
+    GSTREAMER::TakeOut(bin, loose);
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(loose));
+    gst_object_unref(loose);
+    gst_object_unref(bin);
+}
+
+// ---- Holding a source -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+class Hold : public testing::Test {
+  protected:
+    void SetUp() override {
+        m_pipeline = gst_parse_launch("fakesrc name=source sizetype=fixed sizemax=10 ! fakesink name=sink signal-handoffs=true",
+                                      nullptr);
+        ASSERT_NE(nullptr, m_pipeline);
+        m_source = gst_bin_get_by_name(GST_BIN(m_pipeline), "source");
+        m_sink = gst_bin_get_by_name(GST_BIN(m_pipeline), "sink");
+        m_pad = gst_element_get_static_pad(m_source, "src");
+        g_signal_connect(m_sink, "handoff", G_CALLBACK(Arrived), this);
+    }
+    void TearDown() override {
+        m_blocking = false;
+        gst_element_set_state(m_pipeline, GST_STATE_NULL);
+        gst_object_unref(m_pad);
+        gst_object_unref(m_source);
+        gst_object_unref(m_sink);
+        gst_object_unref(m_pipeline);
+    }
+
+    bool Flow() {
+        gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
+        return Eventually([this] { return m_buffers > 3; });
+    }
+    static void Arrived(GstElement *, GstBuffer *, GstPad *, Hold *self) {
+        ++self->m_buffers;
+        while (self->m_blocking) {
+            self->m_blocked = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    Watchdog m_watchdog{"holding a source"};
+    GstElement *m_pipeline = nullptr;
+    GstElement *m_source = nullptr;
+    GstElement *m_sink = nullptr;
+    GstPad *m_pad = nullptr;
+    std::atomic<int> m_buffers{0};
+    std::atomic<bool> m_blocking{false};
+    std::atomic<bool> m_blocked{false};
+};
+
+constexpr int kLongMs = 60000;
+constexpr int kShortMs = 20;
+
+}  // namespace
+
+TEST_F(Hold, StandsStillAtItsPadUntilItIsStopped) {
+    ASSERT_TRUE(Flow());
+    EXPECT_TRUE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs));
+    // Whatever was under way has arrived: the thread that brought it is the one that stands.
+    const int arrived = m_buffers;
+    EXPECT_TRUE(Eventually([this] { return gst_pad_is_blocking(m_pad) != FALSE; }));
+    EXPECT_EQ(GST_STATE_CHANGE_SUCCESS, gst_element_set_state(m_pipeline, GST_STATE_NULL));
+    EXPECT_EQ(arrived, m_buffers);
+}
+
+TEST_F(Hold, NothingThatStreams) {
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(nullptr, kLongMs));
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_sink, kLongMs)) << "no source pad";
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs)) << "not started";
+    EXPECT_FALSE(gst_pad_is_blocked(m_pad));
+}
+
+TEST_F(Hold, NothingThatComesInTime) {
+    m_blocking = true;
+    gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
+    ASSERT_TRUE(Eventually([this] { return m_blocked.load(); }));
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kShortMs));
+    // It is held all the same as soon as it comes, after the end of the wait.
+    m_blocking = false;
+    EXPECT_TRUE(Eventually([this] { return gst_pad_is_blocking(m_pad) != FALSE; }));
+}
+
+TEST_F(Hold, PadThatTakesNoProbe) {
+    ASSERT_TRUE(Flow());
+    Faults faults;
+    faults.FailCall(2);
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs));
+    EXPECT_EQ("gst_pad_add_probe", faults.FailedCall().function);
+    EXPECT_FALSE(gst_pad_is_blocked(m_pad));
+}
+
+// ---- Ending a wait ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// A thread of the test's in a call.
+class Waiting {
+  public:
+    explicit Waiting(std::function<ssize_t()> call) {
+        std::promise<pid_t> id;
+        std::future<pid_t> known = id.get_future();
+        m_thread = std::thread([this, call = std::move(call), &id] {
+            id.set_value(gettid());
+            m_result = call();
+            m_done = true;
+        });
+        m_id = known.get();
+    }
+    ~Waiting() { m_thread.join(); }
+    Waiting(const Waiting &) = delete;
+    Waiting &operator=(const Waiting &) = delete;
+
+    bool ReachedCall(long number) const {
+        return Eventually([&] {
+            std::ifstream file("/proc/self/task/" + std::to_string(m_id) + "/syscall");
+            long is = -1;
+            return static_cast<bool>(file >> is) && is == number;
+        });
+    }
+    bool Ended() const {
+        return Eventually([this] { return m_done.load(); });
+    }
+    pid_t Id() const { return m_id; }
+    ssize_t Result() const { return m_result; }
+
+  private:
+    std::thread m_thread;
+    pid_t m_id = 0;
+    std::atomic<ssize_t> m_result{1};
+    std::atomic<bool> m_done{false};
+};
+
+struct SocketCall {
+    const char *name;
+    long number;
+    bool writes;
+    ssize_t (*call)(int fd);
+};
+
+void PrintTo(const SocketCall &row, std::ostream *out) {
+    *out << row.name;
+}
+
+std::array<char, 4096> g_bytes{};
+
+iovec Bytes() {
+    return {g_bytes.data(), g_bytes.size()};
+}
+
+const SocketCall kSocketCalls[] = {
+    {"read", SYS_read, false, [](int fd) { return read(fd, g_bytes.data(), g_bytes.size()); }},
+    {"readv", SYS_readv, false,
+     [](int fd) {
+         const iovec bytes = Bytes();
+         return readv(fd, &bytes, 1);
+     }},
+    {"recvfrom", SYS_recvfrom, false, [](int fd) { return recv(fd, g_bytes.data(), g_bytes.size(), 0); }},
+    {"recvmsg", SYS_recvmsg, false,
+     [](int fd) {
+         iovec bytes = Bytes();
+         msghdr message{};
+         message.msg_iov = &bytes;
+         message.msg_iovlen = 1;
+         return recvmsg(fd, &message, 0);
+     }},
+    {"write", SYS_write, true, [](int fd) { return write(fd, g_bytes.data(), g_bytes.size()); }},
+    {"writev", SYS_writev, true,
+     [](int fd) {
+         const iovec bytes = Bytes();
+         return writev(fd, &bytes, 1);
+     }},
+    {"sendto", SYS_sendto, true, [](int fd) { return send(fd, g_bytes.data(), g_bytes.size(), 0); }},
+    {"sendmsg", SYS_sendmsg, true,
+     [](int fd) {
+         iovec bytes = Bytes();
+         msghdr message{};
+         message.msg_iov = &bytes;
+         message.msg_iovlen = 1;
+         return sendmsg(fd, &message, 0);
+     }},
+};
+
+class SocketPair : public testing::Test {
+  protected:
+    void SetUp() override {
+        Connect();
+        // Writing to an end that is shut down ends a process that does not care for this signal.
+        m_pipeAction = std::signal(SIGPIPE, SIG_IGN);
+    }
+    void TearDown() override {
+        for (const int fd : m_pair) {
+            close(fd);
+        }
+        std::signal(SIGPIPE, m_pipeAction);
+    }
+    // Both ends of a connection as to a peer.
+    void Connect() {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address));
+        ASSERT_EQ(0, getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size));
+        ASSERT_EQ(0, listen(listener, 1));
+        m_pair[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(0, connect(m_pair[0], reinterpret_cast<sockaddr *>(&address), sizeof address));
+        m_pair[1] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        ASSERT_LE(0, m_pair[1]);
+        close(listener);
+    }
+    // Until nothing more goes in.
+    static void Fill(int fd) {
+        while (send(fd, g_bytes.data(), g_bytes.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+
+    Watchdog m_watchdog{"ending a wait for a socket"};
+    std::array<int, 2> m_pair{};
+    void (*m_pipeAction)(int) = nullptr;
+};
+
+class EndSocketWait : public SocketPair, public testing::WithParamInterface<SocketCall> {};
+class NoSocketWait : public SocketPair {};
+
+}  // namespace
+
+TEST_P(EndSocketWait, CallReturns) {
+    if (GetParam().writes) {
+        Fill(m_pair[0]);
+    }
+    // The peer's buffer may still grow.
+    const Waiting waiting([this] {
+        ssize_t result = 1;
+        while (result > 0) {
+            result = GetParam().call(m_pair[0]);
+        }
+        return result;
+    });
+    EXPECT_TRUE(waiting.ReachedCall(GetParam().number));
+    EXPECT_TRUE(Eventually([&] { return GSTREAMER::EndSocketWait(waiting.Id()); }));
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(GetParam().writes ? -1 : 0, waiting.Result());
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, EndSocketWait, testing::ValuesIn(kSocketCalls), ClassName());
+
+TEST_F(NoSocketWait, PollForOneAmongOthers) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(0, pipe2(ends.data(), O_CLOEXEC));
+    {
+        std::array<pollfd, 2> polled{pollfd{ends[0], POLLIN, 0}, pollfd{m_pair[0], POLLIN, 0}};
+        const Waiting waiting([&] { return poll(polled.data(), polled.size(), -1); });
+        EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
+        EXPECT_TRUE(GSTREAMER::EndSocketWait(waiting.Id()));
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(1, waiting.Result());
+        EXPECT_EQ(0, polled[0].revents);
+    }
+    EXPECT_EQ(1, write(ends[1], "x", 1)) << "the pipe is as it was";
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(NoSocketWait, PollWithATimeOutIsAnotherCall) {
+    pollfd polled{m_pair[0], POLLIN, 0};
+    const Waiting waiting([&] {
+        const timespec minute{60, 0};
+        return ppoll(&polled, 1, &minute, nullptr);
+    });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_ppoll));
+    EXPECT_TRUE(GSTREAMER::EndSocketWait(waiting.Id()));
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(1, waiting.Result());
+}
+
+// What polls for that many serves more than one peer.
+TEST_F(NoSocketWait, PollForNoneOrManyGoesOn) {
+    std::array<int, 2> wake{};
+    ASSERT_EQ(0, pipe2(wake.data(), O_CLOEXEC));
+    {
+        std::vector<pollfd> polled(17, pollfd{m_pair[0], POLLIN, 0});
+        polled[0].fd = wake[0];
+        const Waiting waiting([&] { return poll(polled.data(), polled.size(), -1); });
+        EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
+        EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+        EXPECT_EQ(1, write(wake[1], "x", 1));
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(1, waiting.Result());
+    }
+    close(wake[0]);
+    close(wake[1]);
+
+    std::atomic<bool> enough{false};
+    const Waiting waiting([&] {
+        while (!enough) {
+            poll(nullptr, 0, 100);
+        }
+        return ssize_t{7};
+    });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    enough = true;
+    ASSERT_TRUE(waiting.Ended());
+}
+
+// The descriptors of a poll lie in the memory of the thread, and that may be gone.
+TEST_F(NoSocketWait, PollWhoseListIsGoneGoesOn) {
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void *list = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, list);
+    *static_cast<pollfd *>(list) = pollfd{m_pair[0], POLLIN, 0};
+    const Waiting waiting([&] { return poll(static_cast<pollfd *>(list), 1, -1); });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
+    munmap(list, page);
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    EXPECT_EQ(1, send(m_pair[1], "x", 1, 0));
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(-1, waiting.Result()) << "the kernel has nowhere to write to";
+}
+
+TEST_F(NoSocketWait, ThreadThatRunsOrIsNone) {
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(gettid()));
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(0));
+}
+
+TEST_F(NoSocketWait, OtherCallsGoOn) {
+    std::promise<void> enough;
+    const Waiting waiting([&] {
+        enough.get_future().wait();
+        return ssize_t{7};
+    });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_futex));
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    enough.set_value();
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(7, waiting.Result());
+}
+
+TEST_F(NoSocketWait, PipesGoOn) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(0, pipe2(ends.data(), O_CLOEXEC));
+    {
+        const Waiting waiting([&] { return read(ends[0], g_bytes.data(), 1); });
+        EXPECT_TRUE(waiting.ReachedCall(SYS_read));
+        EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+        EXPECT_EQ(1, write(ends[1], "x", 1));
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(1, waiting.Result());
+    }
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// By then the number may be another file's.
+TEST_F(NoSocketWait, ThreadThatHasMovedOnMeanwhile) {
+    Faults faults;
+    const Waiting waiting([this] { return recv(m_pair[0], g_bytes.data(), 1, 0); });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_recvfrom));
+    faults.OnDescriptorCall([&](int command) {
+        if (command == F_DUPFD_CLOEXEC) {
+            EXPECT_EQ(1, send(m_pair[1], "x", 1, 0));
+            EXPECT_TRUE(waiting.Ended());
+        }
+        return 0;
+    });
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    EXPECT_EQ(1, waiting.Result());
+    EXPECT_EQ(1, send(m_pair[1], "y", 1, MSG_NOSIGNAL)) << "the socket is not shut down";
+}
+
+TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
+    const int own = dup(m_pair[0]);
+    const Waiting waiting([&] { return recv(own, g_bytes.data(), 1, 0); });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_recvfrom));
+    close(own);
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    EXPECT_EQ(1, send(m_pair[1], "x", 1, 0));
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(1, waiting.Result()) << "the socket itself is as it was";
+}
+
+// ---- Patience with a stop ---------------------------------------------------------------------------------------------------
+
+TEST(Patience, HelpsAgainAndAgainWhatTakesLonger) {
+    const Watchdog watchdog("help with a stop");
+    std::atomic<int> helped{0};
+    {
+        const GSTREAMER::StopPatience patience(std::chrono::milliseconds(1), [&] { ++helped; });
+        EXPECT_TRUE(Eventually([&] { return helped > 2; }));
+    }
+    const int before = helped;
+    EXPECT_LT(2, before);
+    EXPECT_EQ(before, helped);
+}
+
+TEST(Patience, LeavesAloneWhatIsOverBefore) {
+    const Watchdog watchdog("a stop that needs no help");
+    std::atomic<int> helped{0};
+    {
+        const GSTREAMER::StopPatience patience(std::chrono::minutes(10), [&] { ++helped; });
+    }
+    EXPECT_EQ(0, helped);
+}
+
+TEST(Patience, WithoutAThreadToWatchWithItIsTold) {
+    const LogCapture log;
+    Faults faults;
+    faults.FailThreadStart();
+    std::atomic<int> helped{0};
+    {
+        const GSTREAMER::StopPatience patience(std::chrono::milliseconds(1), [&] { ++helped; });
+    }
+    const Lines lines = log.All();
+    ASSERT_EQ(1U, lines.size());
+    EXPECT_EQ("WARN", lines[0].level);
+    EXPECT_EQ(0U, lines[0].message.find("[GSTREAMER] Unable to watch a stop"));
+    EXPECT_EQ(0, helped);
+}
+
+TEST(Patience, JitterBuffersAreWokenWhereverTheySit) {
+    GstElement *pipeline = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("pipeline")));
+    GstElement *inner = gst_bin_new("inner");
+    GstElement *buffer = gst_element_factory_make("rtpjitterbuffer", "buffer");
+    GstElement *other = gst_element_factory_make("queue", "other");
+    ASSERT_NE(nullptr, buffer);
+    gst_bin_add(GST_BIN(inner), buffer);
+    gst_bin_add(GST_BIN(pipeline), inner);
+    gst_bin_add(GST_BIN(pipeline), other);
+    std::array<std::atomic<int>, 2> flushes{};
+    std::size_t at = 0;
+    for (GstElement *element : {buffer, other}) {
+        GstPad *pad = gst_element_get_static_pad(element, "sink");
+        gst_pad_add_probe(
+            pad, GST_PAD_PROBE_TYPE_EVENT_FLUSH,
+            [](GstPad *, GstPadProbeInfo *, gpointer count) {
+                ++*static_cast<std::atomic<int> *>(count);
+                return GST_PAD_PROBE_OK;
+            },
+            &flushes.at(at++), nullptr);
+        gst_object_unref(pad);
+    }
+    gst_element_set_state(pipeline, GST_STATE_PAUSED);
+    GSTREAMER::WakeJitterBuffers(pipeline);
+    EXPECT_EQ(1, flushes[0]);
+    EXPECT_EQ(0, flushes[1]);
+    {
+        Faults faults;
+        faults.FailCall(1);
+        GSTREAMER::WakeJitterBuffers(pipeline);
+        EXPECT_EQ("gst_element_get_static_pad", faults.FailedCall().function);
+    }
+    EXPECT_EQ(1, flushes[0]);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+}
+
+}  // namespace unit

@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <atomic>
 #include <chrono>
@@ -183,13 +184,17 @@ class Shared {
     T *const value_;
 };
 
-// Gives way until it holds, false after a minute.
+// Gives way until it holds, false after a minute, in which time does not count while the whole machine stands still.
 inline bool Eventually(const std::function<bool()> &holds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > end)
+    constexpr std::chrono::steady_clock::duration longest_look = std::chrono::seconds(1);
+    std::chrono::steady_clock::duration spent{0};
+    for (auto last = std::chrono::steady_clock::now(); !holds();) {
+        if (spent > std::chrono::minutes(1))
             return false;
         sched_yield();
+        const auto now = std::chrono::steady_clock::now();
+        spent += std::min(now - last, longest_look);
+        last = now;
     }
     return true;
 }

@@ -1,6 +1,7 @@
 // Waiting for a condition instead of for time.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -9,12 +10,15 @@ using namespace std::chrono_literals;
 // True once the condition holds, false when it does not within the bound.
 template <typename Condition>
 bool WaitFor(const Condition &condition, std::chrono::milliseconds bound = 120s) {
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return condition();
+    // Time in which the whole machine stood still does not count.
+    constexpr std::chrono::steady_clock::duration longest_look = 1s;
+    std::chrono::steady_clock::duration spent{0};
+    for (auto begun = std::chrono::steady_clock::now(); !condition(); begun = std::chrono::steady_clock::now()) {
+        if (spent >= bound) {
+            return false;
         }
         std::this_thread::sleep_for(10ms);
+        spent += std::min(std::chrono::steady_clock::now() - begun, longest_look);
     }
     return true;
 }

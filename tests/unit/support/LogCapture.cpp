@@ -44,12 +44,16 @@ Lines operator+(Lines left, const Lines &right) {
 }
 
 bool Eventually(const std::function<bool()> &condition, int seconds) {
-    const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > bound) {
+    // Time in which the whole machine stood still does not count.
+    constexpr std::chrono::steady_clock::duration kLongestLook = std::chrono::seconds(1);
+    const std::chrono::seconds bound(seconds);
+    std::chrono::steady_clock::duration spent{0};
+    for (auto begun = std::chrono::steady_clock::now(); !condition(); begun = std::chrono::steady_clock::now()) {
+        if (spent > bound) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        spent += std::min(std::chrono::steady_clock::now() - begun, kLongestLook);
     }
     return true;
 }

@@ -79,8 +79,11 @@ Watchdog::~Watchdog() {
 
 void Watchdog::Watch() {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_cond.wait_for(lock, std::chrono::seconds(m_seconds), [this] { return m_done; })) {
-        return;
+    // By the second, so that one in which the whole machine stood still for minutes counts as one.
+    for (int second = 0; second < m_seconds; ++second) {
+        if (m_cond.wait_for(lock, std::chrono::seconds(1), [this] { return m_done; })) {
+            return;
+        }
     }
     std::fprintf(stderr, "hangs: %s, for more than %d s\n", m_what.c_str(), m_seconds);
     if (!PrintStacksByDebugger()) {

@@ -4,6 +4,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
 
 // The framework is not instrumented: what its own locks order looks like a race there. Children that end with a thread still running
 // would be held for a second each.
@@ -37,6 +40,35 @@ const auto *const nothing_left = ::testing::AddGlobalTestEnvironment(new Nothing
 }  // namespace
 
 namespace shbtest {
+
+namespace {
+
+bool OthersSleep() {
+    bool all = true;
+    DIR *threads = opendir("/proc/self/task");
+    if (threads == nullptr)
+        return true;
+    while (const dirent *entry = readdir(threads)) {
+        if (entry->d_name[0] == '.' || std::to_string(gettid()) == entry->d_name)
+            continue;
+        std::ifstream file(std::string("/proc/self/task/") + entry->d_name + "/stat");
+        std::string line;
+        std::getline(file, line);
+        // "ID (NAME) STATE ...", and a name may hold anything.
+        const size_t name_end = line.rfind(')');
+        all = all && (name_end == std::string::npos || line.compare(name_end, 3, ") S") == 0);
+    }
+    closedir(threads);
+    return all;
+}
+
+}  // namespace
+
+void AwaitSleepingThreads() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    while (!OthersSleep() && std::chrono::steady_clock::now() < end)
+        sched_yield();
+}
 
 std::vector<std::string> FilesOf(const std::string &prefix) {
     std::vector<std::string> names;

@@ -121,10 +121,15 @@ inline ReadFrame Read(const Reader &reader, int timeout_ms = 0, size_t capacity 
     return got;
 }
 
+// Until the other threads of the process sleep, a fifth of a second at most. A child that is forked while one of them, the heartbeat of a
+// buffer that has just been made, holds the lock of the address sanitizer's allocator would have it locked for ever.
+void AwaitSleepingThreads();
+
 // A forked child that runs `body` and ends with its result. It is ended and reaped in any case.
 class Child {
   public:
     explicit Child(const std::function<int()> &body) {
+        AwaitSleepingThreads();
         pid_ = fork();
         if (pid_ == 0)
             _exit(body());

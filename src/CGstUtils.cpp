@@ -275,6 +275,7 @@ std::vector<int> PolledBy(std::istream &arguments) {
         return {};
     }
     std::vector<int> descriptors;
+    descriptors.reserve(polled.size());
     for (const pollfd &one : polled) {
         descriptors.push_back(one.fd);
     }

@@ -1,16 +1,24 @@
 // HLS: nginx serves what ffmpeg writes, straight or through tinyproxy.
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <map>
 #include <ostream>
 #include <sstream>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "harness/PeerTest.h"
+#include "harness/Ports.h"
 
 namespace peers {
 namespace {
@@ -364,6 +372,107 @@ INSTANTIATE_TEST_SUITE_P(, HlsRefusedSegments,
                          testing::Values(RefusedSegmentRow{"unauthorized", "401"}, RefusedSegmentRow{"forbidden", "403"},
                                          RefusedSegmentRow{"not_found", "404"}, RefusedSegmentRow{"server_error", "500"}),
                          [](const auto &row) { return row.param.name; });
+
+// ---- Closed while a request is under way ------------------------------------------------------------------------------
+
+// Answers each request after a while, not always the same: "404", on the same connection.
+class SlowServer {
+  public:
+    SlowServer(milliseconds delay, milliseconds spread)
+        : delay_(delay), spread_(spread), listener_(ListenOnLoopback(port_)), thread_([this] { Run(); }) {}
+    ~SlowServer() {
+        stop_ = true;
+        thread_.join();
+        close(listener_);
+    }
+    SlowServer(const SlowServer &) = delete;
+    SlowServer &operator=(const SlowServer &) = delete;
+
+    std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/live.m3u8"; }
+    size_t Answered() const { return answered_; }
+
+  private:
+    void Run() {
+        std::vector<pollfd> ends = {{listener_, POLLIN, 0}};
+        std::deque<std::pair<Clock::time_point, int>> due;
+        constexpr int kSteps = 50;
+        int asked = 0;
+        while (!stop_) {
+            poll(ends.data(), ends.size(), due.empty() ? 20 : 1);
+            while (!due.empty() && due.front().first <= Clock::now()) {
+                const std::string answer = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n";
+                answered_ += send(due.front().second, answer.data(), answer.size(), MSG_NOSIGNAL) > 0 ? 1 : 0;
+                due.pop_front();
+            }
+            for (size_t i = ends.size(); i-- > 1;) {
+                char request[4096];
+                const ssize_t got = ends[i].revents != 0 ? recv(ends[i].fd, request, sizeof request, MSG_DONTWAIT) : -1;
+                if (got > 0) {
+                    due.emplace_back(Clock::now() + delay_ + spread_ * (++asked % kSteps) / kSteps, ends[i].fd);
+                } else if (got == 0) {
+                    due.erase(std::remove_if(due.begin(), due.end(), [&](const auto &one) { return one.second == ends[i].fd; }),
+                              due.end());
+                    close(ends[i].fd);
+                    ends.erase(ends.begin() + static_cast<std::ptrdiff_t>(i));
+                }
+            }
+            if ((ends[0].revents & POLLIN) != 0) {
+                ends.push_back({accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC), POLLIN, 0});
+            }
+        }
+        for (size_t i = 1; i < ends.size(); ++i) {
+            close(ends[i].fd);
+        }
+    }
+
+    const Clock::duration delay_, spread_;
+    uint16_t port_ = 0;
+    const int listener_;
+    std::atomic<bool> stop_{false};
+    std::atomic<size_t> answered_{0};
+    std::thread thread_;
+};
+
+// Several hosts at once open and close a source again and again, at once or when the worker waits for news.
+void CloseAgainAndAgain(int hosts, int rounds, const std::string &url, const HlsOptions &options, bool connected) {
+    std::atomic<int> running{hosts};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < hosts; ++i) {
+        threads.emplace_back([&] {
+            Host host(kHls);
+            for (int round = 0; round < rounds; ++round) {
+                EXPECT_TRUE(host.Open(url, options));
+                EXPECT_TRUE(!connected || WaitFor([&] { return host.State() == "connected"; }, seconds(20)));
+                EXPECT_TRUE(host.Close());
+                EXPECT_EQ(host.State(), "stop");
+            }
+            --running;
+        });
+    }
+    if (!WaitFor([&] { return running == 0; }, seconds(60))) {
+        // The thread cannot be ended: nothing but the end of this program frees it.
+        std::fputs("close hangs\n", stderr);
+        std::abort();
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+// An answer that came just when souphttpsrc was stopped used to end the process, in libsoup. The worker looks up every 100 ms.
+TEST_F(Hls, ClosedJustWhenTheAnswerComesEndsWell) {
+    const SlowServer server(milliseconds(99), milliseconds(3));
+    CloseAgainAndAgain(8, 80, server.Url(), HlsOptions{}, true);
+    EXPECT_GT(server.Answered(), 0U);
+}
+
+// A connection attempt that was cancelled as it began used to be forgotten by GLib, and souphttpsrc waited for it for ever.
+TEST_F(Hls, ClosedWhileItBeginsToConnectEndsWell) {
+    HlsOptions options;
+    options.proxy = "127.0.0.1:" + std::to_string(FreeTcpPort());
+    options.retries = 0;
+    CloseAgainAndAgain(4, 1200, Url(), options, false);
+}
 
 // ---- Other playlists ------------------------------------------------------------------------------------------------
 

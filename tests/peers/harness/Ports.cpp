@@ -64,6 +64,18 @@ uint16_t FreeUdpPort() {
     return FreePort(SOCK_DGRAM);
 }
 
+int ListenOnLoopback(uint16_t &port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = Loopback(0);
+    socklen_t size = sizeof address;
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&address), size) != 0 || listen(fd, 64) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) {
+        throw std::runtime_error("no socket that listens");
+    }
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
 bool TcpListening(uint16_t port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_in address = Loopback(port);

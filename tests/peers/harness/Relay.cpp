@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "Ports.h"
+
 namespace peers {
 namespace {
 
@@ -29,14 +31,10 @@ constexpr int kLookMs = 50;  // how soon a release is noticed
 
 }  // namespace
 
-Relay::Relay(uint16_t target) : target_(target), listener_(TcpSocket()) {
-    sockaddr_in address = Loopback(0);
-    socklen_t length = sizeof address;
-    if (bind(listener_, reinterpret_cast<sockaddr *>(&address), length) != 0 || listen(listener_, 8) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr *>(&address), &length) != 0 || pipe2(wake_, O_CLOEXEC) != 0) {
+Relay::Relay(uint16_t target) : target_(target), listener_(ListenOnLoopback(port_)) {
+    if (pipe2(wake_, O_CLOEXEC) != 0) {
         throw std::runtime_error("no relay");
     }
-    port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { Run(); });
 }
 

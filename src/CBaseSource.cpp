@@ -445,9 +445,9 @@ bool CBaseSource::_DescriptorsLeft() {
     return false;
 }
 
-void CBaseSource::_CreatePipeline() {
+bool CBaseSource::_CreatePipeline() {
     if (!_DescriptorsLeft()) {
-        return;
+        return false;
     }
     m_pPipeline = gst_pipeline_new("pipeline");
     if (m_pPipeline != nullptr) {
@@ -458,6 +458,7 @@ void CBaseSource::_CreatePipeline() {
         m_nRun = ++g_nLastRun;
         gst_bus_set_sync_handler(m_pBus, stream_status_handler, GSIZE_TO_POINTER(m_nRun.load()), nullptr);
     }
+    return true;
 }
 
 void CBaseSource::_ReleasePipeline() {

@@ -112,9 +112,9 @@ class CBaseSource {
     virtual void _NoteMessage(GstMessage * /*message*/) {}
     // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
     gint64 _LastReport() const { return m_nLastReport; }
-    // Makes m_pPipeline and m_pBus, neither when there are too few file descriptors for what a pipeline opens. The worker waits for them until
-    // the source is closed; a host that opens is told at once.
-    void _CreatePipeline();
+    // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for what a pipeline opens. The worker waits for
+    // them until the source is closed; a host that opens is told at once.
+    bool _CreatePipeline();
     bool _DescriptorsLeft();
     // Drops the pipeline and the bus, which takes the elements in it along.
     void _ReleasePipeline();

@@ -218,14 +218,13 @@ bool CHLSSource::_CreateGstElements() {
     if (m_bElementsCreated) {
         return true;
     }
-    _CreatePipeline();
-    if (m_pPipeline != nullptr) {
-        g_signal_connect(m_pPipeline, "deep-element-added", G_CALLBACK(deep_element_added_handler), this);
-    }
     if (!IsUsableProxy(m_strProxy)) {
         LOG_ERR(kTag << " The proxy is not a URI!!! proxy=" << m_strProxy << ", url=" << m_strURL);
-        _DestroyGstElements();
         return false;
+    }
+    const bool room = _CreatePipeline();
+    if (m_pPipeline != nullptr) {
+        g_signal_connect(m_pPipeline, "deep-element-added", G_CALLBACK(deep_element_added_handler), this);
     }
     m_pSoupSrc = MakeElement("souphttpsrc", "Souphttpsrc");
     if (m_pSoupSrc != nullptr) {
@@ -233,7 +232,8 @@ bool CHLSSource::_CreateGstElements() {
                      "retries", m_nRetries, nullptr);
         _SetRequestOptions(m_pSoupSrc);
     }
-    m_pHlsDemux = MakeElement("hlsdemux", "Hlsdemux");
+    // It opens descriptors as it is made, and cannot say that there are none.
+    m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : nullptr;
     if (m_pHlsDemux != nullptr) {
         g_signal_connect(m_pHlsDemux, "pad-added", G_CALLBACK(hls_pad_added_handler), this);
     }

@@ -85,7 +85,10 @@ bool OutputReady() noexcept {
             FormLine(LogLevel::Warn, __LINE__, "[Logger] Standard output was full, lines dropped: " + std::to_string(dropped));
         dropped = 0;
         Put(told.data(), told.size());
-        return Writable(0);
+        // That may have filled it again.
+        blocked = !Writable(0);
+        dropped = blocked ? 1 : 0;
+        return !blocked;
     } catch (...) {
         return true;
     }

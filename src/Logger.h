@@ -20,8 +20,8 @@ bool OutputReady() noexcept;
 
 }  // namespace GSTREAMER
 
-// The statement's operands are streamed: LOG_INFO(kTag << " Open " << url). A line that cannot be formed for want of memory is
-// dropped rather than thrown: log statements stand on paths that must not fail.
+// The statement's operands are streamed: LOG_INFO(kTag << " Open " << url). A line for which there is no memory is dropped, or cut where it
+// ran out, rather than thrown: log statements stand on paths that must not fail.
 #define GST_SOURCE_LOG(level, operands)                                                 \
     do {                                                                                \
         try {                                                                           \

@@ -147,8 +147,10 @@ void Torture::ExpectTold(const FrameworkCall &call, const std::string &url, cons
         expected = (!Row().frontLinkFailure.empty() && one_of({Row().frontLinkFailure})) ||
                    told([&](const std::string &message) { return Has(message, " link many faild !!! url=" + url); });
     } else if (function == "gst_pad_link" || function == "gst_element_get_static_pad") {
-        // An RTMPS source that cannot be held before its stop is stopped all the same, and HLS does without the watch for empty playlists.
-        expected = call.detail == "Rtmpsrc" || call.detail == "Souphttpsrc" || one_of(pad_links);
+        // An RTMPS source that cannot be held before its stop is stopped all the same, and so is a source of HLS that cannot be asked
+        // whether it waits; HLS does without the watch for empty playlists.
+        expected =
+            call.detail == "Rtmpsrc" || call.detail == "Souphttpsrc" || call.detail == "HttpSession" || one_of(pad_links);
     } else if (function == "gst_element_sync_state_with_parent") {
         expected = told([&](const std::string &message) {
             return message == "[GSTREAMER] Unable to bring element " + named + " to the state of the pipeline!!!";

@@ -107,6 +107,13 @@ double SecondsOf(const std::function<void()> &work) {
 
 using Strings = std::vector<std::string>;
 
+// What a line brings along for which there is room. Nothing is left to be told then.
+Strings WithRoomAgain() {
+    OutputPipe pipe;
+    WriteLogLine(LogLevel::Info, 1, "room");
+    return Messages(pipe.Drain());
+}
+
 }  // namespace
 
 TEST(Output, LevelsByName) {
@@ -142,6 +149,23 @@ TEST(Output, FullOneIsWaitedForOnceAndWhatWasLeftOutIsTold) {
     EXPECT_EQ(Strings{"four\n"}, later);
 }
 
+// The notice takes all the room there is: the line behind it is left out again, and told again.
+TEST(Output, NoticeThatFillsItIsFollowedByAnother) {
+    const Watchdog watchdog("notice that fills");
+    Strings told;
+    {
+        OutputPipe pipe(4096);
+        pipe.Fill();
+        for (int line = 0; line < 3; ++line) {
+            WriteLogLine(LogLevel::Info, 1, "left out");
+            const Strings now = Messages(pipe.Drain());
+            told.insert(told.end(), now.begin(), now.end());
+        }
+    }
+    EXPECT_EQ((Strings{Dropped(1), Dropped(1)}), told);
+    EXPECT_EQ((Strings{Dropped(1), "room\n"}), WithRoomAgain());
+}
+
 TEST(Output, LongLineComesWhole) {
     const std::string text(10000, 'x');
     std::string got;
@@ -166,8 +190,8 @@ TEST(Output, LongLineIsCutWhereNothingMoreGoesIn) {
         after = Messages(pipe.Drain());
     }
     EXPECT_EQ(4096U, got.size());
-    ASSERT_FALSE(after.empty());
-    EXPECT_EQ(Dropped(1), after[0]);
+    EXPECT_EQ(Strings{Dropped(1)}, after);
+    EXPECT_EQ((Strings{Dropped(1), "room\n"}), WithRoomAgain());
 }
 
 namespace {

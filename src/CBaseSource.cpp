@@ -46,8 +46,9 @@ constexpr int kMediaTypeAudio = 1;
 
 constexpr gulong kWaitSliceUs = 100000;
 constexpr int kWaitSlices = 30;
-// More than the pipeline of any protocol opens at its start.
+// More than the pipeline of any protocol opens and starts at its beginning.
 constexpr size_t kDescriptorsOfAPipeline = 32;
+constexpr size_t kThreadsOfAPipeline = 16;
 constexpr GstClockTime kBusWait = 100 * GST_MSECOND;
 
 // A text field of a record: cut at its size, and then without a NUL, which its readers know.
@@ -429,16 +430,15 @@ int CBaseSource::_PollBus() {
     return DoBusMessage(message.get());
 }
 
-bool CBaseSource::_DescriptorsLeft() {
-    if (GSTREAMER::DescriptorsLeft(kDescriptorsOfAPipeline)) {
+bool CBaseSource::_AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again) {
+    if (left(needed)) {
         return true;
     }
-    LOG_ERR("[CBaseSource] Too few file descriptors are left for a pipeline!!! needed=" << kDescriptorsOfAPipeline
-                                                                                        << ", URL=" << m_strURL);
+    LOG_ERR("[CBaseSource] " << missing << " for a pipeline!!! needed=" << needed << ", URL=" << m_strURL);
     while (OwnThread::IsOf(*this) && !m_bExit) {
         g_usleep(kWaitSliceUs);
-        if (GSTREAMER::DescriptorsLeft(kDescriptorsOfAPipeline)) {
-            LOG_INFO("[CBaseSource] There are file descriptors again. URL=" << m_strURL);
+        if (left(needed)) {
+            LOG_INFO("[CBaseSource] " << again << " again. URL=" << m_strURL);
             return true;
         }
     }
@@ -446,7 +446,10 @@ bool CBaseSource::_DescriptorsLeft() {
 }
 
 bool CBaseSource::_CreatePipeline() {
-    if (!_DescriptorsLeft()) {
+    if (!_AwaitResource(GSTREAMER::DescriptorsLeft, kDescriptorsOfAPipeline, "Too few file descriptors are left",
+                        "There are file descriptors") ||
+        !_AwaitResource(GSTREAMER::ThreadsLeft, kThreadsOfAPipeline, "Too few threads can be started",
+                        "Threads can be started")) {
         return false;
     }
     m_pPipeline = gst_pipeline_new("pipeline");

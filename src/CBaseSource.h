@@ -112,10 +112,10 @@ class CBaseSource {
     virtual void _NoteMessage(GstMessage * /*message*/) {}
     // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
     gint64 _LastReport() const { return m_nLastReport; }
-    // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for what a pipeline opens. The worker waits for
-    // them until the source is closed; a host that opens is told at once.
+    // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for what a pipeline opens, or threads for
+    // what it starts. The worker waits for them until the source is closed; a host that opens is told at once.
     bool _CreatePipeline();
-    bool _DescriptorsLeft();
+    bool _AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again);
     // Drops the pipeline and the bus, which takes the elements in it along.
     void _ReleasePipeline();
 

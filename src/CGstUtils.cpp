@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
@@ -50,20 +52,61 @@ void GstDeInit() {
     gst_deinit();
 }
 
+namespace {
+
+// Neither of the two questions takes memory, for want of which a worker would end the process.
+constexpr size_t kMostAskedFor = 64;
+
+}  // namespace
+
 bool DescriptorsLeft(size_t count) {
-    std::vector<int> taken;
-    taken.reserve(count);
-    while (taken.size() < count) {
-        const int fd = eventfd(0, EFD_CLOEXEC);
-        if (fd < 0) {
-            break;
-        }
-        taken.push_back(fd);
+    std::array<int, kMostAskedFor> taken{};
+    size_t got = 0;
+    while (got < count && (taken.at(got) = eventfd(0, EFD_CLOEXEC)) >= 0) {
+        ++got;
     }
-    for (const int fd : taken) {
-        close(fd);
+    for (size_t i = 0; i < got; ++i) {
+        close(taken.at(i));
     }
-    return taken.size() == count;
+    return got == count;
+}
+
+namespace {
+
+struct Gate {
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool open = false;  // guarded by mutex
+};
+
+void *WaitAtGate(void *gate) {
+    auto *self = static_cast<Gate *>(gate);
+    std::unique_lock<std::mutex> lock(self->mutex);
+    self->cond.wait(lock, [self] { return self->open; });
+    return nullptr;
+}
+
+}  // namespace
+
+bool ThreadsLeft(size_t count) {
+    // One after the other: many sources at once would ask for more than any of them needs.
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> turn(mutex);
+    Gate gate;
+    std::array<pthread_t, kMostAskedFor> started{};
+    size_t got = 0;
+    while (got < count && pthread_create(&started.at(got), nullptr, WaitAtGate, &gate) == 0) {
+        ++got;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(gate.mutex);
+        gate.open = true;
+    }
+    gate.cond.notify_all();
+    for (size_t i = 0; i < got; ++i) {
+        pthread_join(started.at(i), nullptr);
+    }
+    return got == count;
 }
 
 void GuardStandardOutput() {

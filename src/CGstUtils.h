@@ -25,9 +25,12 @@ __attribute__((visibility("default"))) void GstInit();
 // sources can still be created but no longer be opened. Any thread.
 __attribute__((visibility("default"))) void GstDeInit();
 
-// Whether the process may open that many more file descriptors. GLib ends the process when it finds none for a wake-up of its own,
+// Whether the process may open that many more file descriptors, at most 64. GLib ends the process when it finds none for a wake-up of its own,
 // so this is asked first. Any thread; another one may take them the next moment.
 bool DescriptorsLeft(size_t count);
+// Whether the process may start that many more threads, at most 64. GLib ends it, or waits for ever in a stop, where a thread of its own cannot be started,
+// so this is asked first. Starts them for a moment (about 0.03 ms each). Any thread; another one may take them the next moment.
+bool ThreadsLeft(size_t count);
 // Standard output that the host has closed leads to /dev/null from here on. Otherwise the next file or socket that anybody opens gets
 // its number, and the log goes into that. Any thread.
 void GuardStandardOutput();

@@ -1,13 +1,29 @@
 // Things that run out around a playing source: it says so, goes on when they are back, and closes in any case.
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 
 #include "harness/PeerTest.h"
+
+namespace {
+
+std::atomic<bool> g_threads_refused{false};
+
+}  // namespace
+
+// Takes the place of the system's in this program, for all of its libraries.
+extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*work)(void *), void *argument) {
+    using Create = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+    return g_threads_refused ? EAGAIN : create(thread, attributes, work, argument);
+}
 
 namespace peers {
 namespace {
@@ -188,6 +204,59 @@ TEST_F(Exhaustion, CloseEndsTheWaitForDescriptors) {
     ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }, seconds(20)));
     const FewDescriptors few(2);
     ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few file descriptors") == 1; }, seconds(30)));
+    EXPECT_TRUE(host.Close());
+    EXPECT_EQ(host.State(), "stop");
+}
+
+// Lets no thread be started while an object lives.
+class NoThreads {
+  public:
+    NoThreads() { g_threads_refused = true; }
+    ~NoThreads() { g_threads_refused = false; }
+    NoThreads(const NoThreads &) = delete;
+    NoThreads &operator=(const NoThreads &) = delete;
+};
+
+TEST_F(Exhaustion, OpenSaysThatThereAreNoThreads) {
+    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    Host host(kUdp);
+    {
+        const NoThreads none;
+        EXPECT_FALSE(host.Open(url, UdpOptions{}));
+        EXPECT_TRUE(host.Close());
+    }
+    EXPECT_EQ(log.Count("ERR", "[CBaseSource] Too few threads can be started for a pipeline!!! needed=16, URL=" + url), 1U);
+    EXPECT_EQ(log.Count("ERR", "[CUDPSource] _CreateGstElements error!!! URL=" + url), 1U);
+    PlayAndClose(host, url);
+}
+
+// What plays goes on; what has to be built again waits.
+TEST_F(Exhaustion, RebuildWaitsForThreads) {
+    const Material &material = GetMaterial("h264_aac");
+    auto sender = SendUdp(material);
+    Host host(kUdp);
+    Open(host);
+    ASSERT_TRUE(WaitMedia(host, material, seconds(2), seconds(20)));
+    const auto epoch = host.Frames(SHB_VIDEO).back().info.epoch;
+    const std::string missing = "[CBaseSource] Too few threads can be started for a pipeline!!! needed=16, URL=" + url;
+    {
+        const auto none = std::make_unique<NoThreads>();
+        EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50, seconds(20)));
+        sender->Kill();
+        EXPECT_TRUE(log.WaitLine("ERR", missing, seconds(40)));
+    }
+    EXPECT_TRUE(log.WaitLine("INFO", "[CBaseSource] Threads can be started again. URL=" + url, seconds(10)));
+    sender = SendUdp(material);
+    EXPECT_TRUE(WaitEpochAfter(host, epoch, seconds(40)));
+    EXPECT_EQ(log.Count("ERR", missing), 1U);
+    EXPECT_TRUE(host.Close());
+}
+
+TEST_F(Exhaustion, CloseEndsTheWaitForThreads) {
+    Host host(kUdp);
+    Open(host);
+    const NoThreads none;
+    ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few threads can be started") == 1; }, seconds(40)));
     EXPECT_TRUE(host.Close());
     EXPECT_EQ(host.State(), "stop");
 }

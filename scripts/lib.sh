@@ -11,7 +11,7 @@ runtime_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1
 sender_packages=(ffmpeg)
 # What the tests add: their framework, the servers they play from, and the analysis tools.
 test_packages=(libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
-    libnginx-mod-rtmp libnginx-mod-stream tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps iproute2 git clang clang-format
+    libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps iproute2 git clang clang-format
     clang-tidy libclang-rt-14-dev cppcheck valgrind abigail-tools gdb shellcheck)
 
 note() { printf '%s: %s\n' "${0##*/}" "$*" >&2; }

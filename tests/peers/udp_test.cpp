@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "harness/Damage.h"
 #include "harness/PeerTest.h"
 
 namespace peers {
@@ -55,6 +56,54 @@ TEST_F(Udp, LongRunHasNoHole) {
     EXPECT_TRUE(KeyFramesComplete(material, host.Frames(SHB_VIDEO), 10));
     EXPECT_EQ(host.Calls(0).size(), 1U);
     EXPECT_EQ(host.Calls(1).size(), 1U);
+}
+
+// The 33 bits of the times are used up after 26.5 hours: the stream is joined six seconds before.
+TEST_F(Udp, TimesThatWrapDoNotInterrupt) {
+    const Material &material = GetMaterial("h264_aac");
+    const std::vector<std::string> late = {"-output_ts_offset", "95436"};
+    std::vector<std::string> arguments = {"-stream_loop", "1", "-i", material.path, "-map", "0", "-c", "copy", "-t", "12"};
+    arguments.insert(arguments.end(), late.begin(), late.end());
+    arguments.insert(arguments.end(), {"-f", "mpegts"});
+    constexpr uint64_t kSecond = 90000;
+    constexpr uint64_t kEnd = uint64_t{1} << 33U;
+    size_t before = 0;
+    size_t after = 0;
+    ChangeTimes(ReadFile(DerivedFile(material.name + "-wrapping.ts", arguments)), [&](uint64_t time) {
+        before += time > kEnd - 10 * kSecond ? 1 : 0;
+        after += time < 10 * kSecond ? 1 : 0;
+        return time;
+    });
+    ASSERT_GT(before, 100U);
+    ASSERT_GT(after, 100U);
+
+    Host host(kUdp);
+    Open(host);
+    const auto sender = SendUdp(material, late);
+    ExpectPlays(host, material, seconds(11), seconds(30));
+    EXPECT_TRUE(KeyFramesComplete(material, host.Frames(SHB_VIDEO), 10));
+    EXPECT_EQ(log.CountContaining("UDP source reconnect..."), 0U);
+}
+
+// Another picture size within the same session is told, and the frames go on.
+TEST_F(Udp, SizeThatChangesIsReported) {
+    const Material &small = GetMaterial("h264_aac");
+    const Material &large = GetMaterial("h264_aac_large");
+    ASSERT_NE(small.width, large.width);
+    Host host(kUdp);
+    Open(host);
+    auto sender = SendUdp(small);
+    ASSERT_TRUE(WaitMedia(host, small, seconds(2), seconds(20)));
+    sender->Stop();
+    sender = SendUdp(large);
+    const auto width = [&] { return host.VideoInfo().params.video.width; };
+    EXPECT_TRUE(WaitFor([&] { return width() == large.width; }, seconds(30))) << width();
+    EXPECT_EQ(host.VideoInfo().params.video.height, large.height);
+    EXPECT_EQ(host.Status().width, large.width);
+    EXPECT_EQ(host.Calls(0).size(), 2U);
+    EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50, seconds(10)));
+    EXPECT_EQ(log.CountContaining("UDP source reconnect..."), 0U);
+    EXPECT_TRUE(host.Close());
 }
 
 class UdpParameterSets : public Udp, public testing::WithParamInterface<const char *> {};

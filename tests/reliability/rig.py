@@ -110,11 +110,11 @@ class Gone(Exception):
 class Host:
     numbers = itertools.count()
 
-    def __init__(self, build, folder, channels, stall_watch_ms=0, leak="", at=HERE):
+    def __init__(self, build, folder, channels, stall_watch_ms=0, leak="", at=HERE, environment=None):
         self.name = f"reliability-{os.getpid()}-{next(Host.numbers)}"
         self.log = Path(folder) / f"{self.name}.log"
         # The suite's own registry and search path when it runs from there.
-        environment = {"GST_PLUGIN_PATH": str(build / "shbsink"), **os.environ, "GST_TRACERS": "leaks", "RELIABILITY_LEAK": leak}
+        environment = {"GST_PLUGIN_PATH": str(build / "shbsink"), **os.environ, "GST_TRACERS": "leaks", "RELIABILITY_LEAK": leak, **(environment or {})}
         with open(self.log, "wb") as log, starting:
             command = at.host_command([build / "tests/reliability/reliability-host", self.name, str(channels), str(stall_watch_ms)])
             self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=environment)

@@ -33,6 +33,7 @@ struct Recipe {
 const std::map<std::string, Recipe> &Recipes() {
     static const std::map<std::string, Recipe> recipes = {
         {"h264_aac", {Codec::H264, Codec::Aac, 320, 180, 25, {}}},
+        {"h264_aac_large", {Codec::H264, Codec::Aac, 640, 360, 25, {}}},
         {"h264_mp3", {Codec::H264, Codec::Mp3, 320, 180, 25, {"-tune", "film", "-bf", "2"}}},
         {"h264_ac3", {Codec::H264, Codec::Ac3, 320, 240, 30, {}}},
         {"h264_opus", {Codec::H264, Codec::Opus, 320, 180, 25, {}}},

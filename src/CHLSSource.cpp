@@ -165,7 +165,7 @@ bool CHLSSource::_PipelineStop() {
         LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    m_reloadSession.AwaitAnswers(m_pPipeline);
+    m_reloadSession.AwaitAnswers(m_pSoupSrc);
     m_reloadSession.Close();
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
@@ -181,7 +181,7 @@ bool CHLSSource::_PipelineStop() {
 }
 
 void CHLSSource::_DestroyGstElements() {
-    m_reloadSession.AwaitAnswers(m_pPipeline);
+    m_reloadSession.AwaitAnswers(m_pSoupSrc);
     m_reloadSession.Close();
     if (m_pPipeline != nullptr) {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);

@@ -11,27 +11,13 @@ constexpr std::chrono::milliseconds kLookPause{1};
 
 // The source streams, and no answer has come since it was started: its headers go out as a sticky event.
 bool IsWaitingForAnswer(GstElement *source) {
-    const PadPtr pad(gst_element_get_static_pad(source, "src"));
+    const PadPtr pad(source != nullptr ? gst_element_get_static_pad(source, "src") : nullptr);
     if (!pad || gst_pad_get_task_state(pad.get()) != GST_TASK_STARTED) {
         return false;
     }
     GstEvent *headers = gst_pad_get_sticky_event(pad.get(), GST_EVENT_CUSTOM_DOWNSTREAM_STICKY, 0);
     const bool waiting = headers == nullptr;
     g_clear_pointer(&headers, gst_event_unref);
-    return waiting;
-}
-
-bool AnyIsWaitingForAnswer(GstElement *pipeline) {
-    GstIterator *sources = gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "souphttpsrc");
-    const auto look = [](const GValue *source, gpointer waiting) {
-        *static_cast<bool *>(waiting) =
-            *static_cast<bool *>(waiting) || IsWaitingForAnswer(GST_ELEMENT(g_value_get_object(source)));
-    };
-    bool waiting = false;
-    while (gst_iterator_foreach(sources, look, &waiting) == GST_ITERATOR_RESYNC) {
-        gst_iterator_resync(sources);
-    }
-    gst_iterator_free(sources);
     return waiting;
 }
 
@@ -62,12 +48,8 @@ bool CHttpSession::IsSettled() {
     return m_bSettled;
 }
 
-void CHttpSession::AwaitAnswers(GstElement *pipeline) const {
-    for (int look = 0; look < kAnswerLooks; ++look) {
-        if ((m_pSource == nullptr || !IsWaitingForAnswer(m_pSource)) &&
-            (pipeline == nullptr || !AnyIsWaitingForAnswer(pipeline))) {
-            return;
-        }
+void CHttpSession::AwaitAnswers(GstElement *playlist) const {
+    for (int look = 0; look < kAnswerLooks && (IsWaitingForAnswer(m_pSource) || IsWaitingForAnswer(playlist)); ++look) {
         std::this_thread::sleep_for(kLookPause);
     }
 }

@@ -140,7 +140,10 @@ class Group(threading.Thread):
         self.hold(STEADY)
         if self.wait_flowing(RECOVERY_BOUND):
             fault.recovered = max(0.0, max(flow.since for flow in self.flows.values()) - over)
-        self.windows[-1] = (fault.at, time.monotonic() + self.settle)
+        # A sender that was stopped sends what it has missed in one burst, which a pipeline that began in its midst plays in its own time: the end
+        # of a peer that was killed then shows as much later, if it has not shown at once.
+        unseen = fault.recovered == 0 and what in ("killed", "material")
+        self.windows[-1] = (fault.at, time.monotonic() + self.settle + (self.soak.longest if unseen else 0))
         self.soak.note(fault)
         if fault.recovered is None and not self.soak.broken:
             raise RuntimeError(f"{kind} for {down:.1f} s: no frames again within {RECOVERY_BOUND} s")

@@ -25,13 +25,7 @@ import threading
 import time
 from pathlib import Path
 
-from noticed import await_socket, ffmpeg, nginx
-
-
-def free_port(kind):
-    with socket.socket(type=kind) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+from noticed import await_socket, ffmpeg, free_port, nginx
 
 
 def material(folder):

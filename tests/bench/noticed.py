@@ -11,6 +11,7 @@ same time. "-" in the first column of figures: not noticed within the patience.
 import argparse
 import json
 import os
+import random
 import signal
 import socket
 import subprocess
@@ -22,10 +23,33 @@ from pathlib import Path
 LOOPBACK = "127.0.0.1"
 
 
+claims = []  # what keeps the ports that were given out from other programs of the tests, until this one ends
+
+
+def claimed(port):
+    claim = socket.socket(socket.AF_UNIX)
+    try:
+        claim.bind(f"\0gst-source-udp-port-{port}")
+    except OSError:
+        claim.close()
+        return False
+    claims.append(claim)
+    return True
+
+
 def free_port(kind=socket.SOCK_STREAM):
-    with socket.socket(type=kind) as probe:
-        probe.bind((LOOPBACK, 0))
-        return probe.getsockname()[1]
+    """A port that the kernel calls free. It gives ports of its own range to any socket that sends without having been bound; with the dozens of
+    UDP ports and sockets of a long run, one of those soon takes a port that its owner has yet to bind. So UDP ports lie below that range."""
+    first = int(Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split()[0])
+    for port in random.sample(range(first // 2, first), first // 2) if kind == socket.SOCK_DGRAM and first > 4096 else [0]:
+        with socket.socket(type=kind) as probe:
+            try:
+                probe.bind((LOOPBACK, port))
+            except OSError:
+                continue
+            if port == 0 or claimed(port):
+                return probe.getsockname()[1]
+    raise RuntimeError("no port is free")
 
 
 def ffmpeg(source, *output):

@@ -17,11 +17,20 @@ namespace unit {
 
 namespace {
 
-// Sends the stream to the port again and again, somewhat faster than it plays.
+// A socket that the kernel can give no other port: what sends without having been bound may get the very port that it sends to.
+int BoundSocket() {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(0, bind(fd, static_cast<const sockaddr *>(static_cast<const void *>(&any)), sizeof any));
+    return fd;
+}
+
+// Sends the stream to a port again and again, somewhat faster than it plays.
 class Sender {
   public:
-    explicit Sender(int port)
-        : m_port(port), m_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), m_thread([this] { Send(); }) {}
+    Sender() : m_socket(BoundSocket()), m_port(FreePort(SOCK_DGRAM)), m_thread([this] { Send(); }) {}
     ~Sender() {
         m_stop = true;
         m_thread.join();
@@ -29,6 +38,7 @@ class Sender {
     }
     Sender(const Sender &) = delete;
     Sender &operator=(const Sender &) = delete;
+    int Port() const { return m_port; }
 
   private:
     void Send() {
@@ -50,8 +60,8 @@ class Sender {
         }
     }
 
-    const int m_port;
     const int m_socket;
+    const int m_port;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
@@ -99,12 +109,11 @@ class UdpTorture : public testing::Test {
             LogCapture log;
             faults.PollFast();
             faults.OnMade("shbsink", [&](GstElement *sink) { CountAt(sink, reached); });
-            const int port = FreePort(SOCK_DGRAM);
-            const Sender sender(port);
+            const Sender sender;
             int buffer = 0;
             const SourcePtr source(ClassOf(SOURCE_TYPE_UDP).create(&buffer, kChannel, kStream));
             faults.FailCall(n);
-            if (Open(*source, port)) {
+            if (Open(*source, sender.Port())) {
                 EXPECT_TRUE(Eventually([&] { return !faults.FailedCall().function.empty() || reached.Both(); }));
             }
             failed = faults.FailedCall();
@@ -115,7 +124,7 @@ class UdpTorture : public testing::Test {
             EXPECT_EQ("stop", SourceProbe::StateText(*source));
             faults.FailCall(0);
             reached.Reset();
-            EXPECT_TRUE(Open(*source, port));
+            EXPECT_TRUE(Open(*source, sender.Port()));
             EXPECT_TRUE(Eventually([&] { return reached.Both(); }, 30)) << reached.video << " video, " << reached.audio;
             source->CloseLiveStream();
         }
@@ -148,12 +157,11 @@ TEST_F(UdpTorture, RebuildsAreMetByFaultsAsWell) {
         LogCapture log;
         faults.PollFast();
         faults.OnMade("shbsink", [&](GstElement *sink) { CountAt(sink, reached); });
-        const int port = FreePort(SOCK_DGRAM);
-        const Sender sender(port);
+        const Sender sender;
         int buffer = 0;
         const SourceClass &row = ClassOf(SOURCE_TYPE_UDP);
         const SourcePtr source(row.create(&buffer, kChannel, kStream));
-        ASSERT_TRUE(Open(*source, port));
+        ASSERT_TRUE(Open(*source, sender.Port()));
         ASSERT_TRUE(Eventually([&] { return reached.Both(); }, 30));
         faults.FailCall(n);
         GstBus *bus = GST_BUS(gst_object_ref(SourceProbe::Bus(*source)));

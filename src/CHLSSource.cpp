@@ -165,7 +165,7 @@ bool CHLSSource::_PipelineStop() {
         LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    m_reloadSession.AwaitAnswers(m_pSoupSrc);
+    _AwaitAnswers();
     m_reloadSession.Close();
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
@@ -181,7 +181,7 @@ bool CHLSSource::_PipelineStop() {
 }
 
 void CHLSSource::_DestroyGstElements() {
-    m_reloadSession.AwaitAnswers(m_pSoupSrc);
+    _AwaitAnswers();
     m_reloadSession.Close();
     if (m_pPipeline != nullptr) {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
@@ -193,6 +193,11 @@ void CHLSSource::_DestroyGstElements() {
     _ReleasePipeline();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
+}
+
+void CHLSSource::_AwaitAnswers() {
+    m_bStopping = true;
+    m_reloadSession.AwaitAnswers(m_pPipeline);
 }
 
 bool CHLSSource::CloseLiveStream() {
@@ -222,6 +227,7 @@ bool CHLSSource::_CreateGstElements() {
         LOG_ERR(kTag << " The proxy is not a URI!!! proxy=" << m_strProxy << ", url=" << m_strURL);
         return false;
     }
+    m_bStopping = false;
     const bool room = _CreatePipeline();
     if (m_pPipeline != nullptr) {
         g_signal_connect(m_pPipeline, "deep-element-added", G_CALLBACK(deep_element_added_handler), this);
@@ -321,6 +327,22 @@ void CHLSSource::deep_element_added_handler(GstBin * /*pipeline*/, GstBin * /*bi
     // the reload holds while it waits for the session thread. A source with cookies, even none in the list, does not share.
     const gchar *const no_cookies[] = {nullptr};
     g_object_set(element, "cookies", no_cookies, nullptr);
+    const PadPtr pad(gst_element_get_static_pad(element, "src"));
+    if (pad) {
+        gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, segment_probe, self, nullptr);
+    }
+}
+
+GstPadProbeReturn CHLSSource::segment_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data) {
+    const auto *self = static_cast<CHLSSource *>(user_data);
+    // What a source sends before its first request, and after which it looks whether its pad is being flushed. (A flush of the element
+    // would wait for the lock that its stop holds.)
+    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_STREAM_START && self->m_bStopping) {
+        GST_OBJECT_LOCK(pad);
+        GST_PAD_SET_FLUSHING(pad);
+        GST_OBJECT_UNLOCK(pad);
+    }
+    return GST_PAD_PROBE_OK;
 }
 
 void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gpointer user_data) {

@@ -5,6 +5,7 @@
 #include "CHttpSession.h"
 
 #include <array>
+#include <atomic>
 
 namespace Tessaro {
 
@@ -38,6 +39,10 @@ class CHLSSource : public CBaseSource {
     static GstPadProbeReturn playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
     // Hands the request options to the HTTP sources that hlsdemux makes. Streaming.
     static void deep_element_added_handler(GstBin *pipeline, GstBin *bin, GstElement *element, gpointer user_data);
+    // Keeps such a source from asking for anything once the pipeline is being stopped. Streaming.
+    static GstPadProbeReturn segment_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
+    // Before the pipeline is stopped: no request is begun any more, and those that have been are answered.
+    void _AwaitAnswers();
     // First stage: accepts one transport-stream pad of hlsdemux in a pipeline run. Streaming.
     static void hls_pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);
     void _AddTsDemux(GstPad *pad);  // streaming
@@ -63,6 +68,7 @@ class CHLSSource : public CBaseSource {
     GstElement *m_pVideoSink = nullptr;
     GstElement *m_pAudioSink = nullptr;
     GSTREAMER::CHttpSession m_reloadSession;  // worker; host while there is none
+    std::atomic<bool> m_bStopping{false};     // from the stop of a pipeline to the build of the next
     // Options, written by open before the worker exists.
     std::string m_strUserAgent;
     std::string m_strUserId;

@@ -8,17 +8,47 @@ constexpr char kSessionContext[] = "gst.soup.session";
 // A server takes milliseconds for its answer, or longer than a close may last.
 constexpr int kAnswerLooks = 500;
 constexpr std::chrono::milliseconds kLookPause{1};
+// Far more than hlsdemux takes to deal with a segment that has been refused.
+constexpr std::chrono::milliseconds kRefusalPause{30};
 
-// The source streams, and no answer has come since it was started: its headers go out as a sticky event.
-bool IsWaitingForAnswer(GstElement *source) {
-    const PadPtr pad(source != nullptr ? gst_element_get_static_pad(source, "src") : nullptr);
-    if (!pad || gst_pad_get_task_state(pad.get()) != GST_TASK_STARTED) {
-        return false;
+// What the sources are about. Their answers' headers go out as sticky events, which last until the next request.
+struct Requests {
+    int waiting = 0;   // sources that stream and have no answer yet
+    int answered = 0;  // sources whose last request has been answered
+};
+
+void CountRequest(GstElement *source, Requests &requests) {
+    const PadPtr pad(gst_element_get_static_pad(source, "src"));
+    if (!pad) {
+        return;
     }
     GstEvent *headers = gst_pad_get_sticky_event(pad.get(), GST_EVENT_CUSTOM_DOWNSTREAM_STICKY, 0);
-    const bool waiting = headers == nullptr;
+    if (headers != nullptr) {
+        ++requests.answered;
+    } else if (gst_pad_get_task_state(pad.get()) == GST_TASK_STARTED) {
+        ++requests.waiting;
+    }
     g_clear_pointer(&headers, gst_event_unref);
-    return waiting;
+}
+
+Requests CountRequests(GstElement *pipeline, GstElement *own) {
+    Requests requests;
+    if (own != nullptr) {
+        CountRequest(own, requests);
+    }
+    if (pipeline == nullptr) {
+        return requests;
+    }
+    GstIterator *const sources = gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "souphttpsrc");
+    // Elements that come or go meanwhile are counted the next time.
+    gst_iterator_foreach(
+        sources,
+        [](const GValue *value, gpointer user) {
+            CountRequest(static_cast<GstElement *>(g_value_get_object(value)), *static_cast<Requests *>(user));
+        },
+        &requests);
+    gst_iterator_free(sources);
+    return requests;
 }
 
 }  // namespace
@@ -48,9 +78,15 @@ bool CHttpSession::IsSettled() {
     return m_bSettled;
 }
 
-void CHttpSession::AwaitAnswers(GstElement *playlist) const {
-    for (int look = 0; look < kAnswerLooks && (IsWaitingForAnswer(m_pSource) || IsWaitingForAnswer(playlist)); ++look) {
-        std::this_thread::sleep_for(kLookPause);
+void CHttpSession::AwaitAnswers(GstElement *pipeline) const {
+    Requests last;
+    for (int look = 0; look < kAnswerLooks; ++look) {
+        const Requests now = CountRequests(pipeline, m_pSource);
+        if (now.waiting == 0 && (last.waiting == 0 || now.answered > last.answered)) {
+            return;
+        }
+        std::this_thread::sleep_for(now.waiting != 0 ? kLookPause : kRefusalPause);
+        last = now;
     }
 }
 

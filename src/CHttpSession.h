@@ -27,12 +27,12 @@ class CHttpSession {
     void Open(GstElement *pipeline, const char *location, std::function<void(GstElement *)> configure);
     // True once the request of Open has been answered, refused or given up, and when there is none.
     bool IsSettled();
-    // Before anything is stopped: until neither this session's source nor that of the playlist waits for an answer, half a second at
-    // most. A souphttpsrc that is stopped just when its answer arrives leaves the answer to nobody, and libsoup closes that with a
-    // null pointer, which ends the process; one that is stopped just when GLib has looked something up or connected may wait for
-    // ever for what GLib has forgotten. Seen with libsoup 3.2.3 and GLib 2.74. (Those of segments are not waited for: hlsdemux
-    // handles their answers badly while it is stopped.) Any thread without a lock that a streaming thread takes. `playlist` may be null.
-    void AwaitAnswers(GstElement *playlist) const;
+    // Before anything is stopped: until no source of the pipeline, nor this session's, waits for an answer, half a second at most. A
+    // souphttpsrc that is stopped just when its answer arrives leaves the answer to nobody, and libsoup closes that with a null
+    // pointer, which ends the process; one that is stopped just when GLib has looked something up or connected may wait for ever
+    // for what GLib has forgotten. Seen with libsoup 3.2.3 and GLib 2.74. A refusal is given time, since hlsdemux deals badly with
+    // one of a segment while it is stopped. Any thread without a lock that a streaming thread takes. `pipeline` may be null.
+    void AwaitAnswers(GstElement *pipeline) const;
     // Ends the request if it is still running. The session lives on while others use it.
     void Close();
 

@@ -466,6 +466,19 @@ TEST_F(Hls, ClosedJustWhenTheAnswerComesEndsWell) {
     EXPECT_GT(server.Answered(), 0U);
 }
 
+// The same with the first segment, which is asked for as soon as the playlist has come.
+TEST_F(Hls, ClosedJustWhenTheFirstSegmentComesEndsWell) {
+    ServeHttp();
+    const auto writer = Write(GetMaterial("h264_aac"));
+    ASSERT_TRUE(WaitSegments("live.m3u8", 3));
+#ifdef __SANITIZE_ADDRESS__
+    constexpr int kRounds = 100;
+#else
+    constexpr int kRounds = 500;
+#endif
+    CloseAgainAndAgain(4, kRounds, Url(), HlsOptions{}, false);
+}
+
 // A connection attempt that was cancelled as it began used to be forgotten by GLib, and souphttpsrc waited for it for ever.
 TEST_F(Hls, ClosedWhileItBeginsToConnectEndsWell) {
     HlsOptions options;

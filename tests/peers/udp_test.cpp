@@ -172,8 +172,8 @@ TEST_F(Udp, SilenceRebuildsUntilTheSenderReturns) {
     auto sender = SendUdp(material);
     ASSERT_TRUE(WaitMedia(host, material, seconds(2), seconds(20)));
     EXPECT_EQ(host.State(), "connected");
-    sender->Kill();
     const auto killed = Clock::now();
+    sender->Kill();
     ASSERT_TRUE(log.WaitLine("INFO", "[CUDPSource] UDP source reconnect..." + url, seconds(20)));
     // Five seconds of silence and three of waiting.
     EXPECT_GT(Clock::now() - killed, milliseconds(7500));

@@ -4,6 +4,7 @@
 
 #include <gio/gio.h>
 #include <sys/socket.h>
+#include <atomic>
 #include <utility>
 
 #include <algorithm>
@@ -799,15 +800,16 @@ TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
 
 TEST_F(Options, HlsReloadSessionHandsOnNoOtherContext) {
     using Tessaro::CHLSSource;
-    GstElement *session = nullptr;
+    std::atomic<GstElement *> made{nullptr};
     m_faults.OnMade("souphttpsrc", [&](GstElement *element) {
         if (std::string("HttpSession") == GST_ELEMENT_NAME(element)) {
-            session = GST_ELEMENT(gst_object_ref(element));
+            made = GST_ELEMENT(gst_object_ref(element));
         }
     });
     const std::string url = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/a.m3u8";
     ASSERT_TRUE(Open<CHLSSource>(url.c_str(), 200U, false, 10U, 3, "", "", "", "", "", ""));
     ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
+    GstElement *session = made;
     ASSERT_NE(nullptr, session);
     for (const char *type : {"unit.other", "gst.soup.session"}) {
         gst_element_post_message(session, gst_message_new_have_context(GST_OBJECT(session), gst_context_new(type, TRUE)));

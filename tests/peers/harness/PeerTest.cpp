@@ -34,21 +34,17 @@ size_t AudioWanted(const Material &material, Clock::duration span) {
 }
 
 // Criticals end the program, as G_DEBUG asks, but for two that are the framework's own. tsdemux drops an array that a damaged ATSC table has not
-// made, and arrays of that kind are used nowhere here. The demultiplexer of HLS takes a segment's source
-// down on one thread while another is just bringing it up, when segments are refused and the stream is stopped at that moment; the bin is
-// let go of first, and then what is in it.
+// made, and arrays of that kind are used nowhere here. The demultiplexer of HLS takes a segment's source down on one thread while another is just
+// bringing it up, when segments are refused and the stream is stopped at that moment: the bin and what is in it, by the names that only it gives.
 void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer) {
     if ((level & (G_LOG_LEVEL_DEBUG | G_LOG_LEVEL_INFO)) != 0) {
         return;
     }
     std::fprintf(stderr, "%s: %s\n", domain != nullptr ? domain : "", message);
-    static std::atomic<bool> bin{false};
-    const bool ready = std::strstr(message, "Trying to dispose element ") != nullptr &&
-                       std::strstr(message, ", but it is in READY") != nullptr;
-    const auto names = [message](const char *element) { return std::strstr(message, element) != nullptr; };
-    const bool segment =
-        ready && (names("element srcbin-src_") || (bin && (names("element souphttpsrc") || names("element queue"))));
-    bin = segment;
+    const auto holds = [message](const char *text) { return std::strstr(message, text) != nullptr; };
+    const bool segment = holds(", but it is in READY") &&
+                         (holds("Trying to dispose element srcbin-src_") || holds("Trying to dispose element souphttpsrc") ||
+                          holds("Trying to dispose element queue"));
     const bool known = segment || std::strcmp(message, "g_ptr_array_unref: assertion 'array' failed") == 0;
     if ((level & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR)) != 0 && !known) {
         std::abort();

@@ -459,9 +459,13 @@ bool CBaseSource::_CreatePipeline() {
     }
     if (m_pBus != nullptr) {
         m_nRun = ++g_nLastRun;
-        gst_bus_set_sync_handler(m_pBus, stream_status_handler, GSIZE_TO_POINTER(m_nRun.load()), nullptr);
+        _SetSyncHandler(stream_status_handler);
     }
     return true;
+}
+
+void CBaseSource::_SetSyncHandler(GstBusSyncHandler handler) {
+    gst_bus_set_sync_handler(m_pBus, handler, GSIZE_TO_POINTER(m_nRun.load()), nullptr);
 }
 
 void CBaseSource::_ReleasePipeline() {

@@ -118,6 +118,10 @@ class CBaseSource {
     bool _AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again);
     // Drops the pipeline and the bus, which takes the elements in it along.
     void _ReleasePipeline();
+    // Notes on each streaming thread which pipeline it works for. Runs on the thread that posts the message.
+    static GstBusSyncReply stream_status_handler(GstBus *bus, GstMessage *message, gpointer run);
+    // Puts one in its place that calls it.
+    void _SetSyncHandler(GstBusSyncHandler handler);
 
     // ---- Instruments of the pad handlers and branch builders ----
 
@@ -167,9 +171,6 @@ class CBaseSource {
     void _StoreBitrate(uint32_t source_status_t::*field, guint bitrate);
     void _StoreRealFps(float source_status_t::*field, guint fps);
     void _CallHost(media_code_info_t *info);
-    // Notes on each streaming thread which pipeline it works for. Runs on the thread that posts the message.
-    static GstBusSyncReply stream_status_handler(GstBus *bus, GstMessage *message, gpointer run);
-
     // Number of the pipeline, new for each in the process, 0 while there is none. Written as m_pPipeline, read by any thread.
     std::atomic<std::size_t> m_nRun{0};
     std::atomic<gint64> m_nLastReport{0};

@@ -198,6 +198,7 @@ void CHLSSource::_DestroyGstElements() {
 void CHLSSource::_AwaitAnswers() {
     m_bStopping = true;
     m_reloadSession.AwaitAnswers(m_pPipeline);
+    CHttpSession::Rest(G_OBJECT(m_pBus));
 }
 
 bool CHLSSource::CloseLiveStream() {
@@ -229,6 +230,9 @@ bool CHLSSource::_CreateGstElements() {
     }
     m_bStopping = false;
     const bool room = _CreatePipeline();
+    if (m_pBus != nullptr) {
+        _SetSyncHandler(message_handler);
+    }
     if (m_pPipeline != nullptr) {
         g_signal_connect(m_pPipeline, "deep-element-added", G_CALLBACK(deep_element_added_handler), this);
     }
@@ -264,6 +268,14 @@ bool CHLSSource::_CreateGstElements() {
     }
     m_bElementsCreated = true;
     return true;
+}
+
+GstBusSyncReply CHLSSource::message_handler(GstBus *bus, GstMessage *message, gpointer run) {
+    // Not of the segments, which have sessions of their own.
+    if (GST_MESSAGE_SRC(message) != nullptr && std::string("Souphttpsrc") == GST_MESSAGE_SRC_NAME(message)) {
+        CHttpSession::NoteContext(G_OBJECT(bus), message);
+    }
+    return stream_status_handler(bus, message, run);
 }
 
 GstPadProbeReturn CHLSSource::playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer /*user_data*/) {

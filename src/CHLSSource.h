@@ -35,6 +35,8 @@ class CHLSSource : public CBaseSource {
     // Gives the playlist reloads a session with the host's time-out, proxy and credentials where hlsdemux would use one
     // without. Worker.
     void _OpenReloadSession();
+    // Notes the session of the playlist's source, which the reloads share. Runs on the thread that posts the message.
+    static GstBusSyncReply message_handler(GstBus *bus, GstMessage *message, gpointer run);
     // Ends the session when the first playlist request brings nothing at all. Streaming.
     static GstPadProbeReturn playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
     // Hands the request options to the HTTP sources that hlsdemux makes. Streaming.

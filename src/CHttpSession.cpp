@@ -11,6 +11,37 @@ constexpr std::chrono::milliseconds kLookPause{1};
 // Far more than hlsdemux takes to deal with a segment that has been refused.
 constexpr std::chrono::milliseconds kRefusalPause{30};
 
+constexpr char kContextNote[] = "http-session-context";
+// What a stop takes until it has cancelled everything. The session may take longer to come to rest only if it is gone.
+constexpr std::chrono::milliseconds kRest{30};
+constexpr std::chrono::milliseconds kRestBound{100};
+
+// Shared by the waiting thread and the session's.
+struct Resting {
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool begun = false;  // guarded by mutex
+    bool given = false;  // nobody waits for it any more; guarded by mutex
+};
+
+gboolean RestAwhile(gpointer user_data) {
+    Resting &resting = **static_cast<std::shared_ptr<Resting> *>(user_data);
+    {
+        const std::lock_guard<std::mutex> lock(resting.mutex);
+        if (resting.given) {
+            return G_SOURCE_REMOVE;
+        }
+        resting.begun = true;
+    }
+    resting.cond.notify_all();
+    std::this_thread::sleep_for(kRest);
+    return G_SOURCE_REMOVE;
+}
+
+void ForgetRest(gpointer user_data) {
+    delete static_cast<std::shared_ptr<Resting> *>(user_data);
+}
+
 // What the sources are about. Their answers' headers go out as sticky events, which last until the next request.
 struct Requests {
     int waiting = 0;   // sources that stream and have no answer yet
@@ -83,11 +114,42 @@ void CHttpSession::AwaitAnswers(GstElement *pipeline) const {
     for (int look = 0; look < kAnswerLooks; ++look) {
         const Requests now = CountRequests(pipeline, m_pSource);
         if (now.waiting == 0 && (last.waiting == 0 || now.answered > last.answered)) {
-            return;
+            break;
         }
         std::this_thread::sleep_for(now.waiting != 0 ? kLookPause : kRefusalPause);
         last = now;
     }
+    Rest(G_OBJECT(m_pSource));
+}
+
+void CHttpSession::NoteContext(GObject *keeper, GstMessage *message) {
+    const GstStructure *structure = gst_message_get_structure(message);
+    GMainContext *const context = g_main_context_get_thread_default();
+    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ELEMENT && structure != nullptr && context != nullptr &&
+        gst_structure_has_name(structure, "http-headers") != FALSE) {
+        g_object_set_data_full(keeper, kContextNote, g_main_context_ref(context),
+                               reinterpret_cast<GDestroyNotify>(g_main_context_unref));
+    }
+}
+
+void CHttpSession::Rest(GObject *keeper) {
+    auto *const context = keeper != nullptr ? static_cast<GMainContext *>(g_object_steal_data(keeper, kContextNote)) : nullptr;
+    if (context == nullptr) {
+        return;
+    }
+    const auto resting = std::make_shared<Resting>();
+    // Of low priority: whatever has been answered is handed on first.
+    GSource *const source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_LOW);
+    g_source_set_callback(source, RestAwhile, new std::shared_ptr<Resting>(resting), ForgetRest);
+    g_source_attach(source, context);
+    {
+        std::unique_lock<std::mutex> lock(resting->mutex);
+        resting->given = !resting->cond.wait_for(lock, kRestBound, [&] { return resting->begun; });
+    }
+    g_source_destroy(source);
+    g_source_unref(source);
+    g_main_context_unref(context);
 }
 
 void CHttpSession::Close() {
@@ -123,6 +185,8 @@ GstBusSyncReply CHttpSession::message_handler(GstBus * /*bus*/, GstMessage *mess
             break;
         }
         case GST_MESSAGE_ELEMENT:  // the answer's headers
+            NoteContext(G_OBJECT(self->m_pSource), message);
+            G_GNUC_FALLTHROUGH;
         case GST_MESSAGE_EOS:
         case GST_MESSAGE_ERROR: {
             const std::lock_guard<std::mutex> lock(self->m_mtx);

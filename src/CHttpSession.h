@@ -33,6 +33,12 @@ class CHttpSession {
     // for what GLib has forgotten. Seen with libsoup 3.2.3 and GLib 2.74. A refusal is given time, since hlsdemux deals badly with
     // one of a segment while it is stopped. Any thread without a lock that a streaming thread takes. `pipeline` may be null.
     void AwaitAnswers(GstElement *pipeline) const;
+    // Notes in `keeper` the main context of an HTTP session when the message tells of an answer: that comes on the session's thread.
+    static void NoteContext(GObject *keeper, GstMessage *message);
+    // Behind AwaitAnswers: lets the session noted in `keeper` rest for a moment, in which it takes no answer. What is stopped meanwhile is
+    // stopped between two answers, those included that hlsdemux waits for where nobody sees it (reloads of the playlist). Once for
+    // each note. `keeper` may be null.
+    static void Rest(GObject *keeper);
     // Ends the request if it is still running. The session lives on while others use it.
     void Close();
 

@@ -1,4 +1,5 @@
 // The steps below the source classes that deal with the process: its descriptors, its standard output, threads that stand or wait.
+#include "CHttpSession.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
 #include "support/Watchdog.h"
@@ -663,6 +664,94 @@ TEST(Patience, JitterBuffersAreWokenWhereverTheySit) {
     EXPECT_EQ(1, flushes[0]);
     gst_element_set_state(pipeline, GST_STATE_NULL);
     gst_object_unref(pipeline);
+}
+
+// ---- Rest of an HTTP session ------------------------------------------------------------------------------------------------
+
+// A session: a main context that its own thread runs, and the message of an answer that was posted there.
+class HttpRest : public testing::Test {
+  protected:
+    HttpRest() { GSTREAMER::GstInit(); }
+    ~HttpRest() override {
+        Stop();
+        g_main_context_unref(m_context);
+        g_object_unref(m_keeper);
+    }
+    void Note(const char *name) {
+        GstMessage *message = gst_message_new_element(nullptr, gst_structure_new_empty(name));
+        g_main_context_push_thread_default(m_context);
+        GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+        g_main_context_pop_thread_default(m_context);
+        gst_message_unref(message);
+    }
+    void Start() {
+        m_thread = std::thread([this] {
+            while (!m_stop) {
+                g_main_context_iteration(m_context, TRUE);
+            }
+        });
+    }
+    void Stop() {
+        if (m_thread.joinable()) {
+            m_stop = true;
+            g_main_context_wakeup(m_context);
+            m_thread.join();
+        }
+    }
+    void Later(std::function<void()> work) {
+        g_main_context_invoke_full(
+            m_context, G_PRIORITY_DEFAULT,
+            [](gpointer function) {
+                (*static_cast<std::function<void()> *>(function))();
+                return G_SOURCE_REMOVE;
+            },
+            new std::function<void()>(std::move(work)),
+            [](gpointer function) { delete static_cast<std::function<void()> *>(function); });
+    }
+
+    GObject *const m_keeper = static_cast<GObject *>(g_object_new(G_TYPE_OBJECT, nullptr));
+    GMainContext *const m_context = g_main_context_new();
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+TEST_F(HttpRest, BeginsBehindWhatIsUnderWayAndHoldsUpWhatComes) {
+    Note("http-headers");
+    std::atomic<bool> handed{false};
+    Start();
+    Later([&] { Later([&] { handed = true; }); });
+    const auto begun = std::chrono::steady_clock::now();
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    EXPECT_TRUE(handed) << "an answer is handed on before";
+    std::promise<std::chrono::steady_clock::time_point> next;
+    Later([&] { next.set_value(std::chrono::steady_clock::now()); });
+    EXPECT_LE(std::chrono::milliseconds(30), next.get_future().get() - begun);
+    // The note is used up: nothing rests, whatever the session does.
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    EXPECT_EQ(nullptr, g_object_get_data(m_keeper, "http-session-context"));
+}
+
+TEST_F(HttpRest, SessionThatIsGoneIsNotWaitedForLong) {
+    Note("http-headers");
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    EXPECT_FALSE(g_main_context_pending(m_context));
+}
+
+TEST_F(HttpRest, OtherMessagesAndThreadsAreNotNoted) {
+    Note("http-other");
+    GstMessage *message = gst_message_new_eos(nullptr);
+    g_main_context_push_thread_default(m_context);
+    GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+    g_main_context_pop_thread_default(m_context);
+    gst_message_unref(message);
+    message = gst_message_new_element(nullptr, gst_structure_new_empty("http-headers"));
+    GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+    gst_message_unref(message);
+    EXPECT_EQ(nullptr, g_object_get_data(m_keeper, "http-session-context"));
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    GSTREAMER::CHttpSession::Rest(nullptr);
 }
 
 }  // namespace unit

@@ -12,7 +12,7 @@ constexpr std::chrono::milliseconds kLookPause{1};
 constexpr std::chrono::milliseconds kRefusalPause{30};
 
 constexpr char kContextNote[] = "http-session-context";
-// What a stop takes until it has cancelled everything. The session may take longer to come to rest only if it is gone.
+// What a stop takes until it has cancelled everything, and what a session may take until it rests.
 constexpr std::chrono::milliseconds kRest{30};
 constexpr std::chrono::milliseconds kRestBound{100};
 
@@ -139,16 +139,11 @@ void CHttpSession::Rest(GObject *keeper) {
     }
     const auto resting = std::make_shared<Resting>();
     // Of low priority: whatever has been answered is handed on first.
-    GSource *const source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_LOW);
-    g_source_set_callback(source, RestAwhile, new std::shared_ptr<Resting>(resting), ForgetRest);
-    g_source_attach(source, context);
+    g_main_context_invoke_full(context, G_PRIORITY_LOW, RestAwhile, new std::shared_ptr<Resting>(resting), ForgetRest);
     {
         std::unique_lock<std::mutex> lock(resting->mutex);
         resting->given = !resting->cond.wait_for(lock, kRestBound, [&] { return resting->begun; });
     }
-    g_source_destroy(source);
-    g_source_unref(source);
     g_main_context_unref(context);
 }
 

@@ -24,6 +24,28 @@ void RunInPool(gpointer data, gpointer pool) {
     own->function(data, own->user);
 }
 
+// The same of a main context.
+struct Call {
+    GSourceFunc function;
+    gpointer data;
+    GDestroyNotify forget;
+};
+
+gboolean RunInContext(gpointer call) {
+    __tsan_acquire(call);
+    const auto *own = static_cast<Call *>(call);
+    return own->function(own->data);
+}
+
+void ForgetCall(gpointer call) {
+    __tsan_acquire(call);
+    const auto *own = static_cast<Call *>(call);
+    if (own->forget != nullptr) {
+        own->forget(own->data);
+    }
+    delete own;
+}
+
 }  // namespace
 
 #define REAL(name) static const auto real = Real<decltype(&(name))>(#name)
@@ -97,6 +119,14 @@ gboolean g_thread_pool_push(GThreadPool *pool, gpointer data, GError **error) {
     REAL(g_thread_pool_push);
     __tsan_release(pool->user_data);
     return real(pool, data, error);
+}
+
+void g_main_context_invoke_full(GMainContext *context, gint priority, GSourceFunc function, gpointer data,
+                                GDestroyNotify forget) {
+    REAL(g_main_context_invoke_full);
+    auto *const call = new Call{function, data, forget};
+    __tsan_release(call);
+    real(context, priority, RunInContext, call, ForgetCall);
 }
 
 }  // extern "C"

@@ -474,7 +474,7 @@ TEST_F(Hls, ClosedJustWhenTheFirstSegmentComesEndsWell) {
 #ifdef __SANITIZE_ADDRESS__
     constexpr int kRounds = 100;
 #else
-    constexpr int kRounds = 500;
+    constexpr int kRounds = 250;
 #endif
     CloseAgainAndAgain(4, kRounds, Url(), HlsOptions{}, false);
 }
@@ -487,7 +487,7 @@ TEST_F(Hls, ClosedWhileItBeginsToConnectEndsWell) {
 #ifdef __SANITIZE_ADDRESS__
     constexpr int kRounds = 150;  // each takes thirty times as long
 #else
-    constexpr int kRounds = 1200;
+    constexpr int kRounds = 400;
 #endif
     CloseAgainAndAgain(4, kRounds, Url(), options, false);
 }

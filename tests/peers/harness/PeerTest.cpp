@@ -33,7 +33,8 @@ size_t AudioWanted(const Material &material, Clock::duration span) {
     return material.audio == Codec::None ? 0 : Units(AudioUnitsPerSecond(material), span);
 }
 
-// Criticals end the program, as G_DEBUG asks, but for two that are the framework's own. tsdemux drops an array that a damaged ATSC table has not
+// Criticals end the program, as G_DEBUG asks, but for three that are the framework's own. rtspsrc stopped in the midst of its handshake may
+// set a sequence number that it has not got. tsdemux drops an array that a damaged ATSC table has not
 // made, and arrays of that kind are used nowhere here. The demultiplexer of HLS takes a segment's source down on one thread while another is just
 // bringing it up, when segments are refused and the stream is stopped at that moment: the bin and what is in it, by the names that only it gives.
 void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer) {
@@ -45,7 +46,8 @@ void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *mess
     const bool segment = holds(", but it is in READY") &&
                          (holds("Trying to dispose element srcbin-src_") || holds("Trying to dispose element souphttpsrc") ||
                           holds("Trying to dispose element queue"));
-    const bool known = segment || std::strcmp(message, "g_ptr_array_unref: assertion 'array' failed") == 0;
+    const bool known = segment || holds("g_ptr_array_unref: assertion 'array' failed") ||
+                       holds("gst_event_set_seqnum: assertion 'seqnum != GST_SEQNUM_INVALID' failed");
     if ((level & (G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_ERROR)) != 0 && !known) {
         std::abort();
     }

@@ -677,12 +677,25 @@ class HttpRest : public testing::Test {
         g_main_context_unref(m_context);
         g_object_unref(m_keeper);
     }
+    // On the session's thread, once it runs.
     void Note(const char *name) {
-        GstMessage *message = gst_message_new_element(nullptr, gst_structure_new_empty(name));
-        g_main_context_push_thread_default(m_context);
-        GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
-        g_main_context_pop_thread_default(m_context);
-        gst_message_unref(message);
+        const auto note = [&] {
+            GstMessage *message = gst_message_new_element(nullptr, gst_structure_new_empty(name));
+            g_main_context_push_thread_default(m_context);
+            GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+            g_main_context_pop_thread_default(m_context);
+            gst_message_unref(message);
+        };
+        if (!m_thread.joinable()) {
+            note();
+            return;
+        }
+        std::promise<void> done;
+        Later([&] {
+            note();
+            done.set_value();
+        });
+        done.get_future().wait();
     }
     void Start() {
         m_thread = std::thread([this] {

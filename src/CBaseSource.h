@@ -171,6 +171,7 @@ class CBaseSource {
     void _StoreBitrate(uint32_t source_status_t::*field, guint bitrate);
     void _StoreRealFps(float source_status_t::*field, guint fps);
     void _CallHost(media_code_info_t *info);
+
     // Number of the pipeline, new for each in the process, 0 while there is none. Written as m_pPipeline, read by any thread.
     std::atomic<std::size_t> m_nRun{0};
     std::atomic<gint64> m_nLastReport{0};

@@ -4,10 +4,10 @@
 
 #include <gio/gio.h>
 #include <sys/socket.h>
-#include <atomic>
-#include <utility>
 
 #include <algorithm>
+#include <atomic>
+#include <utility>
 
 namespace unit {
 

@@ -65,22 +65,24 @@ need_packages() {
         fail "apt-get could not install ${missing[*]}"
 }
 
-# build_dir DIRECTORY [MESON OPTION...] [-- TARGET...]: configures DIRECTORY (under build/ of the repository) once and brings it, or the
-# targets named, up to date.
-build_dir() {
-    local dir=$root/build/$1 lock options=() targets=()
-    shift
-    while [ "$#" -gt 0 ] && [ "$1" != -- ]; do
-        options+=("$1")
-        shift
-    done
-    targets=("${@:2}")
+# locked DIRECTORY COMMAND...: two builds in one directory at the same time spoil each other.
+locked() {
+    local dir=$1 lock status=0
     if ! mkdir -p "$dir" || ! [ -w "$dir" ]; then
         fail "cannot write to $dir; was it made by another user?"
     fi
-    # Two builds in one directory at the same time spoil each other.
     exec {lock}>"$dir/.lock"
     flock "$lock"
+    "${@:2}" || status=$?
+    exec {lock}>&-
+    return "$status"
+}
+
+# configure DIRECTORY [MESON OPTION...]: sets DIRECTORY (under build/ of the repository) up, unless it is.
+configure() { locked "$root/build/$1" configure_unlocked "$root/build/$1" "${@:2}"; }
+
+configure_unlocked() {
+    local dir=$1 options=("${@:2}")
     if [ ! -f "$dir/build.ninja" ]; then
         note "configuring build/${dir##*/} ..."
         if [ -f "$dir/meson-private/coredata.dat" ]; then
@@ -88,9 +90,14 @@ build_dir() {
         fi
         quietly meson setup "${options[@]}" "$dir" "$root" || fail "the build could not be configured"
     fi
-    if ! ninja -C "$dir" -n "${targets[@]}" 2>/dev/null | grep -q 'no work to do'; then
-        note "building build/${dir##*/} (the first time takes a minute or two) ..."
-        quietly ninja -C "$dir" "${targets[@]}" || fail "the build failed"
+}
+
+# build_targets DIRECTORY [TARGET...]: brings the targets, or all that are built by default, up to date. The compiler's message is shown.
+build_targets() { locked "$root/build/$1" build_unlocked "$root/build/$1" "${@:2}"; }
+
+build_unlocked() {
+    if ! ninja -C "$1" -n "${@:2}" 2>/dev/null | grep -q 'no work to do'; then
+        note "building build/${1##*/} (the first time takes a minute or two) ..."
+        quietly ninja -C "$1" "${@:2}" || fail "the build failed"
     fi
-    exec {lock}>&-
 }

@@ -1,7 +1,20 @@
 #!/bin/sh
-# Makes the streams that the element tests play: make_materials.sh DIRECTORY
+# Makes the streams that the tests of the element and of the faults play: make_materials.sh DIRECTORY KEPT
+# What this script makes is made once and kept in KEPT for all build directories, under the sum of the script itself.
+#
+# The options of an encoder are several words.
+# shellcheck disable=SC2086
 set -eu
-cd "$1"
+directory=$1
+kept=$2/$(sha256sum <"$0" | cut -c1-16)
+
+if [ -d "$kept" ]; then
+    exec cp "$kept"/* "$directory"
+fi
+mkdir -p "${kept%/*}"
+made=$(mktemp -d "$kept.XXXXXX")
+trap 'rm -rf "$made"' EXIT
+cd "$made"
 
 video() { # name, size, rate, encoder options
     out=$1 size=$2 rate=$3
@@ -35,3 +48,11 @@ audio tone.ac3 48000 6 -c:a ac3 -b:a 192k
 audio tone.eac3 48000 2 -c:a eac3 -b:a 128k
 audio tone.opus 48000 2 -c:a libopus -b:a 64k
 audio tone.ogg 44100 2 -c:a libvorbis
+
+# What a sender sends: both media, with a key frame every half second.
+ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=sample_rate=48000 -t 4 \
+    $x264 -g 12 -pix_fmt yuv420p -c:a aac -ac 2 -f mpegts stream.ts
+
+cp ./* "$directory"
+# Whole or not at all, also when another build directory made the same meanwhile.
+mv -T "$made" "$kept" 2>/dev/null || true

@@ -72,6 +72,12 @@ need_packages() {
         fail "apt-get could not install ${missing[*]}"
 }
 
+# What clang-format, clang-tidy and cppcheck lay out and find differs with their version: those of Debian 12 decide, and others are not asked.
+style_tools_are_pinned() {
+    clang-format --version 2>/dev/null | grep -q 'version 14\.' && clang-tidy --version 2>/dev/null | grep -q 'version 14\.' &&
+        cppcheck --version 2>/dev/null | grep -qx 'Cppcheck 2\.10'
+}
+
 # build_dir DIRECTORY [MESON OPTION...] [-- TARGET...]: configures DIRECTORY (under build/ of the repository) once and brings it, or the
 # targets named, up to date.
 build_dir() {

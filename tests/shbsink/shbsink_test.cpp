@@ -248,7 +248,7 @@ TEST_P(ShbSinkVideo, ReportsWhatTheStreamSays) {
     EXPECT_EQ(h264 ? "H264" : "H265", said.code);
     EXPECT_EQ(probed["width"], std::to_string(said.width));
     EXPECT_EQ(probed["height"], std::to_string(said.height));
-    EXPECT_EQ(probed["r_frame_rate"], std::to_string(said.fps_n) + "/" + std::to_string(said.fps_d));
+    EXPECT_EQ(probed["avg_frame_rate"], std::to_string(said.fps_n) + "/" + std::to_string(said.fps_d));
     EXPECT_EQ(GetParam().scan, said.scan);
     std::string profile = probed["profile"];
     for (char &c : profile)

@@ -156,7 +156,7 @@ int main(int argc, char *argv[]) {
     }
     g_option_context_free(context);
     if (damage != NULL) {
-        /* The server asks the last element for "pt", which is then no payloader and has none. GLib from 2.76 on calls that critical. */
+        /* The server asks the last element for "pt", which is then no payloader and has none. GLib 2.84 calls that critical. */
         g_log_set_always_fatal(G_LOG_FATAL_MASK);
     }
 

@@ -12,7 +12,8 @@ sender_packages=(ffmpeg)
 # What the tests add: their framework, the servers they play from, and the analysis tools.
 test_packages=(libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
     libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps iproute2 git clang clang-format
-    clang-tidy libclang-rt-14-dev cppcheck valgrind abigail-tools gdb shellcheck)
+    clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck)
+all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${test_packages[@]}")
 
 note() { printf '%s: %s\n' "${0##*/}" "$*" >&2; }
 fail() {
@@ -42,13 +43,19 @@ as_root() {
     fi
 }
 
-# need_packages PACKAGE...: installs the Debian packages that are missing; asks nothing of the network when none is.
-need_packages() {
-    local installed package missing=()
+# missing_packages PACKAGE...: names those that are not installed, one a line.
+missing_packages() {
+    local installed package
     installed=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
     for package; do
-        grep -qxF "$package installed" <<<"$installed" || missing+=("$package")
+        grep -qxF "$package installed" <<<"$installed" || printf '%s\n' "$package"
     done
+}
+
+# need_packages PACKAGE...: installs the Debian packages that are missing; asks nothing of the network when none is.
+need_packages() {
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
     if [ "${#missing[@]}" -eq 0 ]; then
         return 0
     fi
@@ -63,6 +70,12 @@ need_packages() {
     quietly as_root apt-get -qq update || note "the package lists could not be refreshed; trying with those at hand"
     quietly as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install "${missing[@]}" ||
         fail "apt-get could not install ${missing[*]}"
+}
+
+# What clang-format, clang-tidy and cppcheck lay out and find differs with their version: those of Debian 12 decide, and others are not asked.
+style_tools_are_pinned() {
+    clang-format --version 2>/dev/null | grep -q 'version 14\.' && clang-tidy --version 2>/dev/null | grep -q 'version 14\.' &&
+        cppcheck --version 2>/dev/null | grep -qx 'Cppcheck 2\.10'
 }
 
 # locked DIRECTORY COMMAND...: two builds in one directory at the same time spoil each other.

@@ -61,7 +61,6 @@ coverage_branches=94
 
 coverage_checks() {
     local counts=$root/build/coverage/coverage.json
-    need_packages gcovr
     configure coverage -Db_coverage=true -Doptimization=0 -Dtest_parts=unit,faults,peers
     # Counts of earlier runs add up, and those of an earlier build count for other lines.
     find "$root/build/coverage" -name '*.gcda' -delete

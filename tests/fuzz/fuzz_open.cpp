@@ -5,6 +5,7 @@
 
 #include <gst_source_api.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

@@ -2,6 +2,7 @@
 #include "../unit/support/Fixture.h"
 #include "support.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>

@@ -196,10 +196,11 @@ class Rtmps : public Rtmp {
     void SetUp() override {
         MakeCertificate();
         const std::string address = "127.0.0.1:" + std::to_string(port);
+        // TLS 1.2: librtmp takes the session tickets of TLS 1.3, which nginx 1.24 offers by itself, for an error.
         nginx = StartNginx("rtmp { access_log off; server { listen " + address + "; application live { live on; } } }\n" +
-                               "stream { server { listen 127.0.0.1:" + std::to_string(tlsPort) + " ssl; ssl_certificate " +
-                               dir.File("certificate.pem") + "; ssl_certificate_key " + dir.File("key.pem") + "; proxy_pass " +
-                               address + "; } }\n",
+                               "stream { server { listen 127.0.0.1:" + std::to_string(tlsPort) +
+                               " ssl; ssl_protocols TLSv1.2; ssl_certificate " + dir.File("certificate.pem") +
+                               "; ssl_certificate_key " + dir.File("key.pem") + "; proxy_pass " + address + "; } }\n",
                            tlsPort);
     }
     std::string TlsUrl() const { return "rtmps://127.0.0.1:" + std::to_string(tlsPort) + "/live/one"; }

@@ -362,7 +362,8 @@ class Rtmp(Peer):
         front = ""
         if secure:
             make_certificate(self.folder)
-            front = (f"stream {{ server {{ listen {at.address}:{tls} ssl; ssl_certificate {folder}/certificate.pem; "
+            # TLS 1.2: librtmp takes the session tickets of TLS 1.3 for an error.
+            front = (f"stream {{ server {{ listen {at.address}:{tls} ssl; ssl_protocols TLSv1.2; ssl_certificate {folder}/certificate.pem; "
                      f"ssl_certificate_key {folder}/key.pem; proxy_pass {at.address}:{port}; }} }}")
         body = f"rtmp {{ access_log off; server {{ listen {at.address}:{port}; application live {{ live on; }} }} }} {front}"
         self.add("server", nginx(self.folder / f"rtmp{port}", body, modules=["rtmp", "stream"]), lambda: at.tcp_listening(tls if secure else port))

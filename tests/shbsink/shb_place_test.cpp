@@ -1,6 +1,7 @@
 // Reading where the frame lies, waiting without reading, a reader's own counts, and descriptions that change all the time.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <thread>
 

@@ -1,6 +1,7 @@
 // One writer that never waits, four readers that read whole frames or are told what they missed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <thread>

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <utility>
 
 namespace unit {
@@ -584,22 +586,43 @@ TEST_F(Options, HlsCredentialsEachByItself) {
 
 namespace {
 
-// Counts GObject's warnings: what it says when a property gets a value out of its range.
+// Counts GObject's warnings: what it says when a property gets a value out of its range, which is a critical with GLib 2.84. All other
+// criticals end the test, as everywhere.
 class WarningCounter {
   public:
-    WarningCounter() : m_handler(g_log_set_handler("GLib-GObject", G_LOG_LEVEL_WARNING, Count, this)) {}
-    ~WarningCounter() { g_log_remove_handler("GLib-GObject", m_handler); }
+    WarningCounter()
+        : m_default(g_log_set_default_handler(EndAtCriticals, nullptr)),
+          m_handler(g_log_set_handler("GLib-GObject", static_cast<GLogLevelFlags>(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_CRITICAL),
+                                      Count, this)),
+          m_fatal(g_log_set_always_fatal(G_LOG_LEVEL_ERROR)) {}
+    ~WarningCounter() {
+        g_log_set_always_fatal(m_fatal);
+        g_log_remove_handler("GLib-GObject", m_handler);
+        g_log_set_default_handler(m_default, nullptr);
+    }
     WarningCounter(const WarningCounter &) = delete;
     WarningCounter &operator=(const WarningCounter &) = delete;
     int Take() { return std::exchange(m_count, 0); }
 
   private:
-    static void Count(const gchar * /*domain*/, GLogLevelFlags /*level*/, const gchar * /*message*/, gpointer counter) {
+    static void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer user) {
+        g_log_default_handler(domain, level, message, user);
+        if ((level & G_LOG_LEVEL_CRITICAL) != 0) {
+            std::abort();
+        }
+    }
+
+    static void Count(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer counter) {
+        if (std::strstr(message, "is invalid or out of range for property") == nullptr) {
+            EndAtCriticals(domain, level, message, nullptr);
+        }
         ++static_cast<WarningCounter *>(counter)->m_count;
     }
 
     int m_count = 0;
+    GLogFunc m_default;
     guint m_handler;
+    GLogLevelFlags m_fatal;
 };
 
 constexpr unsigned int kIntMax = 2147483647U;

@@ -5,6 +5,7 @@
 #include <dirent.h>
 
 #include <sys/socket.h>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>

@@ -18,6 +18,16 @@ class HelpFormatter : public CLI::Formatter {
         return "\nUsage: " + m_usage + "\n";
     }
 
+    // CLI11 2.1 and 2.4 write defaults differently; the help is the same with both.
+    std::string make_option_opts(const CLI::Option *option) const override {
+        std::string text;
+        if (option->get_type_size() != 0) {
+            text += option->get_type_name().empty() ? "" : " " + option->get_type_name();
+            text += option->get_default_str().empty() ? "" : "=" + option->get_default_str();
+        }
+        return text;
+    }
+
     std::string make_option_desc(const CLI::Option *option) const override {
         std::istringstream words(option->get_description());
         std::string wrapped;

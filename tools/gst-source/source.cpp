@@ -1,5 +1,6 @@
 #include "source.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace tool {

@@ -229,7 +229,8 @@ const char *Material::AudioName() const {
     return audio == Codec::None ? "" : Facts(audio).name;
 }
 
-const Material &GetMaterial(const std::string &name) {
+const Material &GetMaterial(std::string_view wanted) {
+    const std::string name(wanted);
     static std::mutex mutex;
     static std::map<std::string, std::unique_ptr<Material>> made;
     const std::lock_guard<std::mutex> lock(mutex);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Units.h"
@@ -32,7 +33,7 @@ struct Material {
 };
 
 // Names are rows of the table in Material.cpp, such as "h264_aac" or "h265_only". Made on first use; lives as long as the program.
-const Material &GetMaterial(const std::string &name);
+const Material &GetMaterial(std::string_view name);
 
 // A file made from others by one ffmpeg call, cached beside the materials.
 std::string DerivedFile(const std::string &file, const std::vector<std::string> &ffmpegArgs);

@@ -285,11 +285,14 @@ int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
 GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
-// std::thread::_M_start_thread, which throws when the system has no thread left.
-void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread *self, std::unique_ptr<std::thread::_State> state, void (*depend)());
-void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread *self, std::unique_ptr<std::thread::_State> state, void (*depend)());
+// std::thread::_M_start_thread, which throws when the system has no thread left. The state is a std::unique_ptr to a private type, which
+// has a destructor and so is handed over by its address.
+void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread *self,
+                                                                                                  void *state,
+                                                                                                  void (*depend)());
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread *self,
+                                                                                                  void *state,
+                                                                                                  void (*depend)());
 
 GstElement *__wrap_gst_element_factory_make(const gchar *factory, const gchar *name) {
     using unit::Plan;
@@ -439,13 +442,13 @@ GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout) {
     return __real_gst_bus_timed_pop(bus, timeout);
 }
 
-void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread *self, std::unique_ptr<std::thread::_State> state, void (*depend)()) {
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread *self,
+                                                                                                  void *state,
+                                                                                                  void (*depend)()) {
     if (unit::WithPlan([](unit::Plan &plan) { return plan.failThreadStart; }) || unit::Refused("std::thread", "")) {
         throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
     }
-    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(self, std::move(state),
-                                                                                                 depend);
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(self, state, depend);
 }
 
 // Calls that only fail in turn (FailCall).

@@ -34,8 +34,8 @@ class Report(unittest.TestCase):
         self.assertEqual(cases.read_report(text), (0, [("p.one.A.x", "[31mred")], []))
 
     def test_a_program_without_a_case_has_failed(self):
-        text = report(("p.one.A", '<testcase name="x" classname="A"/>'), ("p.two.B", ""))
-        self.assertEqual(cases.read_report(text, ["p.one", "p.two", "p.on"]), (1, [("p.two", "no case ran"), ("p.on", "no case ran")], []))
+        text = report(("p.p:s / one.A", '<testcase name="x" classname="A"/>'), ("p.p:s / two.B", ""))
+        self.assertEqual(cases.read_report(text, ["one", "two", "on"]), (1, [("two", "no case ran"), ("on", "no case ran")], []))
 
 
 class Names(unittest.TestCase):
@@ -43,8 +43,9 @@ class Names(unittest.TestCase):
         self.assertEqual(cases.full_name({"name": "steps", "suite": ["p:unit", "p:short"]}), "p:unit+short / steps")
         self.assertEqual(cases.full_name({"name": "steps", "suite": ["p"]}), "steps")
 
-    def test_program_of_the_full_name_is_that_of_the_report(self):
-        self.assertEqual(cases.program_of("p:unit+short / steps"), "p.steps")
+    def test_program_is_the_end_of_the_full_name(self):
+        self.assertEqual(cases.program_of("p:unit+short / steps"), "steps")
+        self.assertEqual(cases.program_of("steps"), "steps")
 
 
 class Files(unittest.TestCase):

@@ -175,9 +175,13 @@ bool CRtspSource::_PipelineStop() {
     }
     {
         // rtspsrc does not leave an answer that it has begun to read, but for its time-out, which may be none; and its jitter buffers
-        // may sleep through their stop when the server has just gone.
-        const std::unique_ptr<StopPatience> patience(m_nTaskThread == 0 ? nullptr : new StopPatience(kStopPatience, [this] {
-            EndSocketWait(m_nTaskThread);
+        // may sleep through their stop when the server has just gone. That of GStreamer 1.26 overhears a stop that comes just before it
+        // has made its connection, so it may begin to send only then.
+        const bool working = m_nTaskThread != 0 || m_nPipelineState == GST_STATE_PLAYING;
+        const std::unique_ptr<StopPatience> patience(!working ? nullptr : new StopPatience(kStopPatience, [this] {
+            if (const pid_t thread = m_nTaskThread; thread != 0) {
+                EndSocketWait(thread);
+            }
             WakeJitterBuffers(m_pPipeline);
         }));
         if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {

@@ -255,6 +255,69 @@ TEST_P(Closing, WhilePlaying) {
 
 INSTANTIATE_TEST_SUITE_P(Classes, Closing, testing::ValuesIn(SourceClasses()), ClassName());
 
+// ---- A stop that rtspsrc overhears ------------------------------------------------------------------------------------------
+
+// Holds rtspsrc just before it makes its connection until the stop has given up waiting for it, by what the element says of both.
+class BeforeConnection {
+  public:
+    BeforeConnection() {
+        gst_debug_add_log_function(OnDebug, this, nullptr);
+        gst_debug_set_threshold_for_name("rtspsrc", GST_LEVEL_DEBUG);
+        gst_debug_set_active(TRUE);
+    }
+    ~BeforeConnection() {
+        gst_debug_set_active(m_active);
+        gst_debug_unset_threshold_for_name("rtspsrc");
+        gst_debug_remove_log_function_by_data(this);
+    }
+    BeforeConnection(const BeforeConnection &) = delete;
+    BeforeConnection &operator=(const BeforeConnection &) = delete;
+    bool Held() const { return m_held; }
+    bool Missed() const { return m_missed; }
+
+  private:
+    static void OnDebug(GstDebugCategory *, GstDebugLevel, const gchar *, const gchar *, gint, GObject *,
+                        GstDebugMessage *message, gpointer user) {
+        auto *self = static_cast<BeforeConnection *>(user);
+        const std::string text = gst_debug_message_get(message);
+        if (text.find("creating connection") == 0) {
+            self->m_held = true;
+            EXPECT_TRUE(Eventually([self] { return self->Missed(); }));
+        } else if (text.find("Timed out waiting for TEARDOWN") == 0) {
+            self->m_missed = true;
+        }
+    }
+
+    const gboolean m_active = gst_debug_is_active();
+    std::atomic<bool> m_held{false};
+    std::atomic<bool> m_missed{false};
+};
+
+TEST(ClosingRtsp, JustBeforeTheConnectionIsMade) {
+    for (const bool destroys : {false, true}) {
+        const Watchdog watchdog("CRtspSource: just before the connection is made");
+        Faults faults;
+        faults.SleepReally();
+        const LogCapture log;
+        const StalledPeer peer(SOURCE_TYPE_RTSP, Stall::Silent);
+        int buffer = 0;
+        void *const handle = gst_source_create(SOURCE_TYPE_RTSP, &buffer, kChannel, kStream);
+        ASSERT_NE(nullptr, handle);
+        const std::string url = "rtsp://127.0.0.1:" + std::to_string(peer.Port()) + "/live";
+        {
+            const BeforeConnection moment;
+            ASSERT_EQ(0, gst_rtsp_source_open_live_stream(handle, url.c_str(), 200, 4, 2000, 0, "", ""));
+            EXPECT_TRUE(Eventually([&] { return moment.Held(); }));
+            if (!destroys) {
+                EXPECT_EQ(0, gst_source_close_live_stream(handle));
+            }
+            gst_source_destroy(handle);
+            EXPECT_TRUE(moment.Missed());
+        }
+        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); })) << testing::PrintToString(LiveObjects());
+    }
+}
+
 }  // namespace
 
 }  // namespace unit

@@ -5,8 +5,6 @@
 #include "../unit/support/Watchdog.h"
 #include "StalledPeer.h"
 
-#include <sys/socket.h>
-
 #include <atomic>
 #include <thread>
 
@@ -28,24 +26,9 @@ class Closing : public ClassTest {
         SourceTest::TearDown();
     }
 
-    std::string UrlOf(int port) const {
-        const std::string at = "127.0.0.1:" + std::to_string(port);
-        switch (Row().type) {
-            case SOURCE_TYPE_RTSP:
-                return "rtsp://" + at + "/live";
-            case SOURCE_TYPE_RTMP:
-                return "rtmp://" + at + "/live/stream";
-            case SOURCE_TYPE_SRT:
-                return "srt://" + at;
-            case SOURCE_TYPE_UDP:
-                return "udp://" + at;
-            default:
-                return "http://" + at + "/live.m3u8";
-        }
-    }
     void OpenAt(int port) {
         Make(Row());
-        const std::string url = UrlOf(port);
+        const std::string url = Row().UrlAt(port);
         if (Row().type == SOURCE_TYPE_RTSP) {
             // Without a time-out of rtspsrc's that could end anything.
             auto &source = static_cast<Tessaro::CRtspSource &>(Source());
@@ -113,17 +96,15 @@ class Closing : public ClassTest {
 
 // ---- Peers that leave the source in mid-air ---------------------------------------------------------------------------------
 
-struct Moment {
-    const char *name;
-    Stall stall;
-};
-
 TEST_P(Closing, PeersThatStall) {
-    const Moment moments[] = {{"nobody listens", Stall::Refusing},
-                              {"connecting", Stall::Dropping},
-                              {"silent peer", Stall::Silent},
-                              {"half a handshake", Stall::HalfAnswer}};
-    for (const Moment &moment : moments) {
+    const struct {
+        const char *name;
+        Stall stall;
+    } moments[] = {{"nobody listens", Stall::Refusing},
+                   {"connecting", Stall::Dropping},
+                   {"silent peer", Stall::Silent},
+                   {"half a handshake", Stall::HalfAnswer}};
+    for (const auto &moment : moments) {
         const bool silent = moment.stall == Stall::Silent;
         if ((Row().type == SOURCE_TYPE_UDP && !silent) || (Row().type == SOURCE_TYPE_SRT && moment.stall == Stall::Dropping)) {
             continue;  // the same as silence
@@ -173,7 +154,7 @@ TEST_P(Closing, WhilePadsAreBeingAdded) {
     for (const Way way : kWays) {
         const Watchdog watchdog(Row().name + ": while pads are being added");
         const StalledPeer peer(Row().type, Stall::Silent);
-        m_url = UrlOf(peer.Port());
+        m_url = Row().UrlAt(peer.Port());
         m_log.Take();
         std::atomic<bool> building{false};
         std::atomic<int> built{0};
@@ -202,7 +183,7 @@ TEST_P(Closing, WhileTheCallbackRuns) {
     for (const Way way : kWays) {
         const Watchdog watchdog(Row().name + ": while the callback runs");
         const StalledPeer peer(Row().type, Stall::Silent);
-        m_url = UrlOf(peer.Port());
+        m_url = Row().UrlAt(peer.Port());
         m_log.Take();
         Host host{[this] { return CloseHasBegun(); }, {}, {}};
         OpenScripted(peer, [&](GstElement *self, const std::atomic<bool> &) {

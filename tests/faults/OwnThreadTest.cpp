@@ -2,9 +2,8 @@
 // refused, told, and do no harm; without that, they wait for themselves or leave a pipeline behind that nobody can end.
 #include "../unit/support/FakeDemux.h"
 #include "../unit/support/Fixture.h"
+#include "../unit/support/Loopback.h"
 #include "../unit/support/Watchdog.h"
-
-#include <sys/socket.h>
 
 #include <atomic>
 #include <thread>

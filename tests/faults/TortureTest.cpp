@@ -107,7 +107,7 @@ void Torture::AddPads(CBaseSource &source, int session, Pads &pads) const {
             gst_element_add_pad(demux, pads.back().get());
         }
     };
-    std::string demux = Row().front.back().substr(Row().front.back().find(' ') + 1);
+    std::string demux = InstanceName(Row().front.back());
     if (IsHls()) {
         expose(demux, "src_0", "video/mpegts, systemstream=(boolean)true");
         demux = "Tsdemux";
@@ -208,9 +208,7 @@ bool Torture::Run(int n, bool and_all_after) {
         if (opened && AwaitPlay(faults, log, Row(), 1)) {
             AddPads(*source, 0, pads);
             const int plays = faults.Plays();
-            GstBus *bus = GST_BUS(gst_object_ref(SourceProbe::Bus(*source)));
-            gst_bus_post(bus, gst_message_new_eos(nullptr));
-            gst_object_unref(bus);
+            PostOn(*source, gst_message_new_eos(nullptr));
             if (AwaitPlay(faults, log, Row(), plays + 1)) {
                 AddPads(*source, 1, pads);
             }
@@ -238,7 +236,7 @@ bool Torture::Run(int n, bool and_all_after) {
         m_failed.insert(failed.function);
         ExpectWorks(*source, faults, log);
     }
-    EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); }, 20)) << testing::PrintToString(LiveObjects());
+    ExpectNothingLives();
     ForgetLiveObjects();
     return !failed.function.empty();
 }

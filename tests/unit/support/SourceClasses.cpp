@@ -33,6 +33,8 @@ SourceClass Members(int type, const char *name) {
     row.loopBuildFailureHasUrl = true;
     row.stateAfterPlay = "connected";
     row.stateAfterBusError = GST_STATE_PLAYING;
+    row.videoCaps = "video/x-h264, stream-format=(string)byte-stream";
+    row.audioCaps = "audio/mpeg, mpegversion=(int)4, stream-format=(string)adts";
     row.padDemuxText = tag + " tsdeumx A new ";
     row.padCapsFailure = tag + " Unable to get tsdeumx current caps by source pad!!! url=";
     row.padStructureFailure = tag + " Unable to get tsdeumx current structure by caps!!! url=";
@@ -58,6 +60,8 @@ std::vector<SourceClass> MakeClasses() {
     rtsp.exitMessage = "Rtsp source pthread exit";
     rtsp.stateAfterBusError = 0;
     rtsp.clearsMediaInfo = true;
+    rtsp.videoCaps = "application/x-rtp, media=(string)video, encoding-name=(string)H264, clock-rate=(int)90000";
+    rtsp.audioCaps = "application/x-rtp, media=(string)audio, encoding-name=(string)MPEG4-GENERIC, clock-rate=(int)48000";
     rtsp.padDemuxText = "[CRtspSource] rtspsrc A new ";
     rtsp.padCapsFailure = "[CRtspSource] Unable to get rtspsrc current caps by source pad!!!url=";
     rtsp.padStructureFailure = "[CRtspSource] Unable to get rtspsrc current structure by caps!!!url=";
@@ -84,6 +88,8 @@ std::vector<SourceClass> MakeClasses() {
     rtmp.exitMessage = "Rtmp source pthread exit";
     rtmp.loopBuildFailure = Info("Rtmp source _CreateGstElements error.");
     rtmp.loopBuildFailureHasUrl = false;
+    rtmp.videoCaps = "video/x-h264, stream-format=(string)avc";
+    rtmp.audioCaps = "audio/mpeg, mpegversion=(int)4, stream-format=(string)raw";
     rtmp.padDemuxText = "[CRtmpSource] flvdemux A new ";
     rtmp.padCapsFailure = "[CRtmpSource] Unable to get flvdemux current caps by source pad!!! url=";
     rtmp.padStructureFailure = "[CRtmpSource] Unable to get flvdemux current structure by caps!!! url=";

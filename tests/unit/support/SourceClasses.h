@@ -48,6 +48,8 @@ struct SourceClass {
     bool clearsMediaInfo;
 
     // Pads and branches
+    std::string videoCaps;  // of a pad as its demultiplexer brings it
+    std::string audioCaps;
     std::string padDemuxText;  // "tsdeumx A new ", ...
     std::string padCapsFailure;
     std::string padStructureFailure;

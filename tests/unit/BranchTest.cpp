@@ -1,6 +1,7 @@
 // Video and audio branches: what is built behind a pad, in which order, with which options, and what a failure leaves behind.
 #include "CodecTables.h"
 #include "support/Fixture.h"
+#include "support/Records.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -261,31 +262,6 @@ TEST_P(Branch, Video) {
     }
 }
 
-TEST_P(Branch, VideoSignalsReachTheRecords) {
-    ASSERT_TRUE(Video(m_pad.get(), "H264"));
-    GstElement *sink = Fields().sink[0];
-    m_log.Take();
-    EmitBitrate(sink, 5000);
-    EmitFps(sink, 26);
-    EmitVideoChanged(sink, {});
-    const source_status_t status = SourceProbe::Status(Source());
-    EXPECT_EQ(5000U, status.video_bitrate);
-    EXPECT_EQ(0U, status.audio_bitrate);
-    EXPECT_EQ(26.0F, status.video_real_fps);
-    EXPECT_EQ(0.0F, status.audio_real_fps);
-    EXPECT_STREQ("H264", status.video_code);
-    EXPECT_EQ(1920, status.width);
-    EXPECT_EQ(1080, status.height);
-    EXPECT_EQ(25.0F, status.fps);
-    media_code_info_t video{};
-    media_code_info_t audio{};
-    Source().GetMediaInfo(&video, &audio);
-    EXPECT_EQ(4, video.params.video.ref_frames);
-    EXPECT_EQ(1U, m_log.Count(Info("[CBaseSource] ~~~~~video_changed_handler callback!!! URL=" + Url()))) << "connected once";
-    EmitAudioChanged(sink, {});
-    EXPECT_STREQ("", SourceProbe::Status(Source()).audio_code) << "the video sink has no audio";
-}
-
 TEST_P(Branch, SinksReportCountsAsTheEncoding) {
     ASSERT_TRUE(Video(m_pad.get(), "H264"));
     VideoReport report;
@@ -414,31 +390,6 @@ TEST_P(Branch, AudioWithoutAParser) {
     }
 }
 
-TEST_P(Branch, AudioSignalsReachTheRecords) {
-    ASSERT_TRUE(Audio(m_pad.get(), "AAC"));
-    GstElement *sink = Fields().sink[1];
-    m_log.Take();
-    EmitBitrate(sink, 128);
-    EmitFps(sink, 47);
-    EmitAudioChanged(sink, {});
-    const source_status_t status = SourceProbe::Status(Source());
-    EXPECT_EQ(128U, status.audio_bitrate);
-    EXPECT_EQ(0U, status.video_bitrate);
-    EXPECT_EQ(47.0F, status.audio_real_fps);
-    EXPECT_EQ(0.0F, status.video_real_fps);
-    EXPECT_STREQ("AAC", status.audio_code);
-    EXPECT_EQ(48000, status.sample_rate);
-    EXPECT_EQ(2, status.channels);
-    media_code_info_t video{};
-    media_code_info_t audio{};
-    Source().GetMediaInfo(&video, &audio);
-    EXPECT_EQ(1024, audio.params.audio.no_samples);
-    EXPECT_EQ(128000, audio.params.audio.extra);
-    EXPECT_EQ(1U, m_log.Count(Info("[CBaseSource] ~~~~~audio_changed_handler callback!!! URL=" + Url()))) << "connected once";
-    EmitVideoChanged(sink, {});
-    EXPECT_STREQ("", SourceProbe::Status(Source()).video_code);
-}
-
 TEST_P(Branch, UnknownAudioIsNotRecorded) {
     for (const char *encode : {"aac", "G722", "H264", "MPEG"}) {
         EXPECT_FALSE(Audio(m_pad.get(), encode));
@@ -537,6 +488,42 @@ TEST_P(Branch, MissingAudioCapsFilter) {
 }
 
 // ---- Each of the two --------------------------------------------------------------------------------------------------------
+
+// Those of its medium: a sink of the one has nothing to say of the other.
+TEST_P(Branch, SignalsReachTheRecords) {
+    struct Case {
+        Medium medium;
+        guint bitrate;
+        guint fps;
+        const char *handler;
+        const char *status;
+        const char *info;
+    };
+    const Case cases[] = {{kVideo, 5000, 26, "video_changed_handler",
+                           " connected: H264 1920x1080 25 fps, 26 real, 5000 bit/s;  0 Hz, 0 channels, 0 real, 0 bit/s",
+                           "H264 1920x1080 25 fps, scan 0, 4 references"},
+                          {kAudio, 128, 47, "audio_changed_handler",
+                           " connected:  0x0 0 fps, 0 real, 0 bit/s; AAC 48000 Hz, 2 channels, 47 real, 128 bit/s",
+                           "AAC 48000 Hz, 2 channels, 1024 samples, extra 128000"}};
+    for (const Case &row : cases) {
+        SCOPED_TRACE(row.handler);
+        Make(Row());
+        Begin();
+        ASSERT_TRUE(Add(row.medium, m_pad, row.medium == kVideo ? "H264" : "AAC"));
+        GstElement *sink = Fields().sink[row.medium];
+        m_log.Take();
+        EmitBitrate(sink, row.bitrate);
+        EmitFps(sink, row.fps);
+        EmitVideoChanged(sink, {});
+        EmitAudioChanged(sink, {});
+        EXPECT_EQ(row.status, Describe(SourceProbe::Status(Source())));
+        media_code_info_t infos[2] = {};
+        Source().GetMediaInfo(&infos[kVideo], &infos[kAudio]);
+        EXPECT_EQ(row.info, Describe(infos[row.medium]));
+        const Line called = Info(std::string("[CBaseSource] ~~~~~") + row.handler + " callback!!! URL=" + Url());
+        EXPECT_EQ(1U, m_log.Count(called)) << "connected once";
+    }
+}
 
 TEST_P(Branch, Repeated) {
     for (const Medium medium : kMedia) {

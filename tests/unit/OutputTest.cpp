@@ -96,6 +96,8 @@ TEST(Output, FullOneIsWaitedForOnceAndWhatWasLeftOutIsTold) {
 // The notice takes all the room there is: the line behind it is left out again, and told again.
 TEST(Output, NoticeThatFillsItIsFollowedByAnother) {
     const Watchdog watchdog("notice that fills");
+    Faults faults;
+    faults.PollWithoutPatience();
     Strings told;
     {
         OutputPipe pipe(4096);
@@ -123,6 +125,8 @@ TEST(Output, LongLineComesWhole) {
 
 TEST(Output, LongLineIsCutWhereNothingMoreGoesIn) {
     const Watchdog watchdog("cut line");
+    Faults faults;
+    faults.PollWithoutPatience();
     std::string got;
     Strings after;
     {
@@ -206,7 +210,7 @@ class FullOutput : public ClassTest {};
 TEST_P(FullOutput, HoldsNothingUp) {
     const Watchdog watchdog("session with full output");
     m_faults.SetPlay(Play::Pretend);
-    m_faults.PollFast();
+    m_faults.PollWithoutPatience();
     // A failure is told at the end, when there is somewhere to print it.
     std::string told;
     std::string leaked;

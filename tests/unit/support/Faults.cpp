@@ -1,5 +1,7 @@
 #include "Faults.h"
 
+#include <poll.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -135,6 +137,8 @@ void __real_g_usleep(gulong microseconds);
 void __wrap_g_usleep(gulong microseconds);
 gint64 __real_g_get_monotonic_time(void);
 gint64 __wrap_g_get_monotonic_time(void);
+int __real_poll(pollfd *polled, nfds_t count, int timeout);
+int __wrap_poll(pollfd *polled, nfds_t count, int timeout);
 int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
@@ -261,6 +265,10 @@ void __wrap_g_usleep(gulong microseconds) {
 gint64 __wrap_g_get_monotonic_time(void) {
     const gint64 clock = unit::WithPlan([](unit::Plan &plan) { return plan.clock; });
     return clock != 0 ? clock : __real_g_get_monotonic_time();
+}
+
+int __wrap_poll(pollfd *polled, nfds_t count, int timeout) {
+    return __real_poll(polled, count, unit::WithPlan([](unit::Plan &plan) { return plan.impatient; }) ? 0 : timeout);
 }
 
 int __wrap_fcntl64(int fd, int command, ...) {

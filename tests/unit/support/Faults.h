@@ -54,6 +54,7 @@ struct Plan {
     std::function<GstMessage *(int)> onPoll;
     std::vector<GstClockTime> polls;
     bool pollFast = false;
+    bool impatient = false;
     std::function<int(int)> onDescriptorCall;
 };
 
@@ -132,6 +133,8 @@ class Faults {
     // Called with the command of each fcntl, before it; an errno that it gives is what the call fails with, 0 lets it go on.
     void OnDescriptorCall(std::function<int(int command)> hook) { Set(&Plan::onDescriptorCall, std::move(hook)); }
 
+    // A poll for descriptors is over at once: standard output that is full is not waited for.
+    void PollWithoutPatience() { Set(&Plan::impatient, true); }
     // What the library takes for g_get_monotonic_time from now on; it stands still until it is set again.
     void SetClock(gint64 microseconds) { Set(&Plan::clock, microseconds); }
     // The waits of the worker: recorded; not slept through unless asked for. The hook is called on the worker with the number

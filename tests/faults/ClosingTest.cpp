@@ -5,10 +5,12 @@
 #include "../unit/support/Watchdog.h"
 #include "StalledPeer.h"
 
-#include <sys/socket.h>
-
 #include <atomic>
+#include <functional>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace unit {
 
@@ -19,45 +21,25 @@ const Way kWays[] = {Way::Close, Way::CloseOnAnotherThread, Way::Destroy, Way::D
 
 class Closing : public ClassTest {
   protected:
-    void SetUp() override {
-        m_faults.SleepReally();
-        RegisterFakeDemux();
-    }
+    void SetUp() override { m_faults.SleepReally(); }
     void TearDown() override {
         SetDemuxScript(nullptr);
         SourceTest::TearDown();
     }
 
-    std::string UrlOf(int port) const {
-        const std::string at = "127.0.0.1:" + std::to_string(port);
-        switch (Row().type) {
-            case SOURCE_TYPE_RTSP:
-                return "rtsp://" + at + "/live";
-            case SOURCE_TYPE_RTMP:
-                return "rtmp://" + at + "/live/stream";
-            case SOURCE_TYPE_SRT:
-                return "srt://" + at;
-            case SOURCE_TYPE_UDP:
-                return "udp://" + at;
-            default:
-                return "http://" + at + "/live.m3u8";
-        }
-    }
-    void OpenAt(int port) {
-        Make(Row());
-        const std::string url = UrlOf(port);
+    void OpenAt(CBaseSource &source, int port) const {
+        const std::string url = Row().UrlAt(port);
         if (Row().type == SOURCE_TYPE_RTSP) {
             // Without a time-out of rtspsrc's that could end anything.
-            auto &source = static_cast<Tessaro::CRtspSource &>(Source());
-            ASSERT_TRUE(source.OpenLiveStream(url.c_str(), 200, 4, 2000, 0, "", ""));
+            EXPECT_TRUE(static_cast<Tessaro::CRtspSource &>(source).OpenLiveStream(url.c_str(), 200, 4, 2000, 0, "", ""));
         } else {
-            ASSERT_TRUE(Row().open(Source(), url.c_str()));
+            EXPECT_TRUE(Row().open(source, url.c_str()));
         }
     }
     // Ends the source in that way. Whatever it was doing: closed is closed.
-    void End(Way way) {
-        void *const handle = m_source.get();
+    static void End(SourcePtr source, Way way) {
         const bool destroys = way == Way::Destroy || way == Way::DestroyOnAnotherThread;
+        void *const handle = destroys ? source.release() : source.get();
         int closed = -1;
         const auto end = [&] {
             if (destroys) {
@@ -66,9 +48,6 @@ class Closing : public ClassTest {
                 closed = gst_source_close_live_stream(handle);
             }
         };
-        if (destroys) {
-            static_cast<void>(m_source.release());
-        }
         if (way == Way::CloseOnAnotherThread || way == Way::DestroyOnAnotherThread) {
             std::thread(end).join();
         } else {
@@ -76,35 +55,53 @@ class Closing : public ClassTest {
         }
         if (!destroys) {
             EXPECT_EQ(0, closed);
-            EXPECT_EQ("stop", SourceProbe::StateText(Source()));
-            EXPECT_EQ(nullptr, SourceProbe::Pipeline(Source()));
+            EXPECT_EQ("stop", SourceProbe::StateText(*source));
+            EXPECT_EQ(nullptr, SourceProbe::Pipeline(*source));
         }
-        m_source.reset();
+    }
+    // Opens a source at such a peer and ends it once `await` is back: in all ways side by side, each on a thread that is its host.
+    void EndInEachWay(const char *moment, Stall stall, const std::function<void(const StalledPeer &, CBaseSource &)> &await) {
+        const Watchdog watchdog(Row().name + ": " + moment);
+        std::vector<std::thread> hosts;
+        for (const Way way : kWays) {
+            hosts.emplace_back([&, way] {
+                SCOPED_TRACE(std::string(moment) + ", way " + std::to_string(static_cast<int>(way)));
+                const StalledPeer peer(Row().type, stall);
+                SourcePtr source(Row().create(&m_buffer, kChannel, kStream));
+                OpenAt(*source, peer.Port());
+                await(peer, *source);
+                End(std::move(source), way);
+            });
+        }
+        for (std::thread &host : hosts) {
+            host.join();
+        }
+    }
+    // The same one after the other, with a peer that says nothing; `begin` opens the test's source.
+    void EndInTurn(const char *moment, const std::function<void(const StalledPeer &)> &begin,
+                   const std::function<void()> &after) {
+        for (const Way way : kWays) {
+            const Watchdog watchdog(Row().name + ": " + moment);
+            const StalledPeer peer(Row().type, Stall::Silent);
+            m_url = Row().UrlAt(peer.Port());
+            m_log.Take();
+            Make(Row());
+            begin(peer);
+            End(std::move(m_source), way);
+            after();
+        }
     }
     // A session whose demultiplexer is played by a script, in front of which the real source element waits for its peer.
     void OpenScripted(const StalledPeer &peer, DemuxScript script) {
-        for (const char *factory : {"tsdemux", "flvdemux", "rtspsrc", "hlsdemux"}) {
-            m_faults.Substitute(factory, kFakeDemux);
-        }
-        SetDemuxScript([script = std::move(script)](GstElement *self, const std::atomic<bool> &stop) {
-            if (std::string(GST_OBJECT_NAME(self)) == "Hlsdemux") {
-                ExposePad(self, "src_0", "video/mpegts");
-            } else {
-                script(self, stop);
-            }
-        });
-        OpenAt(peer.Port());
+        ScriptDemuxers(m_faults, std::move(script));
+        OpenAt(Source(), peer.Port());
     }
-    void ExposeVideo(GstElement *demux) const {
-        ExposePad(demux, "video_0",
-                  Row().depays ? "application/x-rtp, media=(string)video, encoding-name=(string)H264, clock-rate=(int)90000"
-                               : "video/x-h264, stream-format=(string)byte-stream");
-    }
-    void ExposeAudio(GstElement *demux) const {
-        ExposePad(demux, "audio_0",
-                  Row().depays
-                      ? "application/x-rtp, media=(string)audio, encoding-name=(string)MPEG4-GENERIC, clock-rate=(int)48000"
-                      : "audio/mpeg, mpegversion=(int)4");
+    void ExposeVideo(GstElement *demux) const { ExposePad(demux, "video_0", Row().videoCaps); }
+    void ExposeAudio(GstElement *demux) const { ExposePad(demux, "audio_0", Row().audioCaps); }
+    // A pipeline has been told to play, or to wait for its rebuild.
+    static bool HasPlayed(CBaseSource &source) {
+        const std::string state = SourceProbe::StateText(source);
+        return !state.empty() && state != "start";
     }
     bool CloseHasBegun() const { return m_log.Count(Info(Row().Tag() + " Close live stream ... URL=" + m_url)) != 0; }
 
@@ -113,84 +110,64 @@ class Closing : public ClassTest {
 
 // ---- Peers that leave the source in mid-air ---------------------------------------------------------------------------------
 
-struct Moment {
-    const char *name;
-    Stall stall;
-};
-
 TEST_P(Closing, PeersThatStall) {
-    const Moment moments[] = {{"nobody listens", Stall::Refusing},
-                              {"connecting", Stall::Dropping},
-                              {"silent peer", Stall::Silent},
-                              {"half a handshake", Stall::HalfAnswer}};
-    for (const Moment &moment : moments) {
+    const struct {
+        const char *name;
+        Stall stall;
+    } moments[] = {{"nobody listens", Stall::Refusing},
+                   {"connecting", Stall::Dropping},
+                   {"silent peer", Stall::Silent},
+                   {"half a handshake", Stall::HalfAnswer}};
+    for (const auto &moment : moments) {
         const bool silent = moment.stall == Stall::Silent;
         if ((Row().type == SOURCE_TYPE_UDP && !silent) || (Row().type == SOURCE_TYPE_SRT && moment.stall == Stall::Dropping)) {
             continue;  // the same as silence
         }
-        for (const Way way : kWays) {
-            SCOPED_TRACE(std::string(moment.name) + ", way " + std::to_string(static_cast<int>(way)));
-            const Watchdog watchdog(Row().name + ": " + moment.name);
-            const StalledPeer peer(Row().type, moment.stall);
-            OpenAt(peer.Port());
-            ASSERT_TRUE(Eventually([&] { return peer.Reached() && m_faults.Plays() > 0; }));
-            End(way);
-            m_faults.ForgetPlays();
-        }
+        EndInEachWay(moment.name, moment.stall, [](const StalledPeer &peer, CBaseSource &source) {
+            EXPECT_TRUE(Eventually([&] { return peer.Reached() && HasPlayed(source); }));
+        });
     }
 }
 
 TEST_P(Closing, RightAfterOpen) {
     for (const Stall stall : {Stall::Refusing, Stall::Silent}) {
-        for (const Way way : kWays) {
-            const Watchdog watchdog(Row().name + ": right after open");
-            const StalledPeer peer(Row().type, stall);
-            OpenAt(peer.Port());
-            End(way);
-        }
+        EndInEachWay("right after open", stall, [](const StalledPeer &, CBaseSource &) {});
     }
 }
 
 TEST_P(Closing, InTheWaitForTheRebuild) {
-    for (const Way way : kWays) {
-        const Watchdog watchdog(Row().name + ": in the wait for the rebuild");
-        const StalledPeer peer(Row().type, Stall::Silent);
-        OpenAt(peer.Port());
-        ASSERT_TRUE(Eventually([&] { return m_faults.Plays() > 0; }));
-        const std::size_t slept = m_faults.Sleeps().size();
+    std::size_t slept = 0;
+    const auto begin = [&](const StalledPeer &peer) {
+        OpenAt(Source(), peer.Port());
+        ASSERT_TRUE(Eventually([&] { return HasPlayed(Source()); }));
+        slept = m_faults.Sleeps().size();
         Post(gst_message_new_eos(nullptr));
         ASSERT_TRUE(Eventually([&] { return m_faults.Sleeps().size() > slept; }));
-        End(way);
-        // The wait was cut short.
-        EXPECT_GT(slept + 30, m_faults.Sleeps().size());
-        m_faults.ForgetPlays();
-    }
+    };
+    EndInTurn("in the wait for the rebuild", begin, [&] { EXPECT_GT(slept + 30, m_faults.Sleeps().size()) << "cut short"; });
 }
 
 // ---- Streaming threads at work ----------------------------------------------------------------------------------------------
 
 TEST_P(Closing, WhilePadsAreBeingAdded) {
-    for (const Way way : kWays) {
-        const Watchdog watchdog(Row().name + ": while pads are being added");
-        const StalledPeer peer(Row().type, Stall::Silent);
-        m_url = UrlOf(peer.Port());
-        m_log.Take();
-        std::atomic<bool> building{false};
-        std::atomic<int> built{0};
-        // The builder stands still between two elements of the branch until the close is on its way.
-        m_faults.OnMade("shbsink", [&](GstElement *) {
-            building = true;
-            EXPECT_TRUE(Eventually([&] { return CloseHasBegun(); }));
-        });
+    std::atomic<bool> building{false};
+    std::atomic<int> built{0};
+    // The builder stands still between two elements of the branch until the close is on its way.
+    m_faults.OnMade("shbsink", [&](GstElement *) {
+        building = true;
+        EXPECT_TRUE(Eventually([&] { return CloseHasBegun(); }));
+    });
+    const auto begin = [&](const StalledPeer &peer) {
+        building = false;
+        built = 0;
         OpenScripted(peer, [&](GstElement *self, const std::atomic<bool> &) {
             ExposeVideo(self);
             ExposeAudio(self);
             ++built;
         });
         ASSERT_TRUE(Eventually([&] { return building.load(); }));
-        End(way);
-        EXPECT_LT(0, built) << "the streaming thread has been waited for";
-    }
+    };
+    EndInTurn("while pads are being added", begin, [&] { EXPECT_LT(0, built) << "the streaming thread has been waited for"; });
 }
 
 TEST_P(Closing, WhileTheCallbackRuns) {
@@ -198,13 +175,10 @@ TEST_P(Closing, WhileTheCallbackRuns) {
         std::function<bool()> closeHasBegun;
         std::atomic<bool> inside{false};
         std::atomic<bool> left{false};
-    };
-    for (const Way way : kWays) {
-        const Watchdog watchdog(Row().name + ": while the callback runs");
-        const StalledPeer peer(Row().type, Stall::Silent);
-        m_url = UrlOf(peer.Port());
-        m_log.Take();
-        Host host{[this] { return CloseHasBegun(); }, {}, {}};
+    } host{[this] { return CloseHasBegun(); }, {}, {}};
+    const auto begin = [&](const StalledPeer &peer) {
+        host.inside = false;
+        host.left = false;
         OpenScripted(peer, [&](GstElement *self, const std::atomic<bool> &) {
             ExposeVideo(self);
             gst_source_set_media_change_callback(
@@ -221,16 +195,14 @@ TEST_P(Closing, WhileTheCallbackRuns) {
             gst_object_unref(sink);
         });
         ASSERT_TRUE(Eventually([&] { return host.inside.load(); }));
-        End(way);
-        EXPECT_TRUE(host.left) << "the callback has been waited for";
-    }
+    };
+    EndInTurn("while the callback runs", begin, [&] { EXPECT_TRUE(host.left) << "the callback has been waited for"; });
 }
 
 TEST_P(Closing, WhilePlaying) {
-    for (const Way way : kWays) {
-        const Watchdog watchdog(Row().name + ": while playing");
-        const StalledPeer peer(Row().type, Stall::Silent);
-        std::atomic<int> reports{0};
+    std::atomic<int> reports{0};
+    const auto begin = [&](const StalledPeer &peer) {
+        reports = 0;
         OpenScripted(peer, [&](GstElement *self, const std::atomic<bool> &stop) {
             ExposeVideo(self);
             ExposeAudio(self);
@@ -249,8 +221,8 @@ TEST_P(Closing, WhilePlaying) {
         });
         ASSERT_TRUE(Eventually([&] { return reports > 10; }));
         EXPECT_EQ("connected", SourceProbe::StateText(Source()));
-        End(way);
-    }
+    };
+    EndInTurn("while playing", begin, [] {});
 }
 
 INSTANTIATE_TEST_SUITE_P(Classes, Closing, testing::ValuesIn(SourceClasses()), ClassName());

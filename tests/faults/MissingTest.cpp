@@ -51,14 +51,14 @@ class Missing : public ClassTest {
 
 TEST_P(Missing, EachFrontElementIsNamedAndTheOpenFails) {
     for (const std::string &element : Row().front) {
-        const std::string factory = element.substr(0, element.find(' '));
+        const std::string factory = FactoryName(element);
         SCOPED_TRACE(factory);
         {
             const Uninstalled uninstalled(factory);
             EXPECT_FALSE(Row().open(Source(), Url().c_str()));
             EXPECT_EQ(1U, m_log.Count(NotMade(element)));
-            EXPECT_EQ(1U, m_log.Count(Err(Row().Tag() + " Not all elements could be created!!! url=" + Url())));
-            EXPECT_EQ(1U, m_log.Count(Err(Row().Tag() + " _CreateGstElements error!!! URL=" + Url())));
+            EXPECT_EQ(1U, m_log.Count(Row().NotAllElements(Url())));
+            EXPECT_EQ(1U, m_log.Count(Row().BuildFailure(Url())));
         }
         // Installed after all, the same source opens.
         m_log.Take();

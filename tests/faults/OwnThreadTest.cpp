@@ -2,9 +2,8 @@
 // refused, told, and do no harm; without that, they wait for themselves or leave a pipeline behind that nobody can end.
 #include "../unit/support/FakeDemux.h"
 #include "../unit/support/Fixture.h"
+#include "../unit/support/Loopback.h"
 #include "../unit/support/Watchdog.h"
-
-#include <sys/socket.h>
 
 #include <atomic>
 #include <thread>
@@ -175,19 +174,11 @@ GstPadProbeReturn CloseOnStreamingThread(GstPad *, GstPadProbeInfo *, gpointer u
 TEST_P(OwnThread, CloseFromTheHostsSinkIsRefused) {
     // The host's own handlers of its sink's signals do not run inside of the library: the thread is known all the same, here
     // the queue's, which is the only one that ever reaches a sink.
-    RegisterFakeDemux();
     std::atomic<bool> exposed{false};
-    SetDemuxScript([&](GstElement *self, const std::atomic<bool> &) {
-        if (std::string(GST_OBJECT_NAME(self)) == "Hlsdemux") {
-            ExposePad(self, "src_0", "video/mpegts");
-            return;
-        }
-        const bool depays = Row().depays;
+    ScriptDemuxers(m_faults, [&](GstElement *self, const std::atomic<bool> &) {
         // Said before: the queue's thread gets the first event while the pad is still being exposed.
         exposed = true;
-        ExposePad(self, "video_0",
-                  depays ? "application/x-rtp, media=(string)video, encoding-name=(string)H264, clock-rate=(int)90000"
-                         : "video/x-h264, stream-format=(string)byte-stream, alignment=(string)au");
+        ExposePad(self, "video_0", Row().videoCaps);
         // The queue's thread pushes this on, and with it what came before.
         GstPad *pad = gst_element_get_static_pad(self, "video_0");
         GstSegment segment;
@@ -197,9 +188,6 @@ TEST_P(OwnThread, CloseFromTheHostsSinkIsRefused) {
     });
     Probe probe;
     probe.handle = m_source.get();
-    for (const char *factory : {"tsdemux", "flvdemux", "rtspsrc", "hlsdemux"}) {
-        m_faults.Substitute(factory, kFakeDemux);
-    }
     m_faults.OnMade("queue", [&](GstElement *queue) {
         GstPad *pad = gst_element_get_static_pad(queue, "src");
         gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, CloseOnStreamingThread, &probe, nullptr);

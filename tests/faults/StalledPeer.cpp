@@ -1,9 +1,8 @@
 #include "StalledPeer.h"
 
+#include "../unit/support/Loopback.h"
 #include "gst_source_api.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,18 +25,6 @@ bool IsDatagram(int protocol) {
 [[noreturn]] void Give(const char *what) {
     std::perror(what);
     std::abort();
-}
-
-sockaddr_in Loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-sockaddr *General(sockaddr_in &address) {
-    return static_cast<sockaddr *>(static_cast<void *>(&address));
 }
 
 // One that waits for an answer to its first packet, by the system's own table.
@@ -81,14 +68,9 @@ std::string InductionAnswer(const std::string &request) {
 
 StalledPeer::StalledPeer(int protocol, Stall stall) : m_protocol(protocol), m_stall(stall) {
     const int kind = IsDatagram(protocol) ? SOCK_DGRAM : SOCK_STREAM;
-    m_listener = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
-    sockaddr_in address = Loopback(0);
-    socklen_t size = sizeof address;
-    if (m_listener < 0 || bind(m_listener, General(address), size) != 0 ||
-        getsockname(m_listener, General(address), &size) != 0) {
-        Give("no port");
-    }
-    m_port = ntohs(address.sin_port);
+    m_listener = BoundSocket(kind);
+    m_port = PortOf(m_listener);
+    sockaddr_in address = LoopbackAddress(m_port);
     if (protocol == SOURCE_TYPE_UDP || stall == Stall::Refusing) {
         // The source's own port in the one case, and nobody's in the other, where TCP can even be kept from everybody else.
         if (IsDatagram(protocol)) {

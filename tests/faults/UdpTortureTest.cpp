@@ -1,11 +1,9 @@
 // The same faults with everything real: a transport stream over UDP, the real elements, the framework's own streaming threads.
 // The sink alone is a stand-in, which counts what reaches it.
 #include "../unit/support/Fixture.h"
+#include "../unit/support/Loopback.h"
 #include "../unit/support/Watchdog.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,20 +15,11 @@ namespace unit {
 
 namespace {
 
-// A socket that the kernel can give no other port: what sends without having been bound may get the very port that it sends to.
-int BoundSocket() {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(0, bind(fd, static_cast<const sockaddr *>(static_cast<const void *>(&any)), sizeof any));
-    return fd;
-}
-
 // Sends the stream to a port again and again, somewhat faster than it plays.
 class Sender {
   public:
-    Sender() : m_socket(BoundSocket()), m_port(FreePort(SOCK_DGRAM)), m_thread([this] { Send(); }) {}
+    // Bound, since the kernel may give one that is not the very port that it sends to.
+    Sender() : m_socket(BoundSocket(SOCK_DGRAM)), m_port(FreePort(SOCK_DGRAM)), m_thread([this] { Send(); }) {}
     ~Sender() {
         m_stop = true;
         m_thread.join();
@@ -48,14 +37,10 @@ class Sender {
         g_file_get_contents(std::getenv("FAULTS_STREAM"), &data, &size, nullptr);
         const std::string stream(data, size);
         g_free(data);
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        to.sin_port = htons(static_cast<uint16_t>(m_port));
+        sockaddr_in to = LoopbackAddress(m_port);
         for (std::size_t at = 0; !m_stop; at = at + kDatagram < stream.size() ? at + kDatagram : 0) {
-            const auto *address = static_cast<const sockaddr *>(static_cast<const void *>(&to));
             const std::string part = stream.substr(at, kDatagram);
-            static_cast<void>(sendto(m_socket, part.data(), part.size(), 0, address, sizeof to));
+            static_cast<void>(sendto(m_socket, part.data(), part.size(), 0, General(to), sizeof to));
             std::this_thread::sleep_for(std::chrono::microseconds(500));  // the pace of the stream
         }
     }
@@ -128,7 +113,7 @@ class UdpTorture : public testing::Test {
             EXPECT_TRUE(Eventually([&] { return reached.Both(); }, 30)) << reached.video << " video, " << reached.audio;
             source->CloseLiveStream();
         }
-        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); }, 20)) << testing::PrintToString(LiveObjects());
+        ExpectNothingLives();
         ForgetLiveObjects();
         return !failed.function.empty();
     }
@@ -164,15 +149,13 @@ TEST_F(UdpTorture, RebuildsAreMetByFaultsAsWell) {
         ASSERT_TRUE(Open(*source, sender.Port()));
         ASSERT_TRUE(Eventually([&] { return reached.Both(); }, 30));
         faults.FailCall(n);
-        GstBus *bus = GST_BUS(gst_object_ref(SourceProbe::Bus(*source)));
-        gst_bus_post(bus, gst_message_new_eos(nullptr));
-        gst_object_unref(bus);
+        PostOn(*source, gst_message_new_eos(nullptr));
         EXPECT_TRUE(Eventually([&] { return !faults.FailedCall().function.empty(); }));
         SCOPED_TRACE("call " + std::to_string(n) + ": " + faults.FailedCall().function + " " + faults.FailedCall().detail);
         faults.FailCall(0);
         // Either the worker has given up, as told, or it plays on.
         const Line exit = Info(row.exitMessage);
-        const Line failure = Err(row.Tag() + " _CreateGstElements error!!! URL=" + source->GetURL());
+        const Line failure = row.BuildFailure(source->GetURL());
         EXPECT_TRUE(Eventually([&] { return log.Count(exit) != 0 || SourceProbe::State(*source) != GST_STATE_NULL; }));
         const std::size_t exits = log.Count(exit);
         EXPECT_LE(exits, log.Count(failure));

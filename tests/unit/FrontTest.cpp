@@ -1,9 +1,9 @@
 // The front of every pipeline: which elements, with which options, and what happens when one of them cannot be had.
 #include "support/Fixture.h"
+#include "support/Loopback.h"
 #include "support/PropertySpy.h"
 
 #include <gio/gio.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,14 +19,6 @@ std::vector<std::string> PrefixOf(const std::vector<std::string> &all, std::size
     return {all.begin(), all.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
-std::string Factory(const std::string &factory_and_name) {
-    return factory_and_name.substr(0, factory_and_name.find(' '));
-}
-
-std::string Name(const std::string &factory_and_name) {
-    return factory_and_name.substr(factory_and_name.find(' ') + 1);
-}
-
 // Number of handlers that are connected to a signal of the element with this user data.
 guint HandlersWithData(GstElement *element, gpointer data) {
     guint count = 0;
@@ -38,7 +30,7 @@ guint HandlersWithData(GstElement *element, gpointer data) {
 class Front : public ClassTest {
   protected:
     void ExpectNothingLeft() {
-        EXPECT_TRUE(LiveObjects().empty()) << testing::PrintToString(LiveObjects());
+        EXPECT_EQ(std::vector<std::string>{}, LiveObjects());
         EXPECT_EQ(nullptr, SourceProbe::Pipeline(Source()));
         EXPECT_EQ(nullptr, SourceProbe::Bus(Source()));
         EXPECT_FALSE(SourceProbe::ElementsCreated(Source()));
@@ -49,12 +41,18 @@ class Front : public ClassTest {
         }
     }
 
-    // What an open says whose build fails: `reason` between the build's own lines.
-    Lines FailedOpen(const Lines &build, const Lines &reason) const {
-        return Lines{Info(Row().OpenLine(Url()))} + build + reason +
-               Lines{Err(Row().Tag() + " _CreateGstElements error!!! URL=" + Url())};
+    // The open fails: `build` is what the build says before it fails, `reason` why.
+    void ExpectFailedOpen(const Lines &build, const Lines &reason) {
+        EXPECT_FALSE(Row().open(Source(), Url().c_str()));
+        EXPECT_EQ(Lines{Info(Row().OpenLine(Url()))} + build + reason + Lines{Row().BuildFailure(Url())}, m_log.Take());
+        ExpectNothingLeft();
+        EXPECT_EQ(Url(), Source().GetURL());
     }
-    Line NotAllElements() const { return Err(Row().Tag() + " Not all elements could be created!!! url=" + Url()); }
+    // A missing element: RTSP tells its latency on the one that it has.
+    void ExpectFailedOpenWithout(const Lines &missing) {
+        ExpectFailedOpen(Row().SkippedBuildLines(), missing + Lines{Row().NotAllElements(Url())});
+    }
+    Lines LinkFailure() const { return {Err(Row().frontLinkFailure + Url())}; }
 };
 
 }  // namespace
@@ -62,19 +60,19 @@ class Front : public ClassTest {
 // ---- What all classes have in common ----------------------------------------------------------------------------------------
 
 TEST_P(Front, ElementsAndLinks) {
-    OpenPretended(Row());
+    Open();
     EXPECT_EQ(Row().front, PrefixOf(m_faults.Made(), Row().front.size()));
     EXPECT_STREQ("pipeline", GST_ELEMENT_NAME(SourceProbe::Pipeline(Source())));
     EXPECT_EQ(static_cast<guint>(Row().front.size()),
               static_cast<guint>(GST_BIN_NUMCHILDREN(GST_BIN(SourceProbe::Pipeline(Source())))));
     for (const std::string &element : Row().front) {
-        ASSERT_NE(nullptr, Element(Source(), Name(element)));
-        EXPECT_EQ(Factory(element), FactoryOf(Element(Source(), Name(element))));
+        ASSERT_NE(nullptr, Element(Source(), InstanceName(element)));
+        EXPECT_EQ(FactoryName(element), FactoryOf(Element(Source(), InstanceName(element))));
     }
-    GstElement *last = Element(Source(), Name(Row().front.back()));
+    GstElement *last = Element(Source(), InstanceName(Row().front.back()));
     EXPECT_LE(1U, HandlersWithData(last, &Source())) << "pad-added";
     if (Row().front.size() == 2) {
-        GstPad *pad = gst_element_get_static_pad(Element(Source(), Name(Row().front[0])), "src");
+        GstPad *pad = gst_element_get_static_pad(Element(Source(), InstanceName(Row().front[0])), "src");
         ASSERT_NE(nullptr, pad);
         EXPECT_EQ(std::vector<std::string>{Row().front[1]}, PrefixOf(ChainBehind(pad), 1));
         gst_object_unref(pad);
@@ -82,8 +80,7 @@ TEST_P(Front, ElementsAndLinks) {
 }
 
 TEST_P(Front, SecondBuildIsSkipped) {
-    SourceProbe::SetUrl(Source(), Url());
-    ASSERT_TRUE(Row().build(Source()));
+    Build();
     const std::vector<GstElement *> fields = Row().fields(Source());
     m_log.Take();
     SourceProbe::SetUrl(Source(), "other://location");
@@ -96,14 +93,9 @@ TEST_P(Front, SecondBuildIsSkipped) {
 TEST_P(Front, EachMissingElement) {
     for (const std::string &element : Row().front) {
         SCOPED_TRACE(element);
-        m_faults.FailFactory(Factory(element));
-        EXPECT_FALSE(Row().open(Source(), Url().c_str()));
-        m_faults.Forgive(Factory(element));
-        // RTSP tells its latency on the source that is missing here.
-        const Lines build = Row().type == SOURCE_TYPE_RTSP ? Lines{} : Row().BuildLines(Url());
-        EXPECT_EQ(FailedOpen(build, {NotMade(element), NotAllElements()}), m_log.Take());
-        ExpectNothingLeft();
-        EXPECT_EQ(Url(), Source().GetURL());
+        m_faults.FailFactory(FactoryName(element));
+        ExpectFailedOpenWithout({NotMade(element)});
+        m_faults.Forgive(FactoryName(element));
     }
     Source().CloseLiveStream();
     EXPECT_EQ(Row().IdleCloseLines(Url()), m_log.Take());
@@ -112,40 +104,30 @@ TEST_P(Front, EachMissingElement) {
 TEST_P(Front, AllElementsMissing) {
     Lines missing;
     for (const std::string &element : Row().front) {
-        m_faults.FailFactory(Factory(element));
+        m_faults.FailFactory(FactoryName(element));
         missing.push_back(NotMade(element));
     }
     m_faults.FailPipeline();
-    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
-    const Lines build = Row().type == SOURCE_TYPE_RTSP ? Lines{} : Row().BuildLines(Url());
-    EXPECT_EQ(FailedOpen(build, missing + Lines{NotAllElements()}), m_log.Take());
-    ExpectNothingLeft();
+    ExpectFailedOpenWithout(missing);
 }
 
 TEST_P(Front, MissingPipeline) {
     m_faults.FailPipeline();
-    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
-    EXPECT_EQ(FailedOpen(Row().BuildLines(Url()), {NotAllElements()}), m_log.Take());
-    ExpectNothingLeft();
+    ExpectFailedOpen(Row().BuildLines(Url()), {Row().NotAllElements(Url())});
 }
 
 TEST_P(Front, MissingBus) {
     m_faults.FailBus();
-    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
-    EXPECT_EQ(FailedOpen(Row().BuildLines(Url()), {NotAllElements()}), m_log.Take());
-    ExpectNothingLeft();
+    ExpectFailedOpen(Row().BuildLines(Url()), {Row().NotAllElements(Url())});
 }
 
 TEST_P(Front, FailedLink) {
-    if (Row().frontLinkFailure.empty()) {
-        m_faults.FailElementLink(1);
-        OpenPretended(Row());  // nothing is linked here
-        return;
-    }
     m_faults.FailElementLink(1);
-    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
-    EXPECT_EQ(FailedOpen(Row().BuildLines(Url()), {Err(Row().frontLinkFailure + Url())}), m_log.Take());
-    ExpectNothingLeft();
+    if (Row().frontLinkFailure.empty()) {
+        Open();  // nothing is linked here
+    } else {
+        ExpectFailedOpen(Row().BuildLines(Url()), LinkFailure());
+    }
 }
 
 TEST_P(Front, LinkThatTheElementsRefuse) {
@@ -153,15 +135,13 @@ TEST_P(Front, LinkThatTheElementsRefuse) {
         return;
     }
     // A source that has lost its pad.
-    m_faults.OnMade(Factory(Row().front[0]), [](GstElement *element) {
+    m_faults.OnMade(FactoryName(Row().front[0]), [](GstElement *element) {
         GstPad *pad = gst_element_get_static_pad(element, "src");
         gst_pad_set_active(pad, FALSE);
         gst_element_remove_pad(element, pad);
         gst_object_unref(pad);
     });
-    EXPECT_FALSE(Row().open(Source(), Url().c_str()));
-    EXPECT_EQ(FailedOpen(Row().BuildLines(Url()), {Err(Row().frontLinkFailure + Url())}), m_log.Take());
-    ExpectNothingLeft();
+    ExpectFailedOpen(Row().BuildLines(Url()), LinkFailure());
 }
 
 INSTANTIATE_TEST_SUITE_P(Classes, Front, testing::ValuesIn(SourceClasses()), ClassName());
@@ -191,130 +171,137 @@ class Options : public SourceTest {
         ForgetRecords();
     }
 
-    std::size_t m_made = 0;
     Sets SetsOn(const char *name) { return RecordOf(Source(name)); }
+    // These were set, in this order and no others, and are what the element holds.
+    void ExpectSetAndHeld(const char *name, const Sets &sets) {
+        ASSERT_NE(nullptr, Source(name)) << name;
+        EXPECT_EQ(sets, SetsOn(name));
+        EXPECT_EQ(sets, HeldOf(Source(name), sets));
+    }
+    void ExpectHeld(const char *name, const Sets &held) { EXPECT_EQ(held, HeldOf(Source(name), held)); }
+    void ExpectFirstLines(const Lines &expected) {
+        const Lines lines = m_log.Take();
+        ASSERT_LE(expected.size(), lines.size());
+        EXPECT_EQ(expected, Lines(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(expected.size())));
+    }
 
-    // Opens anew with `open`, which starts no real session, and gives the source element.
+    // Opens a new source with these options, and starts no real session.
     template <typename Class, typename... Args>
-    bool Open(Args... args) {
+    bool TryOpen(Args... args) {
         m_source.reset(Class::CreateNew(&m_buffer, kChannel, kStream));
         m_faults.SetPlay(Play::Pretend);
         m_log.Take();
-        const bool opened = static_cast<Class &>(*m_source).OpenLiveStream(args...);
-        EXPECT_TRUE(opened);
-        return opened;
+        return static_cast<Class &>(*m_source).OpenLiveStream(args...);
+    }
+    template <typename Class, typename... Args>
+    void Open(Args... args) {
+        ASSERT_TRUE(TryOpen<Class>(args...));
     }
     GstElement *Source(const char *name) { return Element(*m_source, name); }
 };
 
+using Tessaro::CHLSSource;
+using Tessaro::CRtmpSource;
+using Tessaro::CRtspSource;
+using Tessaro::CSrtSource;
+using Tessaro::CUDPSource;
+
+constexpr char kUdpUrl[] = "udp://127.0.0.1:5004";
+constexpr char kRtspUrl[] = "rtsp://127.0.0.1:9/a";
+constexpr char kSrtUrl[] = "srt://127.0.0.1:9";
+constexpr char kRtmpUrl[] = "rtmp://127.0.0.1:9/app/stream";
+constexpr char kRtmpsUrl[] = "rtmps://host/app/s";
+constexpr char kHlsUrl[] = "http://127.0.0.1:9/a.m3u8";
+
+const std::pair<const char *, const char *> kHalfCredentials[] = {{"user", ""}, {"", "secret"}, {"", ""}};
+
 }  // namespace
 
-TEST_F(Options, Udp) {
-    using Tessaro::CUDPSource;
-    ASSERT_TRUE(Open<CUDPSource>("udp://127.0.0.1:5004", 200U, 321U, 1316U));
-    GstElement *source = Source("Udpsrc");
-    EXPECT_EQ("udp://127.0.0.1:5004", TextProperty(source, "uri"));
-    EXPECT_EQ(5000000000U, Property<guint64>(source, "timeout"));
-    EXPECT_EQ(1572864, Property<gint>(source, "buffer-size"));
-    EXPECT_EQ(1316U, Property<guint>(source, "mtu"));
-    EXPECT_EQ(321, Property<gint>(Source("Tsdemux"), "latency"));
-    EXPECT_EQ((Sets{"uri=udp://127.0.0.1:5004", "timeout=5000000000", "buffer-size=1572864", "mtu=1316"}), SetsOn("Udpsrc"));
-    EXPECT_EQ(Sets{"latency=321"}, SetsOn("Tsdemux"));
-
-    ASSERT_TRUE(Open<CUDPSource>("udp://127.0.0.1:5004", 0U, 321U, 0U));
-    EXPECT_EQ(0, Property<gint>(Source("Tsdemux"), "latency"));
-    EXPECT_EQ(0U, Property<guint>(Source("Udpsrc"), "mtu"));
-    ASSERT_TRUE(Open<CUDPSource>("udp://127.0.0.1:5004", 0xFFFFFFFFU, 0U, 1492U));
-    EXPECT_EQ(0, Property<gint>(Source("Tsdemux"), "latency"));
-    ASSERT_TRUE(Open<CUDPSource>("udp://127.0.0.1:5004", 1U, 700U, 1492U));
-    EXPECT_EQ(700, Property<gint>(Source("Tsdemux"), "latency"));
+TEST_F(Options, DefaultsBeforeAnOpen) {
+    struct Row {
+        int type;
+        const char *element;
+        Sets sets;
+    };
+    const Row rows[] = {
+        {SOURCE_TYPE_RTSP,
+         "Rtspsrc",
+         {"location=rtsp://127.0.0.1:9/none", "protocols=4", "latency=2000", "tcp-timeout=15000000",
+          "udp-buffer-size=2097152"}},
+        {SOURCE_TYPE_RTMP, "Rtmp2src", {"location=rtmp://127.0.0.1:9/live/none", "timeout=10", "idle-timeout=0"}},
+        {SOURCE_TYPE_SRT, "Srtsrc", {"uri=srt://127.0.0.1:9", "latency=125", "mode=1"}},
+        {SOURCE_TYPE_SRT, "Tsdemux", {"latency=50"}},
+        {SOURCE_TYPE_UDP, "Udpsrc", {"uri=udp://127.0.0.1:0", "timeout=5000000000", "buffer-size=1572864", "mtu=1492"}},
+        {SOURCE_TYPE_UDP, "Tsdemux", {"latency=700"}},
+        {SOURCE_TYPE_HLS, "Souphttpsrc", {"location=http://127.0.0.1:9/none.m3u8", "timeout=15", "is-live=FALSE", "retries=3"}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.element);
+        MakeBuilt(ClassOf(row.type));
+        ExpectSetAndHeld(row.element, row.sets);
+    }
 }
 
-TEST_F(Options, UdpBeforeAnOpen) {
-    const SourceClass &row = ClassOf(SOURCE_TYPE_UDP);
-    Make(row);
-    SourceProbe::SetUrl(*m_source, row.url);
-    ASSERT_TRUE(row.build(*m_source));
-    EXPECT_EQ(1492U, Property<guint>(Source("Udpsrc"), "mtu"));
-    EXPECT_EQ(700, Property<gint>(Source("Tsdemux"), "latency"));
+TEST_F(Options, Udp) {
+    struct Row {
+        unsigned int caching;
+        unsigned int latency;
+        unsigned int mtu;
+        const char *demuxLatency;
+    };
+    const Row rows[] = {{200, 321, 1316, "latency=321"},
+                        {0, 321, 0, "latency=0"},
+                        {0xFFFFFFFFU, 0, 1492, "latency=0"},
+                        {1, 700, 1492, "latency=700"}};
+    for (const Row &row : rows) {
+        Open<CUDPSource>(kUdpUrl, row.caching, row.latency, row.mtu);
+        ExpectSetAndHeld("Udpsrc", {"uri=udp://127.0.0.1:5004", "timeout=5000000000", "buffer-size=1572864",
+                                    "mtu=" + std::to_string(row.mtu)});
+        ExpectSetAndHeld("Tsdemux", {row.demuxLatency});
+    }
 }
 
 TEST_F(Options, UdpRebuildTakesNewOptions) {
     const SourceClass &row = ClassOf(SOURCE_TYPE_UDP);
-    Make(row);
-    SourceProbe::SetUrl(*m_source, row.url);
-    ASSERT_TRUE(row.build(*m_source));
+    MakeBuilt(row);
     m_faults.SetPlay(Play::Pretend);
-    ASSERT_TRUE(static_cast<Tessaro::CUDPSource &>(*m_source).OpenLiveStream("udp://127.0.0.1:5006", 200, 5, 600));
-    EXPECT_EQ(1492U, Property<guint>(Source("Udpsrc"), "mtu")) << "stored, not applied to what stands";
+    ASSERT_TRUE(static_cast<CUDPSource &>(*m_source).OpenLiveStream("udp://127.0.0.1:5006", 200, 5, 600));
+    ExpectHeld("Udpsrc", {"mtu=1492"});  // stored, not applied to what stands
     EXPECT_EQ("udp://127.0.0.1:5006", m_source->GetURL());
     ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(*m_source) == "connected"; }));
     Post(gst_message_new_eos(nullptr));
     ASSERT_TRUE(m_log.WaitFor(Info(row.reconnectMessage + "udp://127.0.0.1:5006")));
     ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(*m_source) == "connected"; }));
-    EXPECT_EQ(600U, Property<guint>(Source("Udpsrc"), "mtu"));
-    EXPECT_EQ(5, Property<gint>(Source("Tsdemux"), "latency"));
-    EXPECT_EQ("udp://127.0.0.1:5006", TextProperty(Source("Udpsrc"), "uri"));
+    ExpectHeld("Udpsrc", {"mtu=600", "uri=udp://127.0.0.1:5006"});
+    ExpectHeld("Tsdemux", {"latency=5"});
 }
 
 TEST_F(Options, Rtsp) {
-    using Tessaro::CRtspSource;
-    const char *url = "rtsp://127.0.0.1:9/a";
-    ASSERT_TRUE(Open<CRtspSource>(url, 0U, 7UL, 150U, 3000000U, "user", "secret"));
-    GstElement *source = Source("Rtspsrc");
-    EXPECT_EQ(url, TextProperty(source, "location"));
-    EXPECT_EQ(7U, Property<guint>(source, "protocols"));
-    EXPECT_EQ(150U, Property<guint>(source, "latency"));
-    EXPECT_EQ(3000000U, Property<guint64>(source, "tcp-timeout"));
-    EXPECT_EQ(2097152, Property<gint>(source, "udp-buffer-size"));
-    EXPECT_EQ("user", TextProperty(source, "user-id"));
-    EXPECT_EQ("secret", TextProperty(source, "user-pw"));
-    EXPECT_EQ((Sets{"user-id=user", "user-pw=secret", "location=rtsp://127.0.0.1:9/a", "protocols=7", "latency=150",
-                    "tcp-timeout=3000000", "udp-buffer-size=2097152"}),
-              SetsOn("Rtspsrc"));
-    const Lines lines = m_log.Take();
-    ASSERT_LE(3U, lines.size());
-    EXPECT_EQ(Info("[CRtspSource] Open rtsp://127.0.0.1:9/a... {Opts:caching=0,protocols=7,latency=150,contimeout=3000000,"
-                   "user=user,pwd=secret}"),
-              lines[0]);
-    EXPECT_EQ(Info("[CRtspSource] Set user-id and user-pw. URL=rtsp://127.0.0.1:9/a"), lines[1]);
-    EXPECT_EQ(Info("[CRtspSource] Rtsp latency=150, url=rtsp://127.0.0.1:9/a"), lines[2]);
+    Open<CRtspSource>(kRtspUrl, 0U, 7UL, 150U, 3000000U, "user", "secret");
+    ExpectSetAndHeld("Rtspsrc", {"user-id=user", "user-pw=secret", "location=rtsp://127.0.0.1:9/a", "protocols=7",
+                                 "latency=150", "tcp-timeout=3000000", "udp-buffer-size=2097152"});
+    ExpectFirstLines({Info("[CRtspSource] Open rtsp://127.0.0.1:9/a... {Opts:caching=0,protocols=7,latency=150,"
+                           "contimeout=3000000,user=user,pwd=secret}"),
+                      Info("[CRtspSource] Set user-id and user-pw. URL=rtsp://127.0.0.1:9/a"),
+                      Info("[CRtspSource] Rtsp latency=150, url=rtsp://127.0.0.1:9/a")});
 }
 
 TEST_F(Options, RtspHalfCredentialsAreNotSet) {
-    using Tessaro::CRtspSource;
-    const std::pair<const char *, const char *> rows[] = {{"user", ""}, {"", "secret"}, {"", ""}};
-    for (const auto &[user, password] : rows) {
-        ASSERT_TRUE(Open<CRtspSource>("rtsp://127.0.0.1:9/a", 200U, 4UL, 2000U, 15000000U, user, password));
-        EXPECT_EQ("(null)", TextProperty(Source("Rtspsrc"), "user-id"));
-        EXPECT_EQ("(null)", TextProperty(Source("Rtspsrc"), "user-pw"));
-        EXPECT_EQ((Sets{"location=rtsp://127.0.0.1:9/a", "protocols=4", "latency=2000", "tcp-timeout=15000000",
-                        "udp-buffer-size=2097152"}),
-                  SetsOn("Rtspsrc"));
-        const Lines lines = m_log.Take();
-        ASSERT_LE(2U, lines.size());
-        EXPECT_EQ(Info("[CRtspSource] Open rtsp://127.0.0.1:9/a... {Opts:caching=200,protocols=4,latency=2000,"
-                       "contimeout=15000000,user=" +
-                       std::string(user) + ",pwd=" + password + "}"),
-                  lines[0]);
-        EXPECT_EQ(Info("[CRtspSource] Rtsp latency=2000, url=rtsp://127.0.0.1:9/a"), lines[1]);
+    for (const auto &[user, password] : kHalfCredentials) {
+        Open<CRtspSource>(kRtspUrl, 200U, 4UL, 2000U, 15000000U, user, password);
+        ExpectSetAndHeld("Rtspsrc", {"location=rtsp://127.0.0.1:9/a", "protocols=4", "latency=2000", "tcp-timeout=15000000",
+                                     "udp-buffer-size=2097152"});
+        ExpectHeld("Rtspsrc", {"user-id=(null)", "user-pw=(null)"});
+        ExpectFirstLines({Info("[CRtspSource] Open rtsp://127.0.0.1:9/a... {Opts:caching=200,protocols=4,latency=2000,"
+                               "contimeout=15000000,user=" +
+                               std::string(user) + ",pwd=" + password + "}"),
+                          Info("[CRtspSource] Rtsp latency=2000, url=rtsp://127.0.0.1:9/a")});
     }
-    ASSERT_TRUE(Open<CRtspSource>("rtsp://127.0.0.1:9/a", 200U, 0UL, 0U, 0U, "", ""));
-    EXPECT_EQ(0U, Property<guint>(Source("Rtspsrc"), "protocols"));
-}
-
-TEST_F(Options, RtspBeforeAnOpen) {
-    const SourceClass &row = ClassOf(SOURCE_TYPE_RTSP);
-    Make(row);
-    SourceProbe::SetUrl(*m_source, row.url);
-    ASSERT_TRUE(row.build(*m_source));
-    EXPECT_EQ(4U, Property<guint>(Source("Rtspsrc"), "protocols"));
-    EXPECT_EQ(2000U, Property<guint>(Source("Rtspsrc"), "latency"));
-    EXPECT_EQ(15000000U, Property<guint64>(Source("Rtspsrc"), "tcp-timeout"));
+    Open<CRtspSource>(kRtspUrl, 200U, 0UL, 0U, 0U, "", "");
+    ExpectHeld("Rtspsrc", {"protocols=0"});
 }
 
 TEST_F(Options, SrtModes) {
-    using Tessaro::CSrtSource;
     const std::pair<const char *, int> rows[] = {
         {"caller", 1},     {"CALLER", 1},     {"", 1},          {"listener", 2},   {"LISTENER", 2},
         {"Listener", 2},   {"LiStEnEr", 1},   {"listener ", 1}, {"rendezvous", 3}, {"RENDEZVOUS", 3},
@@ -322,44 +309,32 @@ TEST_F(Options, SrtModes) {
     };
     for (const auto &[mode, value] : rows) {
         // The option overrides what the location says.
-        ASSERT_TRUE(Open<CSrtSource>("srt://127.0.0.1:9?mode=listener", 200U, mode, "", "", 0U, 125U, 50U, ""));
+        Open<CSrtSource>("srt://127.0.0.1:9?mode=listener", 200U, mode, "", "", 0U, 125U, 50U, "");
         EXPECT_EQ(value, Property<gint>(Source("Srtsrc"), "mode")) << mode;
         EXPECT_EQ(mode, SourceProbe::SrtMode(*m_source));
     }
 }
 
 TEST_F(Options, Srt) {
-    using Tessaro::CSrtSource;
-    ASSERT_TRUE(Open<CSrtSource>("srt://127.0.0.1:9", 200U, "caller", "id", "0123456789", 24U, 77U, 999U, "127.0.0.1"));
+    Open<CSrtSource>(kSrtUrl, 200U, "caller", "id", "0123456789", 24U, 77U, 999U, "127.0.0.1");
     EXPECT_EQ((Sets{"uri=srt://127.0.0.1:9", "latency=77", "mode=1", "pbkeylen=24", "passphrase=0123456789",
                     "authentication=TRUE", "streamid=id", "localaddress=127.0.0.1"}),
               SetsOn("Srtsrc"));
-    EXPECT_EQ(77, Property<gint>(Source("Srtsrc"), "latency"));
-    EXPECT_EQ(24, Property<gint>(Source("Srtsrc"), "pbkeylen"));
+    ExpectHeld("Srtsrc", {"latency=77", "pbkeylen=24"});
     EXPECT_EQ(1U, HandlersWithData(Source("Srtsrc"), m_source.get())) << "caller-connecting";
     EXPECT_EQ(Sets{"latency=50"}, SetsOn("Tsdemux")) << "tslatency has no effect";
 
-    ASSERT_TRUE(Open<CSrtSource>("srt://127.0.0.1:9", 0U, "caller", "", "", 0U, 125U, 999U, ""));
+    Open<CSrtSource>(kSrtUrl, 0U, "caller", "", "", 0U, 125U, 999U, "");
     EXPECT_EQ((Sets{"uri=srt://127.0.0.1:9", "latency=125", "mode=1"}), SetsOn("Srtsrc"));
     EXPECT_EQ(0U, HandlersWithData(Source("Srtsrc"), m_source.get()));
     EXPECT_EQ(Sets{"latency=0"}, SetsOn("Tsdemux"));
 }
 
 TEST_F(Options, SrtEncryptionTakesBoth) {
-    using Tessaro::CSrtSource;
     for (const auto &[passphrase, length] : {std::pair<const char *, unsigned int>{"0123456789", 0}, {"", 16}, {"", 0}}) {
-        ASSERT_TRUE(Open<CSrtSource>("srt://127.0.0.1:9", 200U, "caller", "", passphrase, length, 125U, 50U, ""));
+        Open<CSrtSource>(kSrtUrl, 200U, "caller", "", passphrase, length, 125U, 50U, "");
         EXPECT_EQ((Sets{"uri=srt://127.0.0.1:9", "latency=125", "mode=1"}), SetsOn("Srtsrc"));
     }
-}
-
-TEST_F(Options, SrtBeforeAnOpen) {
-    const SourceClass &row = ClassOf(SOURCE_TYPE_SRT);
-    Make(row);
-    SourceProbe::SetUrl(*m_source, row.url);
-    ASSERT_TRUE(row.build(*m_source));
-    EXPECT_EQ((Sets{"uri=srt://127.0.0.1:9", "latency=125", "mode=1"}), SetsOn("Srtsrc"));
-    EXPECT_EQ(Sets{"latency=50"}, SetsOn("Tsdemux"));
 }
 
 TEST_F(Options, SrtDebugLineComesWithEveryBuildAttempt) {
@@ -388,10 +363,9 @@ TEST_F(Options, SrtCallers) {
         EXPECT_TRUE(SourceProbe::CallerConnecting(element, address, id, &source));
     }
     SourceProbe::SetSrtStreamId(source, "abc");
-    EXPECT_TRUE(SourceProbe::CallerConnecting(element, address, good, &source));
-    EXPECT_FALSE(SourceProbe::CallerConnecting(element, address, bad, &source));
-    EXPECT_FALSE(SourceProbe::CallerConnecting(element, address, empty, &source));
-    EXPECT_FALSE(SourceProbe::CallerConnecting(element, address, nullptr, &source));
+    for (char *id : {good, bad, empty, static_cast<char *>(nullptr)}) {
+        EXPECT_EQ(id == good, SourceProbe::CallerConnecting(element, address, id, &source) != FALSE);
+    }
     EXPECT_EQ(Lines{}, m_log.Take());
 
     const std::string text = "[CSrtSource] Srt caller connecting...But args invalid. url=";
@@ -404,8 +378,7 @@ TEST_F(Options, SrtCallers) {
 }
 
 TEST_F(Options, SrtCallersThroughTheElementsSignal) {
-    using Tessaro::CSrtSource;
-    ASSERT_TRUE(Open<CSrtSource>("srt://:0", 200U, "listener", "abc", "", 0U, 125U, 50U, ""));
+    Open<CSrtSource>("srt://:0", 200U, "listener", "abc", "", 0U, 125U, 50U, "");
     GSocketAddress *address = g_inet_socket_address_new_from_string("127.0.0.1", 9);
     for (const auto &[id, admitted] : {std::pair<const char *, bool>{"abc", true}, {"abd", false}, {"", false}}) {
         gboolean result = admitted ? FALSE : TRUE;
@@ -416,44 +389,28 @@ TEST_F(Options, SrtCallersThroughTheElementsSignal) {
 }
 
 TEST_F(Options, Rtmp) {
-    using Tessaro::CRtmpSource;
-    const char *url = "rtmp://127.0.0.1:9/app/stream";
-    ASSERT_TRUE(Open<CRtmpSource>(url, 200U, 11U, 22U, "user", "secret", "token"));
-    GstElement *source = Source("Rtmp2src");
-    ASSERT_NE(nullptr, source);
-    EXPECT_EQ(url, TextProperty(source, "location"));
-    EXPECT_EQ("user", TextProperty(source, "username"));
-    EXPECT_EQ("secret", TextProperty(source, "password"));
-    EXPECT_EQ("token", TextProperty(source, "secure-token"));
-    EXPECT_EQ(11U, Property<guint>(source, "timeout"));
-    EXPECT_EQ(22U, Property<guint>(source, "idle-timeout"));
+    Open<CRtmpSource>(kRtmpUrl, 200U, 11U, 22U, "user", "secret", "token");
     // The location first: setting it wipes the credentials.
-    EXPECT_EQ((Sets{"location=rtmp://127.0.0.1:9/app/stream", "username=user", "password=secret", "secure-token=token",
-                    "timeout=11", "idle-timeout=22"}),
-              SetsOn("Rtmp2src"));
+    ExpectSetAndHeld("Rtmp2src", {"location=rtmp://127.0.0.1:9/app/stream", "username=user", "password=secret",
+                                  "secure-token=token", "timeout=11", "idle-timeout=22"});
     EXPECT_EQ(Sets{}, SetsOn("Flvdemux"));
-    EXPECT_EQ(url, m_source->GetURL());
+    EXPECT_EQ(kRtmpUrl, m_source->GetURL());
     EXPECT_FALSE(SourceProbe::IsRtmps(*m_source));
-    const Lines lines = m_log.Take();
-    ASSERT_LE(2U, lines.size());
-    EXPECT_EQ(Info("[CRtmpSource] Open rtmp://127.0.0.1:9/app/stream... {Opts:caching=200,contimeout=11,idle_timeout=22,"
-                   "user=user,pwd=secret,token=token}"),
-              lines[0]);
-    EXPECT_EQ(Info("[CRtmpSource] RTMPS set username adn passwd... url=rtmp://127.0.0.1:9/app/stream"), lines[1]);
+    ExpectFirstLines(
+        {Info("[CRtmpSource] Open rtmp://127.0.0.1:9/app/stream... {Opts:caching=200,contimeout=11,idle_timeout=22,"
+              "user=user,pwd=secret,token=token}"),
+         Info("[CRtmpSource] RTMPS set username adn passwd... url=rtmp://127.0.0.1:9/app/stream")});
 }
 
 TEST_F(Options, RtmpHalfCredentialsAreNotSet) {
-    using Tessaro::CRtmpSource;
-    const std::pair<const char *, const char *> rows[] = {{"user", ""}, {"", "secret"}, {"", ""}};
-    for (const auto &[user, password] : rows) {
-        ASSERT_TRUE(Open<CRtmpSource>("rtmp://127.0.0.1:9/app/stream", 200U, 10U, 0U, user, password, ""));
+    for (const auto &[user, password] : kHalfCredentials) {
+        Open<CRtmpSource>(kRtmpUrl, 200U, 10U, 0U, user, password, "");
         EXPECT_EQ((Sets{"location=rtmp://127.0.0.1:9/app/stream", "timeout=10", "idle-timeout=0"}), SetsOn("Rtmp2src"));
         EXPECT_EQ(0U, m_log.Count(Info("[CRtmpSource] RTMPS set username adn passwd... url=rtmp://127.0.0.1:9/app/stream")));
     }
 }
 
 TEST_F(Options, RtmpsLocations) {
-    using Tessaro::CRtmpSource;
     struct Row {
         const char *url;
         const char *user;
@@ -479,7 +436,7 @@ TEST_F(Options, RtmpsLocations) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.url);
-        ASSERT_TRUE(Open<CRtmpSource>(row.url, 200U, 12U, 34U, row.user, row.password, "token"));
+        Open<CRtmpSource>(row.url, 200U, 12U, 34U, row.user, row.password, "token");
         EXPECT_EQ(row.stored, m_source->GetURL());
         EXPECT_EQ(row.rtmps, SourceProbe::IsRtmps(*m_source));
         EXPECT_EQ(row.rtmps, Source("Rtmpsrc") != nullptr);
@@ -500,88 +457,58 @@ TEST_F(Options, RtmpsLocations) {
         }
     }
     // The element keeps a location that it can read.
-    ASSERT_TRUE(Open<CRtmpSource>("rtmps://host:443/app/s", 200U, 12U, 34U, "U", "P", "token"));
-    EXPECT_EQ("rtmps://U:P@host:443/app/s live=1", TextProperty(Source("Rtmpsrc"), "location"));
+    Open<CRtmpSource>("rtmps://host:443/app/s", 200U, 12U, 34U, "U", "P", "token");
+    ExpectHeld("Rtmpsrc", {"location=rtmps://U:P@host:443/app/s live=1"});
 }
 
 TEST_F(Options, RtmpsIsDecidedAnewByEachOpen) {
-    using Tessaro::CRtmpSource;
-    ASSERT_TRUE(Open<CRtmpSource>("rtmps://host/app/s", 200U, 10U, 0U, "", "", ""));
+    Open<CRtmpSource>(kRtmpsUrl, 200U, 10U, 0U, "", "", "");
     m_source->CloseLiveStream();
     auto &source = static_cast<CRtmpSource &>(*m_source);
     ASSERT_TRUE(source.OpenLiveStream("rtmp://host/app/s", 200, 10, 0, "", "", ""));
     EXPECT_FALSE(SourceProbe::IsRtmps(source));
     EXPECT_NE(nullptr, Source("Rtmp2src"));
     source.CloseLiveStream();
-    ASSERT_TRUE(source.OpenLiveStream("rtmps://host/app/s", 200, 10, 0, "", "", ""));
+    ASSERT_TRUE(source.OpenLiveStream(kRtmpsUrl, 200, 10, 0, "", "", ""));
     EXPECT_EQ("rtmps://host/app/s live=1", source.GetURL()) << "rewritten from the host's location";
 }
 
 TEST_F(Options, RtmpsRefusalsAndFailures) {
-    using Tessaro::CRtmpSource;
-    m_source.reset(CRtmpSource::CreateNew(&m_buffer, 0, 0));
-    auto &source = static_cast<CRtmpSource &>(*m_source);
-    m_faults.FailFactory("rtmpsrc");
-    EXPECT_FALSE(source.OpenLiveStream("rtmps://host/app/s", 200, 10, 0, "", "", ""));
+    const SourceClass &row = ClassOf(SOURCE_TYPE_RTMP);
     const std::string url = "rtmps://host/app/s live=1";
-    Lines lines = m_log.Take();
-    lines.erase(lines.begin());
-    EXPECT_EQ((Lines{NotMade("rtmpsrc Rtmpsrc"), Err("[CRtmpSource] Not all elements could be created!!! url=" + url),
-                     Err("[CRtmpSource] _CreateGstElements error!!! URL=" + url)}),
-              lines);
+    const auto expect_refused = [&](const Lines &reason) {
+        EXPECT_FALSE(TryOpen<CRtmpSource>(kRtmpsUrl, 200U, 10U, 0U, "", "", ""));
+        const Lines lines = m_log.Take();
+        EXPECT_EQ(reason + Lines{row.BuildFailure(url)}, Lines(lines.begin() + 1, lines.end())) << "behind the open line";
+        EXPECT_EQ(std::vector<std::string>{}, LiveObjects());
+    };
+    m_faults.FailFactory("rtmpsrc");
+    expect_refused({NotMade("rtmpsrc Rtmpsrc"), row.NotAllElements(url)});
     m_faults.Forgive("rtmpsrc");
     m_faults.FailElementLink(1);
-    EXPECT_FALSE(source.OpenLiveStream("rtmps://host/app/s", 200, 10, 0, "", "", ""));
-    lines = m_log.Take();
-    lines.erase(lines.begin());
-    EXPECT_EQ((Lines{Err("[CRtmpSource] Failed to link rtmpsrc and flvdemux.!!! url=" + url),
-                     Err("[CRtmpSource] _CreateGstElements error!!! URL=" + url)}),
-              lines);
-    EXPECT_TRUE(LiveObjects().empty());
-}
-
-TEST_F(Options, RtmpBeforeAnOpen) {
-    const SourceClass &row = ClassOf(SOURCE_TYPE_RTMP);
-    Make(row);
-    SourceProbe::SetUrl(*m_source, row.url);
-    ASSERT_TRUE(row.build(*m_source));
-    EXPECT_EQ(10U, Property<guint>(Source("Rtmp2src"), "timeout"));
-    EXPECT_EQ(0U, Property<guint>(Source("Rtmp2src"), "idle-timeout"));
+    expect_refused({Err(row.frontLinkFailure + url)});
 }
 
 TEST_F(Options, Hls) {
-    using Tessaro::CHLSSource;
-    const char *url = "http://127.0.0.1:9/a.m3u8";
-    ASSERT_TRUE(Open<CHLSSource>(url, 200U, true, 15U, -1, "", "pi", "pp", "agent/1", "user", "secret"));
-    GstElement *source = Source("Souphttpsrc");
-    EXPECT_EQ(url, TextProperty(source, "location"));
-    EXPECT_EQ(15U, Property<guint>(source, "timeout"));
-    EXPECT_TRUE(Property<gboolean>(source, "is-live"));
-    EXPECT_EQ(-1, Property<gint>(source, "retries"));
+    Open<CHLSSource>(kHlsUrl, 200U, true, 15U, -1, "", "pi", "pp", "agent/1", "user", "secret");
     // A proxy's credentials go with a proxy only.
-    EXPECT_EQ((Sets{"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=TRUE", "retries=-1", "user-agent=agent/1",
-                    "user-id=user", "user-pw=secret"}),
-              SetsOn("Souphttpsrc"));
+    ExpectSetAndHeld("Souphttpsrc", {"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=TRUE", "retries=-1",
+                                     "user-agent=agent/1", "user-id=user", "user-pw=secret"});
     EXPECT_EQ(Sets{}, SetsOn("Hlsdemux"));
-    const Line line = m_log.Take().at(0);
-    EXPECT_EQ(Info("[CHLSSource] Open http://127.0.0.1:9/a.m3u8 { Opts: caching=200,islive=1,timeout=15,retries=-1,proxy=,"
-                   "proxy_id=pi,proxy_pwd=pp,user_agent=agent/1 }"),
-              line);
+    ExpectFirstLines(
+        {Info("[CHLSSource] Open http://127.0.0.1:9/a.m3u8 { Opts: caching=200,islive=1,timeout=15,retries=-1,proxy=,"
+              "proxy_id=pi,proxy_pwd=pp,user_agent=agent/1 }")});
 
-    ASSERT_TRUE(Open<CHLSSource>(url, 200U, false, 15U, 3, "", "", "", "", "", ""));
-    EXPECT_EQ((Sets{"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=FALSE", "retries=3"}), SetsOn("Souphttpsrc"));
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "", "");
+    ExpectSetAndHeld("Souphttpsrc", {"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=FALSE", "retries=3"});
     EXPECT_EQ(nullptr, Source("Tsdemux")) << "comes with the first stage";
 }
 
 TEST_F(Options, HlsCredentialsEachByItself) {
-    using Tessaro::CHLSSource;
-    const char *url = "http://127.0.0.1:9/a.m3u8";
-    ASSERT_TRUE(Open<CHLSSource>(url, 200U, false, 15U, 3, "", "", "", "", "user", ""));
-    EXPECT_EQ("user", TextProperty(Source("Souphttpsrc"), "user-id"));
-    EXPECT_EQ("(null)", TextProperty(Source("Souphttpsrc"), "user-pw"));
-    ASSERT_TRUE(Open<CHLSSource>(url, 200U, false, 15U, 3, "", "", "", "", "", "secret"));
-    EXPECT_EQ("(null)", TextProperty(Source("Souphttpsrc"), "user-id"));
-    EXPECT_EQ("secret", TextProperty(Source("Souphttpsrc"), "user-pw"));
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "user", "");
+    ExpectHeld("Souphttpsrc", {"user-id=user", "user-pw=(null)"});
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "", "secret");
+    ExpectHeld("Souphttpsrc", {"user-id=(null)", "user-pw=secret"});
 }
 
 namespace {
@@ -633,31 +560,30 @@ constexpr unsigned int kUintMax = 4294967295U;
 TEST_F(Options, ValuesInRangeGiveNoWarning) {
     WarningCounter warnings;
     for (const unsigned int value : {0U, 1U, kIntMax}) {
-        ASSERT_TRUE(Open<Tessaro::CUDPSource>("udp://127.0.0.1:9", value, value, value));
-        EXPECT_EQ(value, Property<guint>(Source("Udpsrc"), "mtu"));
-        EXPECT_EQ(value == 0 ? 0 : static_cast<gint>(value), Property<gint>(Source("Tsdemux"), "latency"));
-        ASSERT_TRUE(Open<Tessaro::CSrtSource>("srt://127.0.0.1:9", value, "caller", "", "", 0U, value, value, ""));
-        EXPECT_EQ(static_cast<gint>(value), Property<gint>(Source("Srtsrc"), "latency"));
-        ASSERT_TRUE(Open<Tessaro::CRtmpSource>("rtmps://127.0.0.1:9/a/b", value, value, value, "", "", ""));
-        EXPECT_EQ(static_cast<gint>(value), Property<gint>(Source("Rtmpsrc"), "timeout"));
+        const std::string text = std::to_string(value);
+        Open<CUDPSource>("udp://127.0.0.1:9", value, value, value);
+        ExpectHeld("Udpsrc", {"mtu=" + text});
+        ExpectHeld("Tsdemux", {"latency=" + text});
+        Open<CSrtSource>(kSrtUrl, value, "caller", "", "", 0U, value, value, "");
+        ExpectHeld("Srtsrc", {"latency=" + text});
+        Open<CRtmpSource>("rtmps://127.0.0.1:9/a/b", value, value, value, "", "", "");
+        ExpectHeld("Rtmpsrc", {"timeout=" + text});
     }
     for (const unsigned int value : {0U, 1U, kIntMax, kUintMax}) {
-        ASSERT_TRUE(Open<Tessaro::CRtmpSource>("rtmp://127.0.0.1:9/a/b", value, value, value, "", "", ""));
-        EXPECT_EQ(value, Property<guint>(Source("Rtmp2src"), "timeout"));
-        EXPECT_EQ(value, Property<guint>(Source("Rtmp2src"), "idle-timeout"));
-        ASSERT_TRUE(Open<Tessaro::CRtspSource>("rtsp://127.0.0.1:9/a", value, 4UL, 0U, value, "", ""));
-        EXPECT_EQ(guint64{value}, Property<guint64>(Source("Rtspsrc"), "tcp-timeout"));
+        const std::string text = std::to_string(value);
+        Open<CRtmpSource>("rtmp://127.0.0.1:9/a/b", value, value, value, "", "", "");
+        ExpectHeld("Rtmp2src", {"timeout=" + text, "idle-timeout=" + text});
+        Open<CRtspSource>(kRtspUrl, value, 4UL, 0U, value, "", "");
+        ExpectHeld("Rtspsrc", {"tcp-timeout=" + text});
     }
     for (const unsigned int keylen : {16U, 24U, 32U}) {
-        ASSERT_TRUE(Open<Tessaro::CSrtSource>("srt://127.0.0.1:9", 200U, "caller", "", "0123456789", keylen, 125U, 50U, ""));
-        EXPECT_EQ(static_cast<gint>(keylen), Property<gint>(Source("Srtsrc"), "pbkeylen"));
+        Open<CSrtSource>(kSrtUrl, 200U, "caller", "", "0123456789", keylen, 125U, 50U, "");
+        ExpectHeld("Srtsrc", {"pbkeylen=" + std::to_string(keylen)});
     }
     for (const unsigned int timeout : {0U, 15U}) {
         for (const int retries : {-1, 0, 2147483647}) {
-            ASSERT_TRUE(
-                Open<Tessaro::CHLSSource>("http://127.0.0.1:9/a.m3u8", 200U, true, timeout, retries, "", "", "", "", "", ""));
-            EXPECT_EQ(timeout, Property<guint>(Source("Souphttpsrc"), "timeout"));
-            EXPECT_EQ(retries, Property<gint>(Source("Souphttpsrc"), "retries"));
+            Open<CHLSSource>(kHlsUrl, 200U, true, timeout, retries, "", "", "", "", "", "");
+            ExpectHeld("Souphttpsrc", {"timeout=" + std::to_string(timeout), "retries=" + std::to_string(retries)});
         }
     }
     EXPECT_EQ(0, warnings.Take());
@@ -665,85 +591,52 @@ TEST_F(Options, ValuesInRangeGiveNoWarning) {
 
 TEST_F(Options, ValuesOutOfRangeGiveAWarningAndLeaveTheDefault) {
     WarningCounter warnings;
-    ASSERT_TRUE(Open<Tessaro::CUDPSource>("udp://127.0.0.1:9", 200U, 700U, kIntMax + 1));
+    Open<CUDPSource>("udp://127.0.0.1:9", 200U, 700U, kIntMax + 1);
     EXPECT_EQ(1, warnings.Take());
-    EXPECT_EQ(1492U, Property<guint>(Source("Udpsrc"), "mtu"));
-    ASSERT_TRUE(Open<Tessaro::CSrtSource>("srt://127.0.0.1:9", 200U, "caller", "", "0123456789", 10U, 125U, 50U, ""));
+    ExpectHeld("Udpsrc", {"mtu=1492"});
+    Open<CSrtSource>(kSrtUrl, 200U, "caller", "", "0123456789", 10U, 125U, 50U, "");
     EXPECT_EQ(1, warnings.Take());
-    EXPECT_EQ(0, Property<gint>(Source("Srtsrc"), "pbkeylen"));
-    ASSERT_TRUE(Open<Tessaro::CHLSSource>("http://127.0.0.1:9/a.m3u8", 200U, false, 15U, -5, "", "", "", "", "", ""));
+    ExpectHeld("Srtsrc", {"pbkeylen=0"});
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, -5, "", "", "", "", "", "");
     EXPECT_EQ(1, warnings.Take());
-    EXPECT_EQ(3, Property<gint>(Source("Souphttpsrc"), "retries"));
+    ExpectHeld("Souphttpsrc", {"retries=3"});
 }
 
 // souphttpsrc aborts the process over a proxy that is no URI.
 TEST_F(Options, HlsProxyThatIsNoUriIsRefused) {
-    const char *url = "http://127.0.0.1:9/a.m3u8";
     for (const char *proxy : {"http://[", "://", "http://", "http://\xff\xfe"}) {
         SCOPED_TRACE(proxy);
-        m_source.reset(Tessaro::CHLSSource::CreateNew(&m_buffer, kChannel, kStream));
-        m_log.Take();
-        EXPECT_FALSE(
-            static_cast<Tessaro::CHLSSource &>(*m_source).OpenLiveStream(url, 200, false, 15, 3, proxy, "", "", "", "", ""));
+        EXPECT_FALSE(TryOpen<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, proxy, "", "", "", "", ""));
         const Lines lines = m_log.Take();
         ASSERT_EQ(3U, lines.size());
-        EXPECT_EQ(Err(std::string("[CHLSSource] The proxy is not a URI!!! proxy=") + proxy + ", url=" + url), lines[1]);
-        EXPECT_EQ(Err(std::string("[CHLSSource] _CreateGstElements error!!! URL=") + url), lines[2]);
+        EXPECT_EQ(Err(std::string("[CHLSSource] The proxy is not a URI!!! proxy=") + proxy + ", url=" + kHlsUrl), lines[1]);
+        EXPECT_EQ(ClassOf(SOURCE_TYPE_HLS).BuildFailure(kHlsUrl), lines[2]);
     }
     for (const char *proxy : {"127.0.0.1:9", "http://127.0.0.1:9", "http://proxy.example", "http://[::1]:9/"}) {
         SCOPED_TRACE(proxy);
-        m_source.reset(Tessaro::CHLSSource::CreateNew(&m_buffer, kChannel, kStream));
-        m_faults.SetPlay(Play::Pretend);
-        EXPECT_TRUE(
-            static_cast<Tessaro::CHLSSource &>(*m_source).OpenLiveStream(url, 200, false, 15, 3, proxy, "", "", "", "", ""));
+        Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, proxy, "", "", "", "", "");
     }
 }
 
 TEST_F(Options, HlsProxy) {
-    using Tessaro::CHLSSource;
-    const char *url = "http://127.0.0.1:9/a.m3u8";
     struct Row {
         const char *id;
         const char *password;
-        const char *seenId;
-        const char *seenPassword;
+        bool set;
     };
-    const Row rows[] = {
-        {"i", "p", "i", "p"}, {"i", "", "(null)", "(null)"}, {"", "p", "(null)", "(null)"}, {"", "", "(null)", "(null)"}};
-    for (const Row &row : rows) {
-        // Built only: playing with a proxy makes a request of its own.
-        const SourceClass &hls = ClassOf(SOURCE_TYPE_HLS);
-        m_source.reset(hls.create(&m_buffer, 0, 0));
-        m_faults.SetPlay(Play::Pretend);
-        ASSERT_TRUE(static_cast<CHLSSource &>(*m_source).OpenLiveStream(url, 200, false, 15, 3, "http://127.0.0.1:9/", row.id,
-                                                                        row.password, "", "", ""));
-        EXPECT_EQ("http://127.0.0.1:9/", TextProperty(Source("Souphttpsrc"), "proxy"));
-        EXPECT_EQ(row.seenId, TextProperty(Source("Souphttpsrc"), "proxy-id"));
-        EXPECT_EQ(row.seenPassword, TextProperty(Source("Souphttpsrc"), "proxy-pw"));
-        Sets expected{"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=FALSE", "retries=3",
-                      "proxy=http://127.0.0.1:9/"};
-        if (std::string(row.seenId) != "(null)") {
-            expected.push_back("proxy-id=i");
-            expected.push_back("proxy-pw=p");
+    for (const Row &row : {Row{"i", "p", true}, {"i", "", false}, {"", "p", false}, {"", "", false}}) {
+        Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "http://127.0.0.1:9/", row.id, row.password, "", "", "");
+        ExpectSetAndHeld("Souphttpsrc", Sets{"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=FALSE", "retries=3",
+                                             "proxy=http://127.0.0.1:9/"} +
+                                            (row.set ? Sets{"proxy-id=i", "proxy-pw=p"} : Sets{}));
+        if (!row.set) {
+            ExpectHeld("Souphttpsrc", {"proxy-id=(null)", "proxy-pw=(null)"});
         }
-        EXPECT_EQ(expected, SetsOn("Souphttpsrc"));
     }
 }
 
-TEST_F(Options, HlsBeforeAnOpen) {
-    const SourceClass &row = ClassOf(SOURCE_TYPE_HLS);
-    Make(row);
-    SourceProbe::SetUrl(*m_source, row.url);
-    ASSERT_TRUE(row.build(*m_source));
-    EXPECT_EQ(15U, Property<guint>(Source("Souphttpsrc"), "timeout"));
-    EXPECT_EQ(3, Property<gint>(Source("Souphttpsrc"), "retries"));
-    EXPECT_FALSE(Property<gboolean>(Source("Souphttpsrc"), "is-live"));
-}
-
 TEST_F(Options, HlsHandsItsOptionsToTheSegmentSources) {
-    using Tessaro::CHLSSource;
-    ASSERT_TRUE(Open<CHLSSource>("http://127.0.0.1:9/a.m3u8", 200U, false, 20U, 5, "http://127.0.0.1:9/", "pi", "pp", "agent/2",
-                                 "user", "secret"));
+    Open<CHLSSource>(kHlsUrl, 200U, false, 20U, 5, "http://127.0.0.1:9/", "pi", "pp", "agent/2", "user", "secret");
     // What hlsdemux does for its segments: an HTTP source in a bin below it.
     GstElement *segments = gst_element_factory_create(gst_element_factory_find("souphttpsrc"), "segments");
     gst_object_ref_sink(segments);
@@ -765,8 +658,7 @@ TEST_F(Options, HlsHandsItsOptionsToTheSegmentSources) {
 }
 
 TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
-    using Tessaro::CHLSSource;
-    ASSERT_TRUE(Open<CHLSSource>("http://127.0.0.1:9/a.m3u8", 200U, false, 20U, 5, "", "", "", "agent/2", "", ""));
+    Open<CHLSSource>(kHlsUrl, 200U, false, 20U, 5, "", "", "", "agent/2", "", "");
     // One that no factory has made: a host's or another plug-in's own.
     static const GType type = g_type_register_static_simple(GST_TYPE_ELEMENT, "UnitBareElement", sizeof(GstElementClass),
                                                             nullptr, sizeof(GstElement), nullptr, GTypeFlags(0));
@@ -783,7 +675,6 @@ TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
 }
 
 TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
-    using Tessaro::CHLSSource;
     struct Row {
         unsigned int timeout;
         const char *proxy;
@@ -796,6 +687,7 @@ TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
         {10, "", {"timeout=10", "user-agent=agent/3", "user-id=user", "user-pw=secret"}},
         {15, proxy.c_str(), {"timeout=15", "proxy=" + proxy, "user-agent=agent/3", "user-id=user", "user-pw=secret"}},
     };
+    std::size_t made_before = 0;
     for (const Row &row : rows) {
         // The element goes with the close, so its record is kept by the hook's own copy of the pointer.
         static GstElement *s_session;
@@ -806,23 +698,22 @@ TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
                 s_session = element;
             }
         });
-        ASSERT_TRUE(Open<CHLSSource>(url.c_str(), 200U, false, row.timeout, 3, row.proxy, "", "", "agent/3", "user", "secret"));
+        Open<CHLSSource>(url.c_str(), 200U, false, row.timeout, 3, row.proxy, "", "", "agent/3", "user", "secret");
         ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
         const std::vector<std::string> made = m_faults.Made();
         EXPECT_EQ(row.sets.empty() ? 0 : 1,
-                  std::count(made.begin() + static_cast<std::ptrdiff_t>(m_made), made.end(), "souphttpsrc HttpSession"));
-        m_made = made.size();
+                  std::count(made.begin() + static_cast<std::ptrdiff_t>(made_before), made.end(), "souphttpsrc HttpSession"));
+        made_before = made.size();
         EXPECT_EQ(row.sets.empty(), s_session == nullptr);
         if (s_session != nullptr) {
             EXPECT_EQ((Sets{"location=" + url, "method=HEAD", "retries=0"}) + row.sets, RecordOf(s_session));
         }
         m_source->CloseLiveStream();
-        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); }, 20)) << testing::PrintToString(LiveObjects());
+        ExpectNothingLives();
     }
 }
 
 TEST_F(Options, HlsReloadSessionHandsOnNoOtherContext) {
-    using Tessaro::CHLSSource;
     std::atomic<GstElement *> made{nullptr};
     m_faults.OnMade("souphttpsrc", [&](GstElement *element) {
         if (std::string("HttpSession") == GST_ELEMENT_NAME(element)) {
@@ -830,7 +721,7 @@ TEST_F(Options, HlsReloadSessionHandsOnNoOtherContext) {
         }
     });
     const std::string url = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/a.m3u8";
-    ASSERT_TRUE(Open<CHLSSource>(url.c_str(), 200U, false, 10U, 3, "", "", "", "", "", ""));
+    Open<CHLSSource>(url.c_str(), 200U, false, 10U, 3, "", "", "", "", "", "");
     ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
     GstElement *session = made;
     ASSERT_NE(nullptr, session);
@@ -845,9 +736,8 @@ TEST_F(Options, HlsReloadSessionHandsOnNoOtherContext) {
 }
 
 TEST_F(Options, HlsLocationWithoutAHostGetsNoReloadSession) {
-    using Tessaro::CHLSSource;
     for (const char *url : {"a.m3u8", "http:///a.m3u8"}) {
-        ASSERT_TRUE(Open<CHLSSource>(url, 200U, false, 10U, 3, "", "", "", "", "user", "secret"));
+        Open<CHLSSource>(url, 200U, false, 10U, 3, "", "", "", "", "user", "secret");
         ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
         const std::vector<std::string> made = m_faults.Made();
         EXPECT_EQ(0, std::count(made.begin(), made.end(), "souphttpsrc HttpSession")) << url;
@@ -856,10 +746,9 @@ TEST_F(Options, HlsLocationWithoutAHostGetsNoReloadSession) {
 }
 
 TEST_F(Options, HlsWithoutTheReloadSession) {
-    using Tessaro::CHLSSource;
     // The front's source is made, the session's is not: the session is a help, not a condition.
     m_faults.FailNthMake(3);
-    ASSERT_TRUE(Open<CHLSSource>("http://127.0.0.1:9/a.m3u8", 200U, false, 10U, 3, "", "", "", "", "user", "secret"));
+    Open<CHLSSource>(kHlsUrl, 200U, false, 10U, 3, "", "", "", "", "user", "secret");
     ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(*m_source) == "connected"; }));
     EXPECT_TRUE(m_faults.NthMakeWasReached());
     const Lines lines = m_log.Take();

@@ -2,15 +2,12 @@
 // throwing into a host that is written in C. Its own program, since it replaces the allocation functions.
 #include "gst_source_api.h"
 #include "Logger.h"
+#include "support/LogCapture.h"
+#include "support/OutputPipe.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <iterator>
@@ -72,40 +69,12 @@ bool WithFailure(int n, const std::function<void()> &call) {
     return failed;
 }
 
-// Standard output in a file for the lifetime.
-class Output {
-  public:
-    Output() {
-        std::fflush(stdout);
-        m_saved = dup(STDOUT_FILENO);
-        m_file = memfd_create("output", MFD_CLOEXEC);
-        dup2(m_file, STDOUT_FILENO);
-    }
-    ~Output() {
-        std::fflush(stdout);
-        dup2(m_saved, STDOUT_FILENO);
-        close(m_saved);
-        close(m_file);
-    }
-    Output(const Output &) = delete;
-    Output &operator=(const Output &) = delete;
-
-    std::string Text() const {
-        std::fflush(stdout);
-        std::string text(static_cast<std::size_t>(lseek(m_file, 0, SEEK_END)), '\0');
-        const ssize_t got = pread(m_file, text.data(), text.size(), 0);
-        text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return text;
-    }
-
-  private:
-    int m_saved = -1;
-    int m_file = -1;
-};
-
 bool Contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
 }
+
+using unit::LogCapture;
+using unit::OutputPipe;
 
 int g_buffer = 0;
 
@@ -158,7 +127,7 @@ TEST_P(Memory, CreateFailsWithoutIt) {
     gst_source_destroy(gst_source_create(GetParam().type, &g_buffer, 0, 0));
     int refused = 0;
     for (int n = 1; n < kMany; ++n) {
-        const Output output;
+        const LogCapture output;
         void *handle = nullptr;
         const bool failed = WithFailure(n, [&] { handle = gst_source_create(GetParam().type, &g_buffer, 0, 0); });
         EXPECT_EQ(handle == nullptr, Contains(output.Text(), "gst_source_create: std::bad_alloc\n"));
@@ -180,7 +149,7 @@ TEST_P(MemoryOfOpen, FailsWithoutItAndCanBeRepeated) {
     int refused = 0;
     for (int n = 1; n < kMany; ++n) {
         SCOPED_TRACE(n);
-        const Output output;
+        const LogCapture output;
         void *handle = gst_source_create(GetParam().type, &g_buffer, 0, 0);
         ASSERT_NE(nullptr, handle);
         int result = 1;
@@ -220,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(Protocols, Memory, testing::ValuesIn(kProtocols), NameO
 INSTANTIATE_TEST_SUITE_P(Protocols, MemoryOfOpen, testing::ValuesIn(WithoutSrt()), NameOf);
 
 TEST(MemoryOfTheLog, LineIsLeftOut) {
-    const Output output;
+    const LogCapture output;
     EXPECT_TRUE(WithFailure(1, [] { GSTREAMER::WriteLogLine(GSTREAMER::LogLevel::Info, 1, "lost"); }));
     GSTREAMER::WriteLogLine(GSTREAMER::LogLevel::Info, 1, "kept");
     EXPECT_FALSE(Contains(output.Text(), "lost"));
@@ -231,7 +200,7 @@ TEST(MemoryOfTheLog, LineThatCannotBeFormedIsLeftOutOrCut) {
     const std::string operand(10000, 'x');
     int left_out = 0;
     for (int n = 1; n < kMany; ++n) {
-        const Output output;
+        const LogCapture output;
         const bool failed = WithFailure(n, [&] { LOG_INFO("begin" << operand << "end"); });
         const std::string text = output.Text();
         left_out += text.empty() ? 1 : 0;
@@ -246,27 +215,18 @@ TEST(MemoryOfTheLog, LineThatCannotBeFormedIsLeftOutOrCut) {
 }
 
 TEST(MemoryOfTheLog, WhatWasDroppedIsToldLater) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(0, pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK));
     bool failed = false;
     bool ready = false;
     std::string told;
     {
-        const Output output;
-        dup2(ends[1], STDOUT_FILENO);
-        std::array<char, 4096> bytes{};
-        while (write(STDOUT_FILENO, bytes.data(), bytes.size()) > 0) {
-        }
+        OutputPipe pipe;
+        pipe.Fill();
         GSTREAMER::WriteLogLine(GSTREAMER::LogLevel::Info, 1, "dropped");
-        while (read(ends[0], bytes.data(), bytes.size()) > 0) {
-        }
+        pipe.Drain();
         failed = WithFailure(1, [&] { ready = GSTREAMER::OutputReady(); });
         GSTREAMER::OutputReady();
-        const ssize_t got = read(ends[0], bytes.data(), bytes.size());
-        told.assign(bytes.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
+        told = pipe.Drain();
     }
-    close(ends[0]);
-    close(ends[1]);
     EXPECT_TRUE(failed);
     EXPECT_TRUE(ready);
     EXPECT_TRUE(Contains(told, "[Logger] Standard output was full, lines dropped: 1\n")) << told;

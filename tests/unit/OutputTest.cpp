@@ -2,18 +2,13 @@
 #include "Logger.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
+#include "support/OutputPipe.h"
 #include "support/Watchdog.h"
 
-#include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <fstream>
 #include <thread>
 
 namespace unit {
@@ -23,57 +18,6 @@ namespace {
 using GSTREAMER::LogLevel;
 using GSTREAMER::WriteLogLine;
 using Clock = std::chrono::steady_clock;
-
-// A pipe in place of standard output, read by nobody but the test.
-class OutputPipe {
-  public:
-    // `bytes`: what the pipe holds, one page at least; 0 for the usual.
-    explicit OutputPipe(int bytes = 0) {
-        std::fflush(stdout);
-        m_saved = dup(STDOUT_FILENO);
-        std::array<int, 2> ends{};
-        if (m_saved < 0 || pipe2(ends.data(), O_CLOEXEC) != 0 || (bytes != 0 && fcntl(ends[1], F_SETPIPE_SZ, bytes) < 0)) {
-            std::perror("no pipe");
-            std::abort();
-        }
-        fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        dup2(ends[1], STDOUT_FILENO);
-        close(ends[1]);
-        m_reader = ends[0];
-    }
-    ~OutputPipe() {
-        Drain();
-        std::fflush(stdout);
-        dup2(m_saved, STDOUT_FILENO);
-        close(m_saved);
-        close(m_reader);
-    }
-    OutputPipe(const OutputPipe &) = delete;
-    OutputPipe &operator=(const OutputPipe &) = delete;
-
-    void Fill() {
-        fcntl(STDOUT_FILENO, F_SETFL, O_NONBLOCK);
-        const std::string piece(4096, '.');
-        for (std::size_t size = piece.size(); size > 0; size /= 2) {
-            while (write(STDOUT_FILENO, piece.data(), size) > 0) {
-            }
-        }
-        fcntl(STDOUT_FILENO, F_SETFL, 0);
-    }
-    // What has come; the filling left out.
-    std::string Drain() {
-        std::string text;
-        std::array<char, 4096> bytes{};
-        for (ssize_t got = 0; (got = read(m_reader, bytes.data(), bytes.size())) > 0;) {
-            text.append(bytes.data(), static_cast<std::size_t>(got));
-        }
-        return text.substr(std::min(text.find_first_not_of('.'), text.size()));
-    }
-
-  private:
-    int m_saved = -1;
-    int m_reader = -1;
-};
 
 // The message of one log line: what stands behind time, level and source line.
 std::string Message(const std::string &line) {
@@ -153,6 +97,8 @@ TEST(Output, FullOneIsWaitedForOnceAndWhatWasLeftOutIsTold) {
 // The notice takes all the room there is: the line behind it is left out again, and told again.
 TEST(Output, NoticeThatFillsItIsFollowedByAnother) {
     const Watchdog watchdog("notice that fills");
+    Faults faults;
+    faults.PollWithoutPatience();
     Strings told;
     {
         OutputPipe pipe(4096);
@@ -180,6 +126,8 @@ TEST(Output, LongLineComesWhole) {
 
 TEST(Output, LongLineIsCutWhereNothingMoreGoesIn) {
     const Watchdog watchdog("cut line");
+    Faults faults;
+    faults.PollWithoutPatience();
     std::string got;
     Strings after;
     {
@@ -263,7 +211,7 @@ class FullOutput : public ClassTest {};
 TEST_P(FullOutput, HoldsNothingUp) {
     const Watchdog watchdog("session with full output");
     m_faults.SetPlay(Play::Pretend);
-    m_faults.PollFast();
+    m_faults.PollWithoutPatience();
     // A failure is told at the end, when there is somewhere to print it.
     std::string told;
     std::string leaked;

@@ -2,8 +2,8 @@
 // that nobody ever sees a mixture; under the thread sanitizer they check every access.
 #include "support/FakeDemux.h"
 #include "support/Fixture.h"
+#include "support/Loopback.h"
 
-#include <sys/socket.h>
 #include <algorithm>
 #include <array>
 #include <atomic>

@@ -2,12 +2,8 @@
 // first.
 #include "support/Fixture.h"
 #include "support/LiveSource.h"
+#include "support/Loopback.h"
 #include "support/Watchdog.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -53,21 +49,12 @@ TEST_F(RtmpsStop, LiveStreamIsStoppedBetweenTwoReads) {
 }
 
 TEST_F(RtmpsStop, StalledReadIsEndedByItsSocket) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address));
-    ASSERT_EQ(0, getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size));
-    ASSERT_EQ(0, listen(listener, 1));
-    const int own = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(0, connect(own, reinterpret_cast<sockaddr *>(&address), sizeof address));
+    const Connection connection;
     ssize_t got = 1;
     SetReadScript([&](const std::atomic<bool> &) {
         ++m_reads;
         char byte = 0;
-        got = recv(own, &byte, 1, 0);
+        got = recv(connection.ends[0], &byte, 1, 0);
         return got > 0;
     });
     ASSERT_TRUE(Open());
@@ -75,8 +62,6 @@ TEST_F(RtmpsStop, StalledReadIsEndedByItsSocket) {
     m_source->CloseLiveStream();
     EXPECT_EQ(0, got);
     EXPECT_FALSE(StoppedAmidRead());
-    close(own);
-    close(listener);
 }
 
 TEST_F(RtmpsStop, ReadThatWaitsForNoSocketIsNotWaitedForForEver) {

@@ -2,11 +2,10 @@
 #include "CHttpSession.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
+#include "support/Loopback.h"
 #include "support/Watchdog.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -22,7 +21,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <future>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -86,6 +87,12 @@ bool IsNull(int fd) {
     return fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
 }
 
+bool IsSame(int fd, int other) {
+    struct stat is {};
+    struct stat was {};
+    return fstat(fd, &is) == 0 && fstat(other, &was) == 0 && is.st_dev == was.st_dev && is.st_ino == was.st_ino;
+}
+
 // The number that is given out next.
 int LowestFree() {
     const int fd = memfd_create("number", MFD_CLOEXEC);
@@ -93,111 +100,98 @@ int LowestFree() {
     return fd;
 }
 
+// What the guard leaves behind.
+struct Guarded {
+    bool outputIsOpen = false;
+    bool outputIsNull = false;
+    bool outputIsFile = false;  // the test's
+    bool inputIsOpen = false;
+    bool leavesNothingElse = false;
+};
+
+// The guard over a standard output that `prepare` has closed, replaced by `file`, or made hard to get by faults.
+Guarded Guard(const std::function<void(int file, Faults &faults)> &prepare, std::optional<rlim_t> room = {}) {
+    Faults faults;
+    Guarded guarded;
+    const BorrowedStdio borrowed;
+    const int file = memfd_create("file", MFD_CLOEXEC);
+    const int before = LowestFree();
+    prepare(file, faults);
+    {
+        std::optional<FewDescriptors> few;
+        if (room) {
+            few.emplace(*room);
+        }
+        GSTREAMER::GuardStandardOutput();
+    }
+    faults.OnDescriptorCall(nullptr);
+    guarded.outputIsOpen = IsOpen(STDOUT_FILENO);
+    guarded.outputIsNull = IsNull(STDOUT_FILENO);
+    guarded.outputIsFile = IsSame(STDOUT_FILENO, file);
+    guarded.inputIsOpen = IsOpen(STDIN_FILENO);
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
+        dup2(file, fd);
+    }
+    guarded.leavesNothingElse = LowestFree() == before;
+    close(file);
+    return guarded;
+}
+
 }  // namespace
 
 TEST(StandardOutput, OneThatIsOpenIsLeftAlone) {
-    bool same = false;
-    {
-        const BorrowedStdio borrowed;
-        const int file = memfd_create("output", MFD_CLOEXEC);
-        dup2(file, STDOUT_FILENO);
-        GSTREAMER::GuardStandardOutput();
-        struct stat is {};
-        struct stat was {};
-        same = fstat(STDOUT_FILENO, &is) == 0 && fstat(file, &was) == 0 && is.st_dev == was.st_dev && is.st_ino == was.st_ino;
-        close(file);
-    }
-    EXPECT_TRUE(same);
+    const Guarded guarded = Guard([](int file, Faults &) { dup2(file, STDOUT_FILENO); });
+    EXPECT_TRUE(guarded.outputIsFile);
+    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 TEST(StandardOutput, OneThatIsClosedLeadsToNull) {
-    bool null = false;
-    int before = -1;
-    int after = -2;
-    {
-        const BorrowedStdio borrowed;
-        before = LowestFree();
-        close(STDOUT_FILENO);
-        GSTREAMER::GuardStandardOutput();
-        null = IsNull(STDOUT_FILENO);
-        after = LowestFree();
-    }
-    EXPECT_TRUE(null);
-    EXPECT_EQ(before, after) << "no other descriptor is left open";
+    const Guarded guarded = Guard([](int, Faults &) { close(STDOUT_FILENO); });
+    EXPECT_TRUE(guarded.outputIsNull);
+    EXPECT_TRUE(guarded.inputIsOpen);
+    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 TEST(StandardOutput, LowerNumbersThatAreFreeStayFree) {
-    bool null = false;
-    bool input = true;
-    {
-        const BorrowedStdio borrowed;
+    const Guarded guarded = Guard([](int, Faults &) {
         close(STDIN_FILENO);
         close(STDOUT_FILENO);
-        GSTREAMER::GuardStandardOutput();
-        null = IsNull(STDOUT_FILENO);
-        input = IsOpen(STDIN_FILENO);
-    }
-    EXPECT_TRUE(null);
-    EXPECT_FALSE(input);
+    });
+    EXPECT_TRUE(guarded.outputIsNull);
+    EXPECT_FALSE(guarded.inputIsOpen);
+    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 TEST(StandardOutput, NothingCanBeOpened) {
-    bool output = true;
-    {
-        const BorrowedStdio borrowed;
-        close(STDOUT_FILENO);
-        {
-            const FewDescriptors none(0);
-            GSTREAMER::GuardStandardOutput();
-        }
-        output = IsOpen(STDOUT_FILENO);
-    }
-    EXPECT_FALSE(output);
+    const Guarded guarded = Guard([](int, Faults &) { close(STDOUT_FILENO); }, 0);
+    EXPECT_FALSE(guarded.outputIsOpen);
+    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 // Another thread that opens something in the same moment gets the number first.
 TEST(StandardOutput, NumberThatSomebodyElseHasGotIsTheirs) {
-    Faults faults;
-    bool same = false;
-    int before = -1;
-    int after = -2;
-    {
-        const BorrowedStdio borrowed;
-        const int file = memfd_create("somebody's", MFD_CLOEXEC);
-        before = LowestFree();
+    const Guarded guarded = Guard([](int file, Faults &faults) {
         close(STDIN_FILENO);
         close(STDOUT_FILENO);
-        faults.OnDescriptorCall([&](int command) {
+        faults.OnDescriptorCall([file](int command) {
             if (command == F_DUPFD) {
                 dup2(file, STDOUT_FILENO);
             }
             return 0;
         });
-        GSTREAMER::GuardStandardOutput();
-        faults.OnDescriptorCall(nullptr);
-        struct stat is {};
-        struct stat was {};
-        same = fstat(STDOUT_FILENO, &is) == 0 && fstat(file, &was) == 0 && is.st_ino == was.st_ino;
-        dup2(STDOUT_FILENO, STDIN_FILENO);
-        after = LowestFree();
-        close(file);
-    }
-    EXPECT_TRUE(same);
-    EXPECT_EQ(before, after) << "no other descriptor is left open";
+    });
+    EXPECT_TRUE(guarded.outputIsFile);
+    EXPECT_FALSE(guarded.inputIsOpen);
+    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 TEST(StandardOutput, OneThatCannotBeLookedAtIsLeftAlone) {
-    Faults faults;
-    bool output = true;
-    {
-        const BorrowedStdio borrowed;
+    const Guarded guarded = Guard([](int, Faults &faults) {
         close(STDOUT_FILENO);
         faults.OnDescriptorCall([](int) { return EPERM; });
-        GSTREAMER::GuardStandardOutput();
-        faults.OnDescriptorCall(nullptr);
-        output = IsOpen(STDOUT_FILENO);
-    }
-    EXPECT_FALSE(output);
+    });
+    EXPECT_FALSE(guarded.outputIsOpen);
+    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 // ---- Taking out -------------------------------------------------------------------------------------------------------------
@@ -390,60 +384,72 @@ const SocketCall kSocketCalls[] = {
      }},
 };
 
-class SocketPair : public testing::Test {
+// Both ends of something that is no connection to a peer.
+class Ends {
+  public:
+    explicit Ends(bool is_pipe) {
+        EXPECT_EQ(0, is_pipe ? pipe2(m_ends, O_CLOEXEC) : socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends));
+    }
+    ~Ends() {
+        close(m_ends[0]);
+        close(m_ends[1]);
+    }
+    Ends(const Ends &) = delete;
+    Ends &operator=(const Ends &) = delete;
+    int operator[](std::size_t at) const { return m_ends[at]; }
+
+  private:
+    int m_ends[2] = {-1, -1};
+};
+
+class SocketWait : public testing::Test {
   protected:
-    void SetUp() override {
-        Connect();
-        // Writing to an end that is shut down ends a process that does not care for this signal.
-        m_pipeAction = std::signal(SIGPIPE, SIG_IGN);
+    // Writing to an end that is shut down ends a process that does not care for this signal.
+    void SetUp() override { m_pipeAction = std::signal(SIGPIPE, SIG_IGN); }
+    void TearDown() override { std::signal(SIGPIPE, m_pipeAction); }
+
+    // A thread in the call, which the library ends.
+    static void ExpectEnded(long number, const std::function<ssize_t()> &call, ssize_t result) {
+        const Waiting waiting(call);
+        EXPECT_TRUE(waiting.ReachedCall(number));
+        EXPECT_TRUE(GSTREAMER::EndSocketWait(waiting.Id()));
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(result, waiting.Result());
     }
-    void TearDown() override {
-        for (const int fd : m_pair) {
-            close(fd);
-        }
-        std::signal(SIGPIPE, m_pipeAction);
+    // A thread in the call, which the library leaves alone: it goes on until `wake`.
+    static void ExpectGoesOn(long number, const std::function<ssize_t()> &call, const std::function<void()> &wake,
+                             ssize_t result) {
+        const Waiting waiting(call);
+        EXPECT_TRUE(waiting.ReachedCall(number));
+        EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+        wake();
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(result, waiting.Result());
     }
-    // Both ends of a connection as to a peer.
-    void Connect() {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address));
-        ASSERT_EQ(0, getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size));
-        ASSERT_EQ(0, listen(listener, 1));
-        m_pair[0] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(0, connect(m_pair[0], reinterpret_cast<sockaddr *>(&address), sizeof address));
-        m_pair[1] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        ASSERT_LE(0, m_pair[1]);
-        close(listener);
-    }
-    // Until nothing more goes in.
-    static void Fill(int fd) {
-        while (send(fd, g_bytes.data(), g_bytes.size(), MSG_DONTWAIT) > 0) {
-        }
-    }
+    void SendByte() { EXPECT_EQ(1, send(m_peer, "x", 1, MSG_NOSIGNAL)); }
 
     Watchdog m_watchdog{"ending a wait for a socket"};
-    std::array<int, 2> m_pair{};
+    const Connection m_connection;
+    const int m_socket = m_connection.ends[0];
+    const int m_peer = m_connection.ends[1];
     void (*m_pipeAction)(int) = nullptr;
 };
 
-class EndSocketWait : public SocketPair, public testing::WithParamInterface<SocketCall> {};
-class NoSocketWait : public SocketPair {};
+class EndSocketWait : public SocketWait, public testing::WithParamInterface<SocketCall> {};
+using NoSocketWait = SocketWait;
 
 }  // namespace
 
 TEST_P(EndSocketWait, CallReturns) {
     if (GetParam().writes) {
-        Fill(m_pair[0]);
+        while (send(m_socket, g_bytes.data(), g_bytes.size(), MSG_DONTWAIT) > 0) {
+        }
     }
     // The peer's buffer may still grow.
     const Waiting waiting([this] {
         ssize_t result = 1;
         while (result > 0) {
-            result = GetParam().call(m_pair[0]);
+            result = GetParam().call(m_socket);
         }
         return result;
     });
@@ -455,63 +461,45 @@ TEST_P(EndSocketWait, CallReturns) {
 
 INSTANTIATE_TEST_SUITE_P(Calls, EndSocketWait, testing::ValuesIn(kSocketCalls), ClassName());
 
+// What wakes the thread, a pipe or a socket of the process's own, stays whole.
 TEST_F(NoSocketWait, PollForOneAmongOthers) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(0, pipe2(ends.data(), O_CLOEXEC));
-    {
-        std::array<pollfd, 2> polled{pollfd{ends[0], POLLIN, 0}, pollfd{m_pair[0], POLLIN, 0}};
-        const Waiting waiting([&] { return poll(polled.data(), polled.size(), -1); });
-        EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
-        EXPECT_TRUE(GSTREAMER::EndSocketWait(waiting.Id()));
-        ASSERT_TRUE(waiting.Ended());
-        EXPECT_EQ(1, waiting.Result());
+    for (const bool is_pipe : {true, false}) {
+        const Ends own(is_pipe);
+        const Connection connection;
+        std::array<pollfd, 2> polled{pollfd{own[0], POLLIN, 0}, pollfd{connection.ends[0], POLLIN, 0}};
+        ExpectEnded(
+            SYS_poll, [&] { return poll(polled.data(), polled.size(), -1); }, 1);
         EXPECT_EQ(0, polled[0].revents);
+        EXPECT_NE(0, polled[1].revents & POLLIN);
+        EXPECT_EQ(1, write(own[1], "x", 1));
     }
-    EXPECT_EQ(1, write(ends[1], "x", 1)) << "the pipe is as it was";
-    close(ends[0]);
-    close(ends[1]);
 }
 
 TEST_F(NoSocketWait, PollWithATimeOutIsAnotherCall) {
-    pollfd polled{m_pair[0], POLLIN, 0};
-    const Waiting waiting([&] {
-        const timespec minute{60, 0};
-        return ppoll(&polled, 1, &minute, nullptr);
-    });
-    EXPECT_TRUE(waiting.ReachedCall(SYS_ppoll));
-    EXPECT_TRUE(GSTREAMER::EndSocketWait(waiting.Id()));
-    ASSERT_TRUE(waiting.Ended());
-    EXPECT_EQ(1, waiting.Result());
+    pollfd polled{m_socket, POLLIN, 0};
+    const timespec minute{60, 0};
+    ExpectEnded(
+        SYS_ppoll, [&] { return ppoll(&polled, 1, &minute, nullptr); }, 1);
 }
 
 // What polls for that many serves more than one peer.
 TEST_F(NoSocketWait, PollForNoneOrManyGoesOn) {
-    std::array<int, 2> wake{};
-    ASSERT_EQ(0, pipe2(wake.data(), O_CLOEXEC));
-    {
-        std::vector<pollfd> polled(17, pollfd{m_pair[0], POLLIN, 0});
-        polled[0].fd = wake[0];
-        const Waiting waiting([&] { return poll(polled.data(), polled.size(), -1); });
-        EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
-        EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
-        EXPECT_EQ(1, write(wake[1], "x", 1));
-        ASSERT_TRUE(waiting.Ended());
-        EXPECT_EQ(1, waiting.Result());
-    }
-    close(wake[0]);
-    close(wake[1]);
+    const Ends wake(true);
+    std::vector<pollfd> polled(17, pollfd{m_socket, POLLIN, 0});
+    polled[0].fd = wake[0];
+    ExpectGoesOn(
+        SYS_poll, [&] { return poll(polled.data(), polled.size(), -1); }, [&] { EXPECT_EQ(1, write(wake[1], "x", 1)); }, 1);
 
     std::atomic<bool> enough{false};
-    const Waiting waiting([&] {
-        while (!enough) {
-            poll(nullptr, 0, 100);
-        }
-        return ssize_t{7};
-    });
-    EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
-    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
-    enough = true;
-    ASSERT_TRUE(waiting.Ended());
+    ExpectGoesOn(
+        SYS_poll,
+        [&] {
+            while (!enough) {
+                poll(nullptr, 0, 100);
+            }
+            return ssize_t{7};
+        },
+        [&] { enough = true; }, 7);
 }
 
 // The descriptors of a poll lie in the memory of the thread, and that may be gone.
@@ -519,74 +507,71 @@ TEST_F(NoSocketWait, PollWhoseListIsGoneGoesOn) {
     const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     void *list = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, list);
-    *static_cast<pollfd *>(list) = pollfd{m_pair[0], POLLIN, 0};
+    *static_cast<pollfd *>(list) = pollfd{m_socket, POLLIN, 0};
     const Waiting waiting([&] { return poll(static_cast<pollfd *>(list), 1, -1); });
     EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
     munmap(list, page);
     EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
-    EXPECT_EQ(1, send(m_pair[1], "x", 1, 0));
+    SendByte();
     ASSERT_TRUE(waiting.Ended());
     EXPECT_EQ(-1, waiting.Result()) << "the kernel has nowhere to write to";
 }
 
 TEST_F(NoSocketWait, ThreadThatRunsOrIsNone) {
-    EXPECT_FALSE(GSTREAMER::EndSocketWait(gettid()));
-    EXPECT_FALSE(GSTREAMER::EndSocketWait(0));
+    for (const pid_t thread : {gettid(), 0, 0x7FFFFFFF}) {
+        EXPECT_FALSE(GSTREAMER::EndSocketWait(thread));
+    }
 }
 
 TEST_F(NoSocketWait, OtherCallsGoOn) {
     std::promise<void> enough;
-    const Waiting waiting([&] {
-        enough.get_future().wait();
-        return ssize_t{7};
-    });
-    EXPECT_TRUE(waiting.ReachedCall(SYS_futex));
-    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
-    enough.set_value();
-    ASSERT_TRUE(waiting.Ended());
-    EXPECT_EQ(7, waiting.Result());
+    ExpectGoesOn(
+        SYS_futex,
+        [&] {
+            enough.get_future().wait();
+            return ssize_t{7};
+        },
+        [&] { enough.set_value(); }, 7);
 }
 
-TEST_F(NoSocketWait, PipesGoOn) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(0, pipe2(ends.data(), O_CLOEXEC));
-    {
-        const Waiting waiting([&] { return read(ends[0], g_bytes.data(), 1); });
-        EXPECT_TRUE(waiting.ReachedCall(SYS_read));
-        EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
-        EXPECT_EQ(1, write(ends[1], "x", 1));
-        ASSERT_TRUE(waiting.Ended());
-        EXPECT_EQ(1, waiting.Result());
+TEST_F(NoSocketWait, PipesAndSocketsOfTheProcessGoOn) {
+    for (const bool is_pipe : {true, false}) {
+        const Ends ends(is_pipe);
+        const auto wake = [&] { EXPECT_EQ(1, write(ends[1], "x", 1)); };
+        pollfd polled{ends[0], POLLIN, 0};
+        ExpectGoesOn(
+            SYS_poll, [&] { return poll(&polled, 1, -1); }, wake, 1);
+        EXPECT_EQ(1, read(ends[0], g_bytes.data(), 1));
+        ExpectGoesOn(
+            SYS_read, [&] { return read(ends[0], g_bytes.data(), 1); }, wake, 1);
     }
-    close(ends[0]);
-    close(ends[1]);
 }
 
 // By then the number may be another file's.
 TEST_F(NoSocketWait, ThreadThatHasMovedOnMeanwhile) {
     Faults faults;
-    const Waiting waiting([this] { return recv(m_pair[0], g_bytes.data(), 1, 0); });
+    const Waiting waiting([this] { return recv(m_socket, g_bytes.data(), 1, 0); });
     EXPECT_TRUE(waiting.ReachedCall(SYS_recvfrom));
     faults.OnDescriptorCall([&](int command) {
         if (command == F_DUPFD_CLOEXEC) {
-            EXPECT_EQ(1, send(m_pair[1], "x", 1, 0));
+            SendByte();
             EXPECT_TRUE(waiting.Ended());
         }
         return 0;
     });
     EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
     EXPECT_EQ(1, waiting.Result());
-    EXPECT_EQ(1, send(m_pair[1], "y", 1, MSG_NOSIGNAL)) << "the socket is not shut down";
+    SendByte();  // the socket is not shut down
 }
 
 TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
-    const int own = dup(m_pair[0]);
+    const int own = dup(m_socket);
     const Waiting waiting([&] { return recv(own, g_bytes.data(), 1, 0); });
     EXPECT_TRUE(waiting.ReachedCall(SYS_recvfrom));
     // Past the thread sanitizer, which takes this for the mistake that it would be anywhere else.
     EXPECT_EQ(0, syscall(SYS_close, own));
     EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
-    EXPECT_EQ(1, send(m_pair[1], "x", 1, 0));
+    SendByte();
     ASSERT_TRUE(waiting.Ended());
     EXPECT_EQ(1, waiting.Result()) << "the socket itself is as it was";
 }

@@ -111,6 +111,20 @@ void SetDemuxScript(DemuxScript script) {
     g_script = std::move(script);
 }
 
+void ScriptDemuxers(Faults &faults, DemuxScript script) {
+    RegisterFakeDemux();
+    for (const char *factory : {"tsdemux", "flvdemux", "rtspsrc", "hlsdemux"}) {
+        faults.Substitute(factory, kFakeDemux);
+    }
+    SetDemuxScript([script = std::move(script)](GstElement *self, const std::atomic<bool> &stop) {
+        if (std::string(GST_OBJECT_NAME(self)) == "Hlsdemux") {
+            ExposePad(self, "src_0", "video/mpegts");
+        } else {
+            script(self, stop);
+        }
+    });
+}
+
 void ExposePad(GstElement *demux, const std::string &name, const std::string &caps) {
     GstPad *pad = gst_pad_new(name.c_str(), GST_PAD_SRC);
     gst_pad_set_active(pad, TRUE);

@@ -2,6 +2,8 @@
 // streaming thread, which lives between PAUSED and READY as that of any element.
 #pragma once
 
+#include "Faults.h"
+
 #include <gst/gst.h>
 
 #include <atomic>
@@ -20,6 +22,9 @@ void RegisterFakeDemux();
 // `stop` has become true.
 using DemuxScript = std::function<void(GstElement *self, const std::atomic<bool> &stop)>;
 void SetDemuxScript(DemuxScript script);
+
+// The same for the demultiplexers of all classes, which are replaced; the first stage of HLS brings its one pad by itself.
+void ScriptDemuxers(Faults &faults, DemuxScript script);
 
 // Exposes an active source pad with these caps.
 void ExposePad(GstElement *demux, const std::string &name, const std::string &caps);

@@ -1,5 +1,7 @@
 #include "Faults.h"
 
+#include <poll.h>
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -15,38 +17,7 @@ namespace unit {
 
 namespace {
 
-struct Plan {
-    std::set<std::string> failingFactories;
-    int failNthMake = 0;
-    bool nthMakeReached = false;
-    std::map<std::string, std::string> substitutes;
-    std::map<std::string, std::function<void(GstElement *)>> onMade;
-    std::vector<std::string> made;
-    bool failPipeline = false;
-    bool failBus = false;
-    int failElementLink = 0;
-    int failPadLink = 0;
-    bool failThreadStart = false;
-    int failCall = 0;
-    bool failAllAfter = false;
-    int calls = 0;
-    FrameworkCall failedCall;
-    Play play = Play::Real;
-    bool reportStopFailure = false;
-    int plays = 0;
-    bool sleepReally = false;
-    std::function<void(int)> onSleep;
-    std::vector<gulong> sleeps;
-    std::function<GstMessage *(int)> onPoll;
-    std::vector<GstClockTime> polls;
-    bool pollFast = false;
-    std::function<int(int)> onDescriptorCall;
-};
-
 thread_local int t_uncounted = 0;
-
-std::mutex g_planMutex;
-std::unique_ptr<Plan> g_plan;
 
 std::mutex g_liveMutex;
 std::map<std::size_t, std::string> g_live;
@@ -78,16 +49,6 @@ void Watch(gpointer object, const std::string &name, bool bus = false) {
     g_object_weak_ref(G_OBJECT(object), Gone, new Watched{id, bus ? object : nullptr});
 }
 
-// Runs `body` on the plan, under its lock; a default result without a plan.
-template <typename Body>
-auto WithPlan(Body &&body) -> decltype(body(*g_plan)) {
-    const std::lock_guard<std::mutex> lock(g_planMutex);
-    if (g_plan) {
-        return body(*g_plan);
-    }
-    return decltype(body(*g_plan))();
-}
-
 bool CountDown(int &counter) {
     return counter > 0 && --counter == 0;
 }
@@ -115,6 +76,9 @@ std::string NameOf(gpointer object) {
 
 }  // namespace
 
+std::mutex g_planMutex;
+std::unique_ptr<Plan> g_plan;
+
 Faults::Faults() {
     const std::lock_guard<std::mutex> lock(g_planMutex);
     if (g_plan) {
@@ -129,122 +93,12 @@ Faults::~Faults() {
     g_plan.reset();
 }
 
-void Faults::FailFactory(const std::string &factory) {
-    WithPlan([&](Plan &plan) { plan.failingFactories.insert(factory); });
-}
-
-void Faults::Forgive(const std::string &factory) {
-    WithPlan([&](Plan &plan) { plan.failingFactories.erase(factory); });
-}
-
-void Faults::FailNthMake(int n) {
-    WithPlan([&](Plan &plan) {
-        plan.failNthMake = n;
-        plan.nthMakeReached = false;
-    });
-}
-
-bool Faults::NthMakeWasReached() const {
-    return WithPlan([](Plan &plan) { return plan.nthMakeReached; });
-}
-
-void Faults::Substitute(const std::string &factory, const std::string &other) {
-    WithPlan([&](Plan &plan) { plan.substitutes[factory] = other; });
-}
-
-void Faults::OnMade(const std::string &factory, std::function<void(GstElement *)> hook) {
-    WithPlan([&](Plan &plan) { plan.onMade[factory] = std::move(hook); });
-}
-
-std::vector<std::string> Faults::Made() const {
-    return WithPlan([](Plan &plan) { return plan.made; });
-}
-
-void Faults::FailPipeline() {
-    WithPlan([](Plan &plan) { plan.failPipeline = true; });
-}
-
-void Faults::FailBus() {
-    WithPlan([](Plan &plan) { plan.failBus = true; });
-}
-
-void Faults::FailElementLink(int n) {
-    WithPlan([&](Plan &plan) { plan.failElementLink = n; });
-}
-
-void Faults::FailPadLink(int n) {
-    WithPlan([&](Plan &plan) { plan.failPadLink = n; });
-}
-
-void Faults::FailThreadStart() {
-    WithPlan([](Plan &plan) { plan.failThreadStart = true; });
-}
-
-void Faults::FailCall(int n, bool and_all_after) {
-    WithPlan([&](Plan &plan) {
-        plan.failCall = n;
-        plan.failAllAfter = and_all_after;
-        if (n != 0) {
-            plan.calls = 0;
-            plan.failedCall = {};
-        }
-    });
-}
-
-FrameworkCall Faults::FailedCall() const {
-    return WithPlan([](Plan &plan) { return plan.failedCall; });
-}
-
-int Faults::Plays() const {
-    return WithPlan([](Plan &plan) { return plan.plays; });
-}
-
-void Faults::ForgetPlays() {
-    WithPlan([](Plan &plan) { plan.plays = 0; });
-}
-
-void Faults::OnDescriptorCall(std::function<int(int command)> hook) {
-    WithPlan([&](Plan &plan) { plan.onDescriptorCall = std::move(hook); });
-}
-
-void Faults::PollFast() {
-    WithPlan([](Plan &plan) { plan.pollFast = true; });
-}
-
 Uncounted::Uncounted() {
     ++t_uncounted;
 }
 
 Uncounted::~Uncounted() {
     --t_uncounted;
-}
-
-void Faults::SetPlay(Play play) {
-    WithPlan([&](Plan &plan) { plan.play = play; });
-}
-
-void Faults::ReportStopFailure() {
-    WithPlan([](Plan &plan) { plan.reportStopFailure = true; });
-}
-
-void Faults::SleepReally() {
-    WithPlan([](Plan &plan) { plan.sleepReally = true; });
-}
-
-void Faults::OnSleep(std::function<void(int)> hook) {
-    WithPlan([&](Plan &plan) { plan.onSleep = std::move(hook); });
-}
-
-std::vector<gulong> Faults::Sleeps() const {
-    return WithPlan([](Plan &plan) { return plan.sleeps; });
-}
-
-void Faults::OnPoll(std::function<GstMessage *(int)> hook) {
-    WithPlan([&](Plan &plan) { plan.onPoll = std::move(hook); });
-}
-
-std::vector<GstClockTime> Faults::Polls() const {
-    return WithPlan([](Plan &plan) { return plan.polls; });
 }
 
 std::vector<std::string> LiveObjects() {
@@ -281,6 +135,10 @@ GstStateChangeReturn __real_gst_element_set_state(GstElement *element, GstState 
 GstStateChangeReturn __wrap_gst_element_set_state(GstElement *element, GstState state);
 void __real_g_usleep(gulong microseconds);
 void __wrap_g_usleep(gulong microseconds);
+gint64 __real_g_get_monotonic_time(void);
+gint64 __wrap_g_get_monotonic_time(void);
+int __real_poll(pollfd *polled, nfds_t count, int timeout);
+int __wrap_poll(pollfd *polled, nfds_t count, int timeout);
 int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
@@ -405,6 +263,15 @@ void __wrap_g_usleep(gulong microseconds) {
     if (really) {
         __real_g_usleep(microseconds);
     }
+}
+
+gint64 __wrap_g_get_monotonic_time(void) {
+    const gint64 clock = unit::WithPlan([](unit::Plan &plan) { return plan.clock; });
+    return clock != 0 ? clock : __real_g_get_monotonic_time();
+}
+
+int __wrap_poll(pollfd *polled, nfds_t count, int timeout) {
+    return __real_poll(polled, count, unit::WithPlan([](unit::Plan &plan) { return plan.impatient; }) ? 0 : timeout);
 }
 
 int __wrap_fcntl64(int fd, int command, ...) {

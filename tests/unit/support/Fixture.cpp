@@ -1,32 +1,15 @@
 #include "Fixture.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace unit {
 
-int FreePort(int kind) {
-    const int handle = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    const auto *bound = static_cast<const sockaddr *>(static_cast<const void *>(&address));
-    auto *got = static_cast<sockaddr *>(static_cast<void *>(&address));
-    if (handle < 0 || bind(handle, bound, size) != 0 || getsockname(handle, got, &size) != 0) {
-        ADD_FAILURE() << "no port";
-    }
-    close(handle);
-    return ntohs(address.sin_port);
+void ExpectNothingLives() {
+    EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); })) << testing::PrintToString(LiveObjects());
 }
 
-std::string TextProperty(gpointer object, const char *name) {
-    gchar *text = Property<gchar *>(object, name);
-    const std::string result = text != nullptr ? text : "(null)";
-    g_free(text);
-    return result;
+void PostOn(CBaseSource &source, GstMessage *message) {
+    GstBus *bus = GST_BUS(gst_object_ref(SourceProbe::Bus(source)));
+    gst_bus_post(bus, message);
+    gst_object_unref(bus);
 }
 
 GstElement *Element(CBaseSource &source, const std::string &name) {

@@ -21,11 +21,17 @@ using SourcePtr = std::unique_ptr<CBaseSource, SourceDeleter>;
 constexpr int kChannel = 7;
 constexpr int kStream = 3;
 
+// Waits until nothing that the library made lives any more.
+void ExpectNothingLives();
+// The worker may act on the message, and drop its bus, before the call is back.
+void PostOn(CBaseSource &source, GstMessage *message);
+
 class SourceTest : public testing::Test {
   protected:
+    SourceTest() { m_faults.PollFast(); }
     void TearDown() override {
         m_source.reset();
-        EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); })) << testing::PrintToString(LiveObjects());
+        ExpectNothingLives();
         ForgetLiveObjects();
     }
 
@@ -33,6 +39,17 @@ class SourceTest : public testing::Test {
     CBaseSource &Make(const SourceClass &row) {
         m_source.reset(row.create(&m_buffer, kChannel, kStream));
         return *m_source;
+    }
+
+    // The same with its front built, and the lines of that taken.
+    void MakeBuilt(const SourceClass &row) {
+        Make(row);
+        Build(row);
+        m_log.Take();
+    }
+    void Build(const SourceClass &row) {
+        SourceProbe::SetUrl(*m_source, row.url);
+        ASSERT_TRUE(row.build(*m_source));
     }
 
     // Plays by pretence: only the test puts messages on the bus.
@@ -43,12 +60,6 @@ class SourceTest : public testing::Test {
     }
 
     void Post(GstMessage *message) { PostOn(*m_source, message); }
-    // The worker may act on the message, and drop its bus, before the call is back.
-    static void PostOn(CBaseSource &source, GstMessage *message) {
-        GstBus *bus = GST_BUS(gst_object_ref(SourceProbe::Bus(source)));
-        gst_bus_post(bus, message);
-        gst_object_unref(bus);
-    }
 
     Faults m_faults;
     LogCapture m_log;
@@ -62,10 +73,10 @@ class ClassTest : public SourceTest, public testing::WithParamInterface<SourceCl
     const SourceClass &Row() const { return GetParam(); }
     CBaseSource &Source() { return *m_source; }
     const std::string &Url() const { return GetParam().url; }
+    void Build() { SourceTest::Build(Row()); }
+    void Open() { OpenPretended(Row()); }
+    bool IsHls() const { return Row().type == SOURCE_TYPE_HLS; }
 };
-
-// A port of the loopback interface that nothing listens on (kind: SOCK_STREAM or SOCK_DGRAM).
-int FreePort(int kind);
 
 template <typename Value>
 Value Property(gpointer object, const char *name) {
@@ -73,9 +84,6 @@ Value Property(gpointer object, const char *name) {
     g_object_get(object, name, &value, nullptr);
     return value;
 }
-
-// A text property; "(null)" for none.
-std::string TextProperty(gpointer object, const char *name);
 
 // The element of that name in the source's pipeline, borrowed; null when there is none.
 GstElement *Element(CBaseSource &source, const std::string &name);

@@ -43,10 +43,10 @@ class LogCapture {
     // Both look at the lines that have not been taken yet.
     std::size_t Count(const Line &line) const;
     bool WaitFor(const Line &line, std::size_t count = 1) const;
-
-  private:
+    // Everything, as it came.
     std::string Text() const;
 
+  private:
     int m_saved;
     int m_file;
     std::size_t m_taken = 0;

@@ -90,4 +90,17 @@ void ForgetRecords() {
     g_records.clear();
 }
 
+std::vector<std::string> HeldOf(GstElement *element, const std::vector<std::string> &sets) {
+    std::vector<std::string> held;
+    for (const std::string &set : sets) {
+        const std::string name = set.substr(0, set.find('='));
+        GValue value = G_VALUE_INIT;
+        g_value_init(&value, g_object_class_find_property(G_OBJECT_GET_CLASS(element), name.c_str())->value_type);
+        g_object_get_property(G_OBJECT(element), name.c_str(), &value);
+        held.push_back(name + "=" + Text(&value));
+        g_value_unset(&value);
+    }
+    return held;
+}
+
 }  // namespace unit

@@ -16,5 +16,7 @@ void StartRecord(GstElement *element);
 // "property=value" of each set since then. Enumerations and flags as numbers.
 std::vector<std::string> RecordOf(GstElement *element);
 void ForgetRecords();
+// "property=value" of what the element holds now, for the property of each of these texts.
+std::vector<std::string> HeldOf(GstElement *element, const std::vector<std::string> &sets);
 
 }  // namespace unit

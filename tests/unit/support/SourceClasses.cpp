@@ -33,6 +33,8 @@ SourceClass Members(int type, const char *name) {
     row.loopBuildFailureHasUrl = true;
     row.stateAfterPlay = "connected";
     row.stateAfterBusError = GST_STATE_PLAYING;
+    row.videoCaps = "video/x-h264, stream-format=(string)byte-stream";
+    row.audioCaps = "audio/mpeg, mpegversion=(int)4, stream-format=(string)adts";
     row.padDemuxText = tag + " tsdeumx A new ";
     row.padCapsFailure = tag + " Unable to get tsdeumx current caps by source pad!!! url=";
     row.padStructureFailure = tag + " Unable to get tsdeumx current structure by caps!!! url=";
@@ -58,6 +60,8 @@ std::vector<SourceClass> MakeClasses() {
     rtsp.exitMessage = "Rtsp source pthread exit";
     rtsp.stateAfterBusError = 0;
     rtsp.clearsMediaInfo = true;
+    rtsp.videoCaps = "application/x-rtp, media=(string)video, encoding-name=(string)H264, clock-rate=(int)90000";
+    rtsp.audioCaps = "application/x-rtp, media=(string)audio, encoding-name=(string)MPEG4-GENERIC, clock-rate=(int)48000";
     rtsp.padDemuxText = "[CRtspSource] rtspsrc A new ";
     rtsp.padCapsFailure = "[CRtspSource] Unable to get rtspsrc current caps by source pad!!!url=";
     rtsp.padStructureFailure = "[CRtspSource] Unable to get rtspsrc current structure by caps!!!url=";
@@ -84,6 +88,8 @@ std::vector<SourceClass> MakeClasses() {
     rtmp.exitMessage = "Rtmp source pthread exit";
     rtmp.loopBuildFailure = Info("Rtmp source _CreateGstElements error.");
     rtmp.loopBuildFailureHasUrl = false;
+    rtmp.videoCaps = "video/x-h264, stream-format=(string)avc";
+    rtmp.audioCaps = "audio/mpeg, mpegversion=(int)4, stream-format=(string)raw";
     rtmp.padDemuxText = "[CRtmpSource] flvdemux A new ";
     rtmp.padCapsFailure = "[CRtmpSource] Unable to get flvdemux current caps by source pad!!! url=";
     rtmp.padStructureFailure = "[CRtmpSource] Unable to get flvdemux current structure by caps!!! url=";
@@ -142,6 +148,22 @@ std::vector<SourceClass> MakeClasses() {
 
 }  // namespace
 
+std::string SourceClass::UrlAt(int port) const {
+    const std::string at = "127.0.0.1:" + std::to_string(port);
+    switch (type) {
+        case SOURCE_TYPE_RTSP:
+            return "rtsp://" + at + "/live";
+        case SOURCE_TYPE_RTMP:
+            return "rtmp://" + at + "/live/stream";
+        case SOURCE_TYPE_SRT:
+            return "srt://" + at;
+        case SOURCE_TYPE_UDP:
+            return "udp://" + at;
+        default:
+            return "http://" + at + "/live.m3u8";
+    }
+}
+
 Lines SourceClass::BuildLines(const std::string &location) const {
     if (type == SOURCE_TYPE_RTSP) {
         return {Info("[CRtspSource] Rtsp latency=2000, url=" + location)};
@@ -190,6 +212,18 @@ Lines SourceClass::CloseLines(const std::string &location, const Lines &worker) 
     return lines;
 }
 
+Line SourceClass::NotAllElements(const std::string &location) const {
+    return Err(Tag() + " Not all elements could be created!!! url=" + location);
+}
+
+Line SourceClass::BuildFailure(const std::string &location) const {
+    return Err(Tag() + " _CreateGstElements error!!! URL=" + location);
+}
+
+Line SourceClass::MediaChanged(const std::string &medium, const std::string &encode) const {
+    return Warn(Tag() + " " + medium + " media data chanage !!!  new encode= " + encode + ", url=" + url);
+}
+
 Line SourceClass::BadArguments(const std::string &stored) const {
     if (pipelineWording) {
         return Err(Tag() + " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" + stored);
@@ -220,10 +254,17 @@ const SourceClass &ClassOf(int type) {
     return SourceClasses().front();
 }
 
+std::string FactoryName(const std::string &factory_and_name) {
+    return factory_and_name.substr(0, factory_and_name.find(' '));
+}
+
+std::string InstanceName(const std::string &factory_and_name) {
+    return factory_and_name.substr(factory_and_name.find(' ') + 1);
+}
+
 Line NotMade(const std::string &factory_and_name) {
-    const std::size_t blank = factory_and_name.find(' ');
-    return Err("[GSTREAMER] Unable to make element \"" + factory_and_name.substr(blank + 1) + "\" of factory \"" +
-               factory_and_name.substr(0, blank) + "\"!!! Is its plug-in installed?");
+    return Err("[GSTREAMER] Unable to make element \"" + InstanceName(factory_and_name) + "\" of factory \"" +
+               FactoryName(factory_and_name) + "\"!!! Is its plug-in installed?");
 }
 
 }  // namespace unit

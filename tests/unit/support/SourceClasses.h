@@ -48,6 +48,8 @@ struct SourceClass {
     bool clearsMediaInfo;
 
     // Pads and branches
+    std::string videoCaps;  // of a pad as its demultiplexer brings it
+    std::string audioCaps;
     std::string padDemuxText;  // "tsdeumx A new ", ...
     std::string padCapsFailure;
     std::string padStructureFailure;
@@ -62,6 +64,8 @@ struct SourceClass {
     bool acceptsUnparsed;  // audio encodings whose parser is "none"
 
     std::string Tag() const { return "[" + name + "]"; }
+    // A location of this class on the loopback interface.
+    std::string UrlAt(int port) const;
     std::string OpenLine(const std::string &location) const { return Tag() + " Open " + location + openOptions; }
     // What the front's build says.
     Lines BuildLines(const std::string &location) const;
@@ -75,6 +79,10 @@ struct SourceClass {
     Lines IdleCloseLines(const std::string &location) const;
     // A close that stops a session; `worker` is what the worker says once it sees the stop.
     Lines CloseLines(const std::string &location, const Lines &worker) const;
+    Line NotAllElements(const std::string &location) const;
+    Line BuildFailure(const std::string &location) const;
+    // What a branch builder says of another encoding than that of its first pad. medium: "Video", "Audio".
+    Line MediaChanged(const std::string &medium, const std::string &encode) const;
     Line BadArguments(const std::string &stored) const;
     Line AlreadyLive(const std::string &location) const;
 };
@@ -92,6 +100,9 @@ struct ClassName {
     }
 };
 
+// The parts of "factory name".
+std::string FactoryName(const std::string &factory_and_name);
+std::string InstanceName(const std::string &factory_and_name);
 // The line of an element that could not be made: "factory name".
 Line NotMade(const std::string &factory_and_name);
 

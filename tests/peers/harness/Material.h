@@ -10,8 +10,7 @@ namespace peers {
 
 struct Material {
     std::string name;
-    std::string path;      // Matroska, about eight seconds
-    std::string longPath;  // the same played eight times over, for servers that cannot loop
+    std::string path;  // Matroska, longer than any test plays
     Codec video = Codec::None;
     Codec audio = Codec::None;
     int width = 0;

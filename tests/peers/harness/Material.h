@@ -1,4 +1,4 @@
-// The streams that the peers send: made by ffmpeg once per build directory, and taken apart for comparison.
+// The streams that the peers send: made by ffmpeg once for all builds, and taken apart for comparison.
 #pragma once
 
 #include <string>

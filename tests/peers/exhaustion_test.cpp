@@ -28,18 +28,21 @@ extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attribute
 namespace peers {
 namespace {
 
-constexpr int kUdp = 3;
-
-class Exhaustion : public PeerTest {
+class Exhaustion : public PeerTest, public Scene {
   protected:
-    void Open(Host &host) {
+    void PlayAndClose(Host &host) const {
         ASSERT_TRUE(host.Open(url, UdpOptions{}));
-        ASSERT_TRUE(WaitFor([&] { return UdpBound(port); }, seconds(5)));
+        EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50));
+        EXPECT_TRUE(host.Close());
+        EXPECT_EQ(host.State(), "stop");
     }
-    std::unique_ptr<Process> SendUdp(const Material &material) { return SendTs(material, url + "?pkt_size=1316"); }
+    void WaitContaining(const std::string &text) const {
+        EXPECT_TRUE(WaitFor([&] { return log.CountContaining(text) == 1; })) << text;
+    }
 
+    const Material &material = GetMaterial("h264_aac");
     const uint16_t port = FreeUdpPort();
-    const std::string url = "udp://127.0.0.1:" + std::to_string(port);
+    const std::string url = UdpUrl(port);
 };
 
 // Standard output is something else while an object lives.
@@ -89,21 +92,14 @@ struct Pipe {
     int ends[2] = {-1, -1};
 };
 
-void PlayAndClose(Host &host, const std::string &url) {
-    ASSERT_TRUE(host.Open(url, UdpOptions{}));
-    EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50, seconds(40)));
-    EXPECT_TRUE(host.Close());
-    EXPECT_EQ(host.State(), "stop");
-}
-
 TEST_F(Exhaustion, OutputThatNobodyReadsHoldsNothingUp) {
-    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    const auto sender = SendUdp(material, port);
     Host host(kUdp);
     const Pipe pipe;
     pipe.Fill();
     {
         const OutputReplaced output(pipe.ends[1]);
-        PlayAndClose(host, url);
+        PlayAndClose(host);
         // Somebody reads at last: the next line is preceded by what has been left out.
         pipe.Drain();
         ASSERT_TRUE(host.Open(url, UdpOptions{}));
@@ -116,27 +112,27 @@ TEST_F(Exhaustion, OutputThatNobodyReadsHoldsNothingUp) {
 }
 
 TEST_F(Exhaustion, OutputThatTakesNothingHoldsNothingUp) {
-    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    const auto sender = SendUdp(material, port);
     Host host(kUdp);
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
     ASSERT_GE(full, 0);
     {
         const OutputReplaced output(full);
-        PlayAndClose(host, url);
+        PlayAndClose(host);
     }
     close(full);
 }
 
 // GLib ignores the signal of a broken pipe as soon as there is a socket, which a source has.
 TEST_F(Exhaustion, OutputWhoseReaderIsGoneHoldsNothingUp) {
-    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    const auto sender = SendUdp(material, port);
     Host host(kUdp);
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     close(ends[0]);
     {
         const OutputReplaced output(ends[1]);
-        PlayAndClose(host, url);
+        PlayAndClose(host);
     }
     close(ends[1]);
 }
@@ -164,7 +160,7 @@ class FewDescriptors {
 };
 
 TEST_F(Exhaustion, OpenSaysThatThereAreNoDescriptors) {
-    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    const auto sender = SendUdp(material, port);
     Host host(kUdp);
     for (const rlim_t room : std::initializer_list<rlim_t>{0, 1, 3, 6, 20}) {
         const FewDescriptors few(room);
@@ -173,37 +169,36 @@ TEST_F(Exhaustion, OpenSaysThatThereAreNoDescriptors) {
     }
     EXPECT_EQ(log.Count("ERR", "[CBaseSource] Too few file descriptors are left for a pipeline!!! needed=32, URL=" + url), 5U);
     EXPECT_EQ(log.Count("ERR", "[CUDPSource] _CreateGstElements error!!! URL=" + url), 5U);
-    PlayAndClose(host, url);
+    PlayAndClose(host);
 }
 
 TEST_F(Exhaustion, RebuildWaitsForDescriptors) {
-    const Material &material = GetMaterial("h264_aac");
-    auto sender = SendUdp(material);
+    auto sender = SendUdp(material, port);
     Host host(kUdp);
-    Open(host);
-    ASSERT_TRUE(WaitMedia(host, material, seconds(2), seconds(20)));
-    const auto epoch = host.Frames(SHB_VIDEO).back().info.epoch;
+    OpenUdp(host, port);
+    ASSERT_TRUE(WaitMedia(host, material, seconds(2)));
+    const auto epoch = host.Epoch();
     sender->Kill();
     // The three seconds before a rebuild.
-    ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }, seconds(20)));
+    ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }));
     {
         const FewDescriptors few(2);
         sender.reset();
-        ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few file descriptors") == 1; }, seconds(30)));
+        WaitContaining("Too few file descriptors");
     }
-    EXPECT_TRUE(log.WaitLine("INFO", "[CBaseSource] There are file descriptors again. URL=" + url, seconds(10)));
-    sender = SendUdp(material);
-    EXPECT_TRUE(WaitEpochAfter(host, epoch, seconds(40)));
+    EXPECT_TRUE(log.WaitLine("INFO", "[CBaseSource] There are file descriptors again. URL=" + url));
+    sender = SendUdp(material, port);
+    EXPECT_TRUE(host.WaitEpochAfter(epoch));
     EXPECT_TRUE(host.Close());
 }
 
 TEST_F(Exhaustion, CloseEndsTheWaitForDescriptors) {
     Host host(kUdp);
-    Open(host);
+    OpenUdp(host, port);
     // The three seconds before a rebuild.
-    ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }, seconds(20)));
+    ASSERT_TRUE(WaitFor([&] { return host.State() == "reconnect"; }));
     const FewDescriptors few(2);
-    ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few file descriptors") == 1; }, seconds(30)));
+    WaitContaining("Too few file descriptors");
     EXPECT_TRUE(host.Close());
     EXPECT_EQ(host.State(), "stop");
 }
@@ -218,7 +213,7 @@ class NoThreads {
 };
 
 TEST_F(Exhaustion, OpenSaysThatThereAreNoThreads) {
-    const auto sender = SendUdp(GetMaterial("h264_aac"));
+    const auto sender = SendUdp(material, port);
     Host host(kUdp);
     {
         const NoThreads none;
@@ -227,36 +222,35 @@ TEST_F(Exhaustion, OpenSaysThatThereAreNoThreads) {
     }
     EXPECT_EQ(log.Count("ERR", "[CBaseSource] Too few threads can be started for a pipeline!!! needed=16, URL=" + url), 1U);
     EXPECT_EQ(log.Count("ERR", "[CUDPSource] _CreateGstElements error!!! URL=" + url), 1U);
-    PlayAndClose(host, url);
+    PlayAndClose(host);
 }
 
 // What plays goes on; what has to be built again waits.
 TEST_F(Exhaustion, RebuildWaitsForThreads) {
-    const Material &material = GetMaterial("h264_aac");
-    auto sender = SendUdp(material);
+    auto sender = SendUdp(material, port);
     Host host(kUdp);
-    Open(host);
-    ASSERT_TRUE(WaitMedia(host, material, seconds(2), seconds(20)));
-    const auto epoch = host.Frames(SHB_VIDEO).back().info.epoch;
+    OpenUdp(host, port);
+    ASSERT_TRUE(WaitMedia(host, material, seconds(2)));
+    const auto epoch = host.Epoch();
     const std::string missing = "[CBaseSource] Too few threads can be started for a pipeline!!! needed=16, URL=" + url;
     {
         const auto none = std::make_unique<NoThreads>();
-        EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50, seconds(20)));
+        EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50));
         sender->Kill();
-        EXPECT_TRUE(log.WaitLine("ERR", missing, seconds(40)));
+        EXPECT_TRUE(log.WaitLine("ERR", missing));
     }
-    EXPECT_TRUE(log.WaitLine("INFO", "[CBaseSource] Threads can be started again. URL=" + url, seconds(10)));
-    sender = SendUdp(material);
-    EXPECT_TRUE(WaitEpochAfter(host, epoch, seconds(40)));
+    EXPECT_TRUE(log.WaitLine("INFO", "[CBaseSource] Threads can be started again. URL=" + url));
+    sender = SendUdp(material, port);
+    EXPECT_TRUE(host.WaitEpochAfter(epoch));
     EXPECT_EQ(log.Count("ERR", missing), 1U);
     EXPECT_TRUE(host.Close());
 }
 
 TEST_F(Exhaustion, CloseEndsTheWaitForThreads) {
     Host host(kUdp);
-    Open(host);
+    OpenUdp(host, port);
     const NoThreads none;
-    ASSERT_TRUE(WaitFor([&] { return log.CountContaining("Too few threads can be started") == 1; }, seconds(40)));
+    WaitContaining("Too few threads can be started");
     EXPECT_TRUE(host.Close());
     EXPECT_EQ(host.State(), "stop");
 }

@@ -135,26 +135,26 @@ TEST(AdtsHeader, MustDescribeItsFrame) {
 
 // ---- Child processes ------------------------------------------------------------------------------------------------
 
-class Children : public PeerTest {};
+class Children : public PeerTest, public Scene {};
 
 TEST_F(Children, AreEndedWithWhatTheyStarted) {
     pid_t grandchild = 0;
     {
         // Deaf to SIGTERM, and with a child of its own.
         const auto stubborn = Start("stubborn", {"sh", "-c", "trap '' TERM; sleep 1000 & echo $!; wait; sleep 1000"});
-        ASSERT_TRUE(WaitFor([&] { return !stubborn->Output().empty(); }, seconds(10)));
+        ASSERT_TRUE(WaitFor([&] { return !stubborn->Output().empty(); }));
         grandchild = std::stoi(stubborn->Output());
         EXPECT_EQ(kill(grandchild, 0), 0);
         EXPECT_TRUE(stubborn->Running());
     }
-    EXPECT_TRUE(WaitFor([&] { return kill(grandchild, 0) != 0; }, seconds(5)));
+    EXPECT_TRUE(WaitFor([&] { return kill(grandchild, 0) != 0; }));
 }
 
 TEST_F(Children, TellHowTheyEnded) {
-    EXPECT_EQ(Start("three", {"sh", "-c", "exit 3"})->Wait(seconds(10)), 3);
+    EXPECT_EQ(Start("three", {"sh", "-c", "exit 3"})->Wait(), 3);
     const auto killed = Start("killed", {"sleep", "1000"});
     killed->Kill();
-    EXPECT_EQ(killed->Wait(seconds(10)), 128 + SIGKILL);
+    EXPECT_EQ(killed->Wait(), 128 + SIGKILL);
     EXPECT_FALSE(killed->Running());
     EXPECT_THROW(Start("none", {"/no/such/program"}), std::runtime_error);
 }
@@ -162,8 +162,8 @@ TEST_F(Children, TellHowTheyEnded) {
 TEST_F(Children, LogLinesAreTakenApart) {
     std::printf("[2024-01-02 03.04.05] (WARN) (77) [CUDPSource] a  line, url=x\nbare line\n");
     std::fflush(stdout);
-    EXPECT_TRUE(log.WaitLine("WARN", "[CUDPSource] a  line, url=x", seconds(5)));
-    EXPECT_TRUE(log.WaitLine("", "bare line", seconds(5)));
+    EXPECT_TRUE(log.WaitLine("WARN", "[CUDPSource] a  line, url=x"));
+    EXPECT_TRUE(log.WaitLine("", "bare line"));
     EXPECT_FALSE(log.Has("INFO", "[CUDPSource] a  line, url=x"));
     EXPECT_FALSE(log.Has("WARN", "[CUDPSource] a line, url=x"));
 }

@@ -1,6 +1,8 @@
 // One writer at full speed and sixteen readers of every kind, for as long as wanted: no frame is torn, and every loss is counted.
 //
-//     shb_soak [--seconds N]
+//     shb_soak [--frames N] [--seconds N]
+//
+// Ends when N frames have been written, each reader has had a hundredth of that, and N seconds have passed.
 //
 // Ends with 0 when all of that holds, and prints what was seen.
 #include <getopt.h>
@@ -66,7 +68,8 @@ Kind KindOf(size_t which) {
 }
 
 struct Tally {
-    uint64_t delivered, lost, unread, before, torn, overruns, wrong;
+    std::atomic<uint64_t> delivered;
+    uint64_t lost, unread, before, torn, overruns, wrong;
     std::atomic<bool> ready;
 };
 struct Common {
@@ -154,7 +157,7 @@ int Write(const std::string &name, Common &common, const Pipe &made) {
     return 0;
 }
 
-int Soak(unsigned seconds) {
+int Soak(uint64_t frames, unsigned seconds) {
     const std::string name = UniqueName();
     Shared<Common> common;
     Pipe made;
@@ -167,8 +170,13 @@ int Soak(unsigned seconds) {
             Read(name, KindOf(i), common->tallies[i]);
             return 0;
         }));
+    const auto enough = [&] {
+        return common->written >= frames && std::all_of(std::begin(common->tallies), std::end(common->tallies),
+                                                        [&](const Tally &tally) { return tally.delivered >= frames / 100; });
+    };
     siginfo_t ended{};
-    for (unsigned second = 0; second < seconds && ended.si_pid == 0; second++) {
+    unsigned second = 0;
+    for (; (second < seconds || !enough()) && ended.si_pid == 0; second++) {
         sleep(1);
         waitid(P_PID, static_cast<id_t>(writer.Id()), &ended, WEXITED | WNOHANG | WNOWAIT);
     }
@@ -179,7 +187,7 @@ int Soak(unsigned seconds) {
 
     const uint64_t written = common->written;
     static const char *const starts[] = {"oldest", "newest", "key"};
-    printf("%llu frames written in %u s\n\n", static_cast<unsigned long long>(written), seconds);
+    printf("%llu frames written in %u s\n\n", static_cast<unsigned long long>(written), second);
     printf("start   way    waits  slow   before   delivered        lost  unread  overruns  torn  wrong\n");
     uint64_t lost = 0, delivered = 0;
     for (size_t i = 0; i < kReaders; i++) {
@@ -202,16 +210,21 @@ int Soak(unsigned seconds) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    unsigned seconds = 10;
-    static const option options[] = {{"seconds", required_argument, nullptr, 's'}, {}};
+    uint64_t frames = 100'000;
+    unsigned seconds = 0;
+    static const option options[] = {
+        {"frames", required_argument, nullptr, 'f'}, {"seconds", required_argument, nullptr, 's'}, {}};
     for (int c; (c = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        if (c != 's') {
-            fprintf(stderr, "usage: %s [--seconds N]\n", argv[0]);
+        if (c == 'f') {
+            frames = strtoull(optarg, nullptr, 10);
+        } else if (c == 's') {
+            seconds = static_cast<unsigned>(strtoul(optarg, nullptr, 10));
+        } else {
+            fprintf(stderr, "usage: %s [--frames N] [--seconds N]\n", argv[0]);
             return 2;
         }
-        seconds = static_cast<unsigned>(strtoul(optarg, nullptr, 10));
     }
     // It takes all there is; others come first.
     setpriority(PRIO_PROCESS, 0, 15);
-    return Soak(seconds);
+    return Soak(frames, seconds);
 }

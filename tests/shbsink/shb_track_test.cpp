@@ -321,6 +321,7 @@ TEST_F(ShbTrack, CountsWhatWasWritten) {
     shb_stats_t stats = Stats();
     EXPECT_EQ(1u, stats.epoch);
     EXPECT_EQ(SHB_TIME_NONE, stats.age_ns);
+    const auto before = std::chrono::steady_clock::now();
     Write(5, 100, 2);
     shb_writer_set_rates(writer_.get(), 1234567, 29970);
     stats = Stats();
@@ -331,7 +332,7 @@ TEST_F(ShbTrack, CountsWhatWasWritten) {
     EXPECT_EQ(500u, stats.total_bytes);
     EXPECT_EQ(1234567u, stats.bitrate);
     EXPECT_EQ(29970u, stats.fps_milli);
-    EXPECT_LT(stats.age_ns, 60'000'000'000u);
+    EXPECT_LE(std::chrono::nanoseconds(stats.age_ns), std::chrono::steady_clock::now() - before);
     NextEpoch();
     stats = Stats();
     EXPECT_EQ(2u, stats.epoch);
@@ -450,9 +451,8 @@ TEST_F(ShbTrack, ReaderWaitsForAFrame) {
 
 TEST_F(ShbTrack, WaitingReaderIsWokenByTheFrame) {
     // Frames go to and fro between two tracks. Readers look after the creator every now and then in any case: if that was
-    // what woke them, so many turns would take two minutes.
+    // what woke them, each turn would take 400 ms.
     constexpr uint64_t kTurns = 300;
-    const auto began = std::chrono::steady_clock::now();
     std::thread partner([&] {
         Writer back = OpenWriter(buffer_, SHB_AUDIO);
         Reader reader = OpenReader(map_, SHB_START_OLDEST);
@@ -460,15 +460,18 @@ TEST_F(ShbTrack, WaitingReaderIsWokenByTheFrame) {
             WritePattern(back, 1, i, 10);
     });
     Reader reader = OpenReader(map_, SHB_START_OLDEST, SHB_AUDIO);
-    uint64_t turns = 0;
+    uint64_t turns = 0, slow = 0;
     for (; turns < kTurns; turns++) {
+        const auto began = std::chrono::steady_clock::now();
         Write(1, 10);
         if (Read(reader, 60'000).result != SHB_OK)
             break;
+        slow += std::chrono::steady_clock::now() - began > std::chrono::milliseconds(200);
     }
     partner.join();
     EXPECT_EQ(kTurns, turns);
-    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
+    // A busy machine delays some of them.
+    EXPECT_LT(slow, kTurns / 2);
 }
 
 TEST_F(ShbTrack, WaitingReaderIsToldOfTheEnd) {

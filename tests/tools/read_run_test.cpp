@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -169,14 +170,16 @@ TEST(ReadRun, FailuresAreOneLine) {
 }
 
 TEST(ReadRun, ListTellsOfEveryBuffer) {
+    const auto before = std::chrono::steady_clock::now();
     const OwnBuffer own("list");
     const Json record = Listed(own.name);
+    const auto age = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - before);
     ASSERT_TRUE(record.is_object());
     EXPECT_EQ(record["type"], "buffer");
     EXPECT_EQ(record["state"], "alive");
     EXPECT_EQ(record["alive"], true);
     EXPECT_EQ(record["creator_pid"], getpid());
-    EXPECT_LT(record["heartbeat_age_ms"], 60'000);
+    EXPECT_LE(record["heartbeat_age_ms"], age.count());
     EXPECT_GE(record["layout_version"], 2);
     EXPECT_GT(record["total_bytes"], 2 * 65536);
     EXPECT_EQ(record["channels"], 1);

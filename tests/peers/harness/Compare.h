@@ -24,8 +24,8 @@ size_t RestartOfAudio(const Material &material, const std::vector<Frame> &frames
 // `least` of them.
 testing::AssertionResult KeyFramesComplete(const Material &material, const std::vector<Frame> &frames, size_t least);
 
-// Status, media records and the callback tell what the material is. Waits for the measured rates, which come once a second
-// and may be up to `burst` times those of the material when the stream comes in bursts.
-void ExpectTruth(const Material &material, const Host &host, double burst = 4);
+// Status, media records and the callback tell what the material is. The measured rates come once a second and follow the
+// clock: one that stood still gives windows that say little of the stream, so a right one is waited for.
+void ExpectTruth(const Material &material, const Host &host);
 
 }  // namespace peers

@@ -17,7 +17,7 @@ std::string UniqueName() {
 
 }  // namespace
 
-Host::Host(int type) : name_(UniqueName()) {
+Host::Host(int type) : type_(type), name_(UniqueName()) {
     if (shb_create(name_.c_str(), nullptr, &buffer_) != SHB_OK || shb_attach(name_.c_str(), &map_) != SHB_OK) {
         shb_destroy(buffer_);
         throw std::runtime_error("no shared buffer");
@@ -48,25 +48,30 @@ Host::~Host() {
 }
 
 bool Host::Open(const std::string &url, const RtspOptions &o) {
+    url_ = url;
     return gst_rtsp_source_open_live_stream(source_, url.c_str(), o.caching, o.protocols, o.latency, o.contimeout,
                                             o.user.c_str(), o.password.c_str()) == 0;
 }
 
 bool Host::Open(const std::string &url, const SrtOptions &o) {
+    url_ = url;
     return gst_srt_source_open_live_stream(source_, url.c_str(), o.caching, o.mode.c_str(), o.streamid.c_str(),
                                            o.passphrase.c_str(), o.keylen, o.latency, o.tslatency, o.localaddress.c_str()) == 0;
 }
 
 bool Host::Open(const std::string &url, const RtmpOptions &o) {
+    url_ = url;
     return gst_rtmp_source_open_live_stream(source_, url.c_str(), o.caching, o.contimeout, o.idleTimeout, o.user.c_str(),
                                             o.password.c_str(), o.token.c_str()) == 0;
 }
 
 bool Host::Open(const std::string &url, const UdpOptions &o) {
+    url_ = url;
     return gst_udp_source_open_live_stream(source_, url.c_str(), o.caching, o.tsLatency, o.mtu) == 0;
 }
 
 bool Host::Open(const std::string &url, const HlsOptions &o) {
+    url_ = url;
     return gst_hls_source_open_live_stream(source_, url.c_str(), o.caching, o.islive, o.timeout, o.retries, o.proxy.c_str(),
                                            o.proxyUser.c_str(), o.proxyPassword.c_str(), o.userAgent.c_str(), o.user.c_str(),
                                            o.password.c_str()) == 0;
@@ -74,6 +79,22 @@ bool Host::Open(const std::string &url, const HlsOptions &o) {
 
 bool Host::Close() {
     return gst_source_close_live_stream(source_) == 0;
+}
+
+std::string Host::ReconnectLine() const {
+    switch (type_) {
+        case kRtsp:
+            return "[CRtspSource] Rtsp source reconnect..." + url_;
+        case kRtmp:
+            // The library's own form of the address where it is one of RTMPS.
+            return "[CRtmpSource] RTMP source reconnect..." + url_ + (url_.rfind("rtmps:", 0) == 0 ? " live=1" : "");
+        case kSrt:
+            return "[CSrtSource] Srt source reconnect..." + url_;
+        case kUdp:
+            return "[CUDPSource] UDP source reconnect..." + url_;
+        default:
+            return "[CHLSSource] HLS source reconnect..." + url_;
+    }
 }
 
 void Host::SetStallWatch(Clock::duration time) {
@@ -143,8 +164,23 @@ size_t Host::CountOfEpoch(shb_kind_t kind) const {
                                              [&](const Frame &frame) { return frame.info.epoch == frames.back().info.epoch; }));
 }
 
-bool Host::WaitFrames(shb_kind_t kind, size_t count, Clock::duration bound) const {
-    return WaitFor([&] { return Count(kind) >= count; }, bound);
+Clock::duration Host::Silence() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return Clock::now() - tracks_[SHB_VIDEO].frames.back().at;
+}
+
+uint64_t Host::Epoch() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto &frames = tracks_[SHB_VIDEO].frames;
+    return frames.empty() ? 0 : frames.back().info.epoch;
+}
+
+bool Host::WaitFrames(shb_kind_t kind, size_t count) const {
+    return WaitFor([&] { return Count(kind) >= count; });
+}
+
+bool Host::WaitEpochAfter(uint64_t epoch) const {
+    return WaitFor([&] { return Epoch() > epoch && CountOfEpoch(SHB_VIDEO) > 50; });
 }
 
 void Host::OnMediaChange(void *user, media_code_info_t *info) {

@@ -49,6 +49,13 @@ struct HlsOptions {
     std::string proxy, proxyUser, proxyPassword, userAgent, user, password;
 };
 
+// The library's numbers of the protocols.
+constexpr int kRtsp = 0;
+constexpr int kRtmp = 1;
+constexpr int kSrt = 2;
+constexpr int kUdp = 3;
+constexpr int kHls = 5;
+
 class Host {
   public:
     explicit Host(int type);
@@ -64,6 +71,8 @@ class Host {
     bool Open(const std::string &url, const HlsOptions &options);
     bool Close();
     void *Handle() { return source_; }
+    // The line of the library's log with which a session at what was opened last begins anew.
+    std::string ReconnectLine() const;
     // 0: off, as it is at first.
     void SetStallWatch(Clock::duration time);
     const shb_buffer_t *Buffer() const { return buffer_; }
@@ -81,9 +90,15 @@ class Host {
 
     std::vector<Frame> Frames(shb_kind_t kind) const;
     size_t Count(shb_kind_t kind) const;
+    // The time since the newest video frame; there has been one.
+    Clock::duration Silence() const;
+    // The epoch of the newest video frame, 0 when there is none. Each pipeline has a later one.
+    uint64_t Epoch() const;
     // Frames of the newest epoch only: of the pipeline that runs now.
     size_t CountOfEpoch(shb_kind_t kind) const;
-    bool WaitFrames(shb_kind_t kind, size_t count, Clock::duration bound) const;
+    bool WaitFrames(shb_kind_t kind, size_t count) const;
+    // Waits for two seconds of video of a later epoch than `epoch`.
+    bool WaitEpochAfter(uint64_t epoch) const;
 
   private:
     struct Track {
@@ -95,7 +110,9 @@ class Host {
     void ReadTrack(shb_kind_t kind);
     void WatchState();
 
+    const int type_;
     std::string name_;
+    std::string url_;
     shb_buffer_t *buffer_ = nullptr;
     shb_map_t *map_ = nullptr;
     void *source_ = nullptr;

@@ -82,13 +82,11 @@ void LogCapture::Read() {
 }
 
 void LogCapture::Drain() const {
-    WaitFor(
-        [this] {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            int unread = 0;
-            return pipe_ < 0 || ioctl(pipe_, FIONREAD, &unread) != 0 || unread == 0;
-        },
-        seconds(5));
+    WaitFor([this] {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        int unread = 0;
+        return pipe_ < 0 || ioctl(pipe_, FIONREAD, &unread) != 0 || unread == 0;
+    });
 }
 
 std::vector<LogLine> LogCapture::Lines() const {
@@ -97,20 +95,23 @@ std::vector<LogLine> LogCapture::Lines() const {
     return lines_;
 }
 
-size_t LogCapture::Count(const std::string &level, const std::string &message) const {
-    const auto lines = Lines();
-    return static_cast<size_t>(std::count_if(
-        lines.begin(), lines.end(), [&](const LogLine &line) { return line.level == level && line.message == message; }));
+template <typename Condition>
+size_t LogCapture::CountIf(Condition condition) const {
+    Drain();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), condition));
 }
 
-bool LogCapture::WaitLine(const std::string &level, const std::string &message, Clock::duration bound, size_t times) const {
-    return WaitFor([&] { return Count(level, message) >= times; }, bound);
+size_t LogCapture::Count(const std::string &level, const std::string &message) const {
+    return CountIf([&](const LogLine &line) { return line.level == level && line.message == message; });
+}
+
+bool LogCapture::WaitLine(const std::string &level, const std::string &message, size_t times) const {
+    return WaitFor([&] { return Count(level, message) >= times; });
 }
 
 size_t LogCapture::CountContaining(const std::string &text) const {
-    const auto lines = Lines();
-    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(),
-                                             [&](const LogLine &line) { return line.raw.find(text) != std::string::npos; }));
+    return CountIf([&](const LogLine &line) { return line.raw.find(text) != std::string::npos; });
 }
 
 void LogCapture::Restore() {

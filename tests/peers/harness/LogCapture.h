@@ -30,7 +30,7 @@ class LogCapture {
     // How many lines are exactly this level and message; an empty level means a bare line.
     size_t Count(const std::string &level, const std::string &message) const;
     bool Has(const std::string &level, const std::string &message) const { return Count(level, message) > 0; }
-    bool WaitLine(const std::string &level, const std::string &message, Clock::duration bound, size_t times = 1) const;
+    bool WaitLine(const std::string &level, const std::string &message, size_t times = 1) const;
     // How many lines contain the text.
     size_t CountContaining(const std::string &text) const;
 
@@ -39,6 +39,8 @@ class LogCapture {
     void Dump();
 
   private:
+    template <typename Condition>
+    size_t CountIf(Condition condition) const;
     void Read();
     // Waits until everything that has been written so far is among the lines.
     void Drain() const;

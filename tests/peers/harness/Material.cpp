@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -81,7 +82,7 @@ const std::string &Directory() {
 // Test programs run side by side: one makes a file, the others wait for it.
 class DirectoryLock {
   public:
-    DirectoryLock() : fd_(open((Directory() + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
+    DirectoryLock() : fd_(open((Directory() + "/lock").c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644)) {
         if (fd_ < 0 || flock(fd_, LOCK_EX) != 0) {
             throw std::runtime_error("cannot lock " + Directory());
         }
@@ -130,34 +131,43 @@ std::vector<std::string> EncodeArgs(const Recipe &recipe) {
     return args;
 }
 
-// The cached result of an ffmpeg call. Its name tells the arguments apart, so that a changed recipe makes a new file.
-std::string Ffmpeg(const std::string &file, const std::vector<std::string> &more) {
+// The file that `make` writes for a command, kept for all programs and builds that share the directory. Its name tells commands apart: what an
+// older recipe has made is not taken. A file that is not complete has another name. The caller holds the lock.
+std::string Cached(const std::string &file, const std::vector<std::string> &command,
+                   const std::function<void(const std::string &unfinished)> &make) {
     std::string all;
-    for (const auto &arg : more) {
+    for (const auto &arg : command) {
         all += arg + '\n';
     }
-    std::ostringstream cached;
-    cached << std::hex << std::hash<std::string>{}(all) << '-' << file;
-    const std::string path = Directory() + "/" + cached.str();
+    std::ostringstream name;
+    name << std::hex << std::hash<std::string>{}(all) << '-' << file;
+    const std::string path = Directory() + "/" + name.str();
     if (!std::filesystem::exists(path)) {
         // The name keeps its ending, by which ffmpeg chooses the container.
-        const std::string unfinished = Directory() + "/unfinished-" + cached.str();
-        std::vector<std::string> args = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y"};
-        args.insert(args.end(), more.begin(), more.end());
-        args.push_back(unfinished);
-        RunCommand(args, path + ".log");
+        const std::string unfinished = Directory() + "/unfinished-" + name.str();
+        std::filesystem::remove(unfinished);
+        make(unfinished);
         std::filesystem::rename(unfinished, path);
     }
     return path;
 }
 
+std::string Ffmpeg(const std::string &file, const std::vector<std::string> &more) {
+    std::vector<std::string> args = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y"};
+    args.insert(args.end(), more.begin(), more.end());
+    return Cached(file, args, [args](const std::string &unfinished) mutable {
+        args.push_back(unfinished);
+        RunCommand(args, unfinished + ".log");
+        std::filesystem::remove(unfinished + ".log");
+    });
+}
+
 // The packets of one medium, as ffmpeg's own demultiplexer cuts them.
 std::vector<std::string> Packets(const Material &material, const std::string &medium) {
-    const std::string sizes = Directory() + "/" + material.name + "." + medium + ".sizes";
-    std::filesystem::remove(sizes);
-    RunCommand(
-        {"ffprobe", "-v", "error", "-select_streams", medium, "-show_entries", "packet=size", "-of", "csv=p=0", material.path},
-        sizes);
+    const std::vector<std::string> probe = {"ffprobe",       "-v",          "error", "-select_streams", medium,
+                                            "-show_entries", "packet=size", "-of",   "csv=p=0",         material.path};
+    const std::string sizes = Cached(material.name + "." + medium + ".sizes", probe,
+                                     [&](const std::string &unfinished) { RunCommand(probe, unfinished); });
     const std::string data = ReadFile(Ffmpeg(material.name + "." + medium + ".bin",
                                              {"-i", material.path, "-map", "0:" + medium, "-c", "copy", "-f", "data"}));
     std::vector<std::string> packets;

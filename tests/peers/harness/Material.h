@@ -1,4 +1,4 @@
-// The streams that the peers send: made by ffmpeg once per build directory, and taken apart for comparison.
+// The streams that the peers send: made by ffmpeg once for all builds, and taken apart for comparison.
 #pragma once
 
 #include <string>
@@ -11,8 +11,7 @@ namespace peers {
 
 struct Material {
     std::string name;
-    std::string path;      // Matroska, about eight seconds
-    std::string longPath;  // the same played eight times over, for servers that cannot loop
+    std::string path;  // Matroska, longer than any test plays
     Codec video = Codec::None;
     Codec audio = Codec::None;
     int width = 0;

@@ -5,11 +5,10 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 namespace peers {
 namespace {
@@ -70,93 +69,35 @@ const GLogFunc g_previousLog = [] {
 
 }  // namespace
 
-PeerTest::PeerTest() = default;
-
 void PeerTest::TearDown() {
     log.Restore();
-    if (!HasFailure()) {
-        return;
+    if (HasFailure()) {
+        log.Dump();
     }
-    log.Dump();
-    for (const auto &path : outputs_) {
-        const std::string text = ReadFile(path);
-        const size_t shown = std::min<size_t>(text.size(), 3000);
-        std::printf("    --- end of %s ---\n%s\n", path.c_str(), text.substr(text.size() - shown).c_str());
-    }
-    std::fflush(stdout);
 }
 
-std::unique_ptr<Process> PeerTest::Start(const std::string &name, const std::vector<std::string> &args, uid_t uid) {
-    const std::string output = dir.File(name + ".out");
-    if (std::find(outputs_.begin(), outputs_.end(), output) == outputs_.end()) {
-        outputs_.push_back(output);
-    }
-    return std::make_unique<Process>(args, Process::Options{output, {}, uid});
+void PeerTest::OpenUdp(Host &host, uint16_t port) {
+    ASSERT_TRUE(host.Open(UdpUrl(port), UdpOptions{}));
+    ASSERT_TRUE(WaitFor([&] { return UdpBound(port); }));
 }
 
-std::unique_ptr<Process> PeerTest::Send(const Material &material, const std::vector<std::string> &target) {
-    std::vector<std::string> args = {"ffmpeg", "-nostdin",    "-hide_banner", "-loglevel", "warning", "-re",
-                                     "-i",     material.path, "-map",         "0",         "-c",      "copy"};
-    args.insert(args.end(), target.begin(), target.end());
-    return Start("ffmpeg", args);
+bool PeerTest::WaitMedia(const Host &host, const Material &material, Clock::duration span) {
+    return WaitFor([&] {
+        // Two more than compared: the joining and the end may each cut one.
+        return (material.video == Codec::None || host.CountOfEpoch(SHB_VIDEO) >= VideoWanted(material, span) + 2) &&
+               (material.audio == Codec::None || host.CountOfEpoch(SHB_AUDIO) >= AudioWanted(material, span) + 2);
+    });
 }
 
-std::unique_ptr<Process> PeerTest::SendTs(const Material &material, const std::string &url,
-                                          const std::vector<std::string> &more) {
-    std::vector<std::string> target = more;
-    target.insert(target.end(), {"-f", "mpegts", url});
-    return Send(material, target);
-}
-
-std::unique_ptr<Process> PeerTest::StartNginx(const std::string &blocks, uint16_t port) {
-    std::filesystem::create_directories(NginxFile("www"));
-    // One process in the foreground: what is started is what is ended.
-    WriteFile(NginxFile("nginx.conf"),
-              "load_module /usr/lib/nginx/modules/ngx_rtmp_module.so;\n"
-              "load_module /usr/lib/nginx/modules/ngx_stream_module.so;\n"
-              "user root; daemon off; master_process off; pid nginx.pid; error_log stderr notice;\n"
-              "events { worker_connections 256; }\n" +
-                  blocks);
-    // By its path, which ordinary users do not search; what it says before it has read its configuration goes where the rest goes.
-    auto nginx = Start("nginx", {"/usr/sbin/nginx", "-e", "stderr", "-p", NginxFile(""), "-c", NginxFile("nginx.conf")});
-    EXPECT_TRUE(WaitFor([&] { return TcpListening(port); }, seconds(10))) << "nginx does not listen";
-    return nginx;
-}
-
-void PeerTest::MakeCertificate() const {
-    RunCommand({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
-                "subjectAltName=IP:127.0.0.1", "-keyout", dir.File("key.pem"), "-out", dir.File("certificate.pem")},
-               dir.File("openssl.out"));
-}
-
-bool PeerTest::WaitMedia(const Host &host, const Material &material, Clock::duration span, Clock::duration bound) const {
-    return WaitFor(
-        [&] {
-            // Two more than compared: the joining and the end may each cut one.
-            return (material.video == Codec::None || host.CountOfEpoch(SHB_VIDEO) >= VideoWanted(material, span) + 2) &&
-                   (material.audio == Codec::None || host.CountOfEpoch(SHB_AUDIO) >= AudioWanted(material, span) + 2);
-        },
-        bound);
-}
-
-void PeerTest::ExpectStallWatchNotices(Host &host, const std::string &line) {
-    // What was on its way still arrives.
-    ASSERT_TRUE(WaitFor([&] { return Clock::now() - host.Frames(SHB_VIDEO).back().at > seconds(1); }, seconds(20)));
-    const size_t before = log.Count("INFO", line);
-    EXPECT_TRUE(HoldsFor([&] { return log.Count("INFO", line) == before; }, seconds(3)));
-    const size_t errors = log.Count("", "-------------GST_MESSAGE_ERROR");
-    host.SetStallWatch(seconds(2));
-    EXPECT_TRUE(log.WaitLine("INFO", line, seconds(20), before + 1));
-    EXPECT_GT(log.Count("", "-------------GST_MESSAGE_ERROR"), errors);
+void PeerTest::ExpectReconnects(const Host &host, size_t times) const {
+    EXPECT_TRUE(log.WaitLine("INFO", host.ReconnectLine(), times));
     EXPECT_TRUE(host.SawState("reconnect"));
 }
 
-bool PeerTest::WaitEpochAfter(const Host &host, uint64_t epoch, Clock::duration bound) {
-    return WaitFor([&] { return host.Frames(SHB_VIDEO).back().info.epoch > epoch && host.CountOfEpoch(SHB_VIDEO) > 50; },
-                   bound);
-}
-
-void PeerTest::ExpectSameFrames(const Host &host, const Material &material, Clock::duration span) const {
+void PeerTest::ExpectPlays(const Host &host, const Material &material, Clock::duration span) {
+    EXPECT_TRUE(WaitMedia(host, material, span))
+        << "arrived: " << host.CountOfEpoch(SHB_VIDEO) << " video, " << host.CountOfEpoch(SHB_AUDIO) << " audio";
+    ExpectTruth(material, host);
     if (material.video != Codec::None) {
         EXPECT_TRUE(SameVideo(material, host.Frames(SHB_VIDEO), VideoWanted(material, span)));
         EXPECT_TRUE(KeyFramesComplete(material, host.Frames(SHB_VIDEO), VideoWanted(material, span) > 50 ? 2 : 0));
@@ -170,11 +111,37 @@ void PeerTest::ExpectSameFrames(const Host &host, const Material &material, Cloc
     }
 }
 
-void PeerTest::ExpectPlays(const Host &host, const Material &material, Clock::duration span, Clock::duration bound) {
-    EXPECT_TRUE(WaitMedia(host, material, span, bound))
-        << "arrived: " << host.CountOfEpoch(SHB_VIDEO) << " video, " << host.CountOfEpoch(SHB_AUDIO) << " audio";
-    ExpectTruth(material, host, burst);
-    ExpectSameFrames(host, material, span);
+void PeerTest::ExpectPlaysAfter(uint64_t epoch, const Host &host, const Material &material) {
+    EXPECT_TRUE(host.WaitEpochAfter(epoch));
+    ExpectPlays(host, material, seconds(2));
+}
+
+void PeerTest::ExpectCloses(Host &host, Clock::duration bound) {
+    std::atomic<bool> closed{false};
+    std::thread closing([&] {
+        EXPECT_TRUE(host.Close());
+        closed = true;
+    });
+    const auto ended = [&] { return closed.load(); };
+    EXPECT_TRUE(WaitFor(ended, bound)) << "close takes long";
+    if (!WaitFor(ended)) {
+        // The thread cannot be ended: nothing but the end of this program frees it.
+        std::fputs("close hangs\n", stderr);
+        std::abort();
+    }
+    closing.join();
+    EXPECT_EQ(host.State(), "stop");
+}
+
+void PeerTest::ExpectStallWatchNotices(Host &host) const {
+    // What was on its way still arrives.
+    ASSERT_TRUE(WaitFor([&] { return host.Silence() > seconds(1); }));
+    const size_t before = Reconnects(host);
+    EXPECT_TRUE(HoldsFor([&] { return Reconnects(host) == before; }, seconds(3)));
+    const size_t errors = log.Count("", "-------------GST_MESSAGE_ERROR");
+    host.SetStallWatch(seconds(2));
+    ExpectReconnects(host, before + 1);
+    EXPECT_GT(log.Count("", "-------------GST_MESSAGE_ERROR"), errors);
 }
 
 }  // namespace peers

@@ -1,67 +1,83 @@
-// The fixture of all peer tests: a directory, the library's log lines, and what to show when a test fails.
+// The fixture of all peer tests: the library's log lines, and what is asked of a host that plays.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <exception>
+#include <ostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Compare.h"
 #include "Host.h"
 #include "LogCapture.h"
 #include "Material.h"
-#include "Ports.h"
-#include "Process.h"
-#include "TempDir.h"
+#include "Scene.h"
 #include "Wait.h"
 
 namespace peers {
 
-class PeerTest : public testing::Test {
-  protected:
-    PeerTest();
-    // A failed test shows the log and the end of what every child process wrote.
-    void TearDown() override;
-
-    // Starts a child process whose output goes to a file of the test's directory.
-    std::unique_ptr<Process> Start(const std::string &name, const std::vector<std::string> &args, uid_t uid = 0);
-    // ffmpeg playing a material once in real time; `target` are its output options and the output.
-    std::unique_ptr<Process> Send(const Material &material, const std::vector<std::string> &target);
-    std::unique_ptr<Process> SendTs(const Material &material, const std::string &url,
-                                    const std::vector<std::string> &more = {});
-
-    // nginx with its prefix at `dir`/nginx; `blocks` are configuration blocks (rtmp, http, stream). Waits for `port`.
-    // Blocks name or switch off every log and directory: the usual ones are root's.
-    std::unique_ptr<Process> StartNginx(const std::string &blocks, uint16_t port);
-    std::string NginxFile(const std::string &name) const { return dir.File("nginx/" + name); }
-    // Makes dir/certificate.pem and dir/key.pem, signed by itself, for 127.0.0.1.
-    void MakeCertificate() const;
-
-    // Waits until both media of the material have delivered `span` of the stream in the newest epoch.
-    bool WaitMedia(const Host &host, const Material &material, Clock::duration span, Clock::duration bound) const;
-    // The whole check of a playing test: frames equal the material, records and callback tell the truth.
-    void ExpectPlays(const Host &host, const Material &material, Clock::duration span = seconds(3),
-                     Clock::duration bound = seconds(20));
-    // A playing session whose peer has just fallen silent without a word: nobody notices until the host switches the stall watch on, which
-    // ends the session; `line` is the log line of the rebuild.
-    void ExpectStallWatchNotices(Host &host, const std::string &line);
-    // Waits for a later epoch than `epoch` to bring frames.
-    static bool WaitEpochAfter(const Host &host, uint64_t epoch, Clock::duration bound);
-    // The comparison alone, for sessions that were rebuilt in between.
-    void ExpectSameFrames(const Host &host, const Material &material, Clock::duration span) const;
-
-    TempDir dir;
-    LogCapture log;
-    double burst = 4;  // see ExpectTruth
-
-  private:
-    std::vector<std::string> outputs_;
+// Rows of a table test that are played side by side, under one name. Each row has a name of its own.
+template <typename Row>
+struct Group {
+    const char *name;
+    std::vector<Row> rows;
 };
 
-// Names of table tests whose rows are plain names.
-inline std::string ParamName(const testing::TestParamInfo<const char *> &row) {
-    return row.param;
+template <typename Row>
+std::ostream &operator<<(std::ostream &out, const Group<Row> &group) {
+    return out << group.name;
 }
+
+// Names table tests after what they are about.
+inline constexpr auto kGroupName = [](const auto &group) { return group.param.name; };
+
+// Calls `play` with each row, on threads of their own: what waits for peers waits at the same time. Each row has its own scene
+// and host; failures carry the row's name.
+template <typename Rows, typename Play>
+void SideBySide(const Rows &rows, Play play) {
+    std::vector<std::thread> threads;
+    for (const auto &row : rows) {
+        threads.emplace_back([&row, &play] {
+            SCOPED_TRACE(row.name);
+            try {
+                play(row);
+            } catch (const std::exception &error) {
+                ADD_FAILURE() << error.what();
+            }
+        });
+    }
+    for (auto &thread : threads) {
+        thread.join();
+    }
+}
+
+// Fixtures are a scene as well, for tests with one host.
+class PeerTest : public testing::Test {
+  protected:
+    // A failed test shows the log.
+    void TearDown() override;
+
+    // Opens a UDP source and waits until its socket is there, so that a sender's first datagram arrives.
+    static void OpenUdp(Host &host, uint16_t port);
+    // Waits until both media of the material have delivered `span` of the stream in the newest epoch.
+    static bool WaitMedia(const Host &host, const Material &material, Clock::duration span);
+    // How often the host's session has begun anew.
+    size_t Reconnects(const Host &host) const { return log.Count("INFO", host.ReconnectLine()); }
+    // The host's session begins anew, `times` times in all.
+    void ExpectReconnects(const Host &host, size_t times = 1) const;
+    // The whole check of a playing test: frames equal the material, records and callback tell the truth.
+    static void ExpectPlays(const Host &host, const Material &material, Clock::duration span = seconds(3));
+    // The same for the pipelines that are built after the one of `epoch`.
+    static void ExpectPlaysAfter(uint64_t epoch, const Host &host, const Material &material);
+    // A close comes back, within `bound` if there is one, whatever went before.
+    static void ExpectCloses(Host &host, Clock::duration bound = kPatience);
+    // A playing session whose peer has just fallen silent without a word: nobody notices until the host switches the stall watch
+    // on, which ends the session.
+    void ExpectStallWatchNotices(Host &host) const;
+
+    LogCapture log;
+};
 
 }  // namespace peers

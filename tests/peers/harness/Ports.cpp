@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -22,7 +24,7 @@ sockaddr_in Loopback(uint16_t port) {
     return address;
 }
 
-uint16_t FreePort(int type) {
+uint16_t PortOfTheKernel(int type) {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     sockaddr_in address = Loopback(0);
     socklen_t size = sizeof address;
@@ -35,6 +37,19 @@ uint16_t FreePort(int type) {
         throw std::runtime_error("the kernel gives no port");
     }
     return ntohs(address.sin_port);
+}
+
+// Never the same twice: the kernel may give a port again that has been asked for and is not in use yet.
+uint16_t FreePort(int type) {
+    static std::mutex mutex;
+    static std::set<uint16_t> given;
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (;;) {
+        const uint16_t port = PortOfTheKernel(type);
+        if (given.insert(port).second) {
+            return port;
+        }
+    }
 }
 
 bool InTable(const char *path, uint16_t port) {

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -152,9 +153,25 @@ std::string Process::Output() const {
     return ReadFile(options_.output);
 }
 
+std::vector<std::string> Process::Told(const std::string &prefix) const {
+    std::vector<std::string> told;
+    std::istringstream all(Output());
+    for (std::string line; std::getline(all, line);) {
+        if (line.rfind(prefix, 0) == 0) {
+            told.push_back(line.substr(prefix.size()));
+        }
+    }
+    return told;
+}
+
+unsigned Process::Number(const std::string &word) const {
+    const auto told = Told(word + " ");
+    return told.empty() || told.back().empty() ? 0 : static_cast<unsigned>(std::stoul(told.back()));
+}
+
 void RunCommand(const std::vector<std::string> &args, const std::string &output) {
     Process process(args, {output, {}, 0});
-    const auto status = process.Wait(seconds(60));
+    const auto status = process.Wait(3 * kPatience);
     if (status != 0) {
         throw std::runtime_error(args[0] + " failed: " + process.Output());
     }

@@ -27,7 +27,7 @@ class Process {
 
     bool Running();
     // Exit status as a shell tells it (128 + signal when killed), nothing when it still runs after `bound`.
-    std::optional<int> Wait(Clock::duration bound);
+    std::optional<int> Wait(Clock::duration bound = kPatience);
     void Pause();
     void Resume();
     // SIGTERM, and SIGKILL if that is not enough. What the process left in its group goes with it.
@@ -37,6 +37,10 @@ class Process {
 
     const std::string &OutputFile() const { return options_.output; }
     std::string Output() const;
+    // The rest of each line of the output that begins with `prefix`.
+    std::vector<std::string> Told(const std::string &prefix) const;
+    // The number behind the last "`word` " that begins a line; 0 when there is none.
+    unsigned Number(const std::string &word) const;
 
   private:
     void Reap(bool killed);
@@ -46,7 +50,7 @@ class Process {
     std::optional<int> status_;
 };
 
-// Runs a command to its end; throws with its output when it fails or takes longer than a minute.
+// Runs a command to its end; throws with its output when it fails or does not come to one.
 void RunCommand(const std::vector<std::string> &args, const std::string &output);
 
 }  // namespace peers

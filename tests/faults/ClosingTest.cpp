@@ -261,7 +261,8 @@ INSTANTIATE_TEST_SUITE_P(Classes, Closing, testing::ValuesIn(SourceClasses()), C
 class BeforeConnection {
   public:
     BeforeConnection() {
-        gst_debug_add_log_function(OnDebug, this, nullptr);
+        // Without the macro, which compares the function to a data pointer.
+        (gst_debug_add_log_function)(OnDebug, this, nullptr);
         gst_debug_set_threshold_for_name("rtspsrc", GST_LEVEL_DEBUG);
         gst_debug_set_active(TRUE);
     }

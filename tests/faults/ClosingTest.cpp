@@ -255,7 +255,7 @@ TEST_P(Closing, WhilePlaying) {
 
 INSTANTIATE_TEST_SUITE_P(Classes, Closing, testing::ValuesIn(SourceClasses()), ClassName());
 
-// ---- A stop that rtspsrc overhears ------------------------------------------------------------------------------------------
+// ---- A stop that is lost on rtspsrc ------------------------------------------------------------------------------------------
 
 // Holds rtspsrc just before it makes its connection until the stop has given up waiting for it, by what the element says of both.
 class BeforeConnection {

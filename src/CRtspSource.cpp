@@ -175,8 +175,8 @@ bool CRtspSource::_PipelineStop() {
     }
     {
         // rtspsrc does not leave an answer that it has begun to read, but for its time-out, which may be none; and its jitter buffers
-        // may sleep through their stop when the server has just gone. That of GStreamer 1.26 overhears a stop that comes just before it
-        // has made its connection, so it may begin to send only then.
+        // may sleep through their stop when the server has just gone. A stop that comes just before it has made its connection is
+        // lost on it (GStreamer 1.22 and 1.26), so it may begin to send only then. Test: ClosingRtsp.JustBeforeTheConnectionIsMade.
         const bool working = m_nTaskThread != 0 || m_nPipelineState == GST_STATE_PLAYING;
         const std::unique_ptr<StopPatience> patience(!working ? nullptr : new StopPatience(kStopPatience, [this] {
             if (const pid_t thread = m_nTaskThread; thread != 0) {

@@ -227,13 +227,14 @@ TEST_P(Closing, WhilePlaying) {
 
 INSTANTIATE_TEST_SUITE_P(Classes, Closing, testing::ValuesIn(SourceClasses()), ClassName());
 
-// ---- A stop that rtspsrc overhears ------------------------------------------------------------------------------------------
+// ---- A stop that is lost on rtspsrc ------------------------------------------------------------------------------------------
 
 // Holds rtspsrc just before it makes its connection until the stop has given up waiting for it, by what the element says of both.
 class BeforeConnection {
   public:
     BeforeConnection() {
-        gst_debug_add_log_function(OnDebug, this, nullptr);
+        // Without the macro, which compares the function to a data pointer.
+        (gst_debug_add_log_function)(OnDebug, this, nullptr);
         gst_debug_set_threshold_for_name("rtspsrc", GST_LEVEL_DEBUG);
         gst_debug_set_active(TRUE);
     }

@@ -1,35 +1,15 @@
 // The exported functions: argument checks, dispatch and results.
 #include "support/Fixture.h"
+#include "support/Records.h"
 
 #include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
 
 namespace unit {
 
 namespace {
-
-class Api : public SourceTest {
-  protected:
-    void TearDown() override {
-        for (void *handle : m_handles) {
-            gst_source_destroy(handle);
-        }
-        SourceTest::TearDown();
-    }
-
-    void *Create(int type) {
-        void *handle = gst_source_create(type, &m_buffer, kChannel, kStream);
-        EXPECT_NE(nullptr, handle);
-        m_handles.push_back(handle);
-        return handle;
-    }
-
-    // Builds and starts, but never reaches for the network.
-    void Pretend() { m_faults.SetPlay(Play::Pretend); }
-
-    static CBaseSource &Base(void *handle) { return *static_cast<CBaseSource *>(handle); }
-
-    std::vector<void *> m_handles;
-};
 
 // An open function with all arguments in order; those that are not null-checked take fixed values.
 struct OpenFunction {
@@ -67,6 +47,44 @@ std::vector<const char *> Texts(const OpenFunction &function) {
     texts[0] = ClassOf(function.type).url.c_str();
     return texts;
 }
+
+class Api : public SourceTest {
+  protected:
+    void TearDown() override {
+        for (void *handle : m_handles) {
+            gst_source_destroy(handle);
+        }
+        SourceTest::TearDown();
+    }
+
+    void *Create(int type) {
+        void *handle = gst_source_create(type, &m_buffer, kChannel, kStream);
+        EXPECT_NE(nullptr, handle);
+        m_handles.push_back(handle);
+        return handle;
+    }
+
+    // Builds and starts, but never reaches for the network.
+    void Pretend() { m_faults.SetPlay(Play::Pretend); }
+    // Calls `body` with each open function, its class and a source that it has opened; what was said so far is taken.
+    using Body = std::function<void(const OpenFunction &, const SourceClass &, void *handle)>;
+    void WithEachOpened(const Body &body) {
+        Pretend();
+        for (const OpenFunction &function : kOpenFunctions) {
+            SCOPED_TRACE(function.name);
+            const SourceClass &row = ClassOf(function.type);
+            void *handle = gst_source_create(function.type, &m_buffer, kChannel, kStream);
+            EXPECT_EQ(0, function.open(handle, Texts(function)));
+            EXPECT_TRUE(Eventually([&] { return SourceProbe::StateText(Base(handle)) == row.stateAfterPlay; }));
+            m_log.Take();
+            body(function, row, handle);
+        }
+    }
+
+    static CBaseSource &Base(void *handle) { return *static_cast<CBaseSource *>(handle); }
+
+    std::vector<void *> m_handles;
+};
 
 Line ArgsError(const std::string &function) {
     return Raw(function + ": Input args error!!!");
@@ -138,24 +156,16 @@ TEST_F(Api, MediaInfoRefusesNull) {
 
 TEST_F(Api, MediaInfoTellsVideoFromAudio) {
     void *handle = Create(SOURCE_TYPE_UDP);
-    GstElement *any = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("any")));
-    char video_code[] = "H264";
-    char audio_code[] = "AAC";
-    char scan[] = "progressive";
-    CBaseSource::shbsink_video_changed_handler(any, video_code, nullptr, nullptr, scan, 640, 360, 25, 1, 2, &Base(handle));
-    CBaseSource::shbsink_audio_changed_handler(any, audio_code, 44100, 1, 1024, 5, 0, 0, &Base(handle));
-    gst_object_unref(any);
+    ReportVideo(Base(handle), {"H264", "progressive", 640, 360, 25, 1, 2});
+    ReportAudio(Base(handle), {"AAC", 44100, 1, 1024, 5});
     media_code_info_t video;
     media_code_info_t audio;
     EXPECT_EQ(0, gst_source_get_media_info(handle, &video, &audio));
-    EXPECT_STREQ("H264", video.code);
-    EXPECT_EQ(640, video.params.video.width);
-    EXPECT_STREQ("AAC", audio.code);
-    EXPECT_EQ(44100, audio.params.audio.sample_rate);
+    EXPECT_EQ("H264 640x360 25 fps, scan 0, 2 references", Describe(video));
+    EXPECT_EQ("AAC 44100 Hz, 1 channels, 1024 samples, extra 5", Describe(audio));
     source_status_t status;
     EXPECT_EQ(0, gst_source_get_status(handle, &status));
-    EXPECT_STREQ("H264", status.video_code);
-    EXPECT_STREQ("AAC", status.audio_code);
+    EXPECT_EQ(" : H264 640x360 25 fps, 0 real, 0 bit/s; AAC 44100 Hz, 1 channels, 0 real, 0 bit/s", Describe(status));
 }
 
 TEST_F(Api, CallbackRefusesNullAndKeepsTheOldOne) {
@@ -203,15 +213,7 @@ TEST_F(Api, OpenAnswersAHandleOfAnotherProtocol) {
 }
 
 TEST_F(Api, OpenTwiceCloseTwiceDestroy) {
-    Pretend();
-    for (const OpenFunction &function : kOpenFunctions) {
-        SCOPED_TRACE(function.name);
-        const SourceClass &row = ClassOf(function.type);
-        void *handle = gst_source_create(function.type, &m_buffer, kChannel, kStream);
-        EXPECT_EQ(0, function.open(handle, Texts(function)));
-        EXPECT_TRUE(Eventually([&] { return SourceProbe::StateText(Base(handle)) == row.stateAfterPlay; }));
-        m_log.Take();
-
+    WithEachOpened([this](const OpenFunction &function, const SourceClass &row, void *handle) {
         std::vector<const char *> other = Texts(function);
         other[0] = "other://location";
         EXPECT_EQ(-1, function.open(handle, other));
@@ -223,24 +225,15 @@ TEST_F(Api, OpenTwiceCloseTwiceDestroy) {
         EXPECT_EQ(0, gst_source_close_live_stream(handle));
         EXPECT_EQ(row.IdleCloseLines(row.url), m_log.Take());
         gst_source_destroy(handle);
-        EXPECT_EQ(row.IdleCloseLines(row.url) + Lines{Info("[CBaseSource] ~~~CBaseSource .. URL=" + row.url)}, m_log.Take());
-    }
+        EXPECT_EQ(row.IdleCloseLines(row.url) + Lines{row.Destroyed(row.url)}, m_log.Take());
+    });
 }
 
 TEST_F(Api, DestroyWhileOpen) {
-    Pretend();
-    for (const OpenFunction &function : kOpenFunctions) {
-        SCOPED_TRACE(function.name);
-        const SourceClass &row = ClassOf(function.type);
-        void *handle = gst_source_create(function.type, &m_buffer, kChannel, kStream);
-        EXPECT_EQ(0, function.open(handle, Texts(function)));
-        EXPECT_TRUE(Eventually([&] { return SourceProbe::StateText(Base(handle)) == row.stateAfterPlay; }));
-        m_log.Take();
+    WithEachOpened([this](const OpenFunction &, const SourceClass &row, void *handle) {
         gst_source_destroy(handle);
-        EXPECT_EQ(
-            row.CloseLines(row.url, {Info(row.exitMessage)}) + Lines{Info("[CBaseSource] ~~~CBaseSource .. URL=" + row.url)},
-            m_log.Take());
-    }
+        EXPECT_EQ(row.CloseLines(row.url, {Info(row.exitMessage)}) + Lines{row.Destroyed(row.url)}, m_log.Take());
+    });
 }
 
 TEST_F(Api, FailedOpenAnswersMinusOne) {
@@ -252,8 +245,8 @@ TEST_F(Api, FailedOpenAnswersMinusOne) {
         EXPECT_EQ(-1, function.open(handle, Texts(function)));
         const Lines lines = m_log.Take();
         ASSERT_LE(2U, lines.size());
-        EXPECT_EQ(Err(row.Tag() + " Not all elements could be created!!! url=" + row.url), lines[lines.size() - 2]);
-        EXPECT_EQ(Err(row.Tag() + " _CreateGstElements error!!! URL=" + row.url), lines.back());
+        EXPECT_EQ(row.NotAllElements(row.url), lines[lines.size() - 2]);
+        EXPECT_EQ(row.BuildFailure(row.url), lines.back());
     }
 }
 

@@ -10,58 +10,55 @@ class BusMessage : public SourceTest {
     void SetUp() override { Make(ClassOf(SOURCE_TYPE_UDP)); }
 
     // Classifies and drops the message.
-    int Classify(GstMessage *message) {
-        const int result = m_source->DoBusMessage(message);
+    void Expect(int result, const Lines &lines, GstMessage *message) {
+        SCOPED_TRACE(GST_MESSAGE_TYPE_NAME(message));
+        EXPECT_EQ(result, m_source->DoBusMessage(message));
+        EXPECT_EQ(lines, m_log.Take());
         EXPECT_EQ(1, GST_MINI_OBJECT_REFCOUNT_VALUE(message)) << "the message stays the caller's";
         gst_message_unref(message);
-        return result;
     }
 };
 
-std::string ElementInfo(const std::string &structure) {
-    return "[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" + structure;
-}
+using namespace Tessaro;
 
 }  // namespace
 
 TEST_F(BusMessage, Results) {
-    EXPECT_EQ(0, Tessaro::BUS_MSG_NONE);
-    EXPECT_EQ(1, Tessaro::BUS_MSG_EOS);
-    EXPECT_EQ(2, Tessaro::BUS_MSG_ERROR);
-    EXPECT_EQ(3, Tessaro::BUS_MSG_TIMEOUT);
+    EXPECT_EQ(0, BUS_MSG_NONE);
+    EXPECT_EQ(1, BUS_MSG_EOS);
+    EXPECT_EQ(2, BUS_MSG_ERROR);
+    EXPECT_EQ(3, BUS_MSG_TIMEOUT);
 }
 
 TEST_F(BusMessage, EndOfStream) {
-    EXPECT_EQ(Tessaro::BUS_MSG_EOS, Classify(gst_message_new_eos(nullptr)));
-    EXPECT_EQ(Lines{Raw("-------------GST_MESSAGE_EOS")}, m_log.Take());
+    Expect(BUS_MSG_EOS, {Raw("-------------GST_MESSAGE_EOS")}, gst_message_new_eos(nullptr));
 }
 
 TEST_F(BusMessage, Error) {
     GError *error = g_error_new_literal(GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED, "details stay unlogged");
-    EXPECT_EQ(Tessaro::BUS_MSG_ERROR, Classify(gst_message_new_error(nullptr, error, "debug")));
+    Expect(BUS_MSG_ERROR, {Raw("-------------GST_MESSAGE_ERROR")}, gst_message_new_error(nullptr, error, "debug"));
     g_error_free(error);
-    EXPECT_EQ(Lines{Raw("-------------GST_MESSAGE_ERROR")}, m_log.Take());
 }
 
 TEST_F(BusMessage, TimeOuts) {
     for (const char *name : {"GstUDPSrcTimeout", "GstRTSPSrcTimeout"}) {
         GstStructure *structure = gst_structure_new(name, "timeout", G_TYPE_UINT64, G_GUINT64_CONSTANT(5000000000), nullptr);
-        EXPECT_EQ(Tessaro::BUS_MSG_TIMEOUT, Classify(gst_message_new_element(nullptr, structure)));
-        EXPECT_EQ(Lines{Info(ElementInfo(std::string(name) + ", timeout=(guint64)5000000000;"))}, m_log.Take());
+        const std::string text = std::string(name) + ", timeout=(guint64)5000000000;";
+        Expect(BUS_MSG_TIMEOUT, {Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" + text)},
+               gst_message_new_element(nullptr, structure));
     }
 }
 
 TEST_F(BusMessage, OtherElementMessagesAreLoggedOnly) {
     // Close names are other names.
     for (const char *name : {"pat", "GstUDPSrcTimeouts", "gstudpsrctimeout", "GstUDPSrc"}) {
-        EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_element(nullptr, gst_structure_new_empty(name))));
-        EXPECT_EQ(Lines{Info(ElementInfo(std::string(name) + ";"))}, m_log.Take());
+        Expect(BUS_MSG_NONE, {Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" + std::string(name) + ";")},
+               gst_message_new_element(nullptr, gst_structure_new_empty(name)));
     }
 }
 
 TEST_F(BusMessage, ElementMessageWithoutStructure) {
-    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_custom(GST_MESSAGE_ELEMENT, nullptr, nullptr)));
-    EXPECT_EQ(Lines{}, m_log.Take());
+    Expect(BUS_MSG_NONE, {}, gst_message_new_custom(GST_MESSAGE_ELEMENT, nullptr, nullptr));
 }
 
 // What is posted by hand need not hold what its type promises; the handler that learns the streaming threads looks at every message.
@@ -73,7 +70,7 @@ TEST_F(BusMessage, StreamStatusWithoutAStatusIsPassedOn) {
         Post(message);
         GstMessage *taken = gst_bus_pop(SourceProbe::Bus(*m_source));
         EXPECT_EQ(message, taken);
-        EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(taken == message ? taken : gst_message_new_eos(nullptr)));
+        Expect(BUS_MSG_NONE, {}, taken == message ? taken : gst_message_new_eos(nullptr));
         EXPECT_FALSE(m_source->IsOwnThread());
     }
 }
@@ -95,22 +92,19 @@ TEST_F(BusMessage, StreamingThreadIsThatOfOneSource) {
 }
 
 TEST_F(BusMessage, TimeOutNameInAnotherMessageType) {
-    GstStructure *structure = gst_structure_new_empty("GstUDPSrcTimeout");
-    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_application(nullptr, structure)));
-    EXPECT_EQ(Lines{}, m_log.Take());
+    Expect(BUS_MSG_NONE, {}, gst_message_new_application(nullptr, gst_structure_new_empty("GstUDPSrcTimeout")));
 }
 
 TEST_F(BusMessage, Latency) {
-    GstElement *bin = gst_bin_new("loud");
-    gst_object_ref_sink(bin);
-    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_latency(GST_OBJECT(bin))));
+    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("loud")));
+    Expect(BUS_MSG_NONE, {Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:----loud ")},
+           gst_message_new_latency(GST_OBJECT(bin)));
     gst_object_unref(bin);
-    EXPECT_EQ((Lines{Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:----loud ")}), m_log.Take());
 }
 
 TEST_F(BusMessage, LatencyWithoutSource) {
-    EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(gst_message_new_latency(nullptr)));
-    EXPECT_EQ((Lines{Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:---- ")}), m_log.Take());
+    Expect(BUS_MSG_NONE, {Raw("------------- GST_MESSAGE_LATENCY "), Raw("--------message->src:---- ")},
+           gst_message_new_latency(nullptr));
 }
 
 TEST_F(BusMessage, SilentTypes) {
@@ -128,9 +122,7 @@ TEST_F(BusMessage, SilentTypes) {
     };
     g_error_free(warning);
     for (GstMessage *message : messages) {
-        SCOPED_TRACE(GST_MESSAGE_TYPE_NAME(message));
-        EXPECT_EQ(Tessaro::BUS_MSG_NONE, Classify(message));
-        EXPECT_EQ(Lines{}, m_log.Take());
+        Expect(BUS_MSG_NONE, {}, message);
     }
 }
 

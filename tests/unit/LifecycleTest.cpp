@@ -118,16 +118,11 @@ class Lifecycle : public ClassTest {
 
     // A full set of reports, so that clearing shows.
     void Report() {
-        GstElement *any = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("any")));
-        char video[] = "H264";
-        char audio[] = "AAC";
-        char scan[] = "progressive";
-        CBaseSource::shbsink_video_changed_handler(any, video, nullptr, nullptr, scan, 640, 360, 25, 1, 2, &Source());
-        CBaseSource::shbsink_audio_changed_handler(any, audio, 44100, 1, 1024, 5, 0, 0, &Source());
-        CBaseSource::shbsink_video_bitrate_handler(any, 1000, &Source());
-        CBaseSource::shbsink_audio_bitrate_handler(any, 2000, &Source());
-        CBaseSource::shbsink_video_fps_handler(any, 24, &Source());
-        gst_object_unref(any);
+        ReportVideo(Source(), {"H264", "progressive", 640, 360, 25, 1, 2});
+        ReportAudio(Source(), {"AAC", 44100, 1, 1024, 5});
+        CBaseSource::shbsink_video_bitrate_handler(AnySink(), 1000, &Source());
+        CBaseSource::shbsink_audio_bitrate_handler(AnySink(), 2000, &Source());
+        CBaseSource::shbsink_video_fps_handler(AnySink(), 24, &Source());
     }
 
     bool MediaInfoIsClear() {
@@ -674,10 +669,9 @@ TEST_F(SourceTest, RtspServerThatHasLeftForGoodEndsTheSession) {
     EXPECT_EQ(0U, m_log.Count(forsaken));
     // Over UDP the media may go on without the server's connection.
     warn("Rtspsrc", GST_RESOURCE_ERROR_READ);
-    int dummy = 0;
     for (int report = 0; report < 3; ++report) {
         pass(kPatience);
-        CBaseSource::shbsink_video_bitrate_handler(reinterpret_cast<GstElement *>(&dummy), 1000, m_source.get());
+        CBaseSource::shbsink_video_bitrate_handler(AnySink(), 1000, m_source.get());
     }
     pass(kPatience);
     EXPECT_EQ(0U, m_log.Count(forsaken));

@@ -22,26 +22,14 @@ class SinkHandlers : public SourceTest {
         Make(ClassOf(SOURCE_TYPE_UDP));
         SourceProbe::SetUrl(*m_source, "udp://127.0.0.1:5");
         m_source->SetMediaChangeCallback(Record, &m_calls);
-        m_sink.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new("sink"))));
     }
 
     static void Record(void *user, media_code_info_t *info) {
         static_cast<std::vector<Call> *>(user)->push_back({user, *info});
     }
 
-    void Video(VideoReport report) {
-        std::string code = report.code;
-        std::string scan = report.scanType != nullptr ? report.scanType : "";
-        CBaseSource::shbsink_video_changed_handler(m_sink.get(), code.data(), nullptr, nullptr,
-                                                   report.scanType != nullptr ? scan.data() : nullptr, report.width,
-                                                   report.height, report.fpsN, report.fpsD, report.refFrames, m_source.get());
-    }
-    void Audio(AudioReport report) {
-        std::string code = report.code;
-        CBaseSource::shbsink_audio_changed_handler(m_sink.get(), code.data(), report.sampleRate, report.channels,
-                                                   report.samples, report.extra, -1, -2, m_source.get());
-    }
-
+    void Video(const VideoReport &report) { ReportVideo(*m_source, report); }
+    void Audio(const AudioReport &report) { ReportAudio(*m_source, report); }
     // Video and audio.
     std::array<media_code_info_t, 2> Infos() {
         std::array<media_code_info_t, 2> infos{};
@@ -53,7 +41,7 @@ class SinkHandlers : public SourceTest {
     std::string StatusText() { return Describe(Status()); }
     source_status_t Status() { return SourceProbe::Status(*m_source); }
 
-    std::unique_ptr<GstElement, GSTREAMER::ObjectUnref> m_sink;
+    GstElement *const m_sink = AnySink();
     std::vector<Call> m_calls;
 };
 
@@ -89,31 +77,31 @@ std::string Bytes(const Record &record) {
 // ---- Bit rates and frame rates ----------------------------------------------------------------------------------------------
 
 TEST_F(SinkHandlers, BitrateConnects) {
-    CBaseSource::shbsink_video_bitrate_handler(m_sink.get(), 4000000, m_source.get());
+    CBaseSource::shbsink_video_bitrate_handler(m_sink, 4000000, m_source.get());
     EXPECT_EQ(" connected:  0x0 0 fps, 0 real, 4000000 bit/s;  0 Hz, 0 channels, 0 real, 0 bit/s", StatusText());
-    CBaseSource::shbsink_audio_bitrate_handler(m_sink.get(), 0xFFFFFFFFU, m_source.get());
+    CBaseSource::shbsink_audio_bitrate_handler(m_sink, 0xFFFFFFFFU, m_source.get());
     EXPECT_EQ(" connected:  0x0 0 fps, 0 real, 4000000 bit/s;  0 Hz, 0 channels, 0 real, 4294967295 bit/s", StatusText());
     EXPECT_EQ(Lines{}, m_log.Take());
     EXPECT_TRUE(m_calls.empty());
 }
 
 TEST_F(SinkHandlers, AudioBitrateConnectsByItself) {
-    CBaseSource::shbsink_audio_bitrate_handler(m_sink.get(), 128000, m_source.get());
+    CBaseSource::shbsink_audio_bitrate_handler(m_sink, 128000, m_source.get());
     EXPECT_EQ(" connected:  0x0 0 fps, 0 real, 0 bit/s;  0 Hz, 0 channels, 0 real, 128000 bit/s", StatusText());
 }
 
 TEST_F(SinkHandlers, BitrateReportAfterCloseConnectsAgain) {
     m_source->CloseLiveStream();
     EXPECT_STREQ("stop", Status().state);
-    CBaseSource::shbsink_video_bitrate_handler(m_sink.get(), 1, m_source.get());
+    CBaseSource::shbsink_video_bitrate_handler(m_sink, 1, m_source.get());
     EXPECT_STREQ("connected", Status().state);
 }
 
 TEST_F(SinkHandlers, RealFrameRates) {
-    CBaseSource::shbsink_video_fps_handler(m_sink.get(), 30, m_source.get());
+    CBaseSource::shbsink_video_fps_handler(m_sink, 30, m_source.get());
     EXPECT_EQ(30.0F, Status().video_real_fps);
     EXPECT_EQ(0.0F, Status().audio_real_fps);
-    CBaseSource::shbsink_audio_fps_handler(m_sink.get(), 16777217, m_source.get());
+    CBaseSource::shbsink_audio_fps_handler(m_sink, 16777217, m_source.get());
     EXPECT_EQ(16777216.0F, Status().audio_real_fps);
     EXPECT_EQ(30.0F, Status().video_real_fps);
     EXPECT_EQ(0.0F, Status().fps);
@@ -493,7 +481,7 @@ TEST_F(SinkHandlers, WithoutCallback) {
 
 TEST_F(SinkHandlers, MissingArguments) {
     const std::string status = Bytes(Status());
-    GstElement *sink = m_sink.get();
+    GstElement *sink = m_sink;
     CBaseSource *user = m_source.get();
     char code[] = "H264";
     char scan[] = "progressive";

@@ -12,6 +12,25 @@ void PostOn(CBaseSource &source, GstMessage *message) {
     gst_object_unref(bus);
 }
 
+GstElement *AnySink() {
+    static int sink = 0;
+    return static_cast<GstElement *>(static_cast<void *>(&sink));
+}
+
+void ReportVideo(CBaseSource &source, const VideoReport &report) {
+    std::string code = report.code;
+    std::string scan = report.scanType != nullptr ? report.scanType : "";
+    CBaseSource::shbsink_video_changed_handler(AnySink(), code.data(), nullptr, nullptr,
+                                               report.scanType != nullptr ? scan.data() : nullptr, report.width, report.height,
+                                               report.fpsN, report.fpsD, report.refFrames, &source);
+}
+
+void ReportAudio(CBaseSource &source, const AudioReport &report) {
+    std::string code = report.code;
+    CBaseSource::shbsink_audio_changed_handler(AnySink(), code.data(), report.sampleRate, report.channels, report.samples,
+                                               report.extra, -1, -2, &source);
+}
+
 GstElement *Element(CBaseSource &source, const std::string &name) {
     GstElement *pipeline = SourceProbe::Pipeline(source);
     GstElement *element = pipeline != nullptr ? gst_bin_get_by_name(GST_BIN(pipeline), name.c_str()) : nullptr;

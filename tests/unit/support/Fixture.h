@@ -78,6 +78,12 @@ class ClassTest : public SourceTest, public testing::WithParamInterface<SourceCl
     bool IsHls() const { return Row().type == SOURCE_TYPE_HLS; }
 };
 
+// For the handlers, which ask only whether there is a sink.
+GstElement *AnySink();
+// A sink's report, as its signal brings it to the handler.
+void ReportVideo(CBaseSource &source, const VideoReport &report);
+void ReportAudio(CBaseSource &source, const AudioReport &report);
+
 template <typename Value>
 Value Property(gpointer object, const char *name) {
     Value value{};

@@ -79,14 +79,14 @@ LogCapture::~LogCapture() {
     close(m_file);
 }
 
-std::string LogCapture::Text() const {
+std::string LogCapture::TextFrom(std::size_t at) const {
     std::fflush(stdout);
     struct stat info {};
-    if (fstat(m_file, &info) != 0) {
+    if (fstat(m_file, &info) != 0 || static_cast<std::size_t>(info.st_size) <= at) {
         return {};
     }
-    std::string text(static_cast<std::size_t>(info.st_size), '\0');
-    const ssize_t got = pread(m_file, text.data(), text.size(), 0);
+    std::string text(static_cast<std::size_t>(info.st_size) - at, '\0');
+    const ssize_t got = pread(m_file, text.data(), text.size(), static_cast<off_t>(at));
     text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
     return text;
 }
@@ -96,8 +96,8 @@ Lines LogCapture::All() const {
     static GRegex *const prefix = g_regex_new(
         R"(^\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}\.[0-9]{2}\.[0-9]{2}\] \((FATAL|ERR|WARN|INFO|DEBUG)\) \([1-9][0-9]*\) )",
         G_REGEX_OPTIMIZE, GRegexMatchFlags(0), nullptr);
-    Lines lines;
-    const std::string text = Text();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::string text = TextFrom(m_parsed);
     std::size_t begin = 0;
     for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', begin)) {
         const std::string line = text.substr(begin, end - begin);
@@ -106,15 +106,16 @@ Lines LogCapture::All() const {
             gchar *level = g_match_info_fetch(match, 1);
             gint length = 0;
             g_match_info_fetch_pos(match, 0, nullptr, &length);
-            lines.push_back({level, line.substr(static_cast<std::size_t>(length))});
+            m_lines.push_back({level, line.substr(static_cast<std::size_t>(length))});
             g_free(level);
         } else {
-            lines.push_back({"", line});
+            m_lines.push_back({"", line});
         }
         g_match_info_free(match);
         begin = end + 1;
     }
-    return lines;
+    m_parsed += begin;
+    return m_lines;
 }
 
 Lines LogCapture::Take() {

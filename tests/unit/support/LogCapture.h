@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <iosfwd>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -44,11 +45,17 @@ class LogCapture {
     std::size_t Count(const Line &line) const;
     bool WaitFor(const Line &line, std::size_t count = 1) const;
     // Everything, as it came.
-    std::string Text() const;
+    std::string Text() const { return TextFrom(0); }
 
   private:
+    std::string TextFrom(std::size_t at) const;
+
     int m_saved;
     int m_file;
+    // What has been taken apart so far: a wait looks again and again, and from several threads.
+    mutable std::mutex m_mutex;
+    mutable Lines m_lines;
+    mutable std::size_t m_parsed = 0;  // bytes
     std::size_t m_taken = 0;
 };
 

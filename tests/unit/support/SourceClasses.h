@@ -81,6 +81,7 @@ struct SourceClass {
     Lines CloseLines(const std::string &location, const Lines &worker) const;
     Line NotAllElements(const std::string &location) const;
     Line BuildFailure(const std::string &location) const;
+    Line Destroyed(const std::string &location) const { return Info("[CBaseSource] ~~~CBaseSource .. URL=" + location); }
     // What a branch builder says of another encoding than that of its first pad. medium: "Video", "Audio".
     Line MediaChanged(const std::string &medium, const std::string &encode) const;
     Line BadArguments(const std::string &stored) const;

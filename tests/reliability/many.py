@@ -7,13 +7,9 @@ Every source must deliver, and deliver again from a new pipeline once its peer i
 closed, descriptors, threads and live objects must be back to what they were after one source of each kind had been open.
 """
 
-import argparse
-import os
 import sys
-import tempfile
 import threading
 import time
-from pathlib import Path
 
 import rig
 import verdict
@@ -32,10 +28,11 @@ def in_parallel(tasks):
 class Many:
     def __init__(self, build, folder, material):
         # Peer and how many sources it serves; those with `urls` have a location for each.
-        self.peers = [(rig.Udp(folder, material, count=16), 16), (rig.SrtCaller(folder, material, count=7), 7), (rig.SrtListener(folder, material), 1),
-                      (rig.Rtsp(folder, material, build), 12), (rig.Rtsp(folder, material, build, protocols=rig.RTSP_UDP), 4),
-                      (rig.Rtmp(folder, material), 12), (rig.Rtmp(folder, material, secure=True), 4), (rig.Hls(folder, material), 8)]
-        self.locations = [(peer, url) for peer, count in self.peers for url in getattr(peer, "urls", [peer.url] * count)]
+        served = [(rig.Udp(folder, material, count=16), 16), (rig.SrtCaller(folder, material, count=7), 7), (rig.SrtListener(folder, material), 1),
+                  (rig.Rtsp(folder, material, build), 12), (rig.Rtsp(folder, material, build, protocols=rig.RTSP_UDP), 4),
+                  (rig.Rtmp(folder, material), 12), (rig.Rtmp(folder, material, secure=True), 4), (rig.Hls(folder, material), 8)]
+        self.peers = [peer for peer, _ in served]
+        self.locations = [(peer, url) for peer, count in served for url in getattr(peer, "urls", [peer.url] * count)]
         self.host = rig.Host(build, folder, len(self.locations))
         self.failures = []
 
@@ -53,7 +50,7 @@ class Many:
         start = time.monotonic()
 
         def all_do():
-            for peer, _ in self.peers:
+            for peer in self.peers:
                 peer.tend()
             return all(condition(channel, status) for channel, status in self.host.stats().items())
 
@@ -67,7 +64,7 @@ class Many:
         return self.host.sample(objects=True)
 
     def run(self):
-        in_parallel([peer.start for peer, _ in self.peers])
+        in_parallel([peer.start for peer in self.peers])
         # Of SRT the caller, which is the last: the sender to the listeners wants them all.
         first = {url.split(":")[0]: channel for channel, (_, url) in enumerate(self.locations)}.values()
         self.open(first)
@@ -78,12 +75,12 @@ class Many:
         start = self.host.stats()
         opened = self.wait("all open", lambda channel, status: status.frames > start[channel].frames + 50)
         playing = self.host.sample()
-        for peer, _ in self.peers:
+        for peer in self.peers:
             peer.kill()
         # Those that notice at once are in their wait; the others have fallen silent.
         self.wait("all silent", self.silence())
         frames = self.host.stats()
-        for peer, _ in self.peers:
+        for peer in self.peers:
             peer.start_again()
 
         def is_back(channel, status):
@@ -113,29 +110,5 @@ class Many:
         return silent
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", type=Path, default=Path("build/test"), help="build directory (default: build/test)")
-    build = parser.parse_args().build.resolve()
-    rig.end_on_signals()
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o755)
-        many = Many(build, Path(folder), rig.materials(build, "h264_aac")["h264_aac"])
-        try:
-            many.run()
-        except Exception as error:  # whatever it is, the run has failed
-            many.failures.append(f"{type(error).__name__}: {error}")
-        finally:
-            status = many.host.end()
-            for peer, _ in many.peers:
-                peer.end()
-        if status != 0:
-            many.failures.append(f"the host ended with {status}")
-        if many.failures:
-            print("\n".join(many.failures))
-            print("log of the host:\n" + many.host.log_tail())
-    return 1 if many.failures else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(rig.run_with_one_host(__doc__.splitlines()[0], Many))

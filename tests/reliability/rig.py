@@ -1,5 +1,6 @@
 """What the reliability programs have in common: the host, the watcher of its frames, and the peers from which it plays."""
 
+import argparse
 import dataclasses
 import itertools
 import os
@@ -7,6 +8,7 @@ import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 from pathlib import Path
@@ -22,12 +24,15 @@ SRT_LATENCY_MS = 1000  # on a machine that is busy, 125 lose packets
 
 
 def wait_for(condition, bound, step=0.02):
-    """True as soon as the condition holds, False when it still does not after `bound` seconds."""
-    end = time.monotonic() + bound
+    """True as soon as the condition holds, False when it still does not after `bound` seconds, in which standstills of the machine do not count:
+    one look at the condition counts for a second at most."""
+    spent, begun = 0.0, time.monotonic()
     while not condition():
-        if time.monotonic() > end:
+        if spent > bound:
             return False
         time.sleep(step)
+        now = time.monotonic()
+        spent, begun = spent + min(now - begun, 1), now
     return True
 
 
@@ -50,6 +55,32 @@ def end_on_signals():
     signal.signal(signal.SIGINT, leave)
     signal.signal(signal.SIGTERM, leave)
     signal.signal(signal.SIGHUP, leave)
+
+
+def run_with_one_host(description, make):
+    """The command line and the end of a program. make(build, folder, material) gives what it runs: with run(), its host, its peers, and
+    failures. Returns the exit code."""
+    parser = argparse.ArgumentParser(description=description)
+    parser.add_argument("--build", type=Path, default=Path("build/test"), help="build directory (default: build/test)")
+    build = parser.parse_args().build.resolve()
+    end_on_signals()
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
+        program = make(build, Path(folder), materials(build, "h264_aac")["h264_aac"])
+        try:
+            program.run()
+        except Exception as error:  # whatever it is, the run has failed
+            program.failures.append(f"{type(error).__name__}: {error}")
+        finally:
+            status = program.host.end()
+            for peer in program.peers:
+                peer.end()
+        if status != 0:
+            program.failures.append(f"the host ended with {status}")
+        if program.failures:
+            print("\n".join(program.failures))
+            print("log of the host:\n" + program.host.log_tail())
+    return 1 if program.failures else 0
 
 
 def percentile(values, part):

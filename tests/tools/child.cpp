@@ -1,8 +1,6 @@
 #include "child.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
@@ -14,6 +12,8 @@
 #include <array>
 #include <csignal>
 #include <stdexcept>
+
+#include "../free_port.h"
 
 Child::Child(const std::vector<std::string> &command, const Variables &variables, Output output) {
     winsize size{};
@@ -112,14 +112,5 @@ void Child::Resize(unsigned short columns, unsigned short rows) const {
 }
 
 unsigned short FreeUdpPort() {
-    const tool::Fd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (bind(fd.Get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        getsockname(fd.Get(), reinterpret_cast<sockaddr *>(&address), &length) != 0) {
-        throw std::runtime_error("no free port");
-    }
-    return ntohs(address.sin_port);
+    return free_port::Take(SOCK_DGRAM);
 }

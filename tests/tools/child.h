@@ -47,5 +47,5 @@ class Child {
     std::string m_screen;
 };
 
-// UDP and TCP ports that were free a moment ago.
+// A port of this machine that stays free until somebody binds it.
 unsigned short FreeUdpPort();

@@ -31,7 +31,7 @@ TEST_P(MissingPart, IsNamedAtTheEnd) {
         }
     }
     const auto port = FreeUdpPort();
-    Child sender(SendCommand(UdpUrl(port)));
+    Sender sender(UdpUrl(port));
     Child child({tool, UdpUrl(port), "--name", BufferName("missing"), "--log", dir.File("log")},
                 {{"GST_PLUGIN_SYSTEM_PATH", dir.File("plugins")}, {"GST_REGISTRY", dir.File("registry")}});
     EXPECT_TRUE(WaitWhileRunning(child, [&] { return Has(ReadAll(dir.File("log")), GetParam().line); }));

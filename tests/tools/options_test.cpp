@@ -6,6 +6,7 @@
 #include <map>
 
 #include "temp_dir.h"
+#include "words.h"
 
 using namespace tool;
 
@@ -13,15 +14,18 @@ namespace {
 
 using Variables = std::map<std::string, std::string>;
 
-ParseResult Parse(std::vector<const char *> arguments, const Variables &variables = {}) {
-    arguments.insert(arguments.begin(), "gst-source");
-    return ParseOptions(static_cast<int>(arguments.size()), arguments.data(), [&variables](const char *name) {
+ParseResult Parse(const std::vector<std::string> &arguments, const Variables &variables = {}) {
+    std::vector<const char *> argv{"gst-source"};
+    for (const std::string &argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    return ParseOptions(static_cast<int>(argv.size()), argv.data(), [&variables](const char *name) {
         const auto found = variables.find(name);
         return found == variables.end() ? nullptr : found->second.c_str();
     });
 }
 
-Options Good(const std::vector<const char *> &arguments, const Variables &variables = {}) {
+Options Good(const std::vector<std::string> &arguments, const Variables &variables = {}) {
     ParseResult result = Parse(arguments, variables);
     EXPECT_TRUE(result.options) << result.err;
     EXPECT_EQ(result.err, "");
@@ -29,7 +33,7 @@ Options Good(const std::vector<const char *> &arguments, const Variables &variab
 }
 
 // Every refusal is one line and exit code 2.
-std::string Refusal(const std::vector<const char *> &arguments) {
+std::string Refusal(const std::vector<std::string> &arguments) {
     const ParseResult result = Parse(arguments);
     EXPECT_FALSE(result.options);
     EXPECT_EQ(result.exit_code, 2);
@@ -46,7 +50,7 @@ testing::AssertionResult Contains(const std::string &text, const std::string &pa
     return testing::AssertionFailure() << "\"" << part << "\" is not in: " << text;
 }
 
-std::string Warnings(const std::vector<const char *> &arguments) {
+std::string Warnings(const std::vector<std::string> &arguments) {
     std::string all;
     for (const std::string &warning : Good(arguments).warnings) {
         all += warning + "\n";
@@ -81,84 +85,14 @@ TEST(Options, Defaults) {
 }
 
 TEST(Options, EveryFlagReachesItsField) {
-    const Options options = Good({"rtsp://h/1",
-                                  "srt://h:1",
-                                  "rtmp://h/a/b",
-                                  "udp://h:1",
-                                  "http://h/a.m3u8",
-                                  "--caching",
-                                  "1",
-                                  "--user",
-                                  "u",
-                                  "--password",
-                                  "p",
-                                  "--protocols",
-                                  "tcp,UDP",
-                                  "--rtsp-latency",
-                                  "2",
-                                  "--rtsp-contimeout",
-                                  "3",
-                                  "--mode",
-                                  "Listener",
-                                  "--streamid",
-                                  "id",
-                                  "--passphrase",
-                                  "0123456789",
-                                  "--keylen",
-                                  "32",
-                                  "--srt-latency",
-                                  "4",
-                                  "--tslatency",
-                                  "5",
-                                  "--localaddress",
-                                  "127.0.0.1",
-                                  "--rtmp-contimeout",
-                                  "6",
-                                  "--idle-timeout",
-                                  "7",
-                                  "--token",
-                                  "t",
-                                  "--ts-latency",
-                                  "8",
-                                  "--mtu",
-                                  "9",
-                                  "--hls-timeout",
-                                  "10",
-                                  "--retries",
-                                  "-1",
-                                  "--islive",
-                                  "1",
-                                  "--proxy",
-                                  "http://p:3128",
-                                  "--proxy-id",
-                                  "pi",
-                                  "--proxy-pwd",
-                                  "pp",
-                                  "--user-agent",
-                                  "ua",
-                                  "--name",
-                                  "buffer",
-                                  "--video-bytes",
-                                  "16M",
-                                  "--audio-bytes",
-                                  "65536",
-                                  "--duration",
-                                  "2.5",
-                                  "--frames",
-                                  "11",
-                                  "--interval",
-                                  "0.5",
-                                  "--json",
-                                  "--color",
-                                  "never",
-                                  "--log",
-                                  "log",
-                                  "--dump-video",
-                                  "v%d",
-                                  "--dump-audio",
-                                  "a%d",
-                                  "--close-timeout",
-                                  "12"});
+    const Options options =
+        Good(Words("rtsp://h/1 srt://h:1 rtmp://h/a/b udp://h:1 http://h/a.m3u8 --caching 1 --user u --password p --protocols "
+                   "tcp,UDP --rtsp-latency 2 --rtsp-contimeout 3 --mode Listener --streamid id --passphrase 0123456789 "
+                   "--keylen 32 --srt-latency 4 --tslatency 5 --localaddress 127.0.0.1 --rtmp-contimeout 6 --idle-timeout 7 "
+                   "--token t --ts-latency 8 --mtu 9 --hls-timeout 10 --retries -1 --islive 1 --proxy http://p:3128 "
+                   "--proxy-id pi --proxy-pwd pp --user-agent ua --name buffer --video-bytes 16M --audio-bytes 65536 "
+                   "--duration 2.5 --frames 11 --interval 0.5 --json --color never --log log --dump-video v%d --dump-audio "
+                   "a%d --close-timeout 12"));
     EXPECT_TRUE(options.warnings.empty()) << options.warnings.front();
     EXPECT_EQ(options.urls.size(), 5u);
     EXPECT_EQ(options.caching, 1u);
@@ -297,8 +231,8 @@ TEST(Options, SecretsComeFromFlagThenFileThenEnvironment) {
     EXPECT_EQ(options.rtmp.token, "envtoken");
     EXPECT_EQ(options.hls.proxy_pwd, "envproxy");
 
-    options = Good({"udp://h:1", "--credentials", credentials.c_str(), "--passphrase-file", passphrase.c_str(), "--token-file",
-                    token.c_str(), "--proxy-pwd-file", proxy.c_str()},
+    options = Good({"udp://h:1", "--credentials", credentials, "--passphrase-file", passphrase, "--token-file", token,
+                    "--proxy-pwd-file", proxy},
                    variables);
     EXPECT_EQ(options.user, "fileuser");
     EXPECT_EQ(options.password, "filepassword");
@@ -306,7 +240,7 @@ TEST(Options, SecretsComeFromFlagThenFileThenEnvironment) {
     EXPECT_EQ(options.rtmp.token, "filetoken");
     EXPECT_EQ(options.hls.proxy_pwd, "fileproxy");
 
-    options = Good({"udp://h:1", "--user", "flaguser", "--credentials", credentials.c_str()}, variables);
+    options = Good({"udp://h:1", "--user", "flaguser", "--credentials", credentials}, variables);
     EXPECT_EQ(options.user, "flaguser");
     EXPECT_EQ(options.password, "filepassword");
 }

@@ -175,19 +175,16 @@ TEST(ReadRun, ListTellsOfEveryBuffer) {
     const Json record = Listed(own.name);
     const auto age = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - before);
     ASSERT_TRUE(record.is_object());
-    EXPECT_EQ(record["type"], "buffer");
-    EXPECT_EQ(record["state"], "alive");
-    EXPECT_EQ(record["alive"], true);
-    EXPECT_EQ(record["creator_pid"], getpid());
+    ExpectFields(record, {{"type", "buffer"}, {"state", "alive"}, {"alive", true}, {"creator_pid", getpid()}});
     EXPECT_LE(record["heartbeat_age_ms"], age.count());
     EXPECT_GE(record["layout_version"], 2);
     EXPECT_GT(record["total_bytes"], 2 * 65536);
-    EXPECT_EQ(record["channels"], 1);
-    EXPECT_EQ(record["streams"], 1);
-    EXPECT_EQ(record["video_bytes"], 65536);
-    EXPECT_EQ(record["video_frames"], 16);
-    EXPECT_EQ(record["audio_bytes"], 65536);
-    EXPECT_EQ(record["audio_frames"], 16);
+    ExpectFields(record, {{"channels", 1},
+                          {"streams", 1},
+                          {"video_bytes", 65536},
+                          {"video_frames", 16},
+                          {"audio_bytes", 65536},
+                          {"audio_frames", 16}});
 
     Child table(Reading({"list"}));
     EXPECT_EQ(table.Wait(), 0);
@@ -209,9 +206,7 @@ TEST(ReadRun, ListTellsOfOtherVersions) {
     std::ofstream(file.path, std::ios::binary) << header;
     const Json record = Listed(name);
     ASSERT_TRUE(record.is_object());
-    EXPECT_EQ(record["layout_version"], 99);
-    EXPECT_EQ(record["state"], "alive");
-    EXPECT_EQ(record["creator_pid"], getpid());
+    ExpectFields(record, {{"layout_version", 99}, {"state", "alive"}, {"creator_pid", getpid()}});
     for (const char *unknown : {"heartbeat_age_ms", "total_bytes", "channels", "streams", "video_bytes", "audio_frames"}) {
         EXPECT_TRUE(record[unknown].is_null()) << unknown;
     }
@@ -299,25 +294,21 @@ TEST(ReadRun, TracksTellWhatTheirWriterTold) {
     const std::vector<Json> records = Records(child.Out());
     ASSERT_EQ(records.size(), 1u);
     const Json &track = records[0];
-    EXPECT_EQ(track["type"], "track");
-    EXPECT_EQ(track["name"], own.name);
-    EXPECT_EQ(track["kind"], "video");
-    EXPECT_EQ(track["channel"], 0);
-    EXPECT_EQ(track["epoch"], 1);
-    EXPECT_EQ(track["writer_pid"], getpid());
-    EXPECT_EQ(track["codec"], "H264");
-    EXPECT_EQ(track["profile"], "high");
-    EXPECT_EQ(track["level"], "4.1");
-    EXPECT_EQ(track["width_px"], 1920);
-    EXPECT_EQ(track["height_px"], 1080);
-    EXPECT_EQ(track["scan"], "progressive");
-    EXPECT_EQ(track["announced_fps"], 29.97);
+    ExpectFields(track, {{"type", "track"},
+                         {"name", own.name},
+                         {"kind", "video"},
+                         {"channel", 0},
+                         {"epoch", 1},
+                         {"writer_pid", getpid()},
+                         {"codec", "H264"},
+                         {"profile", "high"},
+                         {"level", "4.1"},
+                         {"width_px", 1920},
+                         {"height_px", 1080},
+                         {"scan", "progressive"},
+                         {"announced_fps", 29.97}});
     EXPECT_TRUE(track["sample_rate_hz"].is_null());
-    EXPECT_EQ(track["frames"], 20);
-    EXPECT_EQ(track["bytes"], 2000);
-    EXPECT_EQ(track["key_frames"], 5);
-    EXPECT_EQ(track["held_frames"], 16);
-    EXPECT_EQ(track["left_out_frames"], 1);
+    ExpectFields(track, {{"frames", 20}, {"bytes", 2000}, {"key_frames", 5}, {"held_frames", 16}, {"left_out_frames", 1}});
     EXPECT_TRUE(track["age_ms"].is_number());
 
     // A new writer begins to count again; a track without one has no rates.
@@ -329,11 +320,7 @@ TEST(ReadRun, TracksTellWhatTheirWriterTold) {
     const Json closed = Records(later.Out()).at(0);
     EXPECT_EQ(closed["epoch"], 2);
     EXPECT_TRUE(closed["writer_pid"].is_null());
-    EXPECT_EQ(closed["frames"], 0);
-    EXPECT_EQ(closed["total_frames"], 20);
-    EXPECT_EQ(closed["total_bytes"], 2000);
-    EXPECT_EQ(closed["bitrate_bps"], 0);
-    EXPECT_EQ(closed["measured_fps"], 0);
+    ExpectFields(closed, {{"frames", 0}, {"total_frames", 20}, {"total_bytes", 2000}, {"bitrate_bps", 0}, {"measured_fps", 0}});
 }
 
 TEST(ReadRun, TracksAsATable) {
@@ -676,7 +663,7 @@ TEST(ReadRunBesideAHost, EveryReaderGetsWhatTheHostDumps) {
     const RemoveLeftover leftover{name};
     const std::string url = UdpUrl(FreeUdpPort());
     const TempDir dir;
-    Child sender(SendCommand(url));
+    Sender sender(url);
     Child host(Hosting(
         {url, "--name", name, "--interval", "0.1", "--dump-video", dir.File("video"), "--dump-audio", dir.File("audio")}));
     ASSERT_TRUE(WaitWhileRunning(host, [&host] { return Has(host.Out(), "flow=live"); })) << host.Err();
@@ -786,7 +773,7 @@ TEST(ReadRunBesideAHost, FollowsAHostThatIsKilledAndStartedAgain) {
     const RemoveLeftover leftover{name};
     const std::string url = UdpUrl(FreeUdpPort());
     const TempDir dir;
-    Child sender(SendCommand(url));
+    Sender sender(url);
     const auto command = Hosting({url, "--name", name});
     auto host = std::make_unique<Child>(command);
     Child reader(Reading({"read", name, "--start", "oldest", "--follow", "--json", "--output", dir.File("payload")}));
@@ -802,9 +789,7 @@ TEST(ReadRunBesideAHost, FollowsAHostThatIsKilledAndStartedAgain) {
     // What it left is there to be seen and read.
     const Json stale = Listed(name);
     ASSERT_TRUE(stale.is_object());
-    EXPECT_EQ(stale["state"], "stale");
-    EXPECT_EQ(stale["alive"], false);
-    EXPECT_EQ(stale["creator_pid"], first);
+    ExpectFields(stale, {{"state", "stale"}, {"alive", false}, {"creator_pid", first}});
     Child late(Reading({"read", name, "--start", "oldest"}));
     EXPECT_EQ(late.Wait(), 0) << late.Err();
     EXPECT_TRUE(late.Out() == ReadAll(dir.File("payload")));

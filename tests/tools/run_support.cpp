@@ -1,5 +1,6 @@
 #include "run_support.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,22 +9,6 @@
 
 std::string UdpUrl(unsigned short port) {
     return "udp://127.0.0.1:" + std::to_string(port);
-}
-
-std::vector<std::string> SendCommand(const std::string &url, bool video) {
-    std::vector<std::string> command{"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-re"};
-    const auto add = [&command](const std::vector<std::string> &more) {
-        command.insert(command.end(), more.begin(), more.end());
-    };
-    if (video) {
-        add({"-f", "lavfi", "-i", "testsrc2=size=320x180:rate=25"});
-    }
-    add({"-f", "lavfi", "-i", "sine=sample_rate=48000"});
-    if (video) {
-        add({"-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", "25", "-pix_fmt", "yuv420p"});
-    }
-    add({"-c:a", "aac", "-ac", "2", "-f", "mpegts", url + "?pkt_size=1316"});
-    return command;
 }
 
 std::vector<std::string> Lines(const std::string &text) {
@@ -37,6 +22,27 @@ std::vector<std::string> Lines(const std::string &text) {
 
 bool Has(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
+}
+
+void ExpectFields(const Json &record, const Json &expected) {
+    for (const auto &[key, value] : expected.items()) {
+        EXPECT_EQ(record[key], value) << key;
+    }
+}
+
+namespace {
+
+std::vector<std::string> SendCommand(const std::string &url, bool video) {
+    const std::string picture = video ? " -f lavfi -i testsrc2=size=320x180:rate=25" : "";
+    const std::string encoder = video ? " -c:v libx264 -preset ultrafast -tune zerolatency -g 25 -pix_fmt yuv420p" : "";
+    return Words("ffmpeg -nostdin -hide_banner -loglevel error -progress pipe:1 -stats_period 0.1 -re" + picture +
+                 " -f lavfi -i sine=sample_rate=48000" + encoder + " -c:a aac -ac 2 -f mpegts " + url + "?pkt_size=1316");
+}
+
+}  // namespace
+
+Sender::Sender(const std::string &url, bool video) : Child(SendCommand(url, video)) {
+    EXPECT_TRUE(WaitWhileRunning(*this, [this] { return Has(Out(), "progress=continue"); })) << Err();
 }
 
 bool MemoryLeft(const std::string &name) {

@@ -6,16 +6,17 @@
 #include <vector>
 
 #include "child.h"
+#include "words.h"
 
 using Json = nlohmann::json;
 
 std::string UdpUrl(unsigned short port);
 
-// H.264 and AAC in real time, for as long as it lives.
-std::vector<std::string> SendCommand(const std::string &url, bool video = true);
-
 std::vector<std::string> Lines(const std::string &text);
 bool Has(const std::string &text, const std::string &part);
+
+// The record has these fields with these values, and others.
+void ExpectFields(const Json &record, const Json &expected);
 
 // Gives up at once when the child has ended, since nothing more will come of it.
 template <typename Condition>
@@ -28,6 +29,13 @@ bool WaitWhileRunning(Child &child, const Condition &condition) {
     });
     return met;
 }
+
+// H.264 and AAC in real time, for as long as it lives. It is under way when it has been made: a source that waits for it meanwhile could
+// take it for silent.
+class Sender : public Child {
+  public:
+    explicit Sender(const std::string &url, bool video = true);
+};
 
 // The buffer or its second file, whose name goes on behind a "+".
 bool MemoryLeft(const std::string &name);

@@ -7,11 +7,11 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include "../../free_port.h"
 
 namespace peers {
 namespace {
@@ -22,34 +22,6 @@ sockaddr_in Loopback(uint16_t port) {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
-}
-
-uint16_t PortOfTheKernel(int type) {
-    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
-    sockaddr_in address = Loopback(0);
-    socklen_t size = sizeof address;
-    const bool known = fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), size) == 0 &&
-                       getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0;
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (!known) {
-        throw std::runtime_error("the kernel gives no port");
-    }
-    return ntohs(address.sin_port);
-}
-
-// Never the same twice: the kernel may give a port again that has been asked for and is not in use yet.
-uint16_t FreePort(int type) {
-    static std::mutex mutex;
-    static std::set<uint16_t> given;
-    const std::lock_guard<std::mutex> lock(mutex);
-    for (;;) {
-        const uint16_t port = PortOfTheKernel(type);
-        if (given.insert(port).second) {
-            return port;
-        }
-    }
 }
 
 bool InTable(const char *path, uint16_t port) {
@@ -72,11 +44,11 @@ bool InTable(const char *path, uint16_t port) {
 }  // namespace
 
 uint16_t FreeTcpPort() {
-    return FreePort(SOCK_STREAM);
+    return free_port::Take(SOCK_STREAM);
 }
 
 uint16_t FreeUdpPort() {
-    return FreePort(SOCK_DGRAM);
+    return free_port::Take(SOCK_DGRAM);
 }
 
 int ListenOnLoopback(uint16_t &port) {

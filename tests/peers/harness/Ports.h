@@ -1,4 +1,4 @@
-// Loopback ports chosen by the kernel, and whether somebody has taken them.
+// Free loopback ports, and whether somebody has taken them.
 #pragma once
 
 #include <cstdint>

@@ -15,6 +15,16 @@ SrtOptions Listener() {
     return options;
 }
 
+// How often a listener has refused a caller, as libsrt logs it.
+size_t Refusals(const Process &listener) {
+    const std::string log = listener.Output();
+    size_t refusals = 0;
+    for (size_t at = log.find("rsp(REJECT)"); at != std::string::npos; at = log.find("rsp(REJECT)", at + 1)) {
+        ++refusals;
+    }
+    return refusals;
+}
+
 class SrtScene : public Scene {
   public:
     std::string At(const std::string &host, const std::string &query = "") const {
@@ -99,7 +109,10 @@ TEST_F(Srt, RefusedCallerGetsNothing) {
     };
     const RefusedRow rows[] = {
         {"wrong_passphrase", "quite another secret", 16}, {"no_passphrase", "", 16}, {"passphrase_without_length", kSecret, 0}};
-    SideBySide(rows, [](const RefusedRow &row) {
+    // One after the other, and only until the listener has refused it some times. srtsrc calls again at once, 65 times a second, and
+    // libsrt 1.5.1 now and then uses a refused socket after its end: then no socket of the process can be opened or closed any more.
+    for (const RefusedRow &row : rows) {
+        SCOPED_TRACE(row.name);
         const Material &material = GetMaterial("h264_aac");
         SrtScene scene;
         const auto listener =
@@ -110,7 +123,8 @@ TEST_F(Srt, RefusedCallerGetsNothing) {
         {
             Host host(kSrt);
             ASSERT_TRUE(host.Open(scene.At("127.0.0.1"), options));
-            EXPECT_TRUE(HoldsFor([&] { return host.Count(SHB_VIDEO) + host.Count(SHB_AUDIO) == 0; }, seconds(3)));
+            EXPECT_TRUE(WaitFor([&] { return Refusals(*listener) >= 20; }));
+            EXPECT_EQ(host.Count(SHB_VIDEO) + host.Count(SHB_AUDIO), 0U);
             EXPECT_NE(host.State(), "connected");
             EXPECT_TRUE(listener->Running()) << "the listener took the caller";
         }
@@ -120,7 +134,7 @@ TEST_F(Srt, RefusedCallerGetsNothing) {
         Host host(kSrt);
         ASSERT_TRUE(host.Open(scene.At("127.0.0.1"), options));
         ExpectPlays(host, material, seconds(1));
-    });
+    }
 }
 
 TEST_F(Srt, CallerPlaysFromLiveTransmit) {

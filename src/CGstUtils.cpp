@@ -3,6 +3,7 @@
 #include "Logger.h"
 
 #include <fcntl.h>
+#include <gst/base/gstbasesrc.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -377,6 +378,15 @@ void WakeJitterBuffers(GstElement *pipeline) {
         },
         nullptr);
     gst_iterator_free(buffers);
+}
+
+void UnlockSource(GstElement *source) {
+    if (source == nullptr || !GST_IS_BASE_SRC(source)) {
+        return;
+    }
+    if (const auto unlock = GST_BASE_SRC_GET_CLASS(source)->unlock; unlock != nullptr) {
+        unlock(GST_BASE_SRC(source));
+    }
 }
 
 StopPatience::StopPatience(std::chrono::milliseconds patience, std::function<void()> help) {

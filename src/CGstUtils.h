@@ -107,6 +107,10 @@ bool EndSocketWait(pid_t thread);
 // on a thread that may wait for them.
 void WakeJitterBuffers(GstElement *pipeline);
 
+// Tells a source element of the framework's base class once more to leave what it waits for, as its stop does. Any thread, while
+// `source` is being stopped; other elements are left alone.
+void UnlockSource(GstElement *source);
+
 // For the time of a stop that may not end by itself: once `patience` is over, `help` is called again and again until this goes, on a
 // thread of its own.
 class StopPatience {

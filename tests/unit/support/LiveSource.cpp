@@ -29,6 +29,7 @@ GObjectClass *g_parentClass = nullptr;
 std::mutex g_scriptMutex;
 ReadScript g_script;
 std::atomic<bool> g_stoppedAmidRead{false};
+std::atomic<int> g_stopsGiven{0};
 
 State &StateOf(gpointer object) {
     return *static_cast<LiveSource *>(object)->state;
@@ -44,6 +45,7 @@ gboolean Start(GstBaseSrc *self) {
 
 gboolean Unlock(GstBaseSrc *self) {
     State &state = StateOf(self);
+    ++g_stopsGiven;
     // A live source is unlocked twice: on the way to PAUSED, and on the way to READY, when the read may be over.
     if (state.reading) {
         g_stoppedAmidRead = true;
@@ -82,8 +84,13 @@ void InitClass(gpointer klass, gpointer) {
         g_parentClass->finalize(self);
     };
     const auto flags = static_cast<GParamFlags>(G_PARAM_WRITABLE | G_PARAM_STATIC_STRINGS);
-    g_object_class_install_property(object, 1, g_param_spec_string("location", nullptr, nullptr, nullptr, flags));
-    g_object_class_install_property(object, 2, g_param_spec_int("timeout", nullptr, nullptr, G_MININT, G_MAXINT, 0, flags));
+    guint id = 0;
+    for (const char *name : {"location", "uri"}) {
+        g_object_class_install_property(object, ++id, g_param_spec_string(name, nullptr, nullptr, nullptr, flags));
+    }
+    for (const char *name : {"timeout", "latency", "mode"}) {
+        g_object_class_install_property(object, ++id, g_param_spec_int(name, nullptr, nullptr, G_MININT, G_MAXINT, 0, flags));
+    }
     GstBaseSrcClass *source = GST_BASE_SRC_CLASS(klass);
     source->start = Start;
     source->unlock = Unlock;
@@ -118,6 +125,11 @@ void SetReadScript(ReadScript script) {
     const std::lock_guard<std::mutex> lock(g_scriptMutex);
     g_script = std::move(script);
     g_stoppedAmidRead = false;
+    g_stopsGiven = 0;
+}
+
+int StopsGiven() {
+    return g_stopsGiven;
 }
 
 bool StoppedAmidRead() {

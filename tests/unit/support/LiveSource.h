@@ -19,6 +19,9 @@ void RegisterLiveSource();
 using ReadScript = std::function<bool(const std::atomic<bool> &stop)>;
 void SetReadScript(ReadScript script);
 
+// How often a stop, or what helps one, has told the streaming thread to leave the script.
+int StopsGiven();
+
 // Whether the last stop found the streaming thread amid the script.
 bool StoppedAmidRead();
 

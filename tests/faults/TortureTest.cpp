@@ -161,8 +161,9 @@ void Torture::ExpectTold(const FrameworkCall &call, const std::string &url, cons
         expected = IsHls() || Row().type == SOURCE_TYPE_UDP ||
                    one_of({Row().Tag() + " Set the pipeline to the GST_STATE_NULL failure!!! URL="});
     } else if (function == "std::thread") {
-        // RTSP has its stops watched, and does without.
-        const bool watch = Row().type == SOURCE_TYPE_RTSP && std::any_of(lines.begin(), lines.end(), [](const Line &line) {
+        // RTSP and SRT have their stops watched, and do without.
+        const bool watched = Row().type == SOURCE_TYPE_RTSP || Row().type == SOURCE_TYPE_SRT;
+        const bool watch = watched && std::any_of(lines.begin(), lines.end(), [](const Line &line) {
                                return line.level == "WARN" && StartsWith(line.message, "[GSTREAMER] Unable to watch a stop");
                            });
         expected = watch || told([&](const std::string &message) {

@@ -578,6 +578,17 @@ TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
 
 // ---- Patience with a stop ---------------------------------------------------------------------------------------------------
 
+TEST(UnlockSource, WhatHasNothingToUnlockIsLeftAlone) {
+    GSTREAMER::UnlockSource(nullptr);
+    // An element that is no source, and a source that never waits.
+    for (const char *factory : {"fakesink", "fakesrc"}) {
+        GstElement *const element = GSTREAMER::MakeElement(factory, "element");
+        ASSERT_NE(nullptr, element) << factory;
+        GSTREAMER::UnlockSource(element);
+        gst_object_unref(element);
+    }
+}
+
 TEST(Patience, HelpsAgainAndAgainWhatTakesLonger) {
     const Watchdog watchdog("help with a stop");
     std::atomic<int> helped{0};

@@ -66,7 +66,8 @@ coverage_checks() {
     find "$root/build/coverage" -name '*.gcda' -delete
     # The tracer's runs of the same programs take no branch more.
     run coverage --suite unit --suite faults --no-suite leaks
-    # What rtmp2src leaves behind and the segment requests of hlsdemux take servers, and a source without threads a program of its own.
+    # What rtmp2src leaves behind and the segment requests of hlsdemux take servers, and a source without threads takes a program of
+    # its own.
     run coverage registry hls rtmp exhaustion
     note 'counting ...'
     quietly gcovr "${coverage_options[@]}" --json "$counts" "$root/build/coverage" || fail 'gcovr could not count'

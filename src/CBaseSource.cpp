@@ -1,5 +1,9 @@
 #include "CBaseSource.h"
 
+#include "CGstUtils.h"
+#include "CodecTables.h"
+#include "framework/Caps.h"
+#include "framework/Resources.h"
 #include "Logger.h"
 
 #include <sys/prctl.h>
@@ -7,6 +11,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 
 namespace Tessaro {
 
@@ -423,11 +428,8 @@ void CBaseSource::_SetStatusStopped() {
 
 int CBaseSource::_PollBus() {
     const GSTREAMER::MessagePtr message(gst_bus_timed_pop(m_pBus, kBusWait));
-    if (!message) {
-        return BUS_MSG_NONE;
-    }
-    _NoteMessage(message.get());
-    return DoBusMessage(message.get());
+    m_workarounds.AfterPoll(message.get());
+    return message ? DoBusMessage(message.get()) : BUS_MSG_NONE;
 }
 
 bool CBaseSource::_AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again) {
@@ -472,6 +474,7 @@ void CBaseSource::_ReleasePipeline() {
     m_nRun = 0;
     g_clear_pointer(&m_pPipeline, gst_object_unref);
     g_clear_pointer(&m_pBus, gst_object_unref);
+    m_workarounds.Clear();
 }
 
 // ---- Branches ---------------------------------------------------------------------------------------------------------------
@@ -511,20 +514,63 @@ CBaseSource::PadMedia CBaseSource::_ClassifyTsPad(const GstStructure *structure)
     return {PadMedia::Kind::None, nullptr};
 }
 
-GstElement *CBaseSource::_MakeBranchQueue(const char *name) {
-    GstElement *queue = GSTREAMER::MakeElement("queue", name);
+GSTREAMER::CapsPtr CBaseSource::_InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const {
+    LOG_INFO(tag << " " << element << " A new " << GSTREAMER::PadName(pad) << " pad added handler. url=" << m_strURL);
+    GSTREAMER::CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) {
+        LOG_ERR(tag << " Unable to get " << element << " current caps by source pad!!!" << url_label << m_strURL);
+        return nullptr;
+    }
+    GSTREAMER::PrintCaps(caps.get());
+    if (GSTREAMER::FirstStructure(caps.get()) == nullptr) {
+        LOG_ERR(tag << " Unable to get " << element << " current structure by caps!!!" << url_label << m_strURL);
+        return nullptr;
+    }
+    return caps;
+}
+
+bool CBaseSource::_TakesPad(const char *tag, Medium medium, const char *encode) {
+    const bool video = medium == Medium::Video;
+    const std::string taken = (video ? m_strVideoEncode : m_strAudioEncode).Get();
+    if (taken.empty()) {
+        return true;
+    }
+    if (taken != encode) {
+        LOG_WARN(tag << (video ? " Video" : " Audio") << " media data chanage !!!  new encode= " << encode
+                     << ", url=" << m_strURL);
+        m_bMediaChanged = true;
+    } else {
+        LOG_WARN(tag << " Multiple " << (video ? "video" : "audio") << " media data ???  url=" << m_strURL);
+    }
+    return false;
+}
+
+GSTREAMER::ElementRef CBaseSource::_MakeBranchQueue(const char *name) {
+    GSTREAMER::ElementRef queue = GSTREAMER::MakeElement("queue", name);
     if (queue != nullptr) {
         g_object_set(queue, "max-size-time", GetMaxSizeTime(m_nCaching), nullptr);
     }
     return queue;
 }
 
-void CBaseSource::_SetSinkTarget(GstElement *sink, int media, bool sync) {
-    if (sink == nullptr) {
-        return;
+GSTREAMER::ElementRef CBaseSource::_MakeVideoSink() {
+    GSTREAMER::ElementRef sink = GSTREAMER::MakeElement("shbsink", "h26xshbsink");
+    if (sink != nullptr) {
+        g_object_set(sink, "share-buffer", m_pShareBuffer, "media", kMediaH264, "channel", m_nChannel, "stream", m_nStream,
+                     "async", FALSE, "sync", TRUE, nullptr);
     }
-    g_object_set(sink, "share-buffer", m_pShareBuffer, "media", media, "channel", m_nChannel, "stream", m_nStream, "async",
-                 FALSE, "sync", sync ? TRUE : FALSE, nullptr);
+    _ConnectVideoSink(sink);
+    return sink;
+}
+
+GSTREAMER::ElementRef CBaseSource::_MakeAudioSink() {
+    GSTREAMER::ElementRef sink = GSTREAMER::MakeElement("shbsink", "audioshbsink");
+    if (sink != nullptr) {
+        g_object_set(sink, "share-buffer", m_pShareBuffer, "media", kMediaAudioProvisional, "channel", m_nChannel, "stream",
+                     m_nStream, "async", FALSE, "sync", FALSE, nullptr);
+    }
+    _ConnectAudioSink(sink);
+    return sink;
 }
 
 void CBaseSource::_SetSinkMedia(GstElement *sink, int media) {
@@ -551,12 +597,17 @@ void CBaseSource::_ConnectAudioSink(GstElement *sink) {
     g_signal_connect(sink, "media-real-fps", G_CALLBACK(shbsink_audio_fps_handler), this);
 }
 
-void CBaseSource::_RemoveManyElements(std::initializer_list<GstElement *> elements) {
-    for (GstElement *element : elements) {
-        if (element != nullptr) {
-            gst_object_unref(element);
-        }
+void CBaseSource::_RemoveManyElements(std::initializer_list<GSTREAMER::ElementRef *> elements) {
+    for (GSTREAMER::ElementRef *element : elements) {
+        element->Reset();
     }
+}
+
+GSTREAMER::Chain CBaseSource::_ChainOf(GSTREAMER::Chain front, const GSTREAMER::Chain &middle, GstElement *sink) {
+    std::copy_if(middle.begin(), middle.end(), std::back_inserter(front),
+                 [](GstElement *element) { return element != nullptr; });
+    front.push_back(sink);
+    return front;
 }
 
 }  // namespace Tessaro

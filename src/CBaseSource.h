@@ -6,11 +6,13 @@
 // builds or tears down, and streaming threads exist only between play and stop.
 #pragma once
 
-#include "CGstUtils.h"
+#include "framework/Elements.h"
 #include "gst_source_api.h"
+#include "workarounds/Workaround.h"
 
 #include <atomic>
 #include <cstddef>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -108,8 +110,6 @@ class CBaseSource {
     void _SetStatusStopped();
     // Waits up to 100 ms for one bus message of any type and classifies it.
     int _PollBus();
-    // Sees each message that was polled, before it is classified. Worker.
-    virtual void _NoteMessage(GstMessage * /*message*/) {}
     // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
     gint64 _LastReport() const { return m_nLastReport; }
     // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for what a pipeline opens, or threads for
@@ -134,22 +134,32 @@ class CBaseSource {
     // "audio/mpeg" by its mpegversion, taken as 4 when absent: 1 is "MP3", everything else "AAC".
     static const char *_MpegAudioEncode(const GstStructure *structure);
 
+    enum class Medium { Video, Audio };
+    // Caps of a new pad, which have a structure, with the lines that every pad handler writes. `element` is what exposed the pad, by the name that the lines
+    // give it; `url_label` is what stands before the URL in the lines of a failure. Null when there is nothing to look into.
+    GSTREAMER::CapsPtr _InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const;
+    // Whether a pad gets a branch: the first of its medium does. Another encoding than that one's raises the media-changed flag.
+    bool _TakesPad(const char *tag, Medium medium, const char *encode);
+
     // Queue of a branch with its limit, null when it cannot be made.
-    GstElement *_MakeBranchQueue(const char *name);
-    // Target, media kind and clock behaviour of a sink, in the order of the four demultiplexing classes. Nothing without a
-    // sink.
-    void _SetSinkTarget(GstElement *sink, int media, bool sync);
+    GSTREAMER::ElementRef _MakeBranchQueue(const char *name);
+    // Sinks of the four demultiplexing classes, with target, media kind, clock behaviour and signals. Null when they cannot be made.
+    GSTREAMER::ElementRef _MakeVideoSink();
+    GSTREAMER::ElementRef _MakeAudioSink();
     static void _SetSinkMedia(GstElement *sink, int media);
     void _ConnectVideoSink(GstElement *sink);
     void _ConnectAudioSink(GstElement *sink);
-    // Drops one reference of each element that is not null, for elements that were never added to the pipeline. The caller
-    // nulls its fields.
-    static void _RemoveManyElements(std::initializer_list<GstElement *> elements);
+    // Drops the references of elements that were never added to the pipeline.
+    static void _RemoveManyElements(std::initializer_list<GSTREAMER::ElementRef *> elements);
+
+    // The branch in the pipeline's order: `front`, those of `middle` that there are, `sink`.
+    static GSTREAMER::Chain _ChainOf(GSTREAMER::Chain front, const GSTREAMER::Chain &middle, GstElement *sink);
 
     // GstState of the pipeline, and 0 after a failed play, a failed link or (RTSP) a bus error. Worker, host, streaming.
     std::atomic<int> m_nPipelineState{GST_STATE_NULL};
     GstBus *m_pBus = nullptr;                  // owned; host before the worker runs and after it has ended, else worker
     GstElement *m_pPipeline = nullptr;         // owned; as m_pBus, and read by streaming threads, which a stop ends first
+    GSTREAMER::Workarounds m_workarounds;      // of that pipeline; as m_pBus
     bool m_bElementsCreated = false;           // as m_pBus
     std::atomic<bool> m_bMediaChanged{false};  // set by streaming threads, taken by the worker
     std::string m_strURL;                      // written by open before the worker exists

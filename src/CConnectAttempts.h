@@ -9,7 +9,7 @@
 // until the connection stands or was refused. Seen with GStreamer 1.22 and GLib 2.74.
 #pragma once
 
-#include "CGstUtils.h"
+#include "framework/Ownership.h"
 
 #include <memory>
 #include <string>

@@ -1,6 +1,8 @@
 #include "CHLSSource.h"
 
 #include "CodecTables.h"
+#include "framework/Caps.h"
+#include "framework/Properties.h"
 #include "Logger.h"
 
 #include <cstdio>
@@ -50,7 +52,7 @@ CHLSSource::~CHLSSource() {
     CHLSSource::CloseLiveStream();
 }
 
-std::array<GstElement **, 11> CHLSSource::_ElementFields() {
+std::array<ElementRef *, 11> CHLSSource::_ElementFields() {
     return {&m_pSoupSrc,    &m_pHlsDemux,        &m_pTsDemux,         &m_pVideoQueue, &m_pAudioQueue, &m_pVideoParse,
             &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -170,8 +172,8 @@ bool CHLSSource::_PipelineStop() {
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
     }
-    for (GstElement **field : _ElementFields()) {
-        ReleaseElement(*field);
+    for (ElementRef *field : _ElementFields()) {
+        field->Reset();
     }
     m_strHlsMediaType.Clear();
     m_strVideoEncode.Clear();
@@ -187,8 +189,8 @@ void CHLSSource::_DestroyGstElements() {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
     }
     // Before the pipeline goes: what sits in it goes with it.
-    for (GstElement **field : _ElementFields()) {
-        ReleaseElement(*field);
+    for (ElementRef *field : _ElementFields()) {
+        field->Reset();
     }
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -238,12 +240,14 @@ bool CHLSSource::_CreateGstElements() {
     }
     m_pSoupSrc = MakeElement("souphttpsrc", "Souphttpsrc");
     if (m_pSoupSrc != nullptr) {
-        g_object_set(m_pSoupSrc, "location", m_strURL.c_str(), "timeout", m_nTimeout, "is-live", m_bIsLive ? TRUE : FALSE,
-                     "retries", m_nRetries, nullptr);
+        g_object_set(m_pSoupSrc, "location", m_strURL.c_str(), nullptr);
+        SetNumber(m_pSoupSrc, "timeout", m_nTimeout);
+        g_object_set(m_pSoupSrc, "is-live", m_bIsLive ? TRUE : FALSE, nullptr);
+        SetNumber(m_pSoupSrc, "retries", m_nRetries);
         _SetRequestOptions(m_pSoupSrc);
     }
     // It opens descriptors as it is made, and cannot say that there are none.
-    m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : nullptr;
+    m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : ElementRef();
     if (m_pHlsDemux != nullptr) {
         g_signal_connect(m_pHlsDemux, "pad-added", G_CALLBACK(hls_pad_added_handler), this);
     }
@@ -314,7 +318,7 @@ void CHLSSource::_OpenReloadSession() {
         return;  // the playlist's own source shares its session, or has nowhere to go
     }
     m_reloadSession.Open(m_pPipeline, m_strURL.c_str(), [this](GstElement *source) {
-        g_object_set(source, "timeout", m_nTimeout, nullptr);
+        SetNumber(source, "timeout", m_nTimeout);
         _SetRequestOptions(source);
     });
     // A variant playlist or a key may be asked for right behind the playlist, so the credentials have to be in place first.
@@ -332,7 +336,8 @@ void CHLSSource::deep_element_added_handler(GstBin * /*pipeline*/, GstBin * /*bi
         return;
     }
     // hlsdemux makes a source of its own for the segments and gives it none of the options.
-    g_object_set(element, "timeout", self->m_nTimeout, "retries", self->m_nRetries, nullptr);
+    SetNumber(element, "timeout", self->m_nTimeout);
+    SetNumber(element, "retries", self->m_nRetries);
     self->_SetRequestOptions(element);
     // An HTTP session of its own: a segment source that shares the session of the playlist reloads dead-locks hlsdemux when a
     // segment fails during a reload. The session thread then posts the segment's error, which waits for hlsdemux's lock, which
@@ -362,18 +367,11 @@ void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gp
         return;
     }
     auto *self = static_cast<CHLSSource *>(user_data);
-    LOG_INFO(kTag << " hlsdeumx A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
-    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    const CapsPtr caps = self->_InspectPad(kTag, "hlsdeumx", " url=", pad);
     if (!caps) {
-        LOG_ERR(kTag << " Unable to get hlsdeumx current caps by source pad!!! url=" << self->GetURL());
         return;
     }
-    PrintCaps(caps.get());
     const GstStructure *structure = FirstStructure(caps.get());
-    if (structure == nullptr) {
-        LOG_ERR(kTag << " Unable to get hlsdeumx current structure by caps!!! url=" << self->GetURL());
-        return;
-    }
     const std::string name = gst_structure_get_name(structure);
     if (name != kTransportStream) {
         LOG_ERR(kTag << " Unable support hlsdeumx current meida structure!!! url=" << self->GetURL());
@@ -391,7 +389,7 @@ void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gp
 void CHLSSource::_AddTsDemux(GstPad *pad) {
     m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
     if (m_pTsDemux != nullptr) {
-        g_object_set(m_pTsDemux, "latency", m_nCaching != 0 ? static_cast<gint>(m_nTsLatency) : 0, nullptr);
+        SetNumber(m_pTsDemux, "latency", m_nCaching != 0 ? m_nTsLatency : 0);
         g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
     }
     AddMany(m_pPipeline, {m_pTsDemux});
@@ -413,18 +411,11 @@ void CHLSSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer us
         return;
     }
     auto *self = static_cast<CHLSSource *>(user_data);
-    LOG_INFO(kTag << " tsdeumx A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
-    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    const CapsPtr caps = self->_InspectPad(kTag, "tsdeumx", " url=", pad);
     if (!caps) {
-        LOG_ERR(kTag << " Unable to get tsdeumx current caps by source pad!!! url=" << self->GetURL());
         return;
     }
-    PrintCaps(caps.get());
     const GstStructure *structure = FirstStructure(caps.get());
-    if (structure == nullptr) {
-        LOG_ERR(kTag << " Unable to get tsdeumx current structure by caps!!! url=" << self->GetURL());
-        return;
-    }
     const PadMedia media = _ClassifyTsPad(structure);
     if (media.kind == PadMedia::Kind::Video) {
         self->_CreateVideoStream(element, pad, media.encode);
@@ -436,55 +427,38 @@ void CHLSSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer us
 // ---- Branches ---------------------------------------------------------------------------------------------------------------
 
 bool CHLSSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
-    const std::string current = m_strVideoEncode.Get();
-    if (!current.empty() && current != encode) {
-        LOG_WARN(kTag << " Video media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
-        m_bMediaChanged = true;
+    if (!_TakesPad(kTag, Medium::Video, encode)) {
         return true;
     }
-    if (!current.empty()) {
-        LOG_WARN(kTag << " Multiple video media data ???  url=" << GetURL());
-        return true;
-    }
-
     m_pVideoQueue = _MakeBranchQueue("vqueue");
-    m_pVideoSink = MakeElement("shbsink", "h26xshbsink");
-    _SetSinkTarget(m_pVideoSink, kMediaH264, true);
-    _ConnectVideoSink(m_pVideoSink);
-    if (std::string("H264") == encode) {
-        m_pVideoParse = MakeVideoParser("h264parse", "H264parse");
-        m_pVideoCapsFilter = MakeCapsFilter("H264capsfilter", kH264Caps);
-        _SetSinkMedia(m_pVideoSink, kMediaH264);
-    } else if (std::string("H265") == encode) {
-        m_pVideoParse = MakeVideoParser("h265parse", "H265parse");
-        m_pVideoCapsFilter = MakeCapsFilter("H265capsfilter", kH265Caps);
-        _SetSinkMedia(m_pVideoSink, kMediaH265);
+    m_pVideoSink = _MakeVideoSink();
+    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
+        m_pVideoParse = MakeVideoParser(codec->parser, codec->parserName);
+        m_pVideoCapsFilter = MakeCapsFilter(codec->filterName, codec->caps);
+        _SetSinkMedia(m_pVideoSink, codec->media);
     }
     // Recorded before the check: a failed branch counts as this run's video.
     m_strVideoEncode.Set(encode);
-    if (m_pVideoQueue == nullptr || m_pVideoParse == nullptr || m_pVideoCapsFilter == nullptr || m_pVideoSink == nullptr) {
+    const Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
+    if (!IsComplete(chain)) {
         LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
-        _RemoveManyElements({m_pVideoParse, m_pVideoCapsFilter, m_pVideoQueue, m_pVideoSink});
-        m_pVideoParse = m_pVideoCapsFilter = m_pVideoQueue = m_pVideoSink = nullptr;
+        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
         return false;
     }
 
-    AddMany(m_pPipeline, {m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink});
-    SyncState(m_pVideoQueue);
-    SyncState(m_pVideoParse);
-    SyncState(m_pVideoCapsFilter);
-    SyncState(m_pVideoSink);
-    switch (LinkToSinkPad(pad, m_pVideoQueue)) {
-        case PadLink::Failed:
-            LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
-            return false;
-        case PadLink::Done:
-            LOG_INFO(kTag << " tsdemux src_pad link h26xqueue sink_pad  OK.... url=" << GetURL());
-            break;
-        case PadLink::TakenAlready:
-            break;
+    AddMany(m_pPipeline, chain);
+    for (GstElement *element : chain) {
+        SyncState(element);
     }
-    if (!LinkMany({m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink})) {
+    const PadLink link = LinkToSinkPad(pad, chain.front());
+    if (link == PadLink::Failed) {
+        LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
+        return false;
+    }
+    if (link == PadLink::Done) {
+        LOG_INFO(kTag << " tsdemux src_pad link h26xqueue sink_pad  OK.... url=" << GetURL());
+    }
+    if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Video element link many faild !!! url=" << GetURL());
         m_nPipelineState = 0;
         return false;
@@ -493,26 +467,15 @@ bool CHLSSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const c
 }
 
 bool CHLSSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
-    const std::string current = m_strAudioEncode.Get();
-    if (!current.empty() && current != encode) {
-        LOG_WARN(kTag << " Audio media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
-        m_bMediaChanged = true;
+    if (!_TakesPad(kTag, Medium::Audio, encode)) {
         return true;
     }
-    if (!current.empty()) {
-        LOG_WARN(kTag << " Multiple audio media data ???  url=" << GetURL());
-        return true;
-    }
-
     m_pAudioQueue = _MakeBranchQueue("aqueue");
-    m_pAudioSink = MakeElement("shbsink", "audioshbsink");
-    _SetSinkTarget(m_pAudioSink, kMediaAudioProvisional, false);
-    _ConnectAudioSink(m_pAudioSink);
+    m_pAudioSink = _MakeAudioSink();
     const std::string parser = Lookup(g_mapAudioParseElements, encode);
     if (parser.empty()) {
         LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
-        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
-        m_pAudioQueue = m_pAudioSink = nullptr;
+        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
         return false;
     }
     LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
@@ -522,38 +485,28 @@ bool CHLSSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const c
     m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
     if (m_pAudioParse == nullptr) {
         LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
-        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
-        m_pAudioQueue = m_pAudioSink = nullptr;
+        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
         return false;
     }
     if (IsAac(encode)) {
         m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
     }
 
-    const bool filtered = m_pAudioCapsFilter != nullptr;
-    if (filtered) {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
-    } else {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    const Chain chain = _ChainOf({m_pAudioQueue, m_pAudioParse}, {m_pAudioCapsFilter}, m_pAudioSink);
+    AddMany(m_pPipeline, chain);
+    for (GstElement *element : chain) {
+        SyncState(element);
     }
-    SyncState(m_pAudioQueue);
-    SyncState(m_pAudioParse);
-    SyncState(m_pAudioCapsFilter);
-    SyncState(m_pAudioSink);
-    switch (LinkToSinkPad(pad, m_pAudioQueue)) {
-        case PadLink::Failed:
-            LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
-            m_nPipelineState = 0;
-            return false;
-        case PadLink::Done:
-            LOG_INFO(kTag << "[INFO] tsdemux src_pad link audioqueue sink_pad  ok !!!  url=" << GetURL());
-            break;
-        case PadLink::TakenAlready:
-            break;
+    const PadLink link = LinkToSinkPad(pad, m_pAudioQueue);
+    if (link == PadLink::Failed) {
+        LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
     }
-    const bool linked = filtered ? LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink})
-                                 : LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioSink});
-    if (!linked) {
+    if (link == PadLink::Done) {
+        LOG_INFO(kTag << "[INFO] tsdemux src_pad link audioqueue sink_pad  ok !!!  url=" << GetURL());
+    }
+    if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Audio element link many faild !!! url=" << GetURL());
         m_nPipelineState = 0;
         return false;

@@ -1,5 +1,10 @@
 #include "CHttpSession.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <thread>
+
 namespace GSTREAMER {
 
 namespace {
@@ -86,7 +91,10 @@ Requests CountRequests(GstElement *pipeline, GstElement *own) {
 
 void CHttpSession::Open(GstElement *pipeline, const char *location, std::function<void(GstElement *)> configure) {
     Close();
-    m_pSource = TryMakeElement("souphttpsrc", "HttpSession");
+    m_pSource = gst_element_factory_make("souphttpsrc", "HttpSession");
+    if (m_pSource != nullptr) {
+        gst_object_ref_sink(m_pSource);
+    }
     m_pBus = m_pSource != nullptr ? gst_bus_new() : nullptr;
     if (m_pBus == nullptr) {
         g_clear_pointer(&m_pSource, gst_object_unref);

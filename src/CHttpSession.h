@@ -7,7 +7,7 @@
 // instead. The user agent is the requesting source's own affair and out of reach.
 #pragma once
 
-#include "CGstUtils.h"
+#include "framework/Ownership.h"
 
 #include <functional>
 #include <mutex>

@@ -1,7 +1,11 @@
 #include "CRtmpSource.h"
 
 #include "CodecTables.h"
+#include "framework/Caps.h"
+#include "framework/Properties.h"
 #include "Logger.h"
+#include "workarounds/HeldSource.h"
+#include "workarounds/SocketWait.h"
 
 #include <gio/gio.h>
 #include <unistd.h>
@@ -40,7 +44,7 @@ CRtmpSource::~CRtmpSource() {
     CRtmpSource::CloseLiveStream();
 }
 
-std::array<GstElement **, 10> CRtmpSource::_ElementFields() {
+std::array<ElementRef *, 10> CRtmpSource::_ElementFields() {
     return {&m_pRtmpSrc,    &m_pFlvDemux,        &m_pVideoQueue,      &m_pAudioQueue, &m_pVideoParse,
             &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -192,8 +196,8 @@ bool CRtmpSource::_PipelineStop() {
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
     }
-    for (GstElement **field : _ElementFields()) {
-        ReleaseElement(*field);
+    for (ElementRef *field : _ElementFields()) {
+        field->Reset();
     }
     m_strVideoEncode.Clear();
     m_strAudioEncode.Clear();
@@ -203,8 +207,8 @@ bool CRtmpSource::_PipelineStop() {
 
 void CRtmpSource::_DestroyGstElements() {
     // Before the pipeline goes: what sits in it goes with it.
-    for (GstElement **field : _ElementFields()) {
-        ReleaseElement(*field);
+    for (ElementRef *field : _ElementFields()) {
+        field->Reset();
     }
     _ReleasePipeline();
     if (m_pAttempts && !m_pAttempts->Sweep()) {
@@ -251,7 +255,8 @@ bool CRtmpSource::_CreateGstElements() {
         if (pad) {
             gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, source_event_probe, this, nullptr);
         }
-        g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), "timeout", static_cast<gint>(m_nConTimeout), nullptr);
+        g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
+        SetNumber(m_pRtmpSrc, "timeout", m_nConTimeout);
     } else if (m_pRtmpSrc != nullptr) {
         // The location first: setting it wipes the credentials of rtmp2src.
         g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
@@ -263,7 +268,8 @@ bool CRtmpSource::_CreateGstElements() {
         if (!m_strToken.empty()) {
             g_object_set(m_pRtmpSrc, "secure-token", m_strToken.c_str(), nullptr);
         }
-        g_object_set(m_pRtmpSrc, "timeout", m_nConTimeout, "idle-timeout", m_nIdleTimeout, nullptr);
+        SetNumber(m_pRtmpSrc, "timeout", m_nConTimeout);
+        SetNumber(m_pRtmpSrc, "idle-timeout", m_nIdleTimeout);
     }
     m_pFlvDemux = MakeElement("flvdemux", "Flvdemux");
     if (m_pFlvDemux != nullptr) {
@@ -309,18 +315,11 @@ void CRtmpSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer u
         return;
     }
     auto *self = static_cast<CRtmpSource *>(user_data);
-    LOG_INFO(kTag << " flvdemux A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
-    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    const CapsPtr caps = self->_InspectPad(kTag, "flvdemux", " url=", pad);
     if (!caps) {
-        LOG_ERR(kTag << " Unable to get flvdemux current caps by source pad!!! url=" << self->GetURL());
         return;
     }
-    PrintCaps(caps.get());
     const GstStructure *structure = FirstStructure(caps.get());
-    if (structure == nullptr) {
-        LOG_ERR(kTag << " Unable to get flvdemux current structure by caps!!! url=" << self->GetURL());
-        return;
-    }
     const PadMedia media = _ClassifyFlvPad(structure);
     if (media.kind == PadMedia::Kind::Video) {
         self->_CreateVideoStream(element, pad, media.encode);
@@ -332,56 +331,39 @@ void CRtmpSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer u
 // ---- Branches ---------------------------------------------------------------------------------------------------------------
 
 bool CRtmpSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
-    const std::string current = m_strVideoEncode.Get();
-    if (!current.empty() && current != encode) {
-        LOG_WARN(kTag << " Video media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
-        m_bMediaChanged = true;
+    if (!_TakesPad(kTag, Medium::Video, encode)) {
         return true;
     }
-    if (!current.empty()) {
-        LOG_WARN(kTag << " Multiple video media data ???  url=" << GetURL());
-        return true;
-    }
-
     m_pVideoQueue = _MakeBranchQueue("vqueue");
-    m_pVideoSink = MakeElement("shbsink", "h26xshbsink");
-    _SetSinkTarget(m_pVideoSink, kMediaH264, true);
-    _ConnectVideoSink(m_pVideoSink);
-    if (std::string("H264") == encode) {
-        m_pVideoParse = MakeVideoParser("h264parse", "H264parse");
-        m_pVideoCapsFilter = MakeCapsFilter("H264capsfilter", kH264Caps);
-        _SetSinkMedia(m_pVideoSink, kMediaH264);
-    } else if (std::string("H265") == encode) {
-        m_pVideoParse = MakeVideoParser("h265parse", "H265parse");
-        m_pVideoCapsFilter = MakeCapsFilter("H265capsfilter", kH265Caps);
-        _SetSinkMedia(m_pVideoSink, kMediaH265);
+    m_pVideoSink = _MakeVideoSink();
+    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
+        m_pVideoParse = MakeVideoParser(codec->parser, codec->parserName);
+        m_pVideoCapsFilter = MakeCapsFilter(codec->filterName, codec->caps);
+        _SetSinkMedia(m_pVideoSink, codec->media);
     }
     // Recorded before the check: a failed branch counts as this run's video.
     m_strVideoEncode.Set(encode);
-    if (m_pVideoQueue == nullptr || m_pVideoParse == nullptr || m_pVideoCapsFilter == nullptr || m_pVideoSink == nullptr) {
+    const Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
+    if (!IsComplete(chain)) {
         LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
-        _RemoveManyElements({m_pVideoParse, m_pVideoCapsFilter, m_pVideoQueue, m_pVideoSink});
-        m_pVideoParse = m_pVideoCapsFilter = m_pVideoQueue = m_pVideoSink = nullptr;
+        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
         return false;
     }
 
-    AddMany(m_pPipeline, {m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink});
-    SyncState(m_pVideoQueue);
-    SyncState(m_pVideoParse);
-    SyncState(m_pVideoCapsFilter);
-    SyncState(m_pVideoSink);
-    switch (LinkToSinkPad(pad, m_pVideoQueue)) {
-        case PadLink::Failed:
-            LOG_ERR(kTag << " flvdemux src_pad link h26xparse sink_pad  faild !!! url=" << GetURL());
-            m_nPipelineState = 0;
-            return false;
-        case PadLink::Done:
-            LOG_INFO(kTag << " flvdemux src_pad link h26xparse sink_pad  OK.... url=" << GetURL());
-            break;
-        case PadLink::TakenAlready:
-            break;
+    AddMany(m_pPipeline, chain);
+    for (GstElement *element : chain) {
+        SyncState(element);
     }
-    if (!LinkMany({m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink})) {
+    const PadLink link = LinkToSinkPad(pad, chain.front());
+    if (link == PadLink::Failed) {
+        LOG_ERR(kTag << " flvdemux src_pad link h26xparse sink_pad  faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
+    }
+    if (link == PadLink::Done) {
+        LOG_INFO(kTag << " flvdemux src_pad link h26xparse sink_pad  OK.... url=" << GetURL());
+    }
+    if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Video element link many faild !!! url=" << GetURL());
         m_nPipelineState = 0;
         return false;
@@ -390,26 +372,15 @@ bool CRtmpSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const 
 }
 
 bool CRtmpSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
-    const std::string current = m_strAudioEncode.Get();
-    if (!current.empty() && current != encode) {
-        LOG_WARN(kTag << " Audio media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
-        m_bMediaChanged = true;
+    if (!_TakesPad(kTag, Medium::Audio, encode)) {
         return true;
     }
-    if (!current.empty()) {
-        LOG_WARN(kTag << " Multiple audio media data ???  url=" << GetURL());
-        return true;
-    }
-
     m_pAudioQueue = _MakeBranchQueue("aqueue");
-    m_pAudioSink = MakeElement("shbsink", "audioshbsink");
-    _SetSinkTarget(m_pAudioSink, kMediaAudioProvisional, false);
-    _ConnectAudioSink(m_pAudioSink);
+    m_pAudioSink = _MakeAudioSink();
     const std::string parser = Lookup(g_mapAudioParseElements, encode);
     if (parser.empty()) {
         LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
-        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
-        m_pAudioQueue = m_pAudioSink = nullptr;
+        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
         return false;
     }
     LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
@@ -420,8 +391,7 @@ bool CRtmpSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const 
         m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
         if (m_pAudioParse == nullptr) {
             LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
-            _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
-            m_pAudioQueue = m_pAudioSink = nullptr;
+            _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
             return false;
         }
         if (IsAac(encode)) {
@@ -429,41 +399,24 @@ bool CRtmpSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const 
         }
     }
 
-    const bool filtered = m_pAudioCapsFilter != nullptr;
-    if (!parsed) {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioSink});
-    } else if (!filtered) {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
-    } else {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
+    const Chain chain = _ChainOf({m_pAudioQueue}, {m_pAudioParse, m_pAudioCapsFilter}, m_pAudioSink);
+    AddMany(m_pPipeline, chain);
+    for (GstElement *element : chain) {
+        if (SyncState(element) && element == m_pAudioParse) {
+            // Some of this branch's messages carry the RTSP tag; hosts match on them.
+            LOG_INFO("[CRtspSource] audioparse sync state with parent OK. url=" << GetURL());
+        }
     }
-    SyncState(m_pAudioQueue);
-    if (SyncState(m_pAudioParse)) {
-        // Some of this branch's messages carry the RTSP tag; hosts match on them.
-        LOG_INFO("[CRtspSource] audioparse sync state with parent OK. url=" << GetURL());
+    const PadLink link = LinkToSinkPad(pad, m_pAudioQueue);
+    if (link == PadLink::Failed) {
+        LOG_ERR(kTag << " flvdemux src_pad link audioparse sink_pad  faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
     }
-    SyncState(m_pAudioCapsFilter);
-    SyncState(m_pAudioSink);
-    switch (LinkToSinkPad(pad, m_pAudioQueue)) {
-        case PadLink::Failed:
-            LOG_ERR(kTag << " flvdemux src_pad link audioparse sink_pad  faild !!! url=" << GetURL());
-            m_nPipelineState = 0;
-            return false;
-        case PadLink::Done:
-            LOG_INFO(kTag << "[INFO] flvdemux src_pad link audioparse sink_pad  ok !!!  url=" << GetURL());
-            break;
-        case PadLink::TakenAlready:
-            break;
+    if (link == PadLink::Done) {
+        LOG_INFO(kTag << "[INFO] flvdemux src_pad link audioparse sink_pad  ok !!!  url=" << GetURL());
     }
-    bool linked = false;
-    if (!parsed) {
-        linked = LinkMany({m_pAudioQueue, m_pAudioSink});
-    } else if (!filtered) {
-        linked = LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioSink});
-    } else {
-        linked = LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
-    }
-    if (!linked) {
+    if (!LinkMany(chain)) {
         LOG_ERR("[CRtspSource] Audio element link many faild !!! url=" << GetURL());
         m_nPipelineState = 0;
         return false;

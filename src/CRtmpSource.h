@@ -41,20 +41,19 @@ class CRtmpSource : public CBaseSource {
     static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);                  // streaming
     bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);                          // streaming
     bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);                          // streaming
-    std::array<GstElement **, 10> _ElementFields();  // in the order of release
+    std::array<GSTREAMER::ElementRef *, 10> _ElementFields();  // in the order of release
 
-    // Views of elements that sit in the pipeline; owned only while they do not (see GSTREAMER::ReleaseElement). The front is
-    // written where the pipeline is built, the branches on the streaming thread.
-    GstElement *m_pRtmpSrc = nullptr;
-    GstElement *m_pFlvDemux = nullptr;
-    GstElement *m_pVideoQueue = nullptr;
-    GstElement *m_pAudioQueue = nullptr;
-    GstElement *m_pVideoParse = nullptr;
-    GstElement *m_pAudioParse = nullptr;
-    GstElement *m_pVideoCapsFilter = nullptr;
-    GstElement *m_pAudioCapsFilter = nullptr;
-    GstElement *m_pVideoSink = nullptr;
-    GstElement *m_pAudioSink = nullptr;
+    // The front is written where the pipeline is built, the branches on the streaming thread.
+    GSTREAMER::ElementRef m_pRtmpSrc;
+    GSTREAMER::ElementRef m_pFlvDemux;
+    GSTREAMER::ElementRef m_pVideoQueue;
+    GSTREAMER::ElementRef m_pAudioQueue;
+    GSTREAMER::ElementRef m_pVideoParse;
+    GSTREAMER::ElementRef m_pAudioParse;
+    GSTREAMER::ElementRef m_pVideoCapsFilter;
+    GSTREAMER::ElementRef m_pAudioCapsFilter;
+    GSTREAMER::ElementRef m_pVideoSink;
+    GSTREAMER::ElementRef m_pAudioSink;
     // Of rtmp2src in the pipeline. Lives as long as that.
     std::unique_ptr<GSTREAMER::CConnectAttempts> m_pAttempts;
     // Options, written by open before the worker exists.

@@ -1,6 +1,8 @@
 #include "CUDPSource.h"
 
 #include "CodecTables.h"
+#include "framework/Caps.h"
+#include "framework/Properties.h"
 #include "Logger.h"
 
 #include <exception>
@@ -30,7 +32,7 @@ CUDPSource::~CUDPSource() {
     CUDPSource::CloseLiveStream();
 }
 
-std::array<GstElement **, 10> CUDPSource::_ElementFields() {
+std::array<ElementRef *, 10> CUDPSource::_ElementFields() {
     return {&m_pUdpSrc,     &m_pTsDemux,         &m_pVideoQueue,      &m_pAudioQueue, &m_pVideoParse,
             &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -136,8 +138,8 @@ bool CUDPSource::_PipelineStop() {
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
     }
-    for (GstElement **field : _ElementFields()) {
-        ReleaseElement(*field);
+    for (ElementRef *field : _ElementFields()) {
+        field->Reset();
     }
     m_strVideoEncode.Clear();
     m_strAudioEncode.Clear();
@@ -150,8 +152,8 @@ void CUDPSource::_DestroyGstElements() {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
     }
     // Before the pipeline goes: what sits in it goes with it.
-    for (GstElement **field : _ElementFields()) {
-        ReleaseElement(*field);
+    for (ElementRef *field : _ElementFields()) {
+        field->Reset();
     }
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -181,12 +183,12 @@ bool CUDPSource::_CreateGstElements() {
     _CreatePipeline();
     m_pUdpSrc = MakeElement("udpsrc", "Udpsrc");
     if (m_pUdpSrc != nullptr) {
-        g_object_set(m_pUdpSrc, "uri", m_strURL.c_str(), "timeout", m_nTimeout, "buffer-size", kReceiveBufferBytes, "mtu",
-                     m_nMtu, nullptr);
+        g_object_set(m_pUdpSrc, "uri", m_strURL.c_str(), "timeout", m_nTimeout, "buffer-size", kReceiveBufferBytes, nullptr);
+        SetNumber(m_pUdpSrc, "mtu", m_nMtu);
     }
     m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
     if (m_pTsDemux != nullptr) {
-        g_object_set(m_pTsDemux, "latency", m_nCaching != 0 ? static_cast<gint>(m_nTsLatency) : 0, nullptr);
+        SetNumber(m_pTsDemux, "latency", m_nCaching != 0 ? m_nTsLatency : 0);
         g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
     }
     if (m_pPipeline == nullptr || m_pBus == nullptr || m_pUdpSrc == nullptr || m_pTsDemux == nullptr) {
@@ -211,18 +213,11 @@ void CUDPSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer us
         return;
     }
     auto *self = static_cast<CUDPSource *>(user_data);
-    LOG_INFO(kTag << " tsdeumx A new " << PadName(pad) << " pad added handler. url=" << self->GetURL());
-    const CapsPtr caps(gst_pad_get_current_caps(pad));
+    const CapsPtr caps = self->_InspectPad(kTag, "tsdeumx", " url=", pad);
     if (!caps) {
-        LOG_ERR(kTag << " Unable to get tsdeumx current caps by source pad!!! url=" << self->GetURL());
         return;
     }
-    PrintCaps(caps.get());
     const GstStructure *structure = FirstStructure(caps.get());
-    if (structure == nullptr) {
-        LOG_ERR(kTag << " Unable to get tsdeumx current structure by caps!!! url=" << self->GetURL());
-        return;
-    }
     const PadMedia media = _ClassifyTsPad(structure);
     if (media.kind == PadMedia::Kind::Video) {
         self->_CreateVideoStream(element, pad, media.encode);
@@ -234,55 +229,38 @@ void CUDPSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer us
 // ---- Branches ---------------------------------------------------------------------------------------------------------------
 
 bool CUDPSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
-    const std::string current = m_strVideoEncode.Get();
-    if (!current.empty() && current != encode) {
-        LOG_WARN(kTag << " Video media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
-        m_bMediaChanged = true;
+    if (!_TakesPad(kTag, Medium::Video, encode)) {
         return true;
     }
-    if (!current.empty()) {
-        LOG_WARN(kTag << " Multiple video media data ???  url=" << GetURL());
-        return true;
-    }
-
     m_pVideoQueue = _MakeBranchQueue("vqueue");
-    m_pVideoSink = MakeElement("shbsink", "h26xshbsink");
-    _SetSinkTarget(m_pVideoSink, kMediaH264, true);
-    _ConnectVideoSink(m_pVideoSink);
-    if (std::string("H264") == encode) {
-        m_pVideoParse = MakeVideoParser("h264parse", "H264parse");
-        m_pVideoCapsFilter = MakeCapsFilter("H264capsfilter", kH264Caps);
-        _SetSinkMedia(m_pVideoSink, kMediaH264);
-    } else if (std::string("H265") == encode) {
-        m_pVideoParse = MakeVideoParser("h265parse", "H265parse");
-        m_pVideoCapsFilter = MakeCapsFilter("H265capsfilter", kH265Caps);
-        _SetSinkMedia(m_pVideoSink, kMediaH265);
+    m_pVideoSink = _MakeVideoSink();
+    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
+        m_pVideoParse = MakeVideoParser(codec->parser, codec->parserName);
+        m_pVideoCapsFilter = MakeCapsFilter(codec->filterName, codec->caps);
+        _SetSinkMedia(m_pVideoSink, codec->media);
     }
     // Recorded before the check: a failed branch counts as this run's video.
     m_strVideoEncode.Set(encode);
-    if (m_pVideoQueue == nullptr || m_pVideoParse == nullptr || m_pVideoCapsFilter == nullptr || m_pVideoSink == nullptr) {
+    const Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
+    if (!IsComplete(chain)) {
         LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
-        _RemoveManyElements({m_pVideoParse, m_pVideoCapsFilter, m_pVideoQueue, m_pVideoSink});
-        m_pVideoParse = m_pVideoCapsFilter = m_pVideoQueue = m_pVideoSink = nullptr;
+        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
         return false;
     }
 
-    AddMany(m_pPipeline, {m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink});
-    SyncState(m_pVideoQueue);
-    SyncState(m_pVideoParse);
-    SyncState(m_pVideoCapsFilter);
-    SyncState(m_pVideoSink);
-    switch (LinkToSinkPad(pad, m_pVideoQueue)) {
-        case PadLink::Failed:
-            LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
-            return false;
-        case PadLink::Done:
-            LOG_INFO(kTag << " tsdemux src_pad link h26xqueue sink_pad  OK.... url=" << GetURL());
-            break;
-        case PadLink::TakenAlready:
-            break;
+    AddMany(m_pPipeline, chain);
+    for (GstElement *element : chain) {
+        SyncState(element);
     }
-    if (!LinkMany({m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink})) {
+    const PadLink link = LinkToSinkPad(pad, chain.front());
+    if (link == PadLink::Failed) {
+        LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
+        return false;
+    }
+    if (link == PadLink::Done) {
+        LOG_INFO(kTag << " tsdemux src_pad link h26xqueue sink_pad  OK.... url=" << GetURL());
+    }
+    if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Video element link many faild !!! url=" << GetURL());
         m_nPipelineState = 0;
         return false;
@@ -291,26 +269,15 @@ bool CUDPSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const c
 }
 
 bool CUDPSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const char *encode) {
-    const std::string current = m_strAudioEncode.Get();
-    if (!current.empty() && current != encode) {
-        LOG_WARN(kTag << " Audio media data chanage !!!  new encode= " << encode << ", url=" << GetURL());
-        m_bMediaChanged = true;
+    if (!_TakesPad(kTag, Medium::Audio, encode)) {
         return true;
     }
-    if (!current.empty()) {
-        LOG_WARN(kTag << " Multiple audio media data ???  url=" << GetURL());
-        return true;
-    }
-
     m_pAudioQueue = _MakeBranchQueue("aqueue");
-    m_pAudioSink = MakeElement("shbsink", "audioshbsink");
-    _SetSinkTarget(m_pAudioSink, kMediaAudioProvisional, false);
-    _ConnectAudioSink(m_pAudioSink);
+    m_pAudioSink = _MakeAudioSink();
     const std::string parser = Lookup(g_mapAudioParseElements, encode);
     if (parser.empty()) {
         LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
-        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
-        m_pAudioQueue = m_pAudioSink = nullptr;
+        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
         return false;
     }
     LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
@@ -320,41 +287,30 @@ bool CUDPSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const c
     m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
     if (m_pAudioParse == nullptr) {
         LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
-        _RemoveManyElements({m_pAudioQueue, m_pAudioSink});
-        m_pAudioQueue = m_pAudioSink = nullptr;
+        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
         return false;
     }
     if (IsAac(encode)) {
         m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
     }
 
-    const bool filtered = m_pAudioCapsFilter != nullptr;
-    if (filtered) {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink});
-    } else {
-        AddMany(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
+    const Chain chain = _ChainOf({m_pAudioQueue, m_pAudioParse}, {m_pAudioCapsFilter}, m_pAudioSink);
+    AddMany(m_pPipeline, chain);
+    for (GstElement *element : chain) {
+        SyncState(element);
     }
-    SyncState(m_pAudioQueue);
-    SyncState(m_pAudioParse);
-    SyncState(m_pAudioCapsFilter);
-    SyncState(m_pAudioSink);
-    switch (LinkToSinkPad(pad, m_pAudioQueue)) {
-        case PadLink::Failed:
-            LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
-            m_nPipelineState = 0;
-            return false;
-        case PadLink::Done:
-            LOG_INFO(kTag << "[INFO] tsdemux src_pad link audioqueue sink_pad  ok !!!  url=" << GetURL());
-            break;
-        case PadLink::TakenAlready:
-            break;
+    const PadLink link = LinkToSinkPad(pad, m_pAudioQueue);
+    if (link == PadLink::Failed) {
+        LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
+        m_nPipelineState = 0;
+        return false;
     }
-    const bool linked = filtered ? LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioCapsFilter, m_pAudioSink})
-                                 : LinkMany({m_pAudioQueue, m_pAudioParse, m_pAudioSink});
-    if (!linked) {
+    if (link == PadLink::Done) {
+        LOG_INFO(kTag << "[INFO] tsdemux src_pad link audioqueue sink_pad  ok !!!  url=" << GetURL());
+    }
+    if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Audio element link many faild !!! url=" << GetURL());
-        // This class takes the branch out again; the caps filter stays in. The fields go on naming the elements and own them
-        // now, until the next stop.
+        // This class takes the branch out again. The caps filter stays in, and the fields go on naming the elements until the next stop.
         TakeOut(m_pPipeline, m_pAudioQueue);
         TakeOut(m_pPipeline, m_pAudioParse);
         TakeOut(m_pPipeline, m_pAudioSink);

@@ -1,7 +1,8 @@
-// What an audio branch needs for an encoding name. Names are compared case-sensitively. The tables are constant: sources share
+// What a branch needs for an encoding name. Names are compared case-sensitively. The tables are constant: sources share
 // them from many threads.
 #pragma once
 
+#include <array>
 #include <map>
 #include <string>
 
@@ -56,6 +57,33 @@ constexpr int kMediaH264 = 48;
 constexpr int kMediaH265 = 64;
 // What an audio sink carries until its encoding has been looked up.
 constexpr int kMediaAudioProvisional = 21;
+
+// What a video branch is made of besides queue and sink: factories, names of the elements, caps of the filter, the sink's "media" property.
+struct VideoCodec {
+    const char *encode;
+    const char *depayloader;
+    const char *depayloaderName;
+    const char *parser;
+    const char *parserName;
+    const char *filterName;
+    const char *caps;
+    int media;
+};
+
+inline constexpr std::array<VideoCodec, 2> kVideoCodecs{{
+    {"H264", "rtph264depay", "Rtph264depay", "h264parse", "H264parse", "H264capsfilter", kH264Caps, kMediaH264},
+    {"H265", "rtph265depay", "Rtph265depay", "h265parse", "H265parse", "H265capsfilter", kH265Caps, kMediaH265},
+}};
+
+// Null for an encoding that is not carried.
+inline const VideoCodec *FindVideoCodec(const std::string &encode) {
+    for (const VideoCodec &codec : kVideoCodecs) {
+        if (encode == codec.encode) {
+            return &codec;
+        }
+    }
+    return nullptr;
+}
 
 // Row of a table, or its value type's zero ("" or 0) when the name is absent.
 template <typename Value>

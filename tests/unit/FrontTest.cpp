@@ -1,4 +1,5 @@
 // The front of every pipeline: which elements, with which options, and what happens when one of them cannot be had.
+#include "framework/Properties.h"
 #include "support/Fixture.h"
 #include "support/Loopback.h"
 #include "support/PropertySpy.h"
@@ -589,17 +590,54 @@ TEST_F(Options, ValuesInRangeGiveNoWarning) {
     EXPECT_EQ(0, warnings.Take());
 }
 
-TEST_F(Options, ValuesOutOfRangeGiveAWarningAndLeaveTheDefault) {
+// The framework itself would warn, or from GLib 2.84 on report a critical.
+TEST_F(Options, ValuesOutOfRangeLeaveTheDefaultAndAreReported) {
     WarningCounter warnings;
-    Open<CUDPSource>("udp://127.0.0.1:9", 200U, 700U, kIntMax + 1);
-    EXPECT_EQ(1, warnings.Take());
-    ExpectHeld("Udpsrc", {"mtu=1492"});
+    const auto expect_refused = [&](const char *element, const char *property, const std::string &value,
+                                    const std::string &held) {
+        SCOPED_TRACE(property);
+        ExpectHeld(element, {property + std::string("=") + held});
+        EXPECT_EQ(1U, m_log.Count(Warn("[GSTREAMER] Property \"" + std::string(property) + "\" of element \"" + element +
+                                       "\" does not take " + value + ", its default stays in force.")));
+        m_log.Take();
+    };
+    const unsigned int big = kIntMax + 1;
+    const std::string text = std::to_string(big);
+    Open<CUDPSource>("udp://127.0.0.1:9", 200U, 700U, big);
+    expect_refused("Udpsrc", "mtu", text, "1492");
+    Open<CUDPSource>("udp://127.0.0.1:9", 200U, big, 1492U);
+    expect_refused("Tsdemux", "latency", text, "700");
     Open<CSrtSource>(kSrtUrl, 200U, "caller", "", "0123456789", 10U, 125U, 50U, "");
-    EXPECT_EQ(1, warnings.Take());
-    ExpectHeld("Srtsrc", {"pbkeylen=0"});
+    expect_refused("Srtsrc", "pbkeylen", "10", "0");
+    Open<CSrtSource>(kSrtUrl, 200U, "caller", "", "", 0U, big, 50U, "");
+    expect_refused("Srtsrc", "latency", text, "125");
+    Open<CRtspSource>(kRtspUrl, 200U, 1UL << 20, 2000U, 0U, "", "");
+    expect_refused("Rtspsrc", "protocols", std::to_string(1UL << 20), "7");
+    Open<CRtspSource>(kRtspUrl, 200U, 4UL | (1UL << 40), 2000U, 0U, "", "");
+    expect_refused("Rtspsrc", "protocols", std::to_string(4UL | (1UL << 40)), "7");
+    Open<CRtmpSource>("rtmps://127.0.0.1:9/a/b", 200U, big, 0U, "", "", "");
+    expect_refused("Rtmpsrc", "timeout", text, "120");
     Open<CHLSSource>(kHlsUrl, 200U, false, 15U, -5, "", "", "", "", "", "");
-    EXPECT_EQ(1, warnings.Take());
-    ExpectHeld("Souphttpsrc", {"retries=3"});
+    expect_refused("Souphttpsrc", "retries", "-5", "3");
+    Open<CHLSSource>(kHlsUrl, 200U, false, 3601U, 3, "", "", "", "", "", "");
+    expect_refused("Souphttpsrc", "timeout", "3601", "15");
+    EXPECT_EQ(0, warnings.Take());
+}
+
+TEST_F(Options, PropertyThatAnElementDoesNotHaveIsReported) {
+    WarningCounter warnings;
+    const GSTREAMER::ElementRef element = GSTREAMER::MakeElement("queue", "element");
+    ASSERT_NE(nullptr, element);
+    GSTREAMER::SetNumber(element, "mtu", 1);
+    EXPECT_EQ((Lines{Warn("[GSTREAMER] Element \"element\" has no property \"mtu\".")}), m_log.Take());
+    // Of a type that no number fits.
+    GSTREAMER::SetNumber(element, "name", 1);
+    EXPECT_EQ(
+        (Lines{Warn("[GSTREAMER] Property \"name\" of element \"element\" does not take 1, its default stays in force.")}),
+        m_log.Take());
+    GSTREAMER::SetNumber(nullptr, "mtu", 1);
+    EXPECT_EQ(Lines{}, m_log.Take());
+    EXPECT_EQ(0, warnings.Take());
 }
 
 // souphttpsrc aborts the process over a proxy that is no URI.

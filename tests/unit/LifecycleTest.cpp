@@ -609,14 +609,18 @@ INSTANTIATE_TEST_SUITE_P(Classes, Lifecycle, testing::ValuesIn(SourceClasses()),
 // ---- Elements' references ---------------------------------------------------------------------------------------------------
 
 TEST_F(SourceTest, RemoveManyDropsOneReferenceOfEach) {
-    GstElement *first = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("first")));
-    GstElement *second = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("second")));
-    gst_object_ref(first);
-    gst_object_ref(second);
-    SourceProbe::RemoveMany({nullptr, first, nullptr, second});
-    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(first));
-    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(second));
-    SourceProbe::RemoveMany({first, second});
+    using GSTREAMER::ElementRef;
+    ElementRef first = ElementRef::Adopt(GST_ELEMENT(gst_object_ref_sink(gst_bin_new("first"))));
+    ElementRef second = ElementRef::Adopt(GST_ELEMENT(gst_object_ref_sink(gst_bin_new("second"))));
+    const ElementRef first_shared = ElementRef::Share(first);
+    const ElementRef second_shared = ElementRef::Share(second);
+    ElementRef none;
+    SourceProbe::RemoveMany({&none, &first, &none, &second});
+    EXPECT_EQ(nullptr, first);
+    EXPECT_EQ(nullptr, second);
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(first_shared.Get()));
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(second_shared.Get()));
+    SourceProbe::RemoveMany({&first});
     SourceProbe::RemoveMany({});
 }
 
@@ -643,8 +647,7 @@ TEST_F(SourceTest, RtspServerThatHasLeftForGoodEndsTheSession) {
     Make(row);
     ASSERT_TRUE(static_cast<Tessaro::CRtspSource &>(*m_source).OpenLiveStream(row.url.c_str(), 200, 4, kLatencyMs, 0, "", ""));
     ASSERT_TRUE(Eventually([&] { return m_faults.Plays() > 0; }));
-    const Line forsaken =
-        Err("[CRtspSource] The server has closed the connection, and nothing has come since!!! URL=" + row.url);
+    const Line forsaken = Err("[CRtspSource] DoBusMessage--------------error!! URL=" + row.url);
     // Two polls from now on, the worker has seen all messages and looked at the clock after them.
     const auto await_look = [&] {
         const std::size_t polls = m_faults.Polls().size();

@@ -1,9 +1,16 @@
 // The steps below the source classes that deal with the process: its descriptors, its standard output, threads that stand or wait.
+#include "CGstUtils.h"
 #include "CHttpSession.h"
+#include "framework/Resources.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
 #include "support/Loopback.h"
 #include "support/Watchdog.h"
+#include "workarounds/HeldSource.h"
+#include "workarounds/LostSrtStop.h"
+#include "workarounds/SleepingJitterBuffers.h"
+#include "workarounds/SocketWait.h"
+#include "workarounds/StopHelp.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -578,22 +585,22 @@ TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
 
 // ---- Patience with a stop ---------------------------------------------------------------------------------------------------
 
-TEST(UnlockSource, WhatHasNothingToUnlockIsLeftAlone) {
-    GSTREAMER::UnlockSource(nullptr);
-    // An element that is no source, and a source that never waits.
-    for (const char *factory : {"fakesink", "fakesrc"}) {
-        GstElement *const element = GSTREAMER::MakeElement(factory, "element");
-        ASSERT_NE(nullptr, element) << factory;
-        GSTREAMER::UnlockSource(element);
-        gst_object_unref(element);
+TEST(LostSrtStop, WhatHasNothingToUnlockIsLeftAlone) {
+    const Watchdog watchdog("unlock of what has nothing to unlock");
+    // No element, one that is no source, and a source that never waits.
+    for (const char *factory : {"", "fakesink", "fakesrc"}) {
+        const GSTREAMER::ElementRef element =
+            *factory == '\0' ? GSTREAMER::ElementRef() : GSTREAMER::MakeElement(factory, "element");
+        GSTREAMER::LostSrtStop::Unlock(element);
     }
 }
 
-TEST(Patience, HelpsAgainAndAgainWhatTakesLonger) {
+TEST(StopHelp, HelpsAgainAndAgainWhatTakesLonger) {
     const Watchdog watchdog("help with a stop");
     std::atomic<int> helped{0};
     {
-        const GSTREAMER::StopPatience patience(std::chrono::milliseconds(1), [&] { ++helped; });
+        GSTREAMER::StopHelp help;
+        help.Begin(std::chrono::milliseconds(1), [&] { ++helped; });
         EXPECT_TRUE(Eventually([&] { return helped > 2; }));
     }
     const int before = helped;
@@ -601,22 +608,24 @@ TEST(Patience, HelpsAgainAndAgainWhatTakesLonger) {
     EXPECT_EQ(before, helped);
 }
 
-TEST(Patience, LeavesAloneWhatIsOverBefore) {
+TEST(StopHelp, LeavesAloneWhatIsOverBefore) {
     const Watchdog watchdog("a stop that needs no help");
     std::atomic<int> helped{0};
     {
-        const GSTREAMER::StopPatience patience(std::chrono::minutes(10), [&] { ++helped; });
+        GSTREAMER::StopHelp help;
+        help.Begin(std::chrono::minutes(10), [&] { ++helped; });
     }
     EXPECT_EQ(0, helped);
 }
 
-TEST(Patience, WithoutAThreadToWatchWithItIsTold) {
+TEST(StopHelp, WithoutAThreadToWatchWithItIsTold) {
     const LogCapture log;
     Faults faults;
     faults.FailThreadStart();
     std::atomic<int> helped{0};
     {
-        const GSTREAMER::StopPatience patience(std::chrono::milliseconds(1), [&] { ++helped; });
+        GSTREAMER::StopHelp help;
+        help.Begin(std::chrono::milliseconds(1), [&] { ++helped; });
     }
     const Lines lines = log.All();
     ASSERT_EQ(1U, lines.size());
@@ -625,7 +634,7 @@ TEST(Patience, WithoutAThreadToWatchWithItIsTold) {
     EXPECT_EQ(0, helped);
 }
 
-TEST(Patience, JitterBuffersAreWokenWhereverTheySit) {
+TEST(JitterBuffers, AreWokenWhereverTheySit) {
     GstElement *pipeline = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("pipeline")));
     GstElement *inner = gst_bin_new("inner");
     GstElement *buffer = gst_element_factory_make("rtpjitterbuffer", "buffer");
@@ -648,13 +657,13 @@ TEST(Patience, JitterBuffersAreWokenWhereverTheySit) {
         gst_object_unref(pad);
     }
     gst_element_set_state(pipeline, GST_STATE_PAUSED);
-    GSTREAMER::WakeJitterBuffers(pipeline);
+    GSTREAMER::SleepingJitterBuffers::Wake(pipeline);
     EXPECT_EQ(1, flushes[0]);
     EXPECT_EQ(0, flushes[1]);
     {
         Faults faults;
         faults.FailCall(1);
-        GSTREAMER::WakeJitterBuffers(pipeline);
+        GSTREAMER::SleepingJitterBuffers::Wake(pipeline);
         EXPECT_EQ("gst_element_get_static_pad", faults.FailedCall().function);
     }
     EXPECT_EQ(1, flushes[0]);

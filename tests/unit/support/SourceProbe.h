@@ -73,7 +73,7 @@ struct SourceProbe {
     template <typename T>
     static std::vector<GstElement *> Fields(CBaseSource &source) {
         std::vector<GstElement *> elements;
-        for (GstElement **field : static_cast<T &>(source)._ElementFields()) {
+        for (GSTREAMER::ElementRef *field : static_cast<T &>(source)._ElementFields()) {
             elements.push_back(*field);
         }
         return elements;
@@ -113,7 +113,7 @@ struct SourceProbe {
     }
     static bool IsRtmps(CBaseSource &source) { return static_cast<CRtmpSource &>(source).m_bRtmps; }
     static media_change_callback_t Callback(CBaseSource &source) { return source.m_pfnMediaChange; }
-    static void RemoveMany(std::initializer_list<GstElement *> elements) { CBaseSource::_RemoveManyElements(elements); }
+    static void RemoveMany(std::initializer_list<GSTREAMER::ElementRef *> elements) { CBaseSource::_RemoveManyElements(elements); }
 
     static void UpdateVideo(CBaseSource &source, const std::string &code, int width, int height, float fps,
                             const std::string &scan_type, int ref_frames) {

@@ -1,0 +1,12 @@
+// Setting numbers that a host has chosen freely.
+#pragma once
+
+#include <gst/gst.h>
+
+namespace GSTREAMER {
+
+// Sets a number, an enumeration or a set of flags, whatever C type the property has. A value outside the property's own limits is not set: a WARN line
+// says so, and what the element has by default stays in force. The same for a property that the element does not have. `element` may be null.
+void SetNumber(GstElement *element, const char *property, gint64 value);
+
+}  // namespace GSTREAMER

@@ -1,0 +1,39 @@
+// Symptom: closing an RTSP source waits for a server that does not answer: until the connection time-out, for ever without one.
+// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2. It does not leave an answer that it has begun to read; a stop right before it connects is lost.
+// Done: after 2 s the sockets that it has connected are shut down, and every 10 ms from then on, until it has stopped.
+// Cost: such a close takes 2 s. One thread for the time of each stop.
+// Test: Closing.PeersThatStall (CRtspSource, half a handshake), ClosingRtsp.JustBeforeTheConnectionIsMade.
+#pragma once
+
+#include "framework/Ownership.h"
+#include "workarounds/ClientSockets.h"
+#include "workarounds/StopHelp.h"
+#include "workarounds/Workaround.h"
+
+#include <memory>
+
+namespace GSTREAMER {
+
+class StalledRtspRequest final : public Workaround {
+  public:
+    explicit StalledRtspRequest(GstElement *source);
+    ~StalledRtspRequest() override;
+
+    void Attach(GstElement *pipeline) override;
+    void BeforeStop() override;
+    void AfterStop() override;
+
+  private:
+    // Runs on the thread that posts. rtspsrc says by such messages that it begins and ends something with the server.
+    static void progress_handler(GstBus *bus, GstMessage *message, gpointer user_data);
+    void _Detach();
+
+    GstElement *const m_pSource;  // only compared
+    const guint m_nMark;          // of the threads that work for this, other for each
+    ClientSockets m_sockets;
+    GstBus *m_pBus = nullptr;  // owned, while attached
+    gulong m_nHandler = 0;
+    StopHelp m_help;
+};
+
+}  // namespace GSTREAMER

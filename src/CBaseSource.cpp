@@ -514,19 +514,19 @@ CBaseSource::PadMedia CBaseSource::_ClassifyTsPad(const GstStructure *structure)
     return {PadMedia::Kind::None, nullptr};
 }
 
-GSTREAMER::CapsPtr CBaseSource::_InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const {
+CBaseSource::PadCaps CBaseSource::_InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const {
     LOG_INFO(tag << " " << element << " A new " << GSTREAMER::PadName(pad) << " pad added handler. url=" << m_strURL);
-    GSTREAMER::CapsPtr caps(gst_pad_get_current_caps(pad));
-    if (!caps) {
+    PadCaps found{GSTREAMER::CapsPtr(gst_pad_get_current_caps(pad))};
+    if (!found.caps) {
         LOG_ERR(tag << " Unable to get " << element << " current caps by source pad!!!" << url_label << m_strURL);
-        return nullptr;
+        return found;
     }
-    GSTREAMER::PrintCaps(caps.get());
-    if (GSTREAMER::FirstStructure(caps.get()) == nullptr) {
+    GSTREAMER::PrintCaps(found.caps.get());
+    found.structure = GSTREAMER::FirstStructure(found.caps.get());
+    if (found.structure == nullptr) {
         LOG_ERR(tag << " Unable to get " << element << " current structure by caps!!!" << url_label << m_strURL);
-        return nullptr;
     }
-    return caps;
+    return found;
 }
 
 bool CBaseSource::_TakesPad(const char *tag, Medium medium, const char *encode) {

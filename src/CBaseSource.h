@@ -135,9 +135,13 @@ class CBaseSource {
     static const char *_MpegAudioEncode(const GstStructure *structure);
 
     enum class Medium { Video, Audio };
-    // Caps of a new pad, which have a structure, with the lines that every pad handler writes. `element` is what exposed the pad, by the name that the lines
-    // give it; `url_label` is what stands before the URL in the lines of a failure. Null when there is nothing to look into.
-    GSTREAMER::CapsPtr _InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const;
+    struct PadCaps {
+        GSTREAMER::CapsPtr caps;                  // keeps the structure
+        const GstStructure *structure = nullptr;  // null when there is nothing to look into
+    };
+    // The caps of a new pad, with the lines that every pad handler writes. `element` is what exposed the pad, by the name that the lines give it;
+    // `url_label` is what stands before the URL in the lines of a failure.
+    PadCaps _InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const;
     // Whether a pad gets a branch: the first of its medium does. Another encoding than that one's raises the media-changed flag.
     bool _TakesPad(const char *tag, Medium medium, const char *encode);
 

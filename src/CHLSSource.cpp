@@ -367,12 +367,11 @@ void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gp
         return;
     }
     auto *self = static_cast<CHLSSource *>(user_data);
-    const CapsPtr caps = self->_InspectPad(kTag, "hlsdeumx", " url=", pad);
-    if (!caps) {
+    const PadCaps caps = self->_InspectPad(kTag, "hlsdeumx", " url=", pad);
+    if (caps.structure == nullptr) {
         return;
     }
-    const GstStructure *structure = FirstStructure(caps.get());
-    const std::string name = gst_structure_get_name(structure);
+    const std::string name = gst_structure_get_name(caps.structure);
     if (name != kTransportStream) {
         LOG_ERR(kTag << " Unable support hlsdeumx current meida structure!!! url=" << self->GetURL());
         return;
@@ -411,12 +410,11 @@ void CHLSSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer us
         return;
     }
     auto *self = static_cast<CHLSSource *>(user_data);
-    const CapsPtr caps = self->_InspectPad(kTag, "tsdeumx", " url=", pad);
-    if (!caps) {
+    const PadCaps caps = self->_InspectPad(kTag, "tsdeumx", " url=", pad);
+    if (caps.structure == nullptr) {
         return;
     }
-    const GstStructure *structure = FirstStructure(caps.get());
-    const PadMedia media = _ClassifyTsPad(structure);
+    const PadMedia media = _ClassifyTsPad(caps.structure);
     if (media.kind == PadMedia::Kind::Video) {
         self->_CreateVideoStream(element, pad, media.encode);
     } else if (media.kind == PadMedia::Kind::Audio) {

@@ -315,12 +315,11 @@ void CRtmpSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer u
         return;
     }
     auto *self = static_cast<CRtmpSource *>(user_data);
-    const CapsPtr caps = self->_InspectPad(kTag, "flvdemux", " url=", pad);
-    if (!caps) {
+    const PadCaps caps = self->_InspectPad(kTag, "flvdemux", " url=", pad);
+    if (caps.structure == nullptr) {
         return;
     }
-    const GstStructure *structure = FirstStructure(caps.get());
-    const PadMedia media = _ClassifyFlvPad(structure);
+    const PadMedia media = _ClassifyFlvPad(caps.structure);
     if (media.kind == PadMedia::Kind::Video) {
         self->_CreateVideoStream(element, pad, media.encode);
     } else if (media.kind == PadMedia::Kind::Audio) {

@@ -232,17 +232,16 @@ void CRtspSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer u
         return;
     }
     auto *self = static_cast<CRtspSource *>(user_data);
-    const CapsPtr caps = self->_InspectPad(kTag, "rtspsrc", "url=", pad);
-    if (!caps) {
+    const PadCaps caps = self->_InspectPad(kTag, "rtspsrc", "url=", pad);
+    if (caps.structure == nullptr) {
         return;
     }
-    const GstStructure *structure = FirstStructure(caps.get());
     // Only RTP pads get a branch; other media beside audio and video (metadata, back channels) are left alone without a word.
-    if (gst_structure_has_name(structure, "application/x-rtp") == FALSE) {
+    if (gst_structure_has_name(caps.structure, "application/x-rtp") == FALSE) {
         return;
     }
-    const char *media = TextField(structure, "media");
-    const char *encode = TextField(structure, "encoding-name");
+    const char *media = TextField(caps.structure, "media");
+    const char *encode = TextField(caps.structure, "encoding-name");
     if (media == nullptr || encode == nullptr) {
         return;
     }

@@ -213,12 +213,11 @@ void CUDPSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer us
         return;
     }
     auto *self = static_cast<CUDPSource *>(user_data);
-    const CapsPtr caps = self->_InspectPad(kTag, "tsdeumx", " url=", pad);
-    if (!caps) {
+    const PadCaps caps = self->_InspectPad(kTag, "tsdeumx", " url=", pad);
+    if (caps.structure == nullptr) {
         return;
     }
-    const GstStructure *structure = FirstStructure(caps.get());
-    const PadMedia media = _ClassifyTsPad(structure);
+    const PadMedia media = _ClassifyTsPad(caps.structure);
     if (media.kind == PadMedia::Kind::Video) {
         self->_CreateVideoStream(element, pad, media.encode);
     } else if (media.kind == PadMedia::Kind::Audio) {

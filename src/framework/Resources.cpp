@@ -93,14 +93,6 @@ bool IsBoundByUserLimit() {
     return line == nullptr || (std::strtoull(line + std::strlen("\nCapEff:"), nullptr, 16) & kLifting) == 0;
 }
 
-Count RoomOfUser(Count needed) {
-    const Count limit = SoftLimit(RLIMIT_NPROC);
-    if (limit == kNoLimit || Room(limit, ThreadsOfAll()) >= needed || !IsBoundByUserLimit()) {
-        return kNoLimit;
-    }
-    return Room(limit, ThreadsOfUser());
-}
-
 // Threads whose stacks the address space still holds.
 Count RoomOfMemory() {
     const Count limit = SoftLimit(RLIMIT_AS);
@@ -122,10 +114,22 @@ Count RoomOfKernel() {
     return Room(NumberIn("/proc/sys/kernel/threads-max", kNoLimit), ThreadsOfAll());
 }
 
+}  // namespace
+
+size_t ThreadRoomOfUser(size_t needed) {
+    const Count limit = SoftLimit(RLIMIT_NPROC);
+    if (limit == kNoLimit || Room(limit, ThreadsOfAll()) >= needed || !IsBoundByUserLimit()) {
+        return kNoLimit;
+    }
+    return Room(limit, ThreadsOfUser());
+}
+
 // The control group of the process and those above it, with "pids.max" in each. Version 2 has one tree, version 1 one for this controller.
-Count RoomOfControlGroups() {
+size_t ThreadRoomOfControlGroups(const char *root) {
     std::array<char, 4096> groups{};
-    if (!ReadFile("/proc/self/cgroup", groups)) {
+    std::array<char, 4096> path{};
+    std::snprintf(path.data(), path.size(), "%s/proc/self/cgroup", root);
+    if (!ReadFile(path.data(), groups)) {
         return kNoLimit;
     }
     constexpr std::array<std::array<const char *, 2>, 2> kTrees{{{"0::", "/sys/fs/cgroup"}, {":pids:", "/sys/fs/cgroup/pids"}}};
@@ -140,11 +144,10 @@ Count RoomOfControlGroups() {
             if (length > 0 && begin[length - 1] == '/') {
                 continue;
             }
-            std::array<char, 4096> limit{};
-            std::array<char, 4096> current{};
-            std::snprintf(limit.data(), limit.size(), "%s%.*s/pids.max", tree, length, begin);
-            std::snprintf(current.data(), current.size(), "%s%.*s/pids.current", tree, length, begin);
-            room = std::min(room, Room(NumberIn(limit.data(), kNoLimit), NumberIn(current.data(), 0)));
+            std::snprintf(path.data(), path.size(), "%s%s%.*s/pids.max", root, tree, length, begin);
+            const Count limit = NumberIn(path.data(), kNoLimit);
+            std::snprintf(path.data(), path.size(), "%s%s%.*s/pids.current", root, tree, length, begin);
+            room = std::min(room, Room(limit, NumberIn(path.data(), 0)));
             while (length > 0 && begin[length - 1] != '/') {
                 --length;
             }
@@ -152,8 +155,6 @@ Count RoomOfControlGroups() {
     }
     return room;
 }
-
-}  // namespace
 
 bool DescriptorsLeft(size_t count) {
     // New descriptors get the lowest free numbers below the limit. Most free ones are at its end.
@@ -171,7 +172,8 @@ bool DescriptorsLeft(size_t count) {
 }
 
 bool ThreadsLeft(size_t count) {
-    return RoomOfMemory() >= count && RoomOfKernel() >= count && RoomOfControlGroups() >= count && RoomOfUser(count) >= count;
+    return RoomOfMemory() >= count && RoomOfKernel() >= count && ThreadRoomOfControlGroups("") >= count &&
+           ThreadRoomOfUser(count) >= count;
 }
 
 }  // namespace GSTREAMER

@@ -14,4 +14,9 @@ bool DescriptorsLeft(size_t count);
 // counts as no limit. Any thread; another one may start them the next moment.
 bool ThreadsLeft(size_t count);
 
+// The parts of that answer, for tests: how many more threads the user's limit allows (at least `needed` when that is known without a look at all processes),
+// and the control groups, whose files are looked for below `root` ("" for those of the system).
+size_t ThreadRoomOfUser(size_t needed);
+size_t ThreadRoomOfControlGroups(const char *root);
+
 }  // namespace GSTREAMER

@@ -1,29 +1,14 @@
 // Things that run out around a playing source: it says so, goes on when they are back, and closes in any case.
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 
 #include "harness/PeerTest.h"
-
-namespace {
-
-std::atomic<bool> g_threads_refused{false};
-
-}  // namespace
-
-// Takes the place of the system's in this program, for all of its libraries.
-extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*work)(void *), void *argument) {
-    using Create = int (*)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-    static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    return g_threads_refused ? EAGAIN : create(thread, attributes, work, argument);
-}
 
 namespace peers {
 namespace {
@@ -203,20 +188,30 @@ TEST_F(Exhaustion, CloseEndsTheWaitForDescriptors) {
     EXPECT_EQ(host.State(), "stop");
 }
 
-// Lets no thread be started while an object lives.
-class NoThreads {
+// Leaves address space for the stacks of a few threads while an object lives.
+class FewThreads {
   public:
-    NoThreads() { g_threads_refused = true; }
-    ~NoThreads() { g_threads_refused = false; }
-    NoThreads(const NoThreads &) = delete;
-    NoThreads &operator=(const NoThreads &) = delete;
+    FewThreads() {
+        constexpr rlim_t kRoom = 64 << 20;
+        getrlimit(RLIMIT_AS, &saved_);
+        rlim_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + kRoom, saved_.rlim_max};
+        setrlimit(RLIMIT_AS, &limit);
+    }
+    ~FewThreads() { setrlimit(RLIMIT_AS, &saved_); }
+    FewThreads(const FewThreads &) = delete;
+    FewThreads &operator=(const FewThreads &) = delete;
+
+  private:
+    rlimit saved_{};
 };
 
 TEST_F(Exhaustion, OpenSaysThatThereAreNoThreads) {
     const auto sender = SendUdp(material, port);
     Host host(kUdp);
     {
-        const NoThreads none;
+        const FewThreads few;
         EXPECT_FALSE(host.Open(url, UdpOptions{}));
         EXPECT_TRUE(host.Close());
     }
@@ -234,7 +229,7 @@ TEST_F(Exhaustion, RebuildWaitsForThreads) {
     const auto epoch = host.Epoch();
     const std::string missing = "[CBaseSource] Too few threads can be started for a pipeline!!! needed=16, URL=" + url;
     {
-        const auto none = std::make_unique<NoThreads>();
+        const auto few = std::make_unique<FewThreads>();
         EXPECT_TRUE(host.WaitFrames(SHB_VIDEO, host.Count(SHB_VIDEO) + 50));
         sender->Kill();
         EXPECT_TRUE(log.WaitLine("ERR", missing));
@@ -249,7 +244,7 @@ TEST_F(Exhaustion, RebuildWaitsForThreads) {
 TEST_F(Exhaustion, CloseEndsTheWaitForThreads) {
     Host host(kUdp);
     OpenUdp(host, port);
-    const NoThreads none;
+    const FewThreads few;
     WaitContaining("Too few threads can be started");
     EXPECT_TRUE(host.Close());
     EXPECT_EQ(host.State(), "stop");

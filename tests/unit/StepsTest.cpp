@@ -15,18 +15,24 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -51,6 +57,159 @@ TEST(Descriptors, AreCountedAndGivenBack) {
     const int after = dup(STDIN_FILENO);
     close(after);
     EXPECT_EQ(before, after);
+}
+
+// Another thread of the host opens and closes files all the time, and has just enough descriptors for that.
+TEST(Descriptors, NoneIsTakenToCountThem) {
+    const FewDescriptors few(20);
+    std::atomic<bool> over{false};
+    std::atomic<int> refused{0};
+    std::thread host([&] {
+        while (!over) {
+            const int fd = dup(STDIN_FILENO);
+            refused += fd < 0 ? 1 : 0;
+            close(fd);
+        }
+    });
+    for (int look = 0; look < 2000; ++look) {
+        EXPECT_FALSE(GSTREAMER::DescriptorsLeft(32));
+    }
+    over = true;
+    host.join();
+    EXPECT_EQ(0, refused);
+}
+
+TEST(Descriptors, WithoutALimitAreLeft) {
+    rlimit saved{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    const rlimit most{saved.rlim_max, saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &most));
+    EXPECT_TRUE(GSTREAMER::DescriptorsLeft(64));
+    setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+// ---- Threads ----------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Lets the address space grow by so many bytes for its lifetime.
+class FewMemory {
+  public:
+    explicit FewMemory(rlim_t room) {
+        getrlimit(RLIMIT_AS, &m_saved);
+        rlim_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + room, m_saved.rlim_max};
+        setrlimit(RLIMIT_AS, &limit);
+    }
+    ~FewMemory() { setrlimit(RLIMIT_AS, &m_saved); }
+    FewMemory(const FewMemory &) = delete;
+    FewMemory &operator=(const FewMemory &) = delete;
+
+  private:
+    rlimit m_saved{};
+};
+
+// What a child answers that is a user without rights and may start so many threads more than it has.
+int AskedByUser(rlim_t room) {
+    const pid_t child = fork();
+    if (child == 0) {
+        constexpr uid_t kNobody = 65534;
+        const bool changed = geteuid() != 0 || setuid(kNobody) == 0;
+        // A process that has changed its user is root's in /proc otherwise.
+        prctl(PR_SET_DUMPABLE, 1);
+        rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+        getrlimit(RLIMIT_NPROC, &limit);
+        // How many threads the user has is what is left of a limit that is far above.
+        constexpr rlim_t kFar = 20000;
+        limit.rlim_cur = std::min(kFar, limit.rlim_max);
+        setrlimit(RLIMIT_NPROC, &limit);
+        const rlim_t used = limit.rlim_cur - std::min<rlim_t>(limit.rlim_cur, GSTREAMER::ThreadRoomOfUser(SIZE_MAX));
+        limit.rlim_cur = used + room;
+        const bool limited = setrlimit(RLIMIT_NPROC, &limit) == 0;
+        _exit(changed && limited && used > 0 ? (GSTREAMER::ThreadRoomOfUser(16) >= 16 ? 1 : 0) : 2);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class ControlGroups : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::array<char, 32> name{"/tmp/groups-XXXXXX"};
+        ASSERT_NE(nullptr, mkdtemp(name.data()));
+        m_root = name.data();
+    }
+    void TearDown() override { std::filesystem::remove_all(m_root); }
+    void Write(const std::string &path, const std::string &text) const {
+        const std::filesystem::path file = m_root + path;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << text << '\n';
+    }
+    std::size_t Room() const { return GSTREAMER::ThreadRoomOfControlGroups(m_root.c_str()); }
+
+    std::string m_root;
+};
+
+constexpr std::size_t kNoLimit = SIZE_MAX;
+
+}  // namespace
+
+TEST(Threads, TakeAddressSpaceForTheirStacks) {
+    EXPECT_TRUE(GSTREAMER::ThreadsLeft(16));
+    bool none = true;
+    bool few = true;
+    bool enough = false;
+    {
+        const FewMemory memory(0);
+        none = GSTREAMER::ThreadsLeft(1);
+    }
+    {
+        const FewMemory memory(64 << 20);
+        few = GSTREAMER::ThreadsLeft(16);
+    }
+    {
+        const FewMemory memory(rlim_t{1} << 30);
+        enough = GSTREAMER::ThreadsLeft(16);
+    }
+    EXPECT_FALSE(none);
+    EXPECT_FALSE(few);
+    EXPECT_TRUE(enough);
+}
+
+TEST(Threads, AreLimitedForAUser) {
+    EXPECT_EQ(0, AskedByUser(8));
+    EXPECT_EQ(1, AskedByUser(1000));
+}
+
+TEST_F(ControlGroups, WithoutOneThereIsNoLimit) {
+    EXPECT_EQ(kNoLimit, Room());
+    Write("/proc/self/cgroup", "0::/");
+    EXPECT_EQ(kNoLimit, Room()) << "the outermost group has no file";
+}
+
+TEST_F(ControlGroups, LowestRoomOfAllAboveCounts) {
+    Write("/proc/self/cgroup", "0::/user.slice/one.scope");
+    Write("/sys/fs/cgroup/user.slice/one.scope/pids.max", "max");
+    Write("/sys/fs/cgroup/user.slice/one.scope/pids.current", "5");
+    EXPECT_EQ(kNoLimit, Room());
+    Write("/sys/fs/cgroup/user.slice/pids.max", "100");
+    Write("/sys/fs/cgroup/user.slice/pids.current", "60");
+    EXPECT_EQ(40U, Room());
+    Write("/sys/fs/cgroup/user.slice/one.scope/pids.max", "9");
+    EXPECT_EQ(4U, Room());
+    // That of a container, which sees its own group as the outermost.
+    Write("/sys/fs/cgroup/pids.max", "3");
+    Write("/sys/fs/cgroup/pids.current", "7");
+    EXPECT_EQ(0U, Room());
+}
+
+TEST_F(ControlGroups, VersionOneHasATreeForThreads) {
+    Write("/proc/self/cgroup", "9:name=systemd:/\n8:pids:/a\n4:memory:/b\n0::/");
+    Write("/sys/fs/cgroup/pids/a/pids.max", "20");
+    Write("/sys/fs/cgroup/pids/a/pids.current", "1");
+    EXPECT_EQ(19U, Room());
 }
 
 // ---- Standard output --------------------------------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
+#include "workarounds/HammeringSrtCaller.h"
 #include "workarounds/LostSrtStop.h"
 
 #include <exception>
@@ -243,6 +244,7 @@ bool CSrtSource::_CreateGstElements() {
         return false;
     }
     m_workarounds.Add(std::make_unique<LostSrtStop>(m_pSrtSrc));
+    m_workarounds.Add(std::make_unique<HammeringSrtCaller>(m_pSrtSrc));
     m_workarounds.Attach(m_pPipeline);
     m_bElementsCreated = true;
     return true;

@@ -63,15 +63,18 @@ TEST(Descriptors, AreCountedAndGivenBack) {
 TEST(Descriptors, NoneIsTakenToCountThem) {
     const FewDescriptors few(20);
     std::atomic<bool> over{false};
+    std::atomic<int> opened{0};
     std::atomic<int> refused{0};
     std::thread host([&] {
         while (!over) {
             const int fd = dup(STDIN_FILENO);
             refused += fd < 0 ? 1 : 0;
             close(fd);
+            ++opened;
         }
     });
-    for (int look = 0; look < 2000; ++look) {
+    // Enough of them for two threads that run side by side to meet, seen with descriptors taken for a moment.
+    while (opened < 200000) {
         EXPECT_FALSE(GSTREAMER::DescriptorsLeft(32));
     }
     over = true;

@@ -1,0 +1,36 @@
+// Symptom: a refused SRT caller asks again 65 to 95 times a second, which now and then stops SRT in the whole process.
+// Seen: srtsrc of GStreamer 1.22.0 with libsrt 1.5.1, which then locks a mutex of a socket that it has freed; srtsrc of 1.26.2 asks as often.
+// Done: after two refusals in a row the streaming thread waits before it asks again, 0.1 s at first and up to 1 s.
+// Cost: a peer that stops refusing is reached up to 1 s later.
+// Test: Srt.RefusedCallerDoesNotHammer.
+#pragma once
+
+#include "workarounds/SyncMessages.h"
+#include "workarounds/Workaround.h"
+
+#include <condition_variable>
+#include <mutex>
+
+namespace GSTREAMER {
+
+class HammeringSrtCaller final : public Workaround {
+  public:
+    // `source` is only compared.
+    explicit HammeringSrtCaller(GstElement *source) : m_pSource(source) {}
+
+    void Attach(GstElement *pipeline) override;
+    void BeforeStop() override;
+
+  private:
+    void _WaitBeforeRetry();
+
+    GstElement *const m_pSource;
+    SyncMessages m_messages;
+    std::mutex m_mtx;
+    std::condition_variable m_cond;
+    bool m_bStopping = false;  // guarded by m_mtx
+    gint64 m_nLastRetry = 0;   // as g_get_monotonic_time; streaming thread
+    gint64 m_nWaitMs = 0;      // streaming thread
+};
+
+}  // namespace GSTREAMER

@@ -21,9 +21,11 @@ with tempfile.TemporaryDirectory() as folder:
     root = Path(folder)
     subprocess.run(["meson", "install", "-C", build, "--no-rebuild", "--quiet", "--destdir", folder], check=True)
     files = {path.name: path for path in root.rglob("*") if path.is_file()}
-    for name in ("gst_source_api.h", "shb.h", "gst-source.pc", "shb.pc", "libgstshbsink.so", "gst-source", "gst-source-read"):
+    for name in ("gst_source_api.h", "shb.h", "gst-source.pc", "shb.pc", "libgstshbsink.so", "gst-source", "gst-source-read",
+                 "rtmps-gnutls.conf"):
         assert name in files, f"{name} is not installed"
     library = files["libgst_source.so.1.0.0"].parent
+    assert files["rtmps-gnutls.conf"].match("share/gst-source/rtmps-gnutls.conf"), "where docs/protocols.md has it"
     assert files["libgstshbsink.so"].parent == library / "gstreamer-1.0"
     assert (library / "libgst_source.so").is_symlink() and (library / "libgst_source.so.1").is_symlink()
     soname = subprocess.run(["readelf", "-d", library / "libgst_source.so"], stdout=subprocess.PIPE, text=True, check=True).stdout

@@ -1,6 +1,9 @@
 // RTMP: nginx plays what ffmpeg publishes to it; RTMPS is the same behind nginx's TLS.
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <thread>
@@ -180,25 +183,131 @@ TEST_F(Rtmp, ClosedAtAnyMomentOfConnectingLeavesNothingBehind) {
     EXPECT_EQ(log.CountContaining("A connection attempt does not end"), 0U);
 }
 
-class Rtmps : public Rtmp {
+// What a server offers of TLS. Each offers 1.2, the newest that the policy leaves (tools/gst-source/rtmps-gnutls.conf).
+struct TlsOffer {
+    const char *name;
+    const char *directives;
+};
+
+constexpr TlsOffer kTls13{"tls13", "ssl_protocols TLSv1.2 TLSv1.3;"};
+constexpr TlsOffer kOffersThatLibrtmpTakes[] = {
+    {"tls12", "ssl_protocols TLSv1.2;"},
+    {"tls12_without_tickets", "ssl_protocols TLSv1.2; ssl_session_tickets off;"},
+    // ssl_session_tickets stops those of TLS 1.2 alone.
+    {"tls13_without_tickets", "ssl_protocols TLSv1.2 TLSv1.3; ssl_conf_command NumTickets 0;"},
+};
+
+class RtmpsServer : public Rtmp {
   protected:
     void SetUp() override {
         MakeCertificate();
-        // TLS 1.2: librtmp takes the session tickets of TLS 1.3, which nginx 1.24 offers by itself, for an error.
-        nginx = StartNginx(Blocks() + "stream { server { listen 127.0.0.1:" + std::to_string(tlsPort) +
-                               " ssl; ssl_protocols TLSv1.2; ssl_certificate " + dir.File("certificate.pem") +
-                               "; ssl_certificate_key " + dir.File("key.pem") +
-                               "; proxy_pass 127.0.0.1:" + std::to_string(port) + "; } }\n",
+        std::string servers;
+        for (const TlsOffer &offer : kOffersThatLibrtmpTakes) {
+            offers.push_back({offer.name, FreeTcpPort()});
+            servers += TlsServer(offer, offers.back().port);
+        }
+        nginx = StartNginx(Blocks() + "stream { log_format tls '$server_port $ssl_protocol.'; access_log tls.log tls; " +
+                               servers + TlsServer(kTls13, tlsPort) + "}\n",
                            tlsPort);
         publisher = Publish(material);
     }
+    std::string TlsServer(const TlsOffer &offer, uint16_t at) const {
+        return "server { listen 127.0.0.1:" + std::to_string(at) + " ssl; " + offer.directives + " ssl_certificate " +
+               dir.File("certificate.pem") + "; ssl_certificate_key " + dir.File("key.pem") +
+               "; proxy_pass 127.0.0.1:" + std::to_string(port) + "; }\n";
+    }
     std::string TlsUrl() const { return UrlThrough(tlsPort); }
     static std::string UrlThrough(uint16_t port) { return UrlAt("rtmps", port, "live/one"); }
+    // The server at this port has ended a connection of this version.
+    bool WaitVersion(uint16_t at, const std::string &version) const {
+        const std::string line = std::to_string(at) + " " + version + ".";
+        return WaitFor([&] { return ReadFile(NginxFile("tls.log")).find(line) != std::string::npos; });
+    }
+    void ExpectPlaysThrough(uint16_t at, const std::string &version) {
+        Host host(kRtmp);
+        ASSERT_TRUE(host.Open(UrlThrough(at), RtmpOptions{}));
+        ExpectPlays(host, material);
+        EXPECT_EQ(Reconnects(host), 0U);
+        ExpectCloses(host);
+        EXPECT_TRUE(WaitVersion(at, version)) << ReadFile(NginxFile("tls.log"));
+    }
 
+    struct Served {
+        std::string name;
+        uint16_t port;
+    };
     const Material &material = GetMaterial("h264_aac");
+    // With TLS 1.3 and its tickets, as servers have it that are told nothing.
     const uint16_t tlsPort = FreeTcpPort();
+    // Those that librtmp takes as they are.
+    std::vector<Served> offers;
     std::unique_ptr<Process> publisher;
 };
+
+// A host that has been started as docs/protocols.md says.
+class Rtmps : public RtmpsServer {
+  protected:
+    void SetUp() override {
+        ASSERT_NE(std::getenv("GNUTLS_SYSTEM_PRIORITY_FILE"), nullptr) << "run by \"meson test rtmps\", which sets it";
+        RtmpsServer::SetUp();
+    }
+};
+
+// A host that has been started without a word about TLS, and the tool, which needs none.
+class RtmpsUnprepared : public RtmpsServer {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(std::getenv("GNUTLS_SYSTEM_PRIORITY_FILE"), nullptr);
+        RtmpsServer::SetUp();
+        all = offers;
+        all.push_back({kTls13.name, tlsPort});
+    }
+    std::unique_ptr<Process> StartTool(uint16_t at, const std::vector<std::string> &environment = {}) {
+        std::vector<std::string> command = {"env"};
+        command.insert(command.end(), environment.begin(), environment.end());
+        command.insert(command.end(), {std::getenv("GST_SOURCE_TOOL"), UrlThrough(at), "--frames", "50", "--name",
+                                       "peers-tool-" + std::to_string(getpid()) + "-" + std::to_string(at)});
+        return Start("gst-source", command);
+    }
+
+    std::vector<Served> all;
+};
+
+TEST_F(Rtmps, PlaysWhateverTlsTheServerOffers) {
+    ExpectPlaysThrough(tlsPort, "TLSv1.2");
+    SideBySide(offers, [&](const Served &served) { ExpectPlaysThrough(served.port, "TLSv1.2"); });
+}
+
+TEST_F(RtmpsUnprepared, TicketsOfTls13AreTakenForAnError) {
+    Host host(kRtmp);
+    ASSERT_TRUE(host.Open(TlsUrl(), RtmpOptions{}));
+    ExpectReconnects(host, 2);
+    EXPECT_EQ(host.Count(SHB_VIDEO), 0U);
+    ExpectCloses(host);
+    EXPECT_TRUE(WaitVersion(tlsPort, "TLSv1.3")) << ReadFile(NginxFile("tls.log"));
+}
+
+TEST_F(RtmpsUnprepared, OtherServersPlay) {
+    SideBySide(offers, [&](const Served &served) {
+        ExpectPlaysThrough(served.port, served.name == "tls13_without_tickets" ? "TLSv1.3" : "TLSv1.2");
+    });
+}
+
+TEST_F(RtmpsUnprepared, ToolPlaysWhateverTlsTheServerOffers) {
+    SideBySide(all, [&](const Served &served) {
+        const auto tool = StartTool(served.port);
+        EXPECT_EQ(tool->Wait(), 0) << tool->Output();
+        EXPECT_TRUE(WaitVersion(served.port, "TLSv1.2")) << ReadFile(NginxFile("tls.log"));
+    });
+}
+
+TEST_F(RtmpsUnprepared, ToolLeavesThePolicyToTheUser) {
+    const auto tool = StartTool(tlsPort, {"GNUTLS_SYSTEM_PRIORITY_FILE="});
+    EXPECT_TRUE(WaitFor([&] { return tool->Output().find("RTMP source reconnect...") != std::string::npos; }));
+    tool->Stop();
+    EXPECT_NE(tool->Output().find("gst-source: nothing arrived from source 0"), std::string::npos) << tool->Output();
+    EXPECT_TRUE(WaitVersion(tlsPort, "TLSv1.3")) << ReadFile(NginxFile("tls.log"));
+}
 
 TEST_F(Rtmps, PlaysWithoutCredentials) {
     Host host(kRtmp);

@@ -23,6 +23,7 @@
 #include "interrupts.h"
 #include "log_capture.h"
 #include "missing.h"
+#include "rtmps_policy.h"
 #include "secrets.h"
 #include "source.h"
 #include "view_records.h"
@@ -422,8 +423,9 @@ int Host::Conclude(End end) {
 
 }  // namespace
 
-int RunHost(const Options &options) {
+int RunHost(Options options) {
     OpenStandardDescriptors();
+    const Fd policy = UseRtmpsPolicy(options.urls, options.warnings);
     Fd out = Duplicate(STDOUT_FILENO);
     Fd err = Duplicate(STDERR_FILENO);
     const Fd complaints = Duplicate(STDERR_FILENO);

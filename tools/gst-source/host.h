@@ -6,6 +6,6 @@
 namespace tool {
 
 // Runs until the end that the options name or until a signal; the result is the exit code of the process.
-int RunHost(const Options &options);
+int RunHost(Options options);
 
 }  // namespace tool

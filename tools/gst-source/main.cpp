@@ -1,12 +1,13 @@
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "host.h"
 #include "options.h"
 
 int main(int argc, char **argv) {
-    const tool::ParseResult parsed = tool::ParseOptions(argc, argv, [](const char *name) { return std::getenv(name); });
+    tool::ParseResult parsed = tool::ParseOptions(argc, argv, [](const char *name) { return std::getenv(name); });
     std::fputs(parsed.out.c_str(), stdout);
     std::fputs(parsed.err.c_str(), stderr);
-    return parsed.options ? tool::RunHost(*parsed.options) : parsed.exit_code;
+    return parsed.options ? tool::RunHost(std::move(*parsed.options)) : parsed.exit_code;
 }

@@ -147,6 +147,9 @@ class CommandLine {
             "(GST_SOURCE_USER, GST_SOURCE_PASSWORD, GST_SOURCE_PASSPHRASE, GST_SOURCE_TOKEN, GST_SOURCE_PROXY_PASSWORD)\n"
             "cannot. A flag beats a file, a file beats the environment. Secrets are shown as *** in the log.\n"
             "\n"
+            "With an rtmps:// URL the run is without TLS 1.3, whose session tickets librtmp takes for an error, unless\n"
+            "GNUTLS_SYSTEM_PRIORITY_FILE is set.\n"
+            "\n"
             "Ctrl-C (or SIGTERM) closes every source and prints the summary; a second one while they close leaves at once.\n"
             "Exit code: 0 every source has delivered; 1 one has not, or something failed, with one line that says what;\n"
             "2 the command line is wrong and nothing was opened; 130 or 143 left by a second Ctrl-C or SIGTERM.");

@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <exception>
 #include <iterator>
+#include <utility>
 
 namespace Tessaro {
 
@@ -389,6 +391,25 @@ GstBusSyncReply CBaseSource::stream_status_handler(GstBus * /*bus*/, GstMessage 
 }
 
 // ---- Life cycle -------------------------------------------------------------------------------------------------------------
+
+bool CBaseSource::_IsAlreadyLive(const char *tag, const char *url) const {
+    if (m_nPipelineState != GST_STATE_PLAYING && !m_nLoopPthread.joinable()) {
+        return false;
+    }
+    LOG_WARN(tag << " The current source is already live! url=" << url);
+    return true;
+}
+
+bool CBaseSource::_StartWorker(const char *tag, std::function<void()> body) {
+    m_bExit = false;
+    try {
+        m_nLoopPthread = std::thread(std::move(body));
+    } catch (const std::exception &error) {
+        LOG_ERR(tag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+        return false;
+    }
+    return true;
+}
 
 void CBaseSource::_NameThread(const char *name) {
     prctl(PR_SET_NAME, name, 0, 0, 0);

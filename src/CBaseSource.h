@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <mutex>
 #include <string>
@@ -99,6 +100,10 @@ class CBaseSource {
         const CBaseSource &m_source;
         const OwnThread *const m_pOuter;
     };
+    // Whether an open comes too late, which it is told: a worker that has ended by itself still counts until a close has joined it. Host.
+    bool _IsAlreadyLive(const char *tag, const char *url) const;
+    // Starts the worker; false, with a line, when there is no thread for it. Host.
+    bool _StartWorker(const char *tag, std::function<void()> body);
     // Names the calling thread; threads that elements start from it inherit the name.
     static void _NameThread(const char *name);
     // source_mode "live", state "start".

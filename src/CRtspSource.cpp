@@ -8,7 +8,6 @@
 #include "workarounds/StalledRtspRequest.h"
 #include "workarounds/UnannouncedRtspEnd.h"
 
-#include <exception>
 #include <memory>
 
 namespace Tessaro {
@@ -50,9 +49,7 @@ bool CRtspSource::OpenLiveStream(const char *url, unsigned int caching, unsigned
         LOG_ERR(kTag << " Share buffer not init or location is invaild!");
         return false;
     }
-    // A worker that has ended by itself still counts until a close has joined it.
-    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
-        LOG_WARN(kTag << " The current source is already live! url=" << url);
+    if (_IsAlreadyLive(kTag, url)) {
         return false;
     }
     LOG_INFO(kTag << " Open " << url << "... {Opts:caching=" << caching << ",protocols=" << protocols << ",latency=" << latency
@@ -69,11 +66,7 @@ bool CRtspSource::OpenLiveStream(const char *url, unsigned int caching, unsigned
         LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
         return false;
     }
-    m_bExit = false;
-    try {
-        m_nLoopPthread = std::thread(&CRtspSource::_LoopPthread, this);
-    } catch (const std::exception &error) {
-        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+    if (!_StartWorker(kTag, [this] { _LoopPthread(); })) {
         _DestroyGstElements();
         return false;
     }

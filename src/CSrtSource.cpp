@@ -1,13 +1,11 @@
 #include "CSrtSource.h"
 
 #include "CodecTables.h"
-#include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
 #include "workarounds/HammeringSrtCaller.h"
 #include "workarounds/LostSrtStop.h"
 
-#include <exception>
 #include <memory>
 
 namespace Tessaro {
@@ -64,9 +62,7 @@ bool CSrtSource::OpenLiveStream(const char *url, unsigned int caching, const cha
         LOG_ERR(kTag << " Share buffer not init or location is invaild!");
         return false;
     }
-    // A worker that has ended by itself still counts until a close has joined it.
-    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
-        LOG_WARN(kTag << " The current source is already live! url=" << url);
+    if (_IsAlreadyLive(kTag, url)) {
         return false;
     }
     LOG_INFO(kTag << " Open " << url << "... {Opts:caching=" << caching << ",mode=" << mode << ",streamid=" << streamid
@@ -86,11 +82,7 @@ bool CSrtSource::OpenLiveStream(const char *url, unsigned int caching, const cha
         LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
         return false;
     }
-    m_bExit = false;
-    try {
-        m_nLoopPthread = std::thread(&CSrtSource::_LoopPthread, this);
-    } catch (const std::exception &error) {
-        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+    if (!_StartWorker(kTag, [this] { _LoopPthread(); })) {
         _DestroyGstElements();
         return false;
     }

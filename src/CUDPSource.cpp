@@ -1,11 +1,8 @@
 #include "CUDPSource.h"
 
 #include "CodecTables.h"
-#include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
-
-#include <exception>
 
 namespace Tessaro {
 
@@ -44,9 +41,7 @@ bool CUDPSource::OpenLiveStream(const char *url, unsigned int caching, unsigned 
         LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
         return false;
     }
-    // A worker that has ended by itself still counts until a close has joined it.
-    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
-        LOG_WARN(kTag << " The current source is already live! url=" << url);
+    if (_IsAlreadyLive(kTag, url)) {
         return false;
     }
     LOG_INFO(kTag << " Open " << url << "... {Opts:caching=" << caching << ",ts_latency=" << ts_latency << ",mtu=" << mtu
@@ -60,11 +55,7 @@ bool CUDPSource::OpenLiveStream(const char *url, unsigned int caching, unsigned 
         LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
         return false;
     }
-    m_bExit = false;
-    try {
-        m_nLoopPthread = std::thread(&CUDPSource::_LoopPthread, this);
-    } catch (const std::exception &error) {
-        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+    if (!_StartWorker(kTag, [this] { _LoopPthread(); })) {
         _DestroyGstElements();
         return false;
     }

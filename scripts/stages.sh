@@ -19,6 +19,7 @@ shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} .ci/run tes
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts
+    check 'the table of workarounds' python3 "$root/scripts/workarounds.py"
     if style_tools_are_pinned; then
         check 'layout of the sources (clang-format)' layout
         check 'the sources (cppcheck)' lint

@@ -61,7 +61,14 @@ class Announcing : public testing::Test {
         gst_object_ref_sink(m_pipeline);
         gst_bin_add(GST_BIN(m_pipeline), m_source);
     }
-    ~Announcing() override { gst_object_unref(m_pipeline); }
+    ~Announcing() override {
+        // What nobody has read holds its element.
+        GstBus *const bus = gst_element_get_bus(m_pipeline);
+        gst_bus_set_flushing(bus, TRUE);
+        gst_object_unref(bus);
+        gst_object_unref(m_pipeline);
+        ExpectNothingLives();
+    }
 
     void Progress(GstProgressType type) const {
         gst_element_post_message(m_source, gst_message_new_progress(GST_OBJECT(m_source), type, "open", "a text"));

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -108,21 +107,6 @@ bool ThreadsLeft(size_t count) {
         pthread_join(started.at(i), nullptr);
     }
     return got == count;
-}
-
-void GuardStandardOutput() {
-    if (fcntl(STDOUT_FILENO, F_GETFD) >= 0 || errno != EBADF) {
-        return;
-    }
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    // The lowest free number that is no less: anything else means that somebody has been faster.
-    const int out = null == STDOUT_FILENO ? null : fcntl(null, F_DUPFD, STDOUT_FILENO);
-    if (out != STDOUT_FILENO && out >= 0) {
-        close(out);
-    }
-    if (null >= 0 && null != STDOUT_FILENO) {
-        close(null);
-    }
 }
 
 GstElement *TryMakeElement(const char *factory, const char *name) {

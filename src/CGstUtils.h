@@ -31,9 +31,6 @@ bool DescriptorsLeft(size_t count);
 // Whether the process may start that many more threads, at most 64. GLib ends it, or waits for ever in a stop, where a thread of its own cannot be started,
 // so this is asked first. Starts them for a moment (about 0.05 ms each). Any thread; another one may take them the next moment.
 bool ThreadsLeft(size_t count);
-// Standard output that the host has closed leads to /dev/null from here on. Otherwise the next file or socket that anybody opens gets
-// its number, and the log goes into that. Any thread.
-void GuardStandardOutput();
 
 // ---- Ownership --------------------------------------------------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-// The steps below the source classes that deal with the process: its descriptors, its standard output, threads that stand or wait.
+// The steps below the source classes that deal with the process: its descriptors, threads that stand or wait.
 #include "CHttpSession.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
@@ -9,9 +9,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -19,11 +17,9 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <future>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -44,154 +40,6 @@ TEST(Descriptors, AreCountedAndGivenBack) {
     const int after = dup(STDIN_FILENO);
     close(after);
     EXPECT_EQ(before, after);
-}
-
-// ---- Standard output --------------------------------------------------------------------------------------------------------
-
-namespace {
-
-// Lends the first two descriptors to a test that closes them. What it finds it reports after the end of the scope, since until then
-// there is nowhere to print.
-class BorrowedStdio {
-  public:
-    BorrowedStdio() {
-        std::fflush(stdout);
-        for (const int fd : {0, 1}) {
-            m_saved.at(static_cast<std::size_t>(fd)) = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-            if (m_saved.at(static_cast<std::size_t>(fd)) < 0) {
-                std::perror("unable to save standard input and output");
-                std::abort();
-            }
-        }
-    }
-    ~BorrowedStdio() {
-        std::fflush(stdout);
-        for (const int fd : {0, 1}) {
-            dup2(m_saved.at(static_cast<std::size_t>(fd)), fd);
-            close(m_saved.at(static_cast<std::size_t>(fd)));
-        }
-    }
-    BorrowedStdio(const BorrowedStdio &) = delete;
-    BorrowedStdio &operator=(const BorrowedStdio &) = delete;
-
-  private:
-    std::array<int, 2> m_saved{};
-};
-
-bool IsOpen(int fd) {
-    return fcntl(fd, F_GETFD) >= 0;
-}
-
-bool IsNull(int fd) {
-    struct stat info {};
-    return fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
-}
-
-bool IsSame(int fd, int other) {
-    struct stat is {};
-    struct stat was {};
-    return fstat(fd, &is) == 0 && fstat(other, &was) == 0 && is.st_dev == was.st_dev && is.st_ino == was.st_ino;
-}
-
-// The number that is given out next.
-int LowestFree() {
-    const int fd = memfd_create("number", MFD_CLOEXEC);
-    close(fd);
-    return fd;
-}
-
-// What the guard leaves behind.
-struct Guarded {
-    bool outputIsOpen = false;
-    bool outputIsNull = false;
-    bool outputIsFile = false;  // the test's
-    bool inputIsOpen = false;
-    bool leavesNothingElse = false;
-};
-
-// The guard over a standard output that `prepare` has closed, replaced by `file`, or made hard to get by faults.
-Guarded Guard(const std::function<void(int file, Faults &faults)> &prepare, std::optional<rlim_t> room = {}) {
-    Faults faults;
-    Guarded guarded;
-    const BorrowedStdio borrowed;
-    const int file = memfd_create("file", MFD_CLOEXEC);
-    const int before = LowestFree();
-    prepare(file, faults);
-    {
-        std::optional<FewDescriptors> few;
-        if (room) {
-            few.emplace(*room);
-        }
-        GSTREAMER::GuardStandardOutput();
-    }
-    faults.OnDescriptorCall(nullptr);
-    guarded.outputIsOpen = IsOpen(STDOUT_FILENO);
-    guarded.outputIsNull = IsNull(STDOUT_FILENO);
-    guarded.outputIsFile = IsSame(STDOUT_FILENO, file);
-    guarded.inputIsOpen = IsOpen(STDIN_FILENO);
-    for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
-        dup2(file, fd);
-    }
-    guarded.leavesNothingElse = LowestFree() == before;
-    close(file);
-    return guarded;
-}
-
-}  // namespace
-
-TEST(StandardOutput, OneThatIsOpenIsLeftAlone) {
-    const Guarded guarded = Guard([](int file, Faults &) { dup2(file, STDOUT_FILENO); });
-    EXPECT_TRUE(guarded.outputIsFile);
-    EXPECT_TRUE(guarded.leavesNothingElse);
-}
-
-TEST(StandardOutput, OneThatIsClosedLeadsToNull) {
-    const Guarded guarded = Guard([](int, Faults &) { close(STDOUT_FILENO); });
-    EXPECT_TRUE(guarded.outputIsNull);
-    EXPECT_TRUE(guarded.inputIsOpen);
-    EXPECT_TRUE(guarded.leavesNothingElse);
-}
-
-TEST(StandardOutput, LowerNumbersThatAreFreeStayFree) {
-    const Guarded guarded = Guard([](int, Faults &) {
-        close(STDIN_FILENO);
-        close(STDOUT_FILENO);
-    });
-    EXPECT_TRUE(guarded.outputIsNull);
-    EXPECT_FALSE(guarded.inputIsOpen);
-    EXPECT_TRUE(guarded.leavesNothingElse);
-}
-
-TEST(StandardOutput, NothingCanBeOpened) {
-    const Guarded guarded = Guard([](int, Faults &) { close(STDOUT_FILENO); }, 0);
-    EXPECT_FALSE(guarded.outputIsOpen);
-    EXPECT_TRUE(guarded.leavesNothingElse);
-}
-
-// Another thread that opens something in the same moment gets the number first.
-TEST(StandardOutput, NumberThatSomebodyElseHasGotIsTheirs) {
-    const Guarded guarded = Guard([](int file, Faults &faults) {
-        close(STDIN_FILENO);
-        close(STDOUT_FILENO);
-        faults.OnDescriptorCall([file](int command) {
-            if (command == F_DUPFD) {
-                dup2(file, STDOUT_FILENO);
-            }
-            return 0;
-        });
-    });
-    EXPECT_TRUE(guarded.outputIsFile);
-    EXPECT_FALSE(guarded.inputIsOpen);
-    EXPECT_TRUE(guarded.leavesNothingElse);
-}
-
-TEST(StandardOutput, OneThatCannotBeLookedAtIsLeftAlone) {
-    const Guarded guarded = Guard([](int, Faults &faults) {
-        close(STDOUT_FILENO);
-        faults.OnDescriptorCall([](int) { return EPERM; });
-    });
-    EXPECT_FALSE(guarded.outputIsOpen);
-    EXPECT_TRUE(guarded.leavesNothingElse);
 }
 
 // ---- Taking out -------------------------------------------------------------------------------------------------------------

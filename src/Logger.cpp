@@ -216,7 +216,7 @@ bool WriteWhole(const struct stat &file, std::string text) {
     if (error == EBADF) {
         g_closed = true;
     }
-    if (error != 0 && error != EPIPE && at > 0) {
+    if (error != 0 && at > 0) {
         rest.text = std::move(text);
         rest.at = at;
         rest.file = file;
@@ -250,14 +250,20 @@ class WithoutPipeSignal {
     bool m_bHosts = false;
 };
 
-void WriteText(std::string text) {
+// `form` makes the text. It runs under the lock too, because of localtime_r: in a child of fork() that could wait
+// forever for another thread of ours.
+template <typename Form>
+void Write(Form form) {
+    if (g_closed) {
+        return;
+    }
     const Lock lock(g_outputMutex, kLongestHold);
     if (!lock) {
         ++g_dropped;
         return;
     }
     struct stat file {};
-    if (g_closed || !LookAtOutput(file)) {
+    if (!LookAtOutput(file)) {
         return;
     }
     const WithoutPipeSignal no_signal;
@@ -273,7 +279,7 @@ void WriteText(std::string text) {
         }
         g_dropped -= dropped;
     }
-    if (!WriteWhole(file, std::move(text))) {
+    if (!WriteWhole(file, form())) {
         ++g_dropped;
     }
 }
@@ -312,7 +318,7 @@ void RememberStandardOutput() noexcept {
 
 void WriteLogLine(LogLevel level, int line, const std::string &message) noexcept {
     try {
-        WriteText(FormLine(level, line, message));
+        Write([&] { return FormLine(level, line, message); });
     } catch (...) {  // NOLINT(bugprone-empty-catch): no memory for the line, and no way to report that
     }
 }
@@ -321,7 +327,8 @@ void PrintByStdio(const char *format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
     try {
-        WriteText(FormText(format, arguments));
+        const std::string text = FormText(format, arguments);
+        Write([&] { return text; });
     } catch (...) {  // NOLINT(bugprone-empty-catch)
     }
     va_end(arguments);
@@ -333,11 +340,11 @@ void PrintByGlib(const char *format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
     try {
-        std::string text = FormText(format, arguments);
+        const std::string text = FormText(format, arguments);
         if (HostHasPrintHandler()) {
             g_print("%s", text.c_str());
         } else {
-            WriteText(std::move(text));
+            Write([&] { return text; });
         }
     } catch (...) {  // NOLINT(bugprone-empty-catch)
     }

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -27,17 +28,24 @@ namespace GSTREAMER {
 namespace {
 
 // Threads may log while the process exits: nothing here has a destructor that does something.
-std::timed_mutex g_outputMutex;
-std::timed_mutex g_handlerMutex;
-static_assert(std::is_trivially_destructible_v<std::timed_mutex>);
+std::mutex g_outputMutex;
+std::mutex g_handlerMutex;
+static_assert(std::is_trivially_destructible_v<std::mutex>);
 std::atomic<bool> g_closed{false};
 std::atomic<unsigned long> g_dropped{0};
 
-// No holder of a mutex waits for room. It takes longer only while a disk stalls, or in a child of fork(), where
-// the holder may be missing.
-constexpr std::chrono::seconds kLongestHold{1};
+using Lock = std::unique_lock<std::mutex>;
 
-using Lock = std::unique_lock<std::timed_mutex>;
+// No holder of a mutex waits for room. Without the lock after about a second, a disk stalls, or this is a child of
+// fork() and the holder is missing.
+Lock Take(std::mutex &mutex) {
+    Lock lock(mutex, std::try_to_lock);
+    for (int tries = 0; !lock && tries < 5000; ++tries) {
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+        lock.try_lock();
+    }
+    return lock;
+}
 
 // The end of a text that found room for its begin only. Before anything else goes out, it does.
 struct Rest {
@@ -257,7 +265,7 @@ void Write(Form form) {
     if (g_closed) {
         return;
     }
-    const Lock lock(g_outputMutex, kLongestHold);
+    const Lock lock = Take(g_outputMutex);
     if (!lock) {
         ++g_dropped;
         return;
@@ -290,7 +298,7 @@ bool HostHasPrintHandler() {
     static bool known = false;
     static GPrintFunc standard = nullptr;  // null before GLib 2.76
     static GPrintFunc last = nullptr;
-    const Lock lock(g_handlerMutex, kLongestHold);
+    const Lock lock = Take(g_handlerMutex);
     if (!lock) {
         return false;
     }

@@ -42,7 +42,7 @@ Lock Take(std::mutex &mutex) {
     Lock lock(mutex, std::try_to_lock);
     for (int tries = 0; !lock && tries < 5000; ++tries) {
         std::this_thread::sleep_for(std::chrono::microseconds(100));
-        lock.try_lock();
+        lock = Lock(mutex, std::try_to_lock);
     }
     return lock;
 }

@@ -36,8 +36,8 @@ std::atomic<unsigned long> g_dropped{0};
 
 using Lock = std::unique_lock<std::mutex>;
 
-// No holder of a mutex waits for room. Without the lock after about a second, a disk stalls, or this is a child of
-// fork() and the holder is missing.
+// No holder of a mutex waits for room. Without the lock after about a second, a disk stalls, or this is a
+// child of fork() and the holder is missing.
 Lock Take(std::mutex &mutex) {
     Lock lock(mutex, std::try_to_lock);
     for (int tries = 0; !lock && tries < 5000; ++tries) {
@@ -126,8 +126,8 @@ bool HasRoom() {
     return poll(&out, 1, 0) > 0;
 }
 
-// A second open file of the same pipe or terminal, one that does not block: the flags of the host's stay as they
-// are. -1 when that cannot be done.
+// A second open file of the same pipe or terminal, one that does not block: the flags of the host's stay as
+// they are. -1 when that cannot be done.
 int OpenAnew(const struct stat &file) {
     const int anew = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat opened {};
@@ -162,8 +162,8 @@ ssize_t WriteSome(const struct stat &file, char *data, size_t size) {
         errno = error;
         return written;
     }
-    // It belongs to another user, there is no /proc or no descriptor left. With any room, a pipe takes that much, and
-    // a terminal a byte.
+    // It belongs to another user, there is no /proc or no descriptor left. With any room, a pipe takes that
+    // much, and a terminal a byte.
     if (!HasRoom()) {
         errno = EAGAIN;
         return -1;
@@ -258,8 +258,8 @@ class WithoutPipeSignal {
     bool m_bHosts = false;
 };
 
-// `form` makes the text. It runs under the lock too, because of localtime_r: in a child of fork() that could wait
-// forever for another thread of ours.
+// `form` makes the text. It runs under the lock too, because of localtime_r: in a child of fork() that could
+// wait forever for another thread of ours.
 template <typename Form>
 void Write(Form form) {
     if (g_closed) {
@@ -292,8 +292,8 @@ void Write(Form form) {
     }
 }
 
-// GLib has no getter. Setting the handler that is set already disturbs no thread. Another one, which the host has
-// set since, is returned by that and put back.
+// GLib has no getter. Setting the handler that is set already disturbs no thread. Another one, which the host
+// has set since, is returned by that and put back.
 bool HostHasPrintHandler() {
     static bool known = false;
     static GPrintFunc standard = nullptr;  // null before GLib 2.76
@@ -342,8 +342,8 @@ void PrintByStdio(const char *format, ...) noexcept {
     va_end(arguments);
 }
 
-// GLib's own handler writes by stdio, which may block. (It also converts to the locale's character set: the texts
-// are ASCII.)
+// GLib's own handler writes by stdio, which may block. (It also converts to the locale's character set: the
+// texts are ASCII.)
 void PrintByGlib(const char *format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);

@@ -9,9 +9,9 @@ namespace GSTREAMER {
 
 enum class LogLevel { Fatal, Err, Warn, Info, Debug };
 
-// These three write a text to descriptor 1: at once, in order, whole or not at all. They never block: a text that
-// finds no room is dropped. The first one that finds room again comes after a line with the number of the dropped
-// ones. Any thread.
+// These three write a text to descriptor 1: at once, in order, whole or not at all. They never block: a text
+// that finds no room is dropped. The first one that finds room again comes after a line with the number of
+// the dropped ones. Any thread.
 
 // A log line. `line` is the source line of the statement.
 void WriteLogLine(LogLevel level, int line, const std::string &message) noexcept;
@@ -19,17 +19,19 @@ void WriteLogLine(LogLevel level, int line, const std::string &message) noexcept
 // A text as by printf.
 __attribute__((format(printf, 1, 2))) void PrintByStdio(const char *format, ...) noexcept;
 
-// A text as by g_print: a handler that the host has set (g_set_print_handler) gets it, whatever standard output is.
+// A text as by g_print: a handler that the host has set (g_set_print_handler) gets it, whatever standard
+// output is.
 __attribute__((format(printf, 1, 2))) void PrintByGlib(const char *format, ...) noexcept;
 
-// If standard output is closed, nothing is written to descriptor 1 any more: the next file or socket that anybody
-// opens gets the number. Any thread.
+// If standard output is closed, nothing is written to descriptor 1 any more: the next file or socket that
+// anybody opens gets the number. Any thread.
 void RememberStandardOutput() noexcept;
 
 }  // namespace GSTREAMER
 
-// The statement's operands are streamed: LOG_INFO(kTag << " Open " << url). A line for which there is no memory is dropped, or cut where it
-// ran out, rather than thrown: log statements stand on paths that must not fail.
+// The statement's operands are streamed: LOG_INFO(kTag << " Open " << url). A line for which there is no
+// memory is dropped, or cut where it ran out, rather than thrown: log statements stand on paths that must not
+// fail.
 #define GST_SOURCE_LOG(level, operands)                                                 \
     do {                                                                                \
         try {                                                                           \

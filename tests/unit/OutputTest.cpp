@@ -240,8 +240,8 @@ TEST_P(PipeOutput, NoDescriptorIsLeft) {
 
 namespace {
 
-// Standard output is something else for its lifetime, and the signal of a broken pipe does what it does to a host that
-// does not care for it.
+// Standard output is something else for its lifetime, and the signal of a broken pipe does what it does to a
+// host that does not care for it.
 class OutputIs {
   public:
     explicit OutputIs(int fd) : m_saved(dup(STDOUT_FILENO)), m_action(std::signal(SIGPIPE, SIG_DFL)) {

@@ -335,8 +335,8 @@ void PrintByStdio(const char *format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
     try {
-        const std::string text = FormText(format, arguments);
-        Write([&] { return text; });
+        std::string text = FormText(format, arguments);
+        Write([&] { return std::move(text); });
     } catch (...) {  // NOLINT(bugprone-empty-catch)
     }
     va_end(arguments);
@@ -348,11 +348,11 @@ void PrintByGlib(const char *format, ...) noexcept {
     va_list arguments;
     va_start(arguments, format);
     try {
-        const std::string text = FormText(format, arguments);
+        std::string text = FormText(format, arguments);
         if (HostHasPrintHandler()) {
             g_print("%s", text.c_str());
         } else {
-            Write([&] { return text; });
+            Write([&] { return std::move(text); });
         }
     } catch (...) {  // NOLINT(bugprone-empty-catch)
     }

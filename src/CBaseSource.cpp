@@ -79,7 +79,7 @@ void Print(const char *text) {
 CBaseSource::CBaseSource(void *share_buffer, int channel, int stream)
     : m_pShareBuffer(share_buffer), m_nChannel(channel), m_nStream(stream) {
     m_stAudioInfo.type = kMediaTypeAudio;
-    GSTREAMER::GuardStandardOutput();
+    GSTREAMER::RememberStandardOutput();
     GSTREAMER::GstInit();
 }
 

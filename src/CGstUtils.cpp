@@ -1,10 +1,7 @@
 #include "CGstUtils.h"
 
-#include <fcntl.h>
 #include <gst/gst.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <mutex>
 
 namespace GSTREAMER {
@@ -36,21 +33,6 @@ void GstDeInit() {
     }
     g_bGstInitFlag = false;
     gst_deinit();
-}
-
-void GuardStandardOutput() {
-    if (fcntl(STDOUT_FILENO, F_GETFD) >= 0 || errno != EBADF) {
-        return;
-    }
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    // The lowest free number that is no less: anything else means that somebody has been faster.
-    const int out = null == STDOUT_FILENO ? null : fcntl(null, F_DUPFD, STDOUT_FILENO);
-    if (out != STDOUT_FILENO && out >= 0) {
-        close(out);
-    }
-    if (null >= 0 && null != STDOUT_FILENO) {
-        close(null);
-    }
 }
 
 }  // namespace GSTREAMER

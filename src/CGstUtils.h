@@ -11,8 +11,4 @@ __attribute__((visibility("default"))) void GstInit();
 // sources can still be created but no longer be opened. Any thread.
 __attribute__((visibility("default"))) void GstDeInit();
 
-// Standard output that the host has closed leads to /dev/null from here on. Otherwise the next file or socket that anybody opens gets
-// its number, and the log goes into that. Any thread.
-void GuardStandardOutput();
-
 }  // namespace GSTREAMER

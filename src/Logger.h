@@ -9,19 +9,29 @@ namespace GSTREAMER {
 
 enum class LogLevel { Fatal, Err, Warn, Info, Debug };
 
-// Writes one whole line to standard output and flushes it, if it takes it. Any thread; never throws. `line` is the source line of the
-// statement.
+// These three write a text to descriptor 1: at once, in order, whole or not at all. They never block: a text
+// that finds no room is dropped. The first one that finds room again comes after a line with the number of
+// the dropped ones. Any thread.
+
+// A log line. `line` is the source line of the statement.
 void WriteLogLine(LogLevel level, int line, const std::string &message) noexcept;
 
-// Whether standard output takes a line without blocking. It belongs to the host and may be a pipe that nobody reads: the first line that finds
-// it full waits up to a second, the following ones not at all, and what was left out is told by one line as soon as
-// there is room again. To be asked before everything that is printed. Any thread; never throws.
-bool OutputReady() noexcept;
+// A text as by printf.
+__attribute__((format(printf, 1, 2))) void PrintByStdio(const char *format, ...) noexcept;
+
+// A text as by g_print: a handler that the host has set (g_set_print_handler) gets it, whatever standard
+// output is.
+__attribute__((format(printf, 1, 2))) void PrintByGlib(const char *format, ...) noexcept;
+
+// If standard output is closed, nothing is written to descriptor 1 any more: the next file or socket that
+// anybody opens gets the number. Any thread.
+void RememberStandardOutput() noexcept;
 
 }  // namespace GSTREAMER
 
-// The statement's operands are streamed: LOG_INFO(kTag << " Open " << url). A line for which there is no memory is dropped, or cut where it
-// ran out, rather than thrown: log statements stand on paths that must not fail.
+// The statement's operands are streamed: LOG_INFO(kTag << " Open " << url). A line for which there is no
+// memory is dropped, or cut where it ran out, rather than thrown: log statements stand on paths that must not
+// fail.
 #define GST_SOURCE_LOG(level, operands)                                                 \
     do {                                                                                \
         try {                                                                           \
@@ -33,20 +43,9 @@ bool OutputReady() noexcept;
         }                                                                               \
     } while (false)
 
-// The diagnostics that do not come through the log, by GLib's print handler and by printf.
-#define PRINT_BY_GLIB(...)              \
-    do {                                \
-        if (GSTREAMER::OutputReady()) { \
-            g_print(__VA_ARGS__);       \
-        }                               \
-    } while (false)
-#define PRINT_BY_STDIO(...)             \
-    do {                                \
-        if (GSTREAMER::OutputReady()) { \
-            std::printf(__VA_ARGS__);   \
-            std::fflush(stdout);        \
-        }                               \
-    } while (false)
+// The diagnostics that do not come through the log.
+#define PRINT_BY_GLIB(...) GSTREAMER::PrintByGlib(__VA_ARGS__)
+#define PRINT_BY_STDIO(...) GSTREAMER::PrintByStdio(__VA_ARGS__)
 
 #define LOG_FATAL(operands) GST_SOURCE_LOG(GSTREAMER::LogLevel::Fatal, operands)
 #define LOG_ERR(operands) GST_SOURCE_LOG(GSTREAMER::LogLevel::Err, operands)

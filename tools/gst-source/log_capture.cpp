@@ -17,6 +17,7 @@ namespace tool {
 namespace {
 
 constexpr size_t kLongestLine = size_t{64} * 1024;
+constexpr int kPipeSize = 1024 * 1024;
 
 }  // namespace
 
@@ -34,6 +35,8 @@ LogCapture::LogCapture(int target, bool with_errors, Masker masker, std::functio
     }
     m_pipeRead = Fd(ends[0]);
     const Fd write_end(ends[1]);
+    // The library does not wait for room. Where the system allows less, the pipe keeps its size.
+    fcntl(write_end.Get(), F_SETPIPE_SZ, kPipeSize);
     fcntl(m_pipeRead.Get(), F_SETFL, O_NONBLOCK);
 
     std::fflush(stdout);

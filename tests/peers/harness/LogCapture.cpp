@@ -52,6 +52,8 @@ LogCapture::LogCapture() {
     if (saved_ < 0 || pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], 1) < 0) {
         throw std::runtime_error("standard output cannot be captured");
     }
+    // The library does not wait for room.
+    fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);
     close(ends[1]);
     pipe_ = ends[0];
     reader_ = std::thread([this] { Read(); });

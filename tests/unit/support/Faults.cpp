@@ -1,6 +1,7 @@
 #include "Faults.h"
 
-#include <poll.h>
+#include <fcntl.h>
+#include <sys/uio.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -137,8 +138,10 @@ void __real_g_usleep(gulong microseconds);
 void __wrap_g_usleep(gulong microseconds);
 gint64 __real_g_get_monotonic_time(void);
 gint64 __wrap_g_get_monotonic_time(void);
-int __real_poll(pollfd *polled, nfds_t count, int timeout);
-int __wrap_poll(pollfd *polled, nfds_t count, int timeout);
+ssize_t __real_pwritev64v2(int fd, const iovec *pieces, int count, off64_t offset, int flags);
+ssize_t __wrap_pwritev64v2(int fd, const iovec *pieces, int count, off64_t offset, int flags);
+int __real_open64(const char *path, int flags, ...);
+int __wrap_open64(const char *path, int flags, ...);
 int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
@@ -270,8 +273,25 @@ gint64 __wrap_g_get_monotonic_time(void) {
     return clock != 0 ? clock : __real_g_get_monotonic_time();
 }
 
-int __wrap_poll(pollfd *polled, nfds_t count, int timeout) {
-    return __real_poll(polled, count, unit::WithPlan([](unit::Plan &plan) { return plan.impatient; }) ? 0 : timeout);
+ssize_t __wrap_pwritev64v2(int fd, const iovec *pieces, int count, off64_t offset, int flags) {
+    if (unit::WithPlan([](unit::Plan &plan) { return plan.noPromptWrite; })) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return __real_pwritev64v2(fd, pieces, count, offset, flags);
+}
+
+int __wrap_open64(const char *path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if (unit::WithPlan([](unit::Plan &plan) { return plan.noSecondOpen; }) &&
+        g_str_has_prefix(path, "/proc/self/fd/") != FALSE) {
+        errno = EACCES;
+        return -1;
+    }
+    return __real_open64(path, flags, mode);
 }
 
 int __wrap_fcntl64(int fd, int command, ...) {

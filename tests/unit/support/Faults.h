@@ -54,7 +54,8 @@ struct Plan {
     std::function<GstMessage *(int)> onPoll;
     std::vector<GstClockTime> polls;
     bool pollFast = false;
-    bool impatient = false;
+    bool noPromptWrite = false;
+    bool noSecondOpen = false;
     std::function<int(int)> onDescriptorCall;
 };
 
@@ -133,8 +134,10 @@ class Faults {
     // Called with the command of each fcntl, before it; an errno that it gives is what the call fails with, 0 lets it go on.
     void OnDescriptorCall(std::function<int(int command)> hook) { Set(&Plan::onDescriptorCall, std::move(hook)); }
 
-    // A poll for descriptors is over at once: standard output that is full is not waited for.
-    void PollWithoutPatience() { Set(&Plan::impatient, true); }
+    // pwritev2() does not know pipes, as before Linux 6.4.
+    void RefusePromptWrite() { Set(&Plan::noPromptWrite, true); }
+    // Files are not opened by way of /proc/self/fd, as when they belong to another user.
+    void RefuseSecondOpen() { Set(&Plan::noSecondOpen, true); }
     // What the library takes for g_get_monotonic_time from now on; it stands still until it is set again.
     void SetClock(gint64 microseconds) { Set(&Plan::clock, microseconds); }
     // The waits of the worker: recorded; not slept through unless asked for. The hook is called on the worker with the number

@@ -14,7 +14,8 @@ class FewDescriptors {
     explicit FewDescriptors(rlim_t room) {
         getrlimit(RLIMIT_NOFILE, &m_saved);
         // The limit is on numbers, of which higher ones may be taken.
-        const rlimit limit{room > 0 ? Open() + room : 0, m_saved.rlim_max};
+        // With 0, poll() would fail for any descriptor.
+        const rlimit limit{room > 0 ? Open() + room : 1, m_saved.rlim_max};
         setrlimit(RLIMIT_NOFILE, &limit);
     }
     ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &m_saved); }

@@ -7,11 +7,11 @@ namespace GSTREAMER {
 
 void SyncMessages::Begin(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> handle) {
     End();
+    const std::string signal = std::string("sync-message::") + type;
     m_fnHandle = std::move(handle);
     m_pBus = gst_element_get_bus(pipeline);
     gst_bus_enable_sync_message_emission(m_pBus);
-    m_nHandler =
-        g_signal_connect(m_pBus, (std::string("sync-message::") + type).c_str(), G_CALLBACK(sync_message_handler), this);
+    m_nHandler = g_signal_connect(m_pBus, signal.c_str(), G_CALLBACK(sync_message_handler), this);
 }
 
 void SyncMessages::End() {

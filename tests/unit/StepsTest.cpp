@@ -1,2 +1,793 @@
 // The steps below the source classes that deal with the process: its descriptors, threads that stand or wait.
 #include "CGstUtils.h"
+#include "CHttpSession.h"
+#include "framework/Resources.h"
+#include "support/FewDescriptors.h"
+#include "support/Fixture.h"
+#include "support/Loopback.h"
+#include "support/Watchdog.h"
+#include "workarounds/HeldSource.h"
+#include "workarounds/LostSrtStop.h"
+#include "workarounds/SleepingJitterBuffers.h"
+#include "workarounds/SocketWait.h"
+#include "workarounds/StopHelp.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <thread>
+#include <vector>
+
+namespace unit {
+
+// ---- Descriptors ------------------------------------------------------------------------------------------------------------
+
+TEST(Descriptors, AreCountedAndGivenBack) {
+    const int before = dup(STDIN_FILENO);
+    close(before);
+    EXPECT_TRUE(GSTREAMER::DescriptorsLeft(0));
+    EXPECT_TRUE(GSTREAMER::DescriptorsLeft(32));
+    {
+        const FewDescriptors none(0);
+        EXPECT_TRUE(GSTREAMER::DescriptorsLeft(0));
+        EXPECT_FALSE(GSTREAMER::DescriptorsLeft(1));
+    }
+    const int after = dup(STDIN_FILENO);
+    close(after);
+    EXPECT_EQ(before, after);
+}
+
+// Another thread of the host opens and closes files all the time, and has just enough descriptors for that.
+TEST(Descriptors, NoneIsTakenToCountThem) {
+    const FewDescriptors few(20);
+    std::atomic<bool> over{false};
+    std::atomic<int> opened{0};
+    std::atomic<int> refused{0};
+    std::thread host([&] {
+        while (!over) {
+            const int fd = dup(STDIN_FILENO);
+            refused += fd < 0 ? 1 : 0;
+            close(fd);
+            ++opened;
+        }
+    });
+    // Enough of them for two threads that run side by side to meet, seen with descriptors taken for a moment.
+    while (opened < 200000) {
+        EXPECT_FALSE(GSTREAMER::DescriptorsLeft(32));
+    }
+    over = true;
+    host.join();
+    EXPECT_EQ(0, refused);
+}
+
+TEST(Descriptors, WithoutALimitAreLeft) {
+    rlimit saved{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+    const rlimit most{saved.rlim_max, saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &most));
+    EXPECT_TRUE(GSTREAMER::DescriptorsLeft(64));
+    setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+// ---- Threads ----------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Lets the address space grow by so many bytes for its lifetime.
+class FewMemory {
+  public:
+    explicit FewMemory(rlim_t room) {
+        getrlimit(RLIMIT_AS, &m_saved);
+        rlim_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + room, m_saved.rlim_max};
+        setrlimit(RLIMIT_AS, &limit);
+    }
+    ~FewMemory() { setrlimit(RLIMIT_AS, &m_saved); }
+    FewMemory(const FewMemory &) = delete;
+    FewMemory &operator=(const FewMemory &) = delete;
+
+  private:
+    rlimit m_saved{};
+};
+
+// What a child answers that is a user without rights and may start so many threads more than it has.
+int AskedByUser(rlim_t room) {
+    const pid_t child = fork();
+    if (child == 0) {
+        constexpr uid_t kNobody = 65534;
+        const bool changed = geteuid() != 0 || setuid(kNobody) == 0;
+        // A process that has changed its user is root's in /proc otherwise.
+        prctl(PR_SET_DUMPABLE, 1);
+        rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+        getrlimit(RLIMIT_NPROC, &limit);
+        // How many threads the user has is what is left of a limit that is far above.
+        constexpr rlim_t kFar = 20000;
+        limit.rlim_cur = std::min(kFar, limit.rlim_max);
+        setrlimit(RLIMIT_NPROC, &limit);
+        const rlim_t used = limit.rlim_cur - std::min<rlim_t>(limit.rlim_cur, GSTREAMER::ThreadRoomOfUser(SIZE_MAX));
+        limit.rlim_cur = used + room;
+        const bool limited = setrlimit(RLIMIT_NPROC, &limit) == 0;
+        _exit(changed && limited && used > 0 ? (GSTREAMER::ThreadRoomOfUser(16) >= 16 ? 1 : 0) : 2);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class ControlGroups : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::array<char, 32> name{"/tmp/groups-XXXXXX"};
+        ASSERT_NE(nullptr, mkdtemp(name.data()));
+        m_root = name.data();
+    }
+    void TearDown() override { std::filesystem::remove_all(m_root); }
+    void Write(const std::string &path, const std::string &text) const {
+        const std::filesystem::path file = m_root + path;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << text << '\n';
+    }
+    std::size_t Room() const { return GSTREAMER::ThreadRoomOfControlGroups(m_root.c_str()); }
+
+    std::string m_root;
+};
+
+constexpr std::size_t kNoLimit = SIZE_MAX;
+
+}  // namespace
+
+TEST(Threads, TakeAddressSpaceForTheirStacks) {
+    EXPECT_TRUE(GSTREAMER::ThreadsLeft(16));
+    bool none = true;
+    bool few = true;
+    bool enough = false;
+    {
+        const FewMemory memory(0);
+        none = GSTREAMER::ThreadsLeft(1);
+    }
+    {
+        const FewMemory memory(64 << 20);
+        few = GSTREAMER::ThreadsLeft(16);
+    }
+    {
+        const FewMemory memory(rlim_t{1} << 30);
+        enough = GSTREAMER::ThreadsLeft(16);
+    }
+    EXPECT_FALSE(none);
+    EXPECT_FALSE(few);
+    EXPECT_TRUE(enough);
+}
+
+TEST(Threads, AreLimitedForAUser) {
+    EXPECT_EQ(0, AskedByUser(8));
+    EXPECT_EQ(1, AskedByUser(1000));
+}
+
+TEST_F(ControlGroups, WithoutOneThereIsNoLimit) {
+    EXPECT_EQ(kNoLimit, Room());
+    Write("/proc/self/cgroup", "0::/");
+    EXPECT_EQ(kNoLimit, Room()) << "the outermost group has no file";
+}
+
+TEST_F(ControlGroups, LowestRoomOfAllAboveCounts) {
+    Write("/proc/self/cgroup", "0::/user.slice/one.scope");
+    Write("/sys/fs/cgroup/user.slice/one.scope/pids.max", "max");
+    Write("/sys/fs/cgroup/user.slice/one.scope/pids.current", "5");
+    EXPECT_EQ(kNoLimit, Room());
+    Write("/sys/fs/cgroup/user.slice/pids.max", "100");
+    Write("/sys/fs/cgroup/user.slice/pids.current", "60");
+    EXPECT_EQ(40U, Room());
+    Write("/sys/fs/cgroup/user.slice/one.scope/pids.max", "9");
+    EXPECT_EQ(4U, Room());
+    // That of a container, which sees its own group as the outermost.
+    Write("/sys/fs/cgroup/pids.max", "3");
+    Write("/sys/fs/cgroup/pids.current", "7");
+    EXPECT_EQ(0U, Room());
+}
+
+TEST_F(ControlGroups, VersionOneHasATreeForThreads) {
+    Write("/proc/self/cgroup", "9:name=systemd:/\n8:pids:/a\n4:memory:/b\n0::/");
+    Write("/sys/fs/cgroup/pids/a/pids.max", "20");
+    Write("/sys/fs/cgroup/pids/a/pids.current", "1");
+    EXPECT_EQ(19U, Room());
+}
+
+// ---- Taking out -------------------------------------------------------------------------------------------------------------
+
+TEST(TakeOut, WhatIsNotInTheBinIsLeftAlone) {
+    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
+    GstElement *loose = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("loose")));
+    GSTREAMER::TakeOut(bin, nullptr);
+    GSTREAMER::TakeOut(bin, loose);
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(loose));
+    gst_object_unref(loose);
+    gst_object_unref(bin);
+}
+
+// ---- Holding a source -------------------------------------------------------------------------------------------------------
+
+namespace {
+
+class Hold : public testing::Test {
+  protected:
+    void SetUp() override {
+        m_pipeline = gst_parse_launch("fakesrc name=source sizetype=fixed sizemax=10 ! fakesink name=sink signal-handoffs=true",
+                                      nullptr);
+        ASSERT_NE(nullptr, m_pipeline);
+        m_source = gst_bin_get_by_name(GST_BIN(m_pipeline), "source");
+        m_sink = gst_bin_get_by_name(GST_BIN(m_pipeline), "sink");
+        m_pad = gst_element_get_static_pad(m_source, "src");
+        g_signal_connect(m_sink, "handoff", G_CALLBACK(Arrived), this);
+    }
+    void TearDown() override {
+        m_blocking = false;
+        gst_element_set_state(m_pipeline, GST_STATE_NULL);
+        gst_object_unref(m_pad);
+        gst_object_unref(m_source);
+        gst_object_unref(m_sink);
+        gst_object_unref(m_pipeline);
+    }
+
+    bool Flow() {
+        gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
+        return Eventually([this] { return m_buffers > 3; });
+    }
+    static void Arrived(GstElement *, GstBuffer *, GstPad *, Hold *self) {
+        ++self->m_buffers;
+        while (self->m_blocking) {
+            self->m_blocked = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    Watchdog m_watchdog{"holding a source"};
+    GstElement *m_pipeline = nullptr;
+    GstElement *m_source = nullptr;
+    GstElement *m_sink = nullptr;
+    GstPad *m_pad = nullptr;
+    std::atomic<int> m_buffers{0};
+    std::atomic<bool> m_blocking{false};
+    std::atomic<bool> m_blocked{false};
+};
+
+constexpr int kLongMs = 60000;
+constexpr int kShortMs = 20;
+
+}  // namespace
+
+TEST_F(Hold, StandsStillAtItsPadUntilItIsStopped) {
+    ASSERT_TRUE(Flow());
+    EXPECT_TRUE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs));
+    // Whatever was under way has arrived: the thread that brought it is the one that stands.
+    const int arrived = m_buffers;
+    EXPECT_TRUE(Eventually([this] { return gst_pad_is_blocking(m_pad) != FALSE; }));
+    EXPECT_EQ(GST_STATE_CHANGE_SUCCESS, gst_element_set_state(m_pipeline, GST_STATE_NULL));
+    EXPECT_EQ(arrived, m_buffers);
+}
+
+TEST_F(Hold, NothingThatStreams) {
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(nullptr, kLongMs));
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_sink, kLongMs)) << "no source pad";
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs)) << "not started";
+    EXPECT_FALSE(gst_pad_is_blocked(m_pad));
+}
+
+TEST_F(Hold, NothingThatComesInTime) {
+    m_blocking = true;
+    gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
+    ASSERT_TRUE(Eventually([this] { return m_blocked.load(); }));
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kShortMs));
+    // It is held all the same as soon as it comes, after the end of the wait.
+    m_blocking = false;
+    EXPECT_TRUE(Eventually([this] { return gst_pad_is_blocking(m_pad) != FALSE; }));
+}
+
+TEST_F(Hold, PadThatTakesNoProbe) {
+    ASSERT_TRUE(Flow());
+    Faults faults;
+    faults.FailCall(2);
+    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs));
+    EXPECT_EQ("gst_pad_add_probe", faults.FailedCall().function);
+    EXPECT_FALSE(gst_pad_is_blocked(m_pad));
+}
+
+// ---- Ending a wait ----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// A thread of the test's in a call.
+class Waiting {
+  public:
+    explicit Waiting(std::function<ssize_t()> call) {
+        std::promise<pid_t> id;
+        std::future<pid_t> known = id.get_future();
+        m_thread = std::thread([this, call = std::move(call), &id] {
+            id.set_value(gettid());
+            m_result = call();
+            m_done = true;
+        });
+        m_id = known.get();
+    }
+    ~Waiting() { m_thread.join(); }
+    Waiting(const Waiting &) = delete;
+    Waiting &operator=(const Waiting &) = delete;
+
+    bool ReachedCall(long number) const {
+        return Eventually([&] {
+            std::ifstream file("/proc/self/task/" + std::to_string(m_id) + "/syscall");
+            long is = -1;
+            return static_cast<bool>(file >> is) && is == number;
+        });
+    }
+    bool Ended() const {
+        return Eventually([this] { return m_done.load(); });
+    }
+    pid_t Id() const { return m_id; }
+    ssize_t Result() const { return m_result; }
+
+  private:
+    std::thread m_thread;
+    pid_t m_id = 0;
+    std::atomic<ssize_t> m_result{1};
+    std::atomic<bool> m_done{false};
+};
+
+struct SocketCall {
+    const char *name;
+    long number;
+    bool writes;
+    ssize_t (*call)(int fd);
+};
+
+void PrintTo(const SocketCall &row, std::ostream *out) {
+    *out << row.name;
+}
+
+std::array<char, 4096> g_bytes{};
+
+iovec Bytes() {
+    return {g_bytes.data(), g_bytes.size()};
+}
+
+const SocketCall kSocketCalls[] = {
+    {"read", SYS_read, false, [](int fd) { return read(fd, g_bytes.data(), g_bytes.size()); }},
+    {"readv", SYS_readv, false,
+     [](int fd) {
+         const iovec bytes = Bytes();
+         return readv(fd, &bytes, 1);
+     }},
+    {"recvfrom", SYS_recvfrom, false, [](int fd) { return recv(fd, g_bytes.data(), g_bytes.size(), 0); }},
+    {"recvmsg", SYS_recvmsg, false,
+     [](int fd) {
+         iovec bytes = Bytes();
+         msghdr message{};
+         message.msg_iov = &bytes;
+         message.msg_iovlen = 1;
+         return recvmsg(fd, &message, 0);
+     }},
+    {"write", SYS_write, true, [](int fd) { return write(fd, g_bytes.data(), g_bytes.size()); }},
+    {"writev", SYS_writev, true,
+     [](int fd) {
+         const iovec bytes = Bytes();
+         return writev(fd, &bytes, 1);
+     }},
+    {"sendto", SYS_sendto, true, [](int fd) { return send(fd, g_bytes.data(), g_bytes.size(), 0); }},
+    {"sendmsg", SYS_sendmsg, true,
+     [](int fd) {
+         iovec bytes = Bytes();
+         msghdr message{};
+         message.msg_iov = &bytes;
+         message.msg_iovlen = 1;
+         return sendmsg(fd, &message, 0);
+     }},
+};
+
+// Both ends of something that is no connection to a peer.
+class Ends {
+  public:
+    explicit Ends(bool is_pipe) {
+        EXPECT_EQ(0, is_pipe ? pipe2(m_ends, O_CLOEXEC) : socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_ends));
+    }
+    ~Ends() {
+        close(m_ends[0]);
+        close(m_ends[1]);
+    }
+    Ends(const Ends &) = delete;
+    Ends &operator=(const Ends &) = delete;
+    int operator[](std::size_t at) const { return m_ends[at]; }
+
+  private:
+    int m_ends[2] = {-1, -1};
+};
+
+class SocketWait : public testing::Test {
+  protected:
+    // Writing to an end that is shut down ends a process that does not care for this signal.
+    void SetUp() override { m_pipeAction = std::signal(SIGPIPE, SIG_IGN); }
+    void TearDown() override { std::signal(SIGPIPE, m_pipeAction); }
+
+    // A thread in the call, which the library ends.
+    static void ExpectEnded(long number, const std::function<ssize_t()> &call, ssize_t result) {
+        const Waiting waiting(call);
+        EXPECT_TRUE(waiting.ReachedCall(number));
+        EXPECT_TRUE(GSTREAMER::EndSocketWait(waiting.Id()));
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(result, waiting.Result());
+    }
+    // A thread in the call, which the library leaves alone: it goes on until `wake`.
+    static void ExpectGoesOn(long number, const std::function<ssize_t()> &call, const std::function<void()> &wake,
+                             ssize_t result) {
+        const Waiting waiting(call);
+        EXPECT_TRUE(waiting.ReachedCall(number));
+        EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+        wake();
+        ASSERT_TRUE(waiting.Ended());
+        EXPECT_EQ(result, waiting.Result());
+    }
+    void SendByte() { EXPECT_EQ(1, send(m_peer, "x", 1, MSG_NOSIGNAL)); }
+
+    Watchdog m_watchdog{"ending a wait for a socket"};
+    const Connection m_connection;
+    const int m_socket = m_connection.ends[0];
+    const int m_peer = m_connection.ends[1];
+    void (*m_pipeAction)(int) = nullptr;
+};
+
+class EndSocketWait : public SocketWait, public testing::WithParamInterface<SocketCall> {};
+using NoSocketWait = SocketWait;
+
+}  // namespace
+
+TEST_P(EndSocketWait, CallReturns) {
+    if (GetParam().writes) {
+        while (send(m_socket, g_bytes.data(), g_bytes.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+    // The peer's buffer may still grow.
+    const Waiting waiting([this] {
+        ssize_t result = 1;
+        while (result > 0) {
+            result = GetParam().call(m_socket);
+        }
+        return result;
+    });
+    EXPECT_TRUE(waiting.ReachedCall(GetParam().number));
+    EXPECT_TRUE(Eventually([&] { return GSTREAMER::EndSocketWait(waiting.Id()); }));
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(GetParam().writes ? -1 : 0, waiting.Result());
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, EndSocketWait, testing::ValuesIn(kSocketCalls), ClassName());
+
+// What wakes the thread, a pipe or a socket of the process's own, stays whole.
+TEST_F(NoSocketWait, PollForOneAmongOthers) {
+    for (const bool is_pipe : {true, false}) {
+        const Ends own(is_pipe);
+        const Connection connection;
+        std::array<pollfd, 2> polled{pollfd{own[0], POLLIN, 0}, pollfd{connection.ends[0], POLLIN, 0}};
+        ExpectEnded(
+            SYS_poll, [&] { return poll(polled.data(), polled.size(), -1); }, 1);
+        EXPECT_EQ(0, polled[0].revents);
+        EXPECT_NE(0, polled[1].revents & POLLIN);
+        EXPECT_EQ(1, write(own[1], "x", 1));
+    }
+}
+
+TEST_F(NoSocketWait, PollWithATimeOutIsAnotherCall) {
+    pollfd polled{m_socket, POLLIN, 0};
+    const timespec minute{60, 0};
+    ExpectEnded(
+        SYS_ppoll, [&] { return ppoll(&polled, 1, &minute, nullptr); }, 1);
+}
+
+// What polls for that many serves more than one peer.
+TEST_F(NoSocketWait, PollForNoneOrManyGoesOn) {
+    const Ends wake(true);
+    std::vector<pollfd> polled(17, pollfd{m_socket, POLLIN, 0});
+    polled[0].fd = wake[0];
+    ExpectGoesOn(
+        SYS_poll, [&] { return poll(polled.data(), polled.size(), -1); }, [&] { EXPECT_EQ(1, write(wake[1], "x", 1)); }, 1);
+
+    std::atomic<bool> enough{false};
+    ExpectGoesOn(
+        SYS_poll,
+        [&] {
+            while (!enough) {
+                poll(nullptr, 0, 100);
+            }
+            return ssize_t{7};
+        },
+        [&] { enough = true; }, 7);
+}
+
+// The descriptors of a poll lie in the memory of the thread, and that may be gone.
+TEST_F(NoSocketWait, PollWhoseListIsGoneGoesOn) {
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void *list = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, list);
+    *static_cast<pollfd *>(list) = pollfd{m_socket, POLLIN, 0};
+    const Waiting waiting([&] { return poll(static_cast<pollfd *>(list), 1, -1); });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
+    munmap(list, page);
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    SendByte();
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(-1, waiting.Result()) << "the kernel has nowhere to write to";
+}
+
+TEST_F(NoSocketWait, ThreadThatRunsOrIsNone) {
+    for (const pid_t thread : {gettid(), 0, 0x7FFFFFFF}) {
+        EXPECT_FALSE(GSTREAMER::EndSocketWait(thread));
+    }
+}
+
+TEST_F(NoSocketWait, OtherCallsGoOn) {
+    std::promise<void> enough;
+    ExpectGoesOn(
+        SYS_futex,
+        [&] {
+            enough.get_future().wait();
+            return ssize_t{7};
+        },
+        [&] { enough.set_value(); }, 7);
+}
+
+TEST_F(NoSocketWait, PipesAndSocketsOfTheProcessGoOn) {
+    for (const bool is_pipe : {true, false}) {
+        const Ends ends(is_pipe);
+        const auto wake = [&] { EXPECT_EQ(1, write(ends[1], "x", 1)); };
+        pollfd polled{ends[0], POLLIN, 0};
+        ExpectGoesOn(
+            SYS_poll, [&] { return poll(&polled, 1, -1); }, wake, 1);
+        EXPECT_EQ(1, read(ends[0], g_bytes.data(), 1));
+        ExpectGoesOn(
+            SYS_read, [&] { return read(ends[0], g_bytes.data(), 1); }, wake, 1);
+    }
+}
+
+// By then the number may be another file's.
+TEST_F(NoSocketWait, ThreadThatHasMovedOnMeanwhile) {
+    Faults faults;
+    const Waiting waiting([this] { return recv(m_socket, g_bytes.data(), 1, 0); });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_recvfrom));
+    faults.OnDescriptorCall([&](int command) {
+        if (command == F_DUPFD_CLOEXEC) {
+            SendByte();
+            EXPECT_TRUE(waiting.Ended());
+        }
+        return 0;
+    });
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    EXPECT_EQ(1, waiting.Result());
+    SendByte();  // the socket is not shut down
+}
+
+TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
+    const int own = dup(m_socket);
+    const Waiting waiting([&] { return recv(own, g_bytes.data(), 1, 0); });
+    EXPECT_TRUE(waiting.ReachedCall(SYS_recvfrom));
+    // Past the thread sanitizer, which takes this for the mistake that it would be anywhere else.
+    EXPECT_EQ(0, syscall(SYS_close, own));
+    EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
+    SendByte();
+    ASSERT_TRUE(waiting.Ended());
+    EXPECT_EQ(1, waiting.Result()) << "the socket itself is as it was";
+}
+
+// ---- Patience with a stop ---------------------------------------------------------------------------------------------------
+
+TEST(LostSrtStop, WhatHasNothingToUnlockIsLeftAlone) {
+    const Watchdog watchdog("unlock of what has nothing to unlock");
+    // No element, one that is no source, and a source that never waits.
+    for (const char *factory : {"", "fakesink", "fakesrc"}) {
+        const GSTREAMER::ElementRef element =
+            *factory == '\0' ? GSTREAMER::ElementRef() : GSTREAMER::MakeElement(factory, "element");
+        GSTREAMER::LostSrtStop::Unlock(element);
+    }
+}
+
+TEST(StopHelp, HelpsAgainAndAgainWhatTakesLonger) {
+    const Watchdog watchdog("help with a stop");
+    std::atomic<int> helped{0};
+    {
+        GSTREAMER::StopHelp help;
+        help.Begin(std::chrono::milliseconds(1), [&] { ++helped; });
+        EXPECT_TRUE(Eventually([&] { return helped > 2; }));
+    }
+    const int before = helped;
+    EXPECT_LT(2, before);
+    EXPECT_EQ(before, helped);
+}
+
+TEST(StopHelp, LeavesAloneWhatIsOverBefore) {
+    const Watchdog watchdog("a stop that needs no help");
+    std::atomic<int> helped{0};
+    {
+        GSTREAMER::StopHelp help;
+        help.Begin(std::chrono::minutes(10), [&] { ++helped; });
+    }
+    EXPECT_EQ(0, helped);
+}
+
+TEST(StopHelp, WithoutAThreadToWatchWithItIsTold) {
+    const LogCapture log;
+    Faults faults;
+    faults.FailThreadStart();
+    std::atomic<int> helped{0};
+    {
+        GSTREAMER::StopHelp help;
+        help.Begin(std::chrono::milliseconds(1), [&] { ++helped; });
+    }
+    const Lines lines = log.All();
+    ASSERT_EQ(1U, lines.size());
+    EXPECT_EQ("WARN", lines[0].level);
+    EXPECT_EQ(0U, lines[0].message.find("[GSTREAMER] Unable to watch a stop"));
+    EXPECT_EQ(0, helped);
+}
+
+TEST(JitterBuffers, AreWokenWhereverTheySit) {
+    GstElement *pipeline = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("pipeline")));
+    GstElement *inner = gst_bin_new("inner");
+    GstElement *buffer = gst_element_factory_make("rtpjitterbuffer", "buffer");
+    GstElement *other = gst_element_factory_make("queue", "other");
+    ASSERT_NE(nullptr, buffer);
+    gst_bin_add(GST_BIN(inner), buffer);
+    gst_bin_add(GST_BIN(pipeline), inner);
+    gst_bin_add(GST_BIN(pipeline), other);
+    std::array<std::atomic<int>, 2> flushes{};
+    std::size_t at = 0;
+    for (GstElement *element : {buffer, other}) {
+        GstPad *pad = gst_element_get_static_pad(element, "sink");
+        gst_pad_add_probe(
+            pad, GST_PAD_PROBE_TYPE_EVENT_FLUSH,
+            [](GstPad *, GstPadProbeInfo *, gpointer count) {
+                ++*static_cast<std::atomic<int> *>(count);
+                return GST_PAD_PROBE_OK;
+            },
+            &flushes.at(at++), nullptr);
+        gst_object_unref(pad);
+    }
+    gst_element_set_state(pipeline, GST_STATE_PAUSED);
+    GSTREAMER::SleepingJitterBuffers::Wake(pipeline);
+    EXPECT_EQ(1, flushes[0]);
+    EXPECT_EQ(0, flushes[1]);
+    {
+        Faults faults;
+        faults.FailCall(1);
+        GSTREAMER::SleepingJitterBuffers::Wake(pipeline);
+        EXPECT_EQ("gst_element_get_static_pad", faults.FailedCall().function);
+    }
+    EXPECT_EQ(1, flushes[0]);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+}
+
+// ---- Rest of an HTTP session ------------------------------------------------------------------------------------------------
+
+// A session: a main context that its own thread runs, and the message of an answer that was posted there.
+class HttpRest : public testing::Test {
+  protected:
+    HttpRest() { GSTREAMER::GstInit(); }
+    ~HttpRest() override {
+        Stop();
+        g_main_context_unref(m_context);
+        g_object_unref(m_keeper);
+    }
+    // On the session's thread, once it runs.
+    void Note(const char *name) {
+        const auto note = [&] {
+            GstMessage *message = gst_message_new_element(nullptr, gst_structure_new_empty(name));
+            g_main_context_push_thread_default(m_context);
+            GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+            g_main_context_pop_thread_default(m_context);
+            gst_message_unref(message);
+        };
+        if (!m_thread.joinable()) {
+            note();
+            return;
+        }
+        std::promise<void> done;
+        Later([&] {
+            note();
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+    void Start() {
+        m_thread = std::thread([this] {
+            while (!m_stop) {
+                g_main_context_iteration(m_context, TRUE);
+            }
+        });
+    }
+    void Stop() {
+        if (m_thread.joinable()) {
+            m_stop = true;
+            g_main_context_wakeup(m_context);
+            m_thread.join();
+        }
+    }
+    void Later(std::function<void()> work) {
+        g_main_context_invoke_full(
+            m_context, G_PRIORITY_DEFAULT,
+            [](gpointer function) {
+                (*static_cast<std::function<void()> *>(function))();
+                return G_SOURCE_REMOVE;
+            },
+            new std::function<void()>(std::move(work)),
+            [](gpointer function) { delete static_cast<std::function<void()> *>(function); });
+    }
+
+    GObject *const m_keeper = static_cast<GObject *>(g_object_new(G_TYPE_OBJECT, nullptr));
+    GMainContext *const m_context = g_main_context_new();
+
+  private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+TEST_F(HttpRest, BeginsBehindWhatIsUnderWayAndHoldsUpWhatComes) {
+    Start();
+    bool rested = false;
+    // A machine that is busy enough lets the bound pass before the session comes to rest.
+    for (int round = 0; round < 50 && !rested; ++round) {
+        Note("http-headers");
+        std::atomic<bool> handed{false};
+        Later([&] { Later([&] { handed = true; }); });
+        const auto begun = std::chrono::steady_clock::now();
+        GSTREAMER::CHttpSession::Rest(m_keeper);
+        const bool before = handed;
+        std::promise<std::chrono::steady_clock::time_point> next;
+        Later([&] { next.set_value(std::chrono::steady_clock::now()); });
+        const auto handled = next.get_future().get();
+        rested = before && handled - begun >= std::chrono::milliseconds(30);
+    }
+    EXPECT_TRUE(rested) << "an answer is handed on before, and the next one after the rest";
+    // The note is used up: nothing rests, whatever the session does.
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    EXPECT_EQ(nullptr, g_object_get_data(m_keeper, "http-session-context"));
+}
+
+TEST_F(HttpRest, SessionThatIsGoneIsNotWaitedForLong) {
+    Note("http-headers");
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    // What it has missed means nothing any more, but is let go of.
+    EXPECT_TRUE(g_main_context_iteration(m_context, FALSE));
+    EXPECT_FALSE(g_main_context_pending(m_context));
+}
+
+TEST_F(HttpRest, OtherMessagesAndThreadsAreNotNoted) {
+    Note("http-other");
+    GstMessage *message = gst_message_new_eos(nullptr);
+    g_main_context_push_thread_default(m_context);
+    GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+    g_main_context_pop_thread_default(m_context);
+    gst_message_unref(message);
+    message = gst_message_new_element(nullptr, gst_structure_new_empty("http-headers"));
+    GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+    gst_message_unref(message);
+    EXPECT_EQ(nullptr, g_object_get_data(m_keeper, "http-session-context"));
+    GSTREAMER::CHttpSession::Rest(m_keeper);
+    GSTREAMER::CHttpSession::Rest(nullptr);
+}
+
+}  // namespace unit

@@ -49,14 +49,14 @@ inline const std::map<std::string, std::string> g_mapDepayElements = {
 };
 
 // What the branches deliver.
-constexpr char kH264Caps[] = "video/x-h264,stream-format=byte-stream,alignment=au";
-constexpr char kH265Caps[] = "video/x-h265,stream-format=byte-stream,alignment=au";
-constexpr char kAdtsCaps[] = "audio/mpeg,stream-format=adts";
+inline constexpr char kH264Caps[] = "video/x-h264,stream-format=byte-stream,alignment=au";
+inline constexpr char kH265Caps[] = "video/x-h265,stream-format=byte-stream,alignment=au";
+inline constexpr char kAdtsCaps[] = "audio/mpeg,stream-format=adts";
 
-constexpr int kMediaH264 = 48;
-constexpr int kMediaH265 = 64;
+inline constexpr int kMediaH264 = 48;
+inline constexpr int kMediaH265 = 64;
 // What an audio sink carries until its encoding has been looked up.
-constexpr int kMediaAudioProvisional = 21;
+inline constexpr int kMediaAudioProvisional = 21;
 
 // What a video branch is made of besides queue and sink: factories, names of the elements, caps of the filter, the sink's "media" property.
 struct VideoCodec {

@@ -4,9 +4,19 @@
 #include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
+#include "workarounds/BareSegmentSource.h"
+#include "workarounds/EmptyPlaylist.h"
+#include "workarounds/EndlessRetries.h"
+#include "workarounds/FatalProxy.h"
+#include "workarounds/HiddenPlaylistRequests.h"
+#include "workarounds/LateSegmentRequest.h"
+#include "workarounds/SharedSegmentSession.h"
+#include "workarounds/UnansweredHttpRequests.h"
+#include "workarounds/UnsharedPlaylistSession.h"
 
 #include <cstdio>
 #include <exception>
+#include <memory>
 
 namespace Tessaro {
 
@@ -16,25 +26,6 @@ namespace {
 
 constexpr char kTag[] = "[CHLSSource]";
 constexpr char kTransportStream[] = "video/mpegts";
-
-bool HasHost(const std::string &uri) {
-    gchar *host = nullptr;
-    g_uri_split(uri.c_str(), G_URI_FLAGS_NONE, nullptr, nullptr, &host, nullptr, nullptr, nullptr, nullptr, nullptr);
-    const TextPtr owner(host);
-    return host != nullptr && *host != '\0';
-}
-
-// s; a source with another time-out keeps its HTTP session to itself.
-constexpr guint32 kSharedSessionTimeout = 15;
-// Up to two seconds until the reload session has been authenticated; then the playlist is asked for all the same.
-constexpr gulong kSettleSliceUs = 10000;
-constexpr int kSettleSlices = 200;
-
-// A proxy that is no URI aborts the process inside souphttpsrc, which puts "http://" in front of a text without a scheme.
-bool IsUsableProxy(const std::string &proxy) {
-    const std::string uri = proxy.find("://") == std::string::npos ? "http://" + proxy : proxy;
-    return proxy.empty() || (g_utf8_validate(uri.c_str(), -1, nullptr) != FALSE && HasHost(uri));
-}
 
 }  // namespace
 
@@ -147,7 +138,6 @@ bool CHLSSource::_PipelinePlay() {
         LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    _OpenReloadSession();
     if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
         m_nPipelineState = 0;
@@ -167,11 +157,11 @@ bool CHLSSource::_PipelineStop() {
         LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    _AwaitAnswers();
-    m_reloadSession.Close();
+    m_workarounds.BeforeStop();
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
     }
+    m_workarounds.AfterStop();
     for (ElementRef *field : _ElementFields()) {
         field->Reset();
     }
@@ -183,10 +173,10 @@ bool CHLSSource::_PipelineStop() {
 }
 
 void CHLSSource::_DestroyGstElements() {
-    _AwaitAnswers();
-    m_reloadSession.Close();
     if (m_pPipeline != nullptr) {
+        m_workarounds.BeforeStop();
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
+        m_workarounds.AfterStop();
     }
     // Before the pipeline goes: what sits in it goes with it.
     for (ElementRef *field : _ElementFields()) {
@@ -195,12 +185,6 @@ void CHLSSource::_DestroyGstElements() {
     _ReleasePipeline();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
-}
-
-void CHLSSource::_AwaitAnswers() {
-    m_bStopping = true;
-    m_reloadSession.AwaitAnswers(m_pPipeline);
-    CHttpSession::Rest(G_OBJECT(m_pBus));
 }
 
 bool CHLSSource::CloseLiveStream() {
@@ -226,25 +210,24 @@ bool CHLSSource::_CreateGstElements() {
     if (m_bElementsCreated) {
         return true;
     }
-    if (!IsUsableProxy(m_strProxy)) {
+    if (IsFatalProxy(m_strProxy)) {
         LOG_ERR(kTag << " The proxy is not a URI!!! proxy=" << m_strProxy << ", url=" << m_strURL);
         return false;
     }
-    m_bStopping = false;
     const bool room = _CreatePipeline();
-    if (m_pBus != nullptr) {
-        _SetSyncHandler(message_handler);
-    }
-    if (m_pPipeline != nullptr) {
-        g_signal_connect(m_pPipeline, "deep-element-added", G_CALLBACK(deep_element_added_handler), this);
-    }
     m_pSoupSrc = MakeElement("souphttpsrc", "Souphttpsrc");
     if (m_pSoupSrc != nullptr) {
         g_object_set(m_pSoupSrc, "location", m_strURL.c_str(), nullptr);
         SetNumber(m_pSoupSrc, "timeout", m_nTimeout);
         g_object_set(m_pSoupSrc, "is-live", m_bIsLive ? TRUE : FALSE, nullptr);
-        SetNumber(m_pSoupSrc, "retries", m_nRetries);
+        SetRetries(m_pSoupSrc, m_nRetries);
         _SetRequestOptions(m_pSoupSrc);
+        if (!m_strUserId.empty()) {
+            g_object_set(m_pSoupSrc, "user-id", m_strUserId.c_str(), nullptr);
+        }
+        if (!m_strUserPw.empty()) {
+            g_object_set(m_pSoupSrc, "user-pw", m_strUserPw.c_str(), nullptr);
+        }
     }
     // It opens descriptors as it is made, and cannot say that there are none.
     m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : ElementRef();
@@ -264,38 +247,13 @@ bool CHLSSource::_CreateGstElements() {
         _DestroyGstElements();
         return false;
     }
-    const PadPtr pad(gst_element_get_static_pad(m_pSoupSrc, "src"));
-    if (pad) {
-        gst_pad_add_probe(pad.get(),
-                          static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
-                          playlist_probe, nullptr, nullptr);
-    }
+    _ListWorkarounds();
+    m_workarounds.Attach(m_pPipeline);
     m_bElementsCreated = true;
     return true;
 }
 
-GstBusSyncReply CHLSSource::message_handler(GstBus *bus, GstMessage *message, gpointer run) {
-    // Not of the segments, which have sessions of their own.
-    if (GST_MESSAGE_SRC(message) != nullptr && std::string("Souphttpsrc") == GST_MESSAGE_SRC_NAME(message)) {
-        CHttpSession::NoteContext(G_OBJECT(bus), message);
-    }
-    return stream_status_handler(bus, message, run);
-}
-
-GstPadProbeReturn CHLSSource::playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer /*user_data*/) {
-    if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
-        return GST_PAD_PROBE_REMOVE;
-    }
-    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
-        return GST_PAD_PROBE_OK;
-    }
-    // hlsdemux takes an end without a playlist for no news at all: neither it nor the pipeline would ever say anything again.
-    GstElement *source = GST_PAD_PARENT(pad);
-    GST_ELEMENT_ERROR(source, RESOURCE, READ, ("The playlist is empty."), (nullptr));
-    return GST_PAD_PROBE_REMOVE;
-}
-
-void CHLSSource::_SetRequestOptions(GstElement *source) {
+void CHLSSource::_SetRequestOptions(GstElement *source) const {
     if (!m_strProxy.empty()) {
         g_object_set(source, "proxy", m_strProxy.c_str(), nullptr);
         if (!m_strProxyId.empty() && !m_strProxyPw.empty()) {
@@ -305,61 +263,23 @@ void CHLSSource::_SetRequestOptions(GstElement *source) {
     if (!m_strUserAgent.empty()) {
         g_object_set(source, "user-agent", m_strUserAgent.c_str(), nullptr);
     }
-    if (!m_strUserId.empty()) {
-        g_object_set(source, "user-id", m_strUserId.c_str(), nullptr);
-    }
-    if (!m_strUserPw.empty()) {
-        g_object_set(source, "user-pw", m_strUserPw.c_str(), nullptr);
-    }
 }
 
-void CHLSSource::_OpenReloadSession() {
-    if ((m_nTimeout == kSharedSessionTimeout && m_strProxy.empty()) || !HasHost(m_strURL)) {
-        return;  // the playlist's own source shares its session, or has nowhere to go
-    }
-    m_reloadSession.Open(m_pPipeline, m_strURL.c_str(), [this](GstElement *source) {
-        SetNumber(source, "timeout", m_nTimeout);
-        _SetRequestOptions(source);
-    });
-    // A variant playlist or a key may be asked for right behind the playlist, so the credentials have to be in place first.
-    const bool authenticated = !m_strUserId.empty() || (!m_strProxy.empty() && !m_strProxyId.empty());
-    for (int slice = 0; authenticated && slice < kSettleSlices && !m_bExit && !m_reloadSession.IsSettled(); ++slice) {
-        g_usleep(kSettleSliceUs);
-    }
-}
-
-void CHLSSource::deep_element_added_handler(GstBin * /*pipeline*/, GstBin * /*bin*/, GstElement *element, gpointer user_data) {
-    auto *self = static_cast<CHLSSource *>(user_data);
-    GstElementFactory *factory = gst_element_get_factory(element);
-    if (self == nullptr || factory == nullptr || std::string("souphttpsrc") != GST_OBJECT_NAME(factory) ||
-        element == self->m_pSoupSrc) {
-        return;
-    }
-    // hlsdemux makes a source of its own for the segments and gives it none of the options.
-    SetNumber(element, "timeout", self->m_nTimeout);
-    SetNumber(element, "retries", self->m_nRetries);
-    self->_SetRequestOptions(element);
-    // An HTTP session of its own: a segment source that shares the session of the playlist reloads dead-locks hlsdemux when a
-    // segment fails during a reload. The session thread then posts the segment's error, which waits for hlsdemux's lock, which
-    // the reload holds while it waits for the session thread. A source with cookies, even none in the list, does not share.
-    const gchar *const no_cookies[] = {nullptr};
-    g_object_set(element, "cookies", no_cookies, nullptr);
-    const PadPtr pad(gst_element_get_static_pad(element, "src"));
-    if (pad) {
-        gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, segment_probe, self, nullptr);
-    }
-}
-
-GstPadProbeReturn CHLSSource::segment_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data) {
-    const auto *self = static_cast<CHLSSource *>(user_data);
-    // What a source sends before its first request, and after which it looks whether its pad is being flushed. (A flush of the element
-    // would wait for the lock that its stop holds.)
-    if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_STREAM_START && self->m_bStopping) {
-        GST_OBJECT_LOCK(pad);
-        GST_PAD_SET_FLUSHING(pad);
-        GST_OBJECT_UNLOCK(pad);
-    }
-    return GST_PAD_PROBE_OK;
+void CHLSSource::_ListWorkarounds() {
+    m_workarounds.Add(std::make_unique<EmptyPlaylist>(m_pSoupSrc));
+    m_workarounds.Add(std::make_unique<UnsharedPlaylistSession>(m_pSoupSrc, m_strProxy));
+    m_workarounds.Add(std::make_unique<BareSegmentSource>(
+        [this](GstElement *source) {
+            SetNumber(source, "timeout", m_nTimeout);
+            SetRetries(source, m_nRetries);
+            _SetRequestOptions(source);
+        },
+        Credentials{m_strURL, m_strUserId, m_strUserPw}));
+    m_workarounds.Add(std::make_unique<SharedSegmentSession>());
+    // In this order: no segment is requested any more, what has been requested is answered, and the rest is not.
+    m_workarounds.Add(std::make_unique<LateSegmentRequest>());
+    m_workarounds.Add(std::make_unique<UnansweredHttpRequests>());
+    m_workarounds.Add(std::make_unique<HiddenPlaylistRequests>(m_pSoupSrc));
 }
 
 void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gpointer user_data) {

@@ -2,10 +2,8 @@
 #pragma once
 
 #include "CBaseSource.h"
-#include "CHttpSession.h"
 
 #include <array>
-#include <atomic>
 
 namespace Tessaro {
 
@@ -30,21 +28,9 @@ class CHLSSource : public CBaseSource {
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
-    // Proxy, user agent and credentials of an HTTP source, those that the host gave.
-    void _SetRequestOptions(GstElement *source);
-    // Gives the playlist reloads a session with the host's time-out, proxy and credentials where hlsdemux would use one
-    // without. Worker.
-    void _OpenReloadSession();
-    // Notes the session of the playlist's source, which the reloads share. Runs on the thread that posts the message.
-    static GstBusSyncReply message_handler(GstBus *bus, GstMessage *message, gpointer run);
-    // Ends the session when the first playlist request brings nothing at all. Streaming.
-    static GstPadProbeReturn playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
-    // Hands the request options to the HTTP sources that hlsdemux makes. Streaming.
-    static void deep_element_added_handler(GstBin *pipeline, GstBin *bin, GstElement *element, gpointer user_data);
-    // Keeps such a source from asking for anything once the pipeline is being stopped. Streaming.
-    static GstPadProbeReturn segment_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
-    // Before the pipeline is stopped: no request is begun any more, and those that have been are answered.
-    void _AwaitAnswers();
+    // What all servers are sent that an HTTP source asks: proxy and user agent, where the host gave them.
+    void _SetRequestOptions(GstElement *source) const;
+    void _ListWorkarounds();  // as _CreateGstElements
     // First stage: accepts one transport-stream pad of hlsdemux in a pipeline run. Streaming.
     static void hls_pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);
     void _AddTsDemux(GstPad *pad);  // streaming
@@ -68,8 +54,6 @@ class CHLSSource : public CBaseSource {
     GSTREAMER::ElementRef m_pAudioCapsFilter;
     GSTREAMER::ElementRef m_pVideoSink;
     GSTREAMER::ElementRef m_pAudioSink;
-    GSTREAMER::CHttpSession m_reloadSession;  // worker; host while there is none
-    std::atomic<bool> m_bStopping{false};     // from the stop of a pipeline to the build of the next
     // Options, written by open before the worker exists.
     std::string m_strUserAgent;
     std::string m_strUserId;

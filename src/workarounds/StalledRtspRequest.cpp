@@ -19,7 +19,7 @@ StalledRtspRequest::StalledRtspRequest(GstElement *source)
 
 void StalledRtspRequest::Attach(GstElement *pipeline) {
     // rtspsrc reports by such messages, on the thread that talks to the server, that it begins and ends something with it.
-    m_messages.Begin(pipeline, "progress", [this](GstMessage *message) {
+    m_messages.Watch(pipeline, "progress", [this](GstMessage *message) {
         if (GST_MESSAGE_SRC(message) == GST_OBJECT_CAST(m_pSource)) {
             GstProgressType type = GST_PROGRESS_TYPE_ERROR;
             gst_message_parse_progress(message, &type, nullptr, nullptr);

@@ -5,25 +5,28 @@
 
 namespace GSTREAMER {
 
-void SyncMessages::Begin(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> handle) {
-    End();
-    const std::string signal = std::string("sync-message::") + type;
-    m_fnHandle = std::move(handle);
-    m_pBus = gst_element_get_bus(pipeline);
-    gst_bus_enable_sync_message_emission(m_pBus);
-    m_nHandler = g_signal_connect(m_pBus, signal.c_str(), G_CALLBACK(sync_message_handler), this);
-}
-
-void SyncMessages::End() {
-    if (m_pBus != nullptr) {
-        g_signal_handler_disconnect(m_pBus, m_nHandler);
-        gst_bus_disable_sync_message_emission(m_pBus);
-        g_clear_pointer(&m_pBus, gst_object_unref);
+void SyncMessages::Watch(GstElement *pipeline, const char *type, Seen seen) {
+    if (m_pBus == nullptr) {
+        m_pBus = gst_element_get_bus(pipeline);
+        gst_bus_enable_sync_message_emission(m_pBus);
     }
+    m_listSeen.push_back(std::move(seen));
+    g_signal_connect(m_pBus, (std::string("sync-message::") + type).c_str(), G_CALLBACK(message_handler), &m_listSeen.back());
 }
 
-void SyncMessages::sync_message_handler(GstBus * /*bus*/, GstMessage *message, gpointer user_data) {
-    static_cast<SyncMessages *>(user_data)->m_fnHandle(message);
+SyncMessages::~SyncMessages() {
+    if (m_pBus == nullptr) {
+        return;
+    }
+    for (Seen &seen : m_listSeen) {
+        g_signal_handlers_disconnect_by_data(m_pBus, &seen);
+    }
+    gst_bus_disable_sync_message_emission(m_pBus);
+    gst_object_unref(m_pBus);
+}
+
+void SyncMessages::message_handler(GstBus * /*bus*/, GstMessage *message, gpointer seen) {
+    (*static_cast<Seen *>(seen))(message);
 }
 
 }  // namespace GSTREAMER

@@ -1,30 +1,29 @@
-// The messages of one kind that a pipeline's elements post, seen on the thread that posts them.
+// Messages on the bus of a pipeline, looked at on the thread that posts them.
 #pragma once
 
 #include <gst/gst.h>
 
 #include <functional>
+#include <list>
 
 namespace GSTREAMER {
 
 class SyncMessages {
   public:
     SyncMessages() = default;
-    ~SyncMessages() { End(); }
+    ~SyncMessages();
     SyncMessages(const SyncMessages &) = delete;
     SyncMessages &operator=(const SyncMessages &) = delete;
 
-    // `type` is the framework's name of the kind, such as "warning". `handle` runs on the posting thread.
-    void Begin(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> handle);
-    // Not while a message may be posted: before the pipeline plays, or after it has stopped.
-    void End();
+    // Calls `seen` with each message of that type, by its name in GStreamer ("need-context"), for as long as this lives.
+    void Watch(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> seen);
 
   private:
-    static void sync_message_handler(GstBus *bus, GstMessage *message, gpointer user_data);
+    using Seen = std::function<void(GstMessage *)>;
+    static void message_handler(GstBus *bus, GstMessage *message, gpointer seen);
 
-    GstBus *m_pBus = nullptr;  // owned, between Begin and End
-    gulong m_nHandler = 0;
-    std::function<void(GstMessage *)> m_fnHandle;
+    GstBus *m_pBus = nullptr;  // owned, while messages are watched
+    std::list<Seen> m_listSeen;
 };
 
 }  // namespace GSTREAMER

@@ -3,6 +3,7 @@
 #include "../unit/support/FakeDemux.h"
 #include "../unit/support/Fixture.h"
 #include "../unit/support/Watchdog.h"
+#include "HttpServer.h"
 #include "StalledPeer.h"
 
 #include <atomic>
@@ -288,6 +289,80 @@ TEST(ClosingRtsp, JustBeforeTheConnectionIsMade) {
             EXPECT_TRUE(moment.Missed());
         }
         EXPECT_TRUE(Eventually([] { return LiveObjects().empty(); })) << testing::PrintToString(LiveObjects());
+    }
+}
+
+// ---- HLS: requests that meet a stop -------------------------------------------------------------------------------------------
+
+class ClosingHls : public testing::Test {
+  protected:
+    ClosingHls() {
+        m_faults.PollFast();
+        m_faults.SleepReally();
+    }
+    // Opens a source there, and closes it once `await` is back.
+    void OpenAndClose(const std::string &url, const std::function<void()> &await) {
+        const Watchdog watchdog("CHLSSource: a request meets its stop");
+        const LogCapture log;
+        void *const handle = gst_source_create(SOURCE_TYPE_HLS, &m_buffer, kChannel, kStream);
+        ASSERT_NE(nullptr, handle);
+        ASSERT_EQ(0, gst_hls_source_open_live_stream(handle, url.c_str(), 200, 0, 15, 3, "", "", "", "", "", ""));
+        await();
+        EXPECT_EQ(0, gst_source_close_live_stream(handle));
+        gst_source_destroy(handle);
+    }
+
+    Faults m_faults;
+    int m_buffer = 0;
+};
+
+// hlsdemux requests it where nobody sees it. What came within some 0.1 ms of a stop used to end the process, in libsoup.
+TEST_F(ClosingHls, JustWhenAVariantIsAnswered) {
+    constexpr int kRounds = 100;
+    constexpr int kMoments = 50;
+    constexpr std::chrono::microseconds kStep(30);
+    for (int round = 0; round < kRounds; ++round) {
+        std::atomic<bool> asked{false};
+        std::atomic<bool> stopping{false};
+        m_faults.OnStop([&] { stopping = true; });
+        const HttpServer server([&](const std::string &path) -> std::string {
+            if (path == "/master.m3u8") {
+                return "#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=100000\nvariant.m3u8\n";
+            }
+            asked = true;
+            while (!stopping) {
+                std::this_thread::yield();  // a wait that sleeps would miss the moment
+            }
+            for (const auto begun = std::chrono::steady_clock::now();
+                 std::chrono::steady_clock::now() - begun < kStep * (round % kMoments);) {
+            }
+            return "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\nsegment.ts\n";
+        });
+        OpenAndClose(server.Url("/master.m3u8"), [&] { EXPECT_TRUE(Eventually([&] { return asked.load(); })); });
+        m_faults.OnStop(nullptr);
+    }
+}
+
+// A request that began behind the look at those that are waiting used to end the process as well.
+TEST_F(ClosingHls, WhileSegmentFollowsSegment) {
+    constexpr int kRounds = 100;
+    constexpr int kSegments = 3000;
+    constexpr std::size_t kPacket = 188;
+    std::string playlist = "#EXTM3U\n#EXT-X-TARGETDURATION:1\n";
+    for (int segment = 0; segment < kSegments; ++segment) {
+        playlist += "#EXTINF:1,\n" + std::to_string(segment) + ".ts\n";
+    }
+    playlist += "#EXT-X-ENDLIST\n";
+    // Packets without contents: nothing holds up the next segment.
+    const std::string packet = std::string("G\x1f\xff\x10") + std::string(kPacket - 4, '\xff');
+    std::string segment;
+    for (int i = 0; i < 30; ++i) {
+        segment += packet;
+    }
+    for (int round = 0; round < kRounds; ++round) {
+        const HttpServer server([&](const std::string &path) { return path == "/live.m3u8" ? playlist : segment; });
+        OpenAndClose(server.Url("/live.m3u8"),
+                     [&] { EXPECT_TRUE(Eventually([&] { return server.Asked() > 4 + round % 8; })); });
     }
 }
 

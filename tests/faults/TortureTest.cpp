@@ -12,8 +12,6 @@ namespace unit {
 
 namespace {
 
-using Tessaro::CHLSSource;
-
 struct Subject {
     std::string name;
     SourceClass row;
@@ -29,11 +27,6 @@ void PrintTo(const Subject &subject, std::ostream *out) {
 std::vector<Subject> Subjects() {
     SourceClass rtmps = ClassOf(SOURCE_TYPE_RTMP);
     rtmps.url = "rtmps://127.0.0.1:9/live/none";
-    SourceClass hls = ClassOf(SOURCE_TYPE_HLS);
-    // A time-out of its own and credentials: the playlist reloads get a session of their own.
-    hls.open = [](CBaseSource &source, const char *url) {
-        return static_cast<CHLSSource &>(source).OpenLiveStream(url, 200, false, 10, 3, "", "", "", "", "user", "secret");
-    };
     const char flv_video[] = "video/x-h264, stream-format=(string)avc";
     const char ts_video[] = "video/x-h265, stream-format=(string)byte-stream";
     return {
@@ -45,7 +38,6 @@ std::vector<Subject> Subjects() {
         {"Srt", ClassOf(SOURCE_TYPE_SRT), ts_video, "audio/x-ac3"},
         {"Udp", ClassOf(SOURCE_TYPE_UDP), ts_video, "audio/x-ac3"},
         {"Hls", ClassOf(SOURCE_TYPE_HLS), ts_video, "audio/x-ac3"},
-        {"HlsWithReloadSession", hls, ts_video, "audio/x-ac3"},
     };
 }
 
@@ -125,9 +117,8 @@ void Torture::ExpectTold(const FrameworkCall &call, const std::string &url, cons
                                              "[CHLSSource] hlsdemux element src_pad link tsdemux sink_pad faild !!! url="};
     bool expected = true;
     if (function == "gst_element_factory_make") {
-        // The reload session is a help, not a condition: it does without.
         const std::string factory = call.detail.substr(0, call.detail.find(' '));
-        expected = Has(call.detail, "HttpSession") || told([&](const std::string &message) { return Has(message, factory); });
+        expected = told([&](const std::string &message) { return Has(message, factory); });
     } else if (function == "gst_pipeline_new" || function == "gst_pipeline_get_bus") {
         expected = one_of({not_made});
     } else if (function == "gst_bin_add") {
@@ -140,8 +131,7 @@ void Torture::ExpectTold(const FrameworkCall &call, const std::string &url, cons
     } else if (function == "gst_pad_link" || function == "gst_element_get_static_pad") {
         // An RTMPS source that cannot be held before its stop is stopped all the same, and so is a source of HLS that cannot be asked
         // whether it waits; HLS does without the watch for empty playlists.
-        expected =
-            call.detail == "Rtmpsrc" || call.detail == "Souphttpsrc" || call.detail == "HttpSession" || one_of(pad_links);
+        expected = call.detail == "Rtmpsrc" || call.detail == "Souphttpsrc" || one_of(pad_links);
     } else if (function == "gst_element_sync_state_with_parent") {
         expected = told([&](const std::string &message) {
             return message == "[GSTREAMER] Unable to bring element " + named + " to the state of the pipeline!!!";
@@ -223,7 +213,7 @@ bool Torture::Run(int n, bool and_all_after) {
                                               "gst_element_link",         "std::thread"};
             // What fails before the worker has its first word fails the open; the worker's own first calls may come before
             // the open is back.
-            if (fatal.count(at_open.function) != 0 && !Has(at_open.detail, "HttpSession")) {
+            if (fatal.count(at_open.function) != 0) {
                 EXPECT_FALSE(opened);
             }
         } else {

@@ -5,6 +5,8 @@
 #include "support/PropertySpy.h"
 
 #include <gio/gio.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -490,11 +492,24 @@ TEST_F(Options, RtmpsRefusalsAndFailures) {
     expect_refused({Err(row.frontLinkFailure + url)});
 }
 
+namespace {
+
+// As souphttpsrc takes it. One that has a back-off takes -1 for none.
+Sets RetriesWithoutEnd() {
+    const GSTREAMER::ElementRef source = GSTREAMER::TryMakeElement("souphttpsrc", "source");
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(source.Get()), "retry-backoff-factor") == nullptr) {
+        return {"retries=-1"};
+    }
+    return {"retries=2147483647", "retry-backoff-factor=0.500000", "retry-backoff-max=3.000000"};
+}
+
+}  // namespace
+
 TEST_F(Options, Hls) {
     Open<CHLSSource>(kHlsUrl, 200U, true, 15U, -1, "", "pi", "pp", "agent/1", "user", "secret");
     // A proxy's credentials go with a proxy only.
-    ExpectSetAndHeld("Souphttpsrc", {"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=TRUE", "retries=-1",
-                                     "user-agent=agent/1", "user-id=user", "user-pw=secret"});
+    ExpectSetAndHeld("Souphttpsrc", Sets{"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=TRUE"} +
+                                        RetriesWithoutEnd() + Sets{"user-agent=agent/1", "user-id=user", "user-pw=secret"});
     EXPECT_EQ(Sets{}, SetsOn("Hlsdemux"));
     ExpectFirstLines(
         {Info("[CHLSSource] Open http://127.0.0.1:9/a.m3u8 { Opts: caching=200,islive=1,timeout=15,retries=-1,proxy=,"
@@ -584,7 +599,8 @@ TEST_F(Options, ValuesInRangeGiveNoWarning) {
     for (const unsigned int timeout : {0U, 15U}) {
         for (const int retries : {-1, 0, 2147483647}) {
             Open<CHLSSource>(kHlsUrl, 200U, true, timeout, retries, "", "", "", "", "", "");
-            ExpectHeld("Souphttpsrc", {"timeout=" + std::to_string(timeout), "retries=" + std::to_string(retries)});
+            ExpectHeld("Souphttpsrc", Sets{"timeout=" + std::to_string(timeout)} +
+                                          (retries == -1 ? RetriesWithoutEnd() : Sets{"retries=" + std::to_string(retries)}));
         }
     }
     EXPECT_EQ(0, warnings.Take());
@@ -640,9 +656,53 @@ TEST_F(Options, PropertyThatAnElementDoesNotHaveIsReported) {
     EXPECT_EQ(0, warnings.Take());
 }
 
-// souphttpsrc aborts the process over a proxy that is no URI.
-TEST_F(Options, HlsProxyThatIsNoUriIsRefused) {
-    for (const char *proxy : {"http://[", "://", "http://", "http://\xff\xfe"}) {
+namespace {
+
+const char *const kFatalProxies[] = {"http://[",
+                                     "://",
+                                     "http://\xff\xfe",
+                                     "127.0.0.1:x",
+                                     "9://a",
+                                     " http://127.0.0.1:9",
+                                     "http://a/%zz",
+                                     "http://127.0.0.1:65536",
+                                     "http://127.0.0.1:9/\xff"};
+const char *const kOtherProxies[] = {"127.0.0.1:9",
+                                     "http://127.0.0.1:9",
+                                     "http://proxy.example",
+                                     "http://[::1]:9/",
+                                     "http://",
+                                     "http://:9/",
+                                     "direct://",
+                                     "socks5://127.0.0.1:9",
+                                     "-",
+                                     "http://a b:9/"};
+
+// Ends as souphttpsrc ends the process over a proxy, criticals included, or with 0.
+[[noreturn]] void StartThroughProxy(const char *proxy) {
+    gst_init(nullptr, nullptr);
+    GstElement *source = gst_element_factory_make("souphttpsrc", "source");
+    g_object_set(source, "location", kHlsUrl, "proxy", proxy, nullptr);
+    gst_element_set_state(source, GST_STATE_PAUSED);
+    _exit(0);
+}
+
+}  // namespace
+
+TEST(ProxyDeathTest, WhatSouphttpsrcEndsTheProcessOver) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    for (const char *proxy : kFatalProxies) {
+        EXPECT_EXIT(
+            StartThroughProxy(proxy), [](int status) { return WIFSIGNALED(status); }, "")
+            << proxy;
+    }
+    for (const char *proxy : kOtherProxies) {
+        EXPECT_EXIT(StartThroughProxy(proxy), testing::ExitedWithCode(0), "") << proxy;
+    }
+}
+
+TEST_F(Options, HlsProxyThatWouldEndTheProcessIsRefused) {
+    for (const char *proxy : kFatalProxies) {
         SCOPED_TRACE(proxy);
         EXPECT_FALSE(TryOpen<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, proxy, "", "", "", "", ""));
         const Lines lines = m_log.Take();
@@ -650,7 +710,7 @@ TEST_F(Options, HlsProxyThatIsNoUriIsRefused) {
         EXPECT_EQ(Err(std::string("[CHLSSource] The proxy is not a URI!!! proxy=") + proxy + ", url=" + kHlsUrl), lines[1]);
         EXPECT_EQ(ClassOf(SOURCE_TYPE_HLS).BuildFailure(kHlsUrl), lines[2]);
     }
-    for (const char *proxy : {"127.0.0.1:9", "http://127.0.0.1:9", "http://proxy.example", "http://[::1]:9/"}) {
+    for (const char *proxy : kOtherProxies) {
         SCOPED_TRACE(proxy);
         Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, proxy, "", "", "", "", "");
     }
@@ -673,26 +733,111 @@ TEST_F(Options, HlsProxy) {
     }
 }
 
+namespace {
+
+// What hlsdemux makes for its segments: an HTTP source in a bin below it.
+class SegmentSource {
+  public:
+    explicit SegmentSource(GstElement *demux)
+        : m_source(GSTREAMER::TryMakeElement("souphttpsrc", "segments")), m_pad(gst_element_get_static_pad(m_source, "src")) {
+        StartRecord(m_source);
+        EXPECT_TRUE(gst_bin_add(GST_BIN(demux), m_source));
+        // Its failures are not the session's.
+        gst_element_set_bus(m_source, nullptr);
+        gst_element_set_locked_state(m_source, TRUE);
+        // Behind those of the library.
+        gst_pad_add_probe(
+            m_pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM,
+            [](GstPad *, GstPadProbeInfo *info, gpointer begun) {
+                *static_cast<std::atomic<int> *>(begun) +=
+                    GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_STREAM_START ? 1 : 0;
+                return GST_PAD_PROBE_OK;
+            },
+            &m_begun, nullptr);
+    }
+    ~SegmentSource() { gst_element_set_state(m_source, GST_STATE_NULL); }
+    SegmentSource(const SegmentSource &) = delete;
+    SegmentSource &operator=(const SegmentSource &) = delete;
+
+    GstElement *Get() const { return m_source; }
+    bool IsFlushing() const { return GST_PAD_IS_FLUSHING(m_pad.get()); }
+    void Request(const std::string &location) {
+        gst_element_set_state(m_source, GST_STATE_READY);
+        g_object_set(m_source, "location", location.c_str(), nullptr);
+        const int before = m_begun;
+        gst_element_set_state(m_source, GST_STATE_PAUSED);
+        EXPECT_TRUE(Eventually([&] { return m_begun > before; }));
+    }
+
+  private:
+    const GSTREAMER::ElementRef m_source;
+    const GSTREAMER::PadPtr m_pad;
+    std::atomic<int> m_begun{0};
+};
+
+}  // namespace
+
 TEST_F(Options, HlsHandsItsOptionsToTheSegmentSources) {
     Open<CHLSSource>(kHlsUrl, 200U, false, 20U, 5, "http://127.0.0.1:9/", "pi", "pp", "agent/2", "user", "secret");
-    // What hlsdemux does for its segments: an HTTP source in a bin below it.
-    GstElement *segments = gst_element_factory_create(gst_element_factory_find("souphttpsrc"), "segments");
-    gst_object_ref_sink(segments);
-    StartRecord(segments);
-    ASSERT_TRUE(gst_bin_add(GST_BIN(Source("Hlsdemux")), segments));
-    const Sets sets = RecordOf(segments);
-    ASSERT_EQ(9U, sets.size());
-    EXPECT_EQ((Sets{"timeout=20", "retries=5", "proxy=http://127.0.0.1:9/", "proxy-id=pi", "proxy-pw=pp", "user-agent=agent/2",
-                    "user-id=user", "user-pw=secret"}),
-              Sets(sets.begin(), sets.end() - 1));
+    const SegmentSource segments(Source("Hlsdemux"));
+    const Sets sets = RecordOf(segments.Get());
+    ASSERT_EQ(7U, sets.size());
+    EXPECT_EQ(
+        (Sets{"timeout=20", "retries=5", "proxy=http://127.0.0.1:9/", "proxy-id=pi", "proxy-pw=pp", "user-agent=agent/2"}),
+        Sets(sets.begin(), sets.end() - 1));
     EXPECT_EQ(0U, sets.back().find("cookies=")) << "a session of its own";
-    gst_object_unref(segments);
 
     // Elements of other factories have no such options and are left alone.
     GstElement *other = gst_element_factory_create(gst_element_factory_find("queue"), "other");
     StartRecord(other);
     gst_bin_add(GST_BIN(Source("Hlsdemux")), other);
     EXPECT_EQ(Sets{}, RecordOf(other));
+}
+
+TEST_F(Options, HlsSegmentsOfOtherServersGetNoCredentials) {
+    struct Row {
+        const char *location;
+        bool own;
+    };
+    const Row rows[] = {{"http://127.0.0.1:9/a/1.ts", true}, {"http://127.0.0.2:9/1.ts", false},
+                        {"http://127.0.0.1:9/a/2.ts", true}, {"HTTP://127.0.0.1:9/%C3%A4/3.ts?a#b", true},
+                        {"http://127.0.0.1:10/1.ts", false}, {"https://127.0.0.1:9/1.ts", false},
+                        {"http://127.0.0.1/1.ts", false},    {"http://user@127.0.0.1:9/1.ts", true},
+                        {"http://localhost:9/1.ts", false}};
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "user", "secret");
+    SegmentSource segments(Source("Hlsdemux"));
+    EXPECT_EQ((Sets{"user-id=(null)", "user-pw=(null)"}), HeldOf(segments.Get(), {"user-id=", "user-pw="}));
+    for (const Row &row : rows) {
+        segments.Request(row.location);
+        EXPECT_EQ((row.own ? Sets{"user-id=user", "user-pw=secret"} : Sets{"user-id=(null)", "user-pw=(null)"}),
+                  HeldOf(segments.Get(), {"user-id=", "user-pw="}))
+            << row.location;
+    }
+    // Each by itself, as the playlist's source has them.
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "user", "");
+    SegmentSource half(Source("Hlsdemux"));
+    half.Request(rows[0].location);
+    EXPECT_EQ((Sets{"user-id=user", "user-pw=(null)"}), HeldOf(half.Get(), {"user-id=", "user-pw="}));
+    // A location without a server has none of its own.
+    Open<CHLSSource>("a.m3u8", 200U, false, 15U, 3, "", "", "", "", "user", "secret");
+    SegmentSource nowhere(Source("Hlsdemux"));
+    nowhere.Request(rows[0].location);
+    EXPECT_EQ((Sets{"user-id=(null)"}), HeldOf(nowhere.Get(), {"user-id="}));
+}
+
+TEST_F(Options, HlsSegmentIsNotRequestedOnceTheSourceIsBeingStopped) {
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "", "");
+    SegmentSource segments(Source("Hlsdemux"));
+    segments.Request(kHlsUrl);
+    EXPECT_FALSE(segments.IsFlushing());
+    bool flushing = false;
+    m_faults.OnStop([&] {
+        segments.Request(kHlsUrl);
+        flushing = segments.IsFlushing();
+    });
+    m_source->CloseLiveStream();
+    EXPECT_TRUE(flushing);
+    m_faults.OnStop(nullptr);
 }
 
 TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
@@ -703,94 +848,52 @@ TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
     auto *bare = GST_ELEMENT(g_object_new(type, nullptr));
     ASSERT_EQ(nullptr, gst_element_get_factory(bare));
     EXPECT_TRUE(gst_bin_add(GST_BIN(Source("Hlsdemux")), bare));
-
-    GstElement *segments = gst_element_factory_create(gst_element_factory_find("souphttpsrc"), "segments");
-    gst_object_ref_sink(segments);
-    StartRecord(segments);
-    SourceProbe::HlsDeepElementAdded(segments, nullptr);
-    EXPECT_EQ(Sets{}, RecordOf(segments)) << "nobody's options";
-    gst_object_unref(segments);
 }
 
-TEST_F(Options, HlsReloadsGetASessionWhereTheFirstSourceSharesNone) {
+TEST_F(Options, HlsSegmentSourceWithoutItsPadIsLeftAsItIs) {
+    Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "user", "secret");
+    for (const auto &[call, function] : {std::pair(2, "gst_element_get_static_pad"), std::pair(3, "gst_pad_add_probe")}) {
+        const GSTREAMER::ElementRef segments = GSTREAMER::TryMakeElement("souphttpsrc", "segments");
+        m_faults.FailCall(call, true);
+        gst_bin_add(GST_BIN(Source("Hlsdemux")), segments);
+        EXPECT_EQ(function, m_faults.FailedCall().function) << "behind gst_bin_add";
+        m_faults.FailCall(0);
+    }
+}
+
+// The source of the playlist offers its session to reloads, variants and keys, which hlsdemux requests without options.
+TEST_F(Options, HlsSharesThePlaylistsSessionWhateverItsOptions) {
     struct Row {
         unsigned int timeout;
         const char *proxy;
-        Sets sets;  // on the source that opens the session, behind its own
     };
     const std::string url = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/a.m3u8";
-    const std::string proxy = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/";
-    const Row rows[] = {
-        {15, "", {}},
-        {10, "", {"timeout=10", "user-agent=agent/3", "user-id=user", "user-pw=secret"}},
-        {15, proxy.c_str(), {"timeout=15", "proxy=" + proxy, "user-agent=agent/3", "user-id=user", "user-pw=secret"}},
-    };
-    std::size_t made_before = 0;
-    for (const Row &row : rows) {
-        // The element goes with the close, so its record is kept by the hook's own copy of the pointer.
-        static GstElement *s_session;
-        s_session = nullptr;
-        m_faults.OnMade("souphttpsrc", [](GstElement *element) {
-            StartRecord(element);
-            if (std::string("HttpSession") == GST_ELEMENT_NAME(element)) {
-                s_session = element;
-            }
-        });
-        Open<CHLSSource>(url.c_str(), 200U, false, row.timeout, 3, row.proxy, "", "", "agent/3", "user", "secret");
+    const std::string proxy = "http://pi:pp@127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/";
+    for (const Row &row : {Row{15, ""}, Row{10, ""}, Row{15, proxy.c_str()}, Row{0, proxy.c_str()}}) {
+        m_source.reset(CHLSSource::CreateNew(&m_buffer, kChannel, kStream));
+        m_faults.SetPlay(Play::Real);
+        m_faults.SleepReally();
+        m_log.Take();
+        const std::size_t made_before = m_faults.Made().size();
+        ASSERT_TRUE(static_cast<CHLSSource &>(*m_source).OpenLiveStream(url.c_str(), 200, false, row.timeout, 3, row.proxy, "",
+                                                                        "", "", "user", "secret"));
         ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
-        const std::vector<std::string> made = m_faults.Made();
-        EXPECT_EQ(row.sets.empty() ? 0 : 1,
-                  std::count(made.begin() + static_cast<std::ptrdiff_t>(made_before), made.end(), "souphttpsrc HttpSession"));
-        made_before = made.size();
-        EXPECT_EQ(row.sets.empty(), s_session == nullptr);
-        if (s_session != nullptr) {
-            EXPECT_EQ((Sets{"location=" + url, "method=HEAD", "retries=0"}) + row.sets, RecordOf(s_session));
+        GstContext *shared = gst_element_get_context(SourceProbe::Pipeline(*m_source), "gst.soup.session");
+        EXPECT_NE(nullptr, shared);
+        g_clear_pointer(&shared, gst_context_unref);
+        const Sets sets = RecordOf(Source("Souphttpsrc"));
+        ASSERT_LE(2U, sets.size());
+        if (row.timeout != 15 || *row.proxy != '\0') {
+            EXPECT_EQ((Sets{"timeout=" + std::to_string(row.timeout), std::string("proxy=") + row.proxy}),
+                      Sets(sets.end() - 2, sets.end()));
         }
+        const std::vector<std::string> made = m_faults.Made();
+        EXPECT_EQ(1,
+                  std::count(made.begin() + static_cast<std::ptrdiff_t>(made_before), made.end(), "souphttpsrc Souphttpsrc"));
+        EXPECT_EQ(made_before + 2, made.size()) << "no source for anything else";
         m_source->CloseLiveStream();
         ExpectNothingLives();
     }
-}
-
-TEST_F(Options, HlsReloadSessionHandsOnNoOtherContext) {
-    std::atomic<GstElement *> made{nullptr};
-    m_faults.OnMade("souphttpsrc", [&](GstElement *element) {
-        if (std::string("HttpSession") == GST_ELEMENT_NAME(element)) {
-            made = GST_ELEMENT(gst_object_ref(element));
-        }
-    });
-    const std::string url = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/a.m3u8";
-    Open<CHLSSource>(url.c_str(), 200U, false, 10U, 3, "", "", "", "", "", "");
-    ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
-    GstElement *session = made;
-    ASSERT_NE(nullptr, session);
-    for (const char *type : {"unit.other", "gst.soup.session"}) {
-        gst_element_post_message(session, gst_message_new_have_context(GST_OBJECT(session), gst_context_new(type, TRUE)));
-    }
-    GstContext *handed = gst_element_get_context(SourceProbe::Pipeline(*m_source), "gst.soup.session");
-    EXPECT_NE(nullptr, handed);
-    g_clear_pointer(&handed, gst_context_unref);
-    EXPECT_EQ(nullptr, gst_element_get_context(SourceProbe::Pipeline(*m_source), "unit.other"));
-    gst_object_unref(session);
-}
-
-TEST_F(Options, HlsLocationWithoutAHostGetsNoReloadSession) {
-    for (const char *url : {"a.m3u8", "http:///a.m3u8"}) {
-        Open<CHLSSource>(url, 200U, false, 10U, 3, "", "", "", "", "user", "secret");
-        ASSERT_TRUE(m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
-        const std::vector<std::string> made = m_faults.Made();
-        EXPECT_EQ(0, std::count(made.begin(), made.end(), "souphttpsrc HttpSession")) << url;
-        m_source->CloseLiveStream();
-    }
-}
-
-TEST_F(Options, HlsWithoutTheReloadSession) {
-    // The front's source is made, the session's is not: the session is a help, not a condition.
-    m_faults.FailNthMake(3);
-    Open<CHLSSource>(kHlsUrl, 200U, false, 10U, 3, "", "", "", "", "user", "secret");
-    ASSERT_TRUE(Eventually([&] { return SourceProbe::StateText(*m_source) == "connected"; }));
-    EXPECT_TRUE(m_faults.NthMakeWasReached());
-    const Lines lines = m_log.Take();
-    EXPECT_EQ(0, std::count(lines.begin(), lines.end(), NotMade("souphttpsrc HttpSession")));
 }
 
 }  // namespace unit

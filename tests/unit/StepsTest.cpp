@@ -1,12 +1,12 @@
 // The steps below the source classes that deal with the process: its descriptors, threads that stand or wait.
 #include "CGstUtils.h"
-#include "CHttpSession.h"
 #include "framework/Resources.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
 #include "support/Loopback.h"
 #include "support/Watchdog.h"
 #include "workarounds/HeldSource.h"
+#include "workarounds/HiddenPlaylistRequests.h"
 #include "workarounds/LostSrtStop.h"
 #include "workarounds/SleepingJitterBuffers.h"
 #include "workarounds/SocketWait.h"
@@ -683,31 +683,38 @@ TEST(JitterBuffers, AreWokenWhereverTheySit) {
 
 // ---- Rest of an HTTP session ------------------------------------------------------------------------------------------------
 
-// A session: a main context that its own thread runs, and the message of an answer that was posted there.
+// A session: a main context that its own thread runs, and the message of an answer that is posted there.
 class HttpRest : public testing::Test {
   protected:
-    HttpRest() { GSTREAMER::GstInit(); }
+    HttpRest() {
+        GSTREAMER::GstInit();
+        m_pipeline = GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("pipeline")));
+        m_source = gst_element_factory_make("fakesrc", "source");
+        gst_bin_add(GST_BIN(m_pipeline), m_source);
+        m_requests = std::make_unique<GSTREAMER::HiddenPlaylistRequests>(m_source);
+        m_requests->Attach(m_pipeline);
+    }
     ~HttpRest() override {
         Stop();
+        m_requests.reset();
         g_main_context_unref(m_context);
-        g_object_unref(m_keeper);
+        gst_element_set_state(m_pipeline, GST_STATE_NULL);
+        gst_object_unref(m_pipeline);
     }
     // On the session's thread, once it runs.
-    void Note(const char *name) {
-        const auto note = [&] {
-            GstMessage *message = gst_message_new_element(nullptr, gst_structure_new_empty(name));
+    void Report(GstElement *source, const char *name) {
+        const auto report = [&] {
             g_main_context_push_thread_default(m_context);
-            GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
+            gst_element_post_message(source, gst_message_new_element(GST_OBJECT(source), gst_structure_new_empty(name)));
             g_main_context_pop_thread_default(m_context);
-            gst_message_unref(message);
         };
         if (!m_thread.joinable()) {
-            note();
+            report();
             return;
         }
         std::promise<void> done;
         Later([&] {
-            note();
+            report();
             done.set_value();
         });
         done.get_future().wait();
@@ -736,9 +743,16 @@ class HttpRest : public testing::Test {
             new std::function<void()>(std::move(work)),
             [](gpointer function) { delete static_cast<std::function<void()> *>(function); });
     }
+    // Nothing is asked of the session, whatever it does.
+    void ExpectNoRest() {
+        m_requests->BeforeStop();
+        EXPECT_FALSE(g_main_context_pending(m_context));
+    }
 
-    GObject *const m_keeper = static_cast<GObject *>(g_object_new(G_TYPE_OBJECT, nullptr));
     GMainContext *const m_context = g_main_context_new();
+    GstElement *m_pipeline = nullptr;
+    GstElement *m_source = nullptr;
+    std::unique_ptr<GSTREAMER::HiddenPlaylistRequests> m_requests;
 
   private:
     std::atomic<bool> m_stop{false};
@@ -750,11 +764,11 @@ TEST_F(HttpRest, BeginsBehindWhatIsUnderWayAndHoldsUpWhatComes) {
     bool rested = false;
     // A machine that is busy enough lets the bound pass before the session comes to rest.
     for (int round = 0; round < 50 && !rested; ++round) {
-        Note("http-headers");
+        Report(m_source, "http-headers");
         std::atomic<bool> handed{false};
         Later([&] { Later([&] { handed = true; }); });
         const auto begun = std::chrono::steady_clock::now();
-        GSTREAMER::CHttpSession::Rest(m_keeper);
+        m_requests->BeforeStop();
         const bool before = handed;
         std::promise<std::chrono::steady_clock::time_point> next;
         Later([&] { next.set_value(std::chrono::steady_clock::now()); });
@@ -762,32 +776,28 @@ TEST_F(HttpRest, BeginsBehindWhatIsUnderWayAndHoldsUpWhatComes) {
         rested = before && handled - begun >= std::chrono::milliseconds(30);
     }
     EXPECT_TRUE(rested) << "an answer is handed on before, and the next one after the rest";
-    // The note is used up: nothing rests, whatever the session does.
-    GSTREAMER::CHttpSession::Rest(m_keeper);
-    EXPECT_EQ(nullptr, g_object_get_data(m_keeper, "http-session-context"));
+    // Once for each pipeline: what is stopped again has been cancelled.
+    Stop();
+    ExpectNoRest();
 }
 
 TEST_F(HttpRest, SessionThatIsGoneIsNotWaitedForLong) {
-    Note("http-headers");
-    GSTREAMER::CHttpSession::Rest(m_keeper);
+    Report(m_source, "http-headers");
+    Report(m_source, "http-headers");
+    m_requests->BeforeStop();
     // What it has missed means nothing any more, but is let go of.
     EXPECT_TRUE(g_main_context_iteration(m_context, FALSE));
     EXPECT_FALSE(g_main_context_pending(m_context));
 }
 
-TEST_F(HttpRest, OtherMessagesAndThreadsAreNotNoted) {
-    Note("http-other");
-    GstMessage *message = gst_message_new_eos(nullptr);
-    g_main_context_push_thread_default(m_context);
-    GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
-    g_main_context_pop_thread_default(m_context);
-    gst_message_unref(message);
-    message = gst_message_new_element(nullptr, gst_structure_new_empty("http-headers"));
-    GSTREAMER::CHttpSession::NoteContext(m_keeper, message);
-    gst_message_unref(message);
-    EXPECT_EQ(nullptr, g_object_get_data(m_keeper, "http-session-context"));
-    GSTREAMER::CHttpSession::Rest(m_keeper);
-    GSTREAMER::CHttpSession::Rest(nullptr);
+TEST_F(HttpRest, OtherMessagesSourcesAndThreadsAreNotNoted) {
+    Report(m_source, "http-other");
+    Report(m_pipeline, "http-headers");
+    gst_element_post_message(m_source, gst_message_new_element(GST_OBJECT(m_source), gst_structure_new_empty("http-headers")));
+    gst_element_post_message(m_source, gst_message_new_custom(GST_MESSAGE_ELEMENT, GST_OBJECT(m_source), nullptr));
+    ExpectNoRest();
+    // Noted, and never asked to rest.
+    Report(m_source, "http-headers");
 }
 
 }  // namespace unit

@@ -242,6 +242,11 @@ GstStateChangeReturn __wrap_gst_element_set_state(GstElement *element, GstState 
                 break;
         }
     }
+    if (state == GST_STATE_NULL) {
+        if (const auto hook = unit::WithPlan([](unit::Plan &plan) { return plan.onStop; })) {
+            hook();
+        }
+    }
     const GstStateChangeReturn result = __real_gst_element_set_state(element, state);
     if (state == GST_STATE_PLAYING && result != GST_STATE_CHANGE_FAILURE) {
         unit::WithPlan([](unit::Plan &plan) { return ++plan.plays; });
@@ -366,6 +371,5 @@ GST_SOURCE_FALLIBLE(const GValue *, gst_structure_get_value, (const GstStructure
                     (structure, field), field, nullptr)
 GST_SOURCE_FALLIBLE(gchar *, gst_structure_to_string, (const GstStructure *structure), (structure), "", nullptr)
 GST_SOURCE_FALLIBLE(gchar *, gst_object_get_name, (GstObject * object), (object), unit::NameOf(object), nullptr)
-GST_SOURCE_FALLIBLE(GstBus *, gst_bus_new, (), (), "", nullptr)
 
 }  // extern "C"

@@ -46,6 +46,7 @@ struct Plan {
     FrameworkCall failedCall;
     Play play = Play::Real;
     bool reportStopFailure = false;
+    std::function<void()> onStop;
     int plays = 0;
     gint64 clock = 0;
     bool sleepReally = false;
@@ -127,6 +128,8 @@ class Faults {
     // State changes of pipelines.
     void SetPlay(Play play) { Set(&Plan::play, play); }
     void ReportStopFailure() { Set(&Plan::reportStopFailure, true); }
+    // Called right before a pipeline is told to stop, on the thread that tells it.
+    void OnStop(std::function<void()> hook) { Set(&Plan::onStop, std::move(hook)); }
     // How often a pipeline was told to play and did not fail.
     int Plays() const { return Get(&Plan::plays); }
     void ForgetPlays() { Set(&Plan::plays, 0); }

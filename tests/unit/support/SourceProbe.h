@@ -63,9 +63,6 @@ struct SourceProbe {
     static void HlsPadAdded(GstElement *element, GstPad *pad, gpointer user) {
         CHLSSource::hls_pad_added_handler(element, pad, user);
     }
-    static void HlsDeepElementAdded(GstElement *element, gpointer user) {
-        CHLSSource::deep_element_added_handler(nullptr, nullptr, element, user);
-    }
     static gboolean CallerConnecting(GstElement *element, GSocketAddress *address, char *id, gpointer user) {
         return CSrtSource::caller_connecting_handler(element, address, id, user);
     }
@@ -113,7 +110,9 @@ struct SourceProbe {
     }
     static bool IsRtmps(CBaseSource &source) { return static_cast<CRtmpSource &>(source).m_bRtmps; }
     static media_change_callback_t Callback(CBaseSource &source) { return source.m_pfnMediaChange; }
-    static void RemoveMany(std::initializer_list<GSTREAMER::ElementRef *> elements) { CBaseSource::_RemoveManyElements(elements); }
+    static void RemoveMany(std::initializer_list<GSTREAMER::ElementRef *> elements) {
+        CBaseSource::_RemoveManyElements(elements);
+    }
 
     static void UpdateVideo(CBaseSource &source, const std::string &code, int width, int height, float fps,
                             const std::string &scan_type, int ref_frames) {

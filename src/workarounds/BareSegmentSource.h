@@ -1,0 +1,34 @@
+// Symptom: HLS segments are requested without the host's time-out, retries, proxy, user agent and credentials.
+// Seen: hlsdemux of GStreamer 1.22.0 and 1.26.2. It makes a source of its own for them and gives it none of these options.
+// Done: the source gets the options as it is made, and before each request to the playlist's own server the credentials.
+// Cost: none.
+// Test: HlsPlays.FramesEqualTheMaterial/requests, Hls.CredentialsGoToThePlaylistsServerOnly.
+#pragma once
+
+#include "workarounds/Workaround.h"
+
+#include <functional>
+#include <string>
+
+namespace GSTREAMER {
+
+// User name and password, each empty when there is none, for the server of a location.
+struct Credentials {
+    std::string location;
+    std::string user;
+    std::string password;
+};
+
+class BareSegmentSource final : public Workaround {
+  public:
+    // `configure` sets what every server is sent; called on streaming threads of the pipeline.
+    BareSegmentSource(std::function<void(GstElement *)> configure, Credentials credentials);
+
+    void Attach(GstElement *pipeline) override;
+
+  private:
+    const std::function<void(GstElement *)> m_fnConfigure;
+    const Credentials m_credentials;
+};
+
+}  // namespace GSTREAMER

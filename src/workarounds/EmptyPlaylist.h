@@ -1,0 +1,25 @@
+// Symptom: an HLS source stays "connected" for ever without media after its server has answered with an empty playlist.
+// Seen: hlsdemux of GStreamer 1.22.0 and 1.26.2. It ignores the end of a stream that brought nothing.
+// Done: an error ends the session when the first playlist request ends without a byte.
+// Cost: none.
+// Test: HostileHls.PlaylistsThatAreNone.
+#pragma once
+
+#include "workarounds/Workaround.h"
+
+namespace GSTREAMER {
+
+class EmptyPlaylist final : public Workaround {
+  public:
+    // `source` fetches the playlist and outlives this.
+    explicit EmptyPlaylist(GstElement *source) : m_pSource(source) {}
+
+    void Attach(GstElement *pipeline) override;
+
+  private:
+    static GstPadProbeReturn playlist_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
+
+    GstElement *const m_pSource;
+};
+
+}  // namespace GSTREAMER

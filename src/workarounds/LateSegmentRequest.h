@@ -1,0 +1,25 @@
+// Symptom: closing an HLS source ends the process, in libsoup, when hlsdemux requests its next segment just then.
+// Seen: souphttpsrc of GStreamer 1.22.0 (libsoup 3.2.3) and 1.26.2 (3.6.5), as in UnansweredHttpRequests, which sees only requests that have begun.
+// Done: once the pipeline is being stopped, a segment source finds its pad flushing before it makes a request.
+// Cost: none.
+// Test: ClosingHls.WhileSegmentFollowsSegment.
+#pragma once
+
+#include "workarounds/Workaround.h"
+
+#include <atomic>
+#include <memory>
+
+namespace GSTREAMER {
+
+class LateSegmentRequest final : public Workaround {
+  public:
+    void Attach(GstElement *pipeline) override;
+    void BeforeStop() override { *m_pStopping = true; }
+
+  private:
+    // Shared with the probes, which live as long as their pads.
+    const std::shared_ptr<std::atomic<bool>> m_pStopping = std::make_shared<std::atomic<bool>>(false);
+};
+
+}  // namespace GSTREAMER

@@ -34,37 +34,44 @@ class Workaround {
 // The workarounds of one pipeline, called in the order in which they were added; AfterStop in the opposite order.
 class Workarounds {
   public:
-    void Add(std::unique_ptr<Workaround> workaround) { m_vecAll.push_back(std::move(workaround)); }
-    void Clear() { m_vecAll.clear(); }
+    void Add(std::unique_ptr<Workaround> workaround) { m_vecAdded.push_back(std::move(workaround)); }
+    void Clear() {
+        m_vecAdded.clear();
+        m_vecAttached.clear();
+    }
 
+    // Without it, because the front could not be made, no other hook is called.
     void Attach(GstElement *pipeline) {
-        for (const auto &one : m_vecAll) {
+        for (const auto &one : m_vecAdded) {
             one->Attach(pipeline);
         }
+        m_vecAttached.swap(m_vecAdded);
     }
     void BeforePlay() {
-        for (const auto &one : m_vecAll) {
+        for (const auto &one : m_vecAttached) {
             one->BeforePlay();
         }
     }
     void AfterPoll(GstMessage *message) {
-        for (const auto &one : m_vecAll) {
+        for (const auto &one : m_vecAttached) {
             one->AfterPoll(message);
         }
     }
     void BeforeStop() {
-        for (const auto &one : m_vecAll) {
+        for (const auto &one : m_vecAttached) {
             one->BeforeStop();
         }
     }
     void AfterStop() {
-        for (auto one = m_vecAll.rbegin(); one != m_vecAll.rend(); ++one) {
+        for (auto one = m_vecAttached.rbegin(); one != m_vecAttached.rend(); ++one) {
             (*one)->AfterStop();
         }
     }
 
   private:
-    std::vector<std::unique_ptr<Workaround>> m_vecAll;
+    using List = std::vector<std::unique_ptr<Workaround>>;
+    List m_vecAdded;     // until they are attached
+    List m_vecAttached;  // from then on
 };
 
 }  // namespace GSTREAMER

@@ -180,11 +180,12 @@ GST_SOURCE_API int gst_udp_source_open_live_stream(void *handle, const char *url
  * islive              not 0: the HTTP source behaves as a live source
  * timeout             s until a silent HTTP request is given up, at most 3600
  * retries             attempts of a failed request, -1 for no end
- * proxy               URI of an HTTP proxy, refused (-1) when it is none; proxy_id and proxy_pwd are used only with it, and
- * only when both are non-empty user_agent          HTTP user agent user_id, user_pw    credentials for the web server, each by
- * itself
+ * proxy               URI of an HTTP proxy, refused (-1) when it would end the process
+ * proxy_id, proxy_pwd credentials for the proxy, used only when all three are non-empty
+ * user_agent          HTTP user agent
+ * user_id, user_pw    credentials for the web server of url and no other, each by itself
  *
- * With a time-out other than 15 s, or a proxy, each session begins with one HEAD request of the playlist (docs/protocols.md).
+ * Of a playlist with several variants the fastest is played (docs/protocols.md).
  */
 GST_SOURCE_API int gst_hls_source_open_live_stream(void *handle, const char *url, unsigned int caching, unsigned int islive,
                                                    unsigned int timeout, int retries, const char *proxy, const char *proxy_id,

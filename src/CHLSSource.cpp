@@ -27,6 +27,9 @@ namespace {
 constexpr char kTag[] = "[CHLSSource]";
 constexpr char kTransportStream[] = "video/mpegts";
 
+// kbit/s; what a variant may have that hlsdemux chooses. It keeps that one, whatever the network gives.
+constexpr guint kFastestVariant = 4294967;
+
 }  // namespace
 
 CHLSSource *CHLSSource::CreateNew(void *share_buffer, int channel, int stream) {
@@ -232,6 +235,7 @@ bool CHLSSource::_CreateGstElements() {
     // It opens descriptors as it is made, and cannot say that there are none.
     m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : ElementRef();
     if (m_pHlsDemux != nullptr) {
+        SetNumber(m_pHlsDemux, "connection-speed", kFastestVariant);
         g_signal_connect(m_pHlsDemux, "pad-added", G_CALLBACK(hls_pad_added_handler), this);
     }
     if (m_pPipeline == nullptr || m_pBus == nullptr || m_pSoupSrc == nullptr || m_pHlsDemux == nullptr) {

@@ -2,7 +2,7 @@
 // Seen: hlsdemux of GStreamer 1.22.0 and 1.26.2. It ignores the end of a stream that brought nothing.
 // Done: an error ends the session when the first playlist request ends without a byte.
 // Cost: none.
-// Test: HostileHls.PlaylistsThatAreNone.
+// Test: HostileHls.ListsAndSegmentsThatAreNone.
 #pragma once
 
 #include "workarounds/Workaround.h"

@@ -510,7 +510,7 @@ TEST_F(Options, Hls) {
     // A proxy's credentials go with a proxy only.
     ExpectSetAndHeld("Souphttpsrc", Sets{"location=http://127.0.0.1:9/a.m3u8", "timeout=15", "is-live=TRUE"} +
                                         RetriesWithoutEnd() + Sets{"user-agent=agent/1", "user-id=user", "user-pw=secret"});
-    EXPECT_EQ(Sets{}, SetsOn("Hlsdemux"));
+    ExpectSetAndHeld("Hlsdemux", {"connection-speed=4294967"});
     ExpectFirstLines(
         {Info("[CHLSSource] Open http://127.0.0.1:9/a.m3u8 { Opts: caching=200,islive=1,timeout=15,retries=-1,proxy=,"
               "proxy_id=pi,proxy_pwd=pp,user_agent=agent/1 }")});

@@ -93,7 +93,7 @@ std::unique_ptr<Process> Scene::ServeHttp(uint16_t port, const std::string &serv
     return StartNginx(
         "http { types { application/vnd.apple.mpegurl m3u8; video/mp2t ts; video/mp4 mp4 m4s; audio/aac aac; }\n" +
             directories +
-            "log_format all '$request_uri|$status|$http_user_agent|$http_via|$remote_user'; "
+            "log_format all '$request_uri|$status|$http_user_agent|$http_via|$remote_user|$request_method'; "
             "access_log access.log all; server { listen 127.0.0.1:" +
             std::to_string(port) + "; root www; " + server + " } }\n",
         port);

@@ -41,7 +41,7 @@ class Scene {
     // Blocks name or switch off every log and directory: the usual ones are root's.
     std::unique_ptr<Process> StartNginx(const std::string &blocks, uint16_t port);
     // nginx that hands out what is in `dir`/nginx/www; `server` is put into its server block. Its access.log has a line for each
-    // request: address, status, user agent, proxies on the way and user, separated by bars.
+    // request: address, status, user agent, proxies on the way, user and method, separated by bars.
     std::unique_ptr<Process> ServeHttp(uint16_t port, const std::string &server = "");
     std::string NginxFile(const std::string &name) const { return dir.File("nginx/" + name); }
     // Makes dir/certificate.pem and dir/key.pem, signed by itself, for 127.0.0.1.

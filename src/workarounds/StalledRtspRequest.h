@@ -5,34 +5,25 @@
 // Test: Closing.PeersThatStall (CRtspSource, half a handshake), ClosingRtsp.JustBeforeTheConnectionIsMade.
 #pragma once
 
-#include "framework/Ownership.h"
 #include "workarounds/ClientSockets.h"
 #include "workarounds/StopHelp.h"
+#include "workarounds/SyncMessages.h"
 #include "workarounds/Workaround.h"
-
-#include <memory>
 
 namespace GSTREAMER {
 
 class StalledRtspRequest final : public Workaround {
   public:
     explicit StalledRtspRequest(GstElement *source);
-    ~StalledRtspRequest() override;
 
     void Attach(GstElement *pipeline) override;
     void BeforeStop() override;
     void AfterStop() override;
 
   private:
-    // Runs on the thread that posts. rtspsrc says by such messages that it begins and ends something with the server.
-    static void progress_handler(GstBus *bus, GstMessage *message, gpointer user_data);
-    void _Detach();
-
-    GstElement *const m_pSource;  // only compared
-    const guint m_nMark;          // of the threads that work for this, other for each
+    const guint m_nMark;  // of the threads that work for this, other for each
     ClientSockets m_sockets;
-    GstBus *m_pBus = nullptr;  // owned, while attached
-    gulong m_nHandler = 0;
+    SyncMessages m_progress;  // rtspsrc says by such messages that it begins and ends something with the server
     StopHelp m_help;
 };
 

@@ -21,33 +21,47 @@ constexpr std::chrono::milliseconds kPause{1};
 // The number that the framework gives to the name of a task made now.
 long TaskNumber() {
     GstTask *const task = gst_task_new([](gpointer) {}, nullptr, nullptr);
-    const TextPtr name(gst_object_get_name(GST_OBJECT(task)));
-    gst_object_unref(task);
     constexpr std::size_t kPrefix = sizeof "task" - 1;
-    return std::strtol(name.get() + kPrefix, nullptr, 10);
+    const long number = std::strtol(GST_OBJECT_NAME(task) + kPrefix, nullptr, 10);
+    gst_object_unref(task);
+    return number;
 }
 
 }  // namespace
 
 // How far it has come, for threads of the element too.
 struct AbandonedRtmpAttempt::Attempt {
-    std::mutex m_mtx;
-    std::condition_variable m_cond;
-    bool m_bOver = false;  // guarded by m_mtx: it has failed, or data flow
-
+    ~Attempt() { g_clear_pointer(&m_pContext, g_main_context_unref); }
     void SetOver() {
         const std::lock_guard<std::mutex> lock(m_mtx);
         m_bOver = true;
         m_cond.notify_all();
     }
-    bool IsOver() {
+    // Thread of the element's task, which connects. False when that is of no concern any more.
+    bool SetContext(GMainContext *context) {
         const std::lock_guard<std::mutex> lock(m_mtx);
-        return m_bOver;
+        if (m_pContext == nullptr && !m_bOver) {
+            m_pContext = g_main_context_ref(context);
+            m_cond.notify_all();
+        }
+        return m_pContext == context && !m_bOver;
     }
-    bool AwaitOver(std::chrono::milliseconds bound) {
+    // Borrowed; null when the bound or the attempt is over.
+    GMainContext *AwaitContext(std::chrono::milliseconds bound) {
         std::unique_lock<std::mutex> lock(m_mtx);
-        return m_cond.wait_for(lock, bound, [this] { return m_bOver; });
+        m_cond.wait_for(lock, bound, [this] { return m_bOver || m_pContext != nullptr; });
+        return m_bOver ? nullptr : m_pContext;
     }
+    void AwaitOver(std::chrono::steady_clock::time_point until) {
+        std::unique_lock<std::mutex> lock(m_mtx);
+        m_cond.wait_until(lock, until, [this] { return m_bOver; });
+    }
+
+  private:
+    std::mutex m_mtx;  // guards all below
+    std::condition_variable m_cond;
+    bool m_bOver = false;  // it has failed, or data flow
+    GMainContext *m_pContext = nullptr;
 };
 
 ElementRef AbandonedRtmpAttempt::Make(const char *factory, const char *name, std::string &thread_name) {
@@ -113,19 +127,36 @@ GstPadProbeReturn AbandonedRtmpAttempt::data_probe(GstPad * /*pad*/, GstPadProbe
 bool AbandonedRtmpAttempt::_IsOwnThread() const {
     constexpr std::size_t kNameSize = 16;
     char name[kNameSize] = "";
-    return m_bRuns && !m_strThread.empty() && prctl(PR_GET_NAME, name) == 0 && m_strThread == name && !m_pAttempt->IsOver();
+    GMainContext *const context = g_main_context_get_thread_default();
+    return m_bRuns && context != nullptr && !m_strThread.empty() && prctl(PR_GET_NAME, name) == 0 && m_strThread == name &&
+           m_pAttempt->SetContext(context);
 }
 
 void AbandonedRtmpAttempt::BeforeStop() {
     if (GST_STATE(m_pSource) >= GST_STATE_PAUSED) {
         const auto until = std::chrono::steady_clock::now() + kBound;
-        // Again and again: there may be another address to connect to.
-        while (!m_pAttempt->IsOver() && std::chrono::steady_clock::now() < until) {
-            m_sockets.Shutdown();
-            m_pAttempt->AwaitOver(kPause);
+        if (GMainContext *const context = m_pAttempt->AwaitContext(kBound); context != nullptr) {
+            _EndAttempt(context, until);
         }
     }
     m_bRuns = false;
+}
+
+// The sockets are shut down on the element's own thread, when that has nothing else to do: a connection that breaks
+// between two steps of the attempt is overlooked by the next one. Again and again, since there may be another
+// address to connect to.
+void AbandonedRtmpAttempt::_EndAttempt(GMainContext *context, std::chrono::steady_clock::time_point until) {
+    GSource *const shutdown = g_timeout_source_new(static_cast<guint>(kPause.count()));
+    g_source_set_priority(shutdown, G_PRIORITY_LOW);
+    const GSourceFunc shut_down = [](gpointer user_data) -> gboolean {
+        static_cast<AbandonedRtmpAttempt *>(user_data)->m_sockets.Shutdown();
+        return G_SOURCE_CONTINUE;
+    };
+    g_source_set_callback(shutdown, shut_down, this, nullptr);
+    g_source_attach(shutdown, context);
+    m_pAttempt->AwaitOver(until);
+    g_source_destroy(shutdown);
+    g_source_unref(shutdown);
 }
 
 bool AbandonedRtmpAttempt::_AwaitEndOfElement() {

@@ -11,6 +11,7 @@
 #include "workarounds/Workaround.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -35,6 +36,7 @@ class AbandonedRtmpAttempt final : public Workaround {
     struct Attempt;
     static GstPadProbeReturn data_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
     bool _IsOwnThread() const;
+    void _EndAttempt(GMainContext *context, std::chrono::steady_clock::time_point until);
     bool _AwaitEndOfElement();
 
     GstElement *const m_pSource;  // borrowed; in the pipeline for as long as this lives

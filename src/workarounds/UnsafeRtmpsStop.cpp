@@ -13,9 +13,9 @@ namespace GSTREAMER {
 namespace {
 
 // A live stream brings the next buffer well before.
-constexpr int kHoldMs = 300;
+constexpr std::chrono::milliseconds kPatience{300};
 // The end of its socket ends a read at once, unless the thread does something else just then.
-constexpr std::chrono::seconds kBound{2};
+constexpr std::chrono::milliseconds kBound{2300};
 constexpr std::chrono::milliseconds kPause{10};
 
 }  // namespace
@@ -28,7 +28,6 @@ UnsafeRtmpsStop::UnsafeRtmpsStop(GstElement *source)
 void UnsafeRtmpsStop::_SetThread(pid_t thread) {
     const std::lock_guard<std::mutex> lock(m_mtx);
     m_nThread = thread;
-    m_cond.notify_all();
 }
 
 bool UnsafeRtmpsStop::_IsStreaming() const {
@@ -36,19 +35,21 @@ bool UnsafeRtmpsStop::_IsStreaming() const {
     return pad && gst_pad_get_task_state(pad.get()) == GST_TASK_STARTED;
 }
 
-void UnsafeRtmpsStop::BeforeStop() {
-    if (HoldAtSourcePad(m_pSource, kHoldMs)) {
-        return;
-    }
-    const auto until = std::chrono::steady_clock::now() + kBound;
-    while (_IsStreaming() && std::chrono::steady_clock::now() < until) {
-        std::unique_lock<std::mutex> lock(m_mtx);
-        if (m_nThread == 0) {
-            return;
-        }
-        // Under the lock: as long as it is held, the thread cannot end and become anybody else's.
+// Under the lock: as long as it is held, the thread cannot end and become anybody else's.
+void UnsafeRtmpsStop::_EndRead() {
+    const std::lock_guard<std::mutex> lock(m_mtx);
+    if (m_nThread != 0) {
         EndSocketWait(m_nThread);
-        m_cond.wait_for(lock, kPause);
+    }
+}
+
+void UnsafeRtmpsStop::BeforeStop() {
+    HeldSource held(m_pSource);
+    const auto until = std::chrono::steady_clock::now() + kBound;
+    auto patience = kPatience;
+    while (_IsStreaming() && !held.Await(patience) && std::chrono::steady_clock::now() < until) {
+        _EndRead();
+        patience = kPause;
     }
 }
 

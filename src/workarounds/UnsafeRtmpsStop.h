@@ -10,7 +10,6 @@
 
 #include <sys/types.h>
 
-#include <condition_variable>
 #include <mutex>
 
 namespace GSTREAMER {
@@ -25,10 +24,10 @@ class UnsafeRtmpsStop final : public Workaround {
   private:
     void _SetThread(pid_t thread);
     bool _IsStreaming() const;
+    void _EndRead();
 
     GstElement *const m_pSource;  // borrowed; in the pipeline for as long as this lives
     std::mutex m_mtx;
-    std::condition_variable m_cond;
     // Guarded by m_mtx. The streaming thread from its beginning to its end, which takes the lock; else 0.
     pid_t m_nThread = 0;
     SyncMessages m_streamStatus;

@@ -4,15 +4,13 @@
 #include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
-#include "workarounds/HeldSource.h"
-#include "workarounds/SocketWait.h"
+#include "workarounds/AbandonedRtmpAttempt.h"
+#include "workarounds/BlockingRtmpsConnect.h"
+#include "workarounds/BrokenRtmpsPipe.h"
+#include "workarounds/UnsafeRtmpsStop.h"
 
-#include <gio/gio.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <exception>
-#include <thread>
+#include <memory>
 
 namespace Tessaro {
 
@@ -22,11 +20,6 @@ namespace {
 
 constexpr char kTag[] = "[CRtmpSource]";
 constexpr char kRtmpsScheme[] = "rtmps";
-// A live stream brings the next buffer well before.
-constexpr int kHoldMs = 300;
-// A stalled one is woken by the end of its socket, which takes no time unless it does something else just then.
-constexpr int kWakes = 200;
-constexpr std::chrono::milliseconds kWakePause{10};
 
 }  // namespace
 
@@ -78,12 +71,10 @@ bool CRtmpSource::OpenLiveStream(const char *url, unsigned int caching, unsigned
         return false;
     }
     m_bExit = false;
-    m_bWorkerRuns = true;
     try {
         m_nLoopPthread = std::thread(&CRtmpSource::_LoopPthread, this);
     } catch (const std::exception &error) {
         LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
-        m_bWorkerRuns = false;
         _DestroyGstElements();
         return false;
     }
@@ -106,7 +97,6 @@ void CRtmpSource::_RewriteRtmpsLocation() {
 
 void CRtmpSource::_LoopPthread() {
     const OwnThread own(*this);
-    m_nWorkerThread = gettid();
     LOG_INFO("Rtmp source pthread start...");
     _NameThread("CRtmpSource");
     _SetStatusStarted();
@@ -140,7 +130,6 @@ void CRtmpSource::_LoopPthread() {
         _DestroyGstElements();
     }
     LOG_INFO("Rtmp source pthread exit");
-    m_bWorkerRuns = false;
 }
 
 bool CRtmpSource::_PipelinePlay() {
@@ -152,30 +141,16 @@ bool CRtmpSource::_PipelinePlay() {
         LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    m_workarounds.BeforePlay();
+    const GstStateChangeReturn result = gst_element_set_state(m_pPipeline, GST_STATE_PLAYING);
+    m_workarounds.AfterPlay();
+    if (result == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
         m_nPipelineState = 0;
         return false;
     }
     m_nPipelineState = GST_STATE_PLAYING;
     return true;
-}
-
-// rtmpsrc frees its TLS session on the stopping thread. With the streaming thread amid a read from it that is a use after free.
-void CRtmpSource::_RestRtmpsSource() {
-    if (HoldAtSourcePad(m_pRtmpSrc, kHoldMs)) {
-        return;
-    }
-    const PadPtr pad(m_pRtmpSrc != nullptr ? gst_element_get_static_pad(m_pRtmpSrc, "src") : nullptr);
-    for (int wake = 0; wake < kWakes && pad && gst_pad_get_task_state(pad.get()) == GST_TASK_STARTED; ++wake) {
-        EndSocketWait(m_nStreamingThread);
-        std::this_thread::sleep_for(kWakePause);
-    }
-}
-
-GstPadProbeReturn CRtmpSource::source_event_probe(GstPad * /*pad*/, GstPadProbeInfo * /*info*/, gpointer user_data) {
-    static_cast<CRtmpSource *>(user_data)->m_nStreamingThread = gettid();
-    return GST_PAD_PROBE_OK;
 }
 
 bool CRtmpSource::_PipelineStop() {
@@ -187,15 +162,11 @@ bool CRtmpSource::_PipelineStop() {
         LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
         return true;
     }
-    if (m_bRtmps) {
-        _RestRtmpsSource();
-    }
-    if (m_pAttempts && m_pRtmpSrc != nullptr && GST_STATE(m_pRtmpSrc) >= GST_STATE_PAUSED) {
-        m_pAttempts->AwaitConnection();
-    }
+    m_workarounds.BeforeStop();
     if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
     }
+    m_workarounds.AfterStop();
     for (ElementRef *field : _ElementFields()) {
         field->Reset();
     }
@@ -211,10 +182,6 @@ void CRtmpSource::_DestroyGstElements() {
         field->Reset();
     }
     _ReleasePipeline();
-    if (m_pAttempts && !m_pAttempts->Sweep()) {
-        LOG_WARN(kTag << " A connection attempt does not end, its socket stays open!!! URL=" << m_strURL);
-    }
-    m_pAttempts.reset();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
 }
@@ -224,11 +191,6 @@ bool CRtmpSource::CloseLiveStream() {
     // In this order: a worker that sees the stop finds rebuilding switched off.
     m_bReconnect = false;
     m_bExit = true;
-    // A worker that is amid connecting sits in rtmpsrc's library until the peer answers or its time is up, and again for the next step.
-    while (m_bRtmps && m_bWorkerRuns) {
-        EndSocketWait(m_nWorkerThread);
-        std::this_thread::sleep_for(kWakePause);
-    }
     if (m_nLoopPthread.joinable()) {
         m_nLoopPthread.join();
     }
@@ -245,31 +207,14 @@ bool CRtmpSource::_CreateGstElements() {
         return true;
     }
     _CreatePipeline();
-    m_pRtmpSrc = m_bRtmps ? MakeElement("rtmpsrc", "Rtmpsrc") : MakeElement("rtmp2src", "Rtmp2src");
+    std::string thread_name;
     if (m_bRtmps) {
-        // librtmp writes to closed connections. GLib's sockets, once their class exists, keep that from ending the process.
-        g_type_class_unref(g_type_class_ref(G_TYPE_SOCKET));
+        m_pRtmpSrc = MakeElement("rtmpsrc", "Rtmpsrc");
+    } else {
+        m_pRtmpSrc = AbandonedRtmpAttempt::Make("rtmp2src", "Rtmp2src", thread_name);
     }
-    if (m_pRtmpSrc != nullptr && m_bRtmps) {
-        const PadPtr pad(gst_element_get_static_pad(m_pRtmpSrc, "src"));
-        if (pad) {
-            gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, source_event_probe, this, nullptr);
-        }
-        g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
-        SetNumber(m_pRtmpSrc, "timeout", m_nConTimeout);
-    } else if (m_pRtmpSrc != nullptr) {
-        // The location first: setting it wipes the credentials of rtmp2src.
-        g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
-        m_pAttempts = std::make_unique<CConnectAttempts>(m_pRtmpSrc);
-        if (!m_strUser.empty() && !m_strPwd.empty()) {
-            LOG_INFO(kTag << " RTMPS set username adn passwd... url=" << m_strURL);
-            g_object_set(m_pRtmpSrc, "username", m_strUser.c_str(), "password", m_strPwd.c_str(), nullptr);
-        }
-        if (!m_strToken.empty()) {
-            g_object_set(m_pRtmpSrc, "secure-token", m_strToken.c_str(), nullptr);
-        }
-        SetNumber(m_pRtmpSrc, "timeout", m_nConTimeout);
-        SetNumber(m_pRtmpSrc, "idle-timeout", m_nIdleTimeout);
+    if (m_pRtmpSrc != nullptr) {
+        _SetSourceOptions();
     }
     m_pFlvDemux = MakeElement("flvdemux", "Flvdemux");
     if (m_pFlvDemux != nullptr) {
@@ -288,8 +233,34 @@ bool CRtmpSource::_CreateGstElements() {
         _DestroyGstElements();
         return false;
     }
+    if (m_bRtmps) {
+        m_workarounds.Add(std::make_unique<BlockingRtmpsConnect>([this] { return m_bExit.load(); }));
+        m_workarounds.Add(std::make_unique<BrokenRtmpsPipe>(m_pRtmpSrc));
+        m_workarounds.Add(std::make_unique<UnsafeRtmpsStop>(m_pRtmpSrc));
+    } else {
+        m_workarounds.Add(std::make_unique<AbandonedRtmpAttempt>(m_pRtmpSrc, thread_name, [this] {
+            LOG_WARN(kTag << " A connection attempt does not end, its socket stays open!!! URL=" << m_strURL);
+        }));
+    }
+    m_workarounds.Attach(m_pPipeline);
     m_bElementsCreated = true;
     return true;
+}
+
+void CRtmpSource::_SetSourceOptions() {
+    // The location first: setting it wipes the credentials of rtmp2src.
+    g_object_set(m_pRtmpSrc, "location", m_strURL.c_str(), nullptr);
+    if (!m_bRtmps && !m_strUser.empty() && !m_strPwd.empty()) {
+        LOG_INFO(kTag << " RTMPS set username adn passwd... url=" << m_strURL);
+        g_object_set(m_pRtmpSrc, "username", m_strUser.c_str(), "password", m_strPwd.c_str(), nullptr);
+    }
+    if (!m_bRtmps && !m_strToken.empty()) {
+        g_object_set(m_pRtmpSrc, "secure-token", m_strToken.c_str(), nullptr);
+    }
+    SetNumber(m_pRtmpSrc, "timeout", m_nConTimeout);
+    if (!m_bRtmps) {
+        SetNumber(m_pRtmpSrc, "idle-timeout", m_nIdleTimeout);
+    }
 }
 
 CBaseSource::PadMedia CRtmpSource::_ClassifyFlvPad(const GstStructure *structure) {

@@ -2,11 +2,8 @@
 #pragma once
 
 #include "CBaseSource.h"
-#include "CConnectAttempts.h"
 
 #include <array>
-#include <atomic>
-#include <memory>
 
 namespace Tessaro {
 
@@ -28,20 +25,17 @@ class CRtmpSource : public CBaseSource {
     // Decides by the scheme whether this is RTMPS; if so appends " live=1" and puts the credentials into the location. Host.
     void _RewriteRtmpsLocation();
     bool _CreateGstElements();   // host (first build), worker (rebuilds)
+    void _SetSourceOptions();    // of m_pRtmpSrc, as _CreateGstElements
     void _DestroyGstElements();  // host while there is no worker, worker
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
     // Media of an FLV pad. H.265 is not taken on this path.
     static PadMedia _ClassifyFlvPad(const GstStructure *structure);
-    // Brings the streaming thread of rtmpsrc to rest outside of it, whatever it waits for there. As _DestroyGstElements.
-    void _RestRtmpsSource();
-    // Notes the streaming thread of rtmpsrc before it enters its library.
-    static GstPadProbeReturn source_event_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);  // streaming
-    static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);                  // streaming
-    bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);                          // streaming
-    bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);                          // streaming
-    std::array<GSTREAMER::ElementRef *, 10> _ElementFields();  // in the order of release
+    static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
+    bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
+    bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
+    std::array<GSTREAMER::ElementRef *, 10> _ElementFields();                             // in the order of release
 
     // The front is written where the pipeline is built, the branches on the streaming thread.
     GSTREAMER::ElementRef m_pRtmpSrc;
@@ -54,8 +48,6 @@ class CRtmpSource : public CBaseSource {
     GSTREAMER::ElementRef m_pAudioCapsFilter;
     GSTREAMER::ElementRef m_pVideoSink;
     GSTREAMER::ElementRef m_pAudioSink;
-    // Of rtmp2src in the pipeline. Lives as long as that.
-    std::unique_ptr<GSTREAMER::CConnectAttempts> m_pAttempts;
     // Options, written by open before the worker exists.
     std::string m_strUser;
     std::string m_strPwd;
@@ -63,10 +55,6 @@ class CRtmpSource : public CBaseSource {
     guint32 m_nConTimeout = 10;  // s
     guint32 m_nIdleTimeout = 0;  // s without data until rtmp2src gives up, 0 never
     bool m_bRtmps = false;
-    // Threads that may sit in rtmpsrc's library, which nothing but the end of its socket gets out of there; 0: none.
-    std::atomic<pid_t> m_nWorkerThread{0};
-    std::atomic<pid_t> m_nStreamingThread{0};
-    std::atomic<bool> m_bWorkerRuns{false};
 };
 
 }  // namespace Tessaro

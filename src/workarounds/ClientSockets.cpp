@@ -58,6 +58,11 @@ gboolean ClientSockets::client_event_hook(GSignalInvocationHint * /*hint*/, guin
     if (count != kArguments) {
         return TRUE;
     }
+    // GLib's look for a proxy connects to D-Bus on the same threads, by a local socket that the process shares.
+    auto *const target = static_cast<GObject *>(g_value_get_object(values + 2));
+    if (target == nullptr || !G_IS_NETWORK_ADDRESS(target)) {
+        return TRUE;
+    }
     const auto event = static_cast<GSocketClientEvent>(g_value_get_enum(values + 1));
     auto *const connection = static_cast<GObject *>(g_value_get_object(values + 3));
     Registry &registry = TheRegistry();

@@ -1,5 +1,5 @@
-// The sockets that GIO's socket client connects for one element, for workarounds that have to end them. They are known by the thread that connects them,
-// so that no socket of the host is ever touched.
+// The sockets that GIO's socket client connects to a host of the network for one element, for workarounds that
+// have to end them. They are known by the thread that connects them: no socket of the host is ever touched.
 #pragma once
 
 #include <gio/gio.h>

@@ -15,12 +15,7 @@ constexpr gint64 kRefusalUs = G_USEC_PER_SEC;
 }  // namespace
 
 void HammeringSrtCaller::Attach(GstElement *pipeline) {
-    // srtsrc posts a warning on its streaming thread each time right before it connects again.
-    m_messages.Watch(pipeline, "warning", [this](GstMessage *message) {
-        if (GST_MESSAGE_SRC(message) == GST_OBJECT_CAST(m_pSource)) {
-            _WaitBeforeRetry();
-        }
-    });
+    m_warnings.Attach(pipeline);
 }
 
 void HammeringSrtCaller::_WaitBeforeRetry() {

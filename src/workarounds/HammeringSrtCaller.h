@@ -15,8 +15,9 @@ namespace GSTREAMER {
 
 class HammeringSrtCaller final : public Workaround {
   public:
-    // `source` is only compared.
-    explicit HammeringSrtCaller(GstElement *source) : m_pSource(source) {}
+    // srtsrc posts a warning on its streaming thread each time right before it connects again.
+    explicit HammeringSrtCaller(GstElement *source)
+        : m_warnings("warning", source, [this](GstMessage * /*message*/) { _WaitBeforeRetry(); }) {}
 
     void Attach(GstElement *pipeline) override;
     void BeforeStop() override;
@@ -24,8 +25,7 @@ class HammeringSrtCaller final : public Workaround {
   private:
     void _WaitBeforeRetry();
 
-    GstElement *const m_pSource;
-    SyncMessages m_messages;
+    SyncMessages m_warnings;
     std::mutex m_mtx;
     std::condition_variable m_cond;
     bool m_bStopping = false;  // guarded by m_mtx

@@ -1,12 +1,24 @@
-// The streaming thread of a source element, held outside of the element.
+// The streaming thread of a source element, held at its source pad, outside of the element.
 #pragma once
 
 #include <gst/gst.h>
 
+#include <chrono>
+#include <memory>
+
 namespace GSTREAMER {
 
-// Waits until the streaming thread of a source element stands still at its source pad, outside of the element, and keeps it
-// there until the element is stopped. True when it does; false when nothing came within `bound_ms`, or when it does not stream.
-bool HoldAtSourcePad(GstElement *source, int bound_ms);
+class HeldSource {
+  public:
+    // From now on the thread stands still as soon as it brings a buffer, until the element is stopped.
+    explicit HeldSource(GstElement *source);
+
+    // True once it does; false when nothing has come within the bound, and at once when the element does not stream.
+    bool Await(std::chrono::milliseconds bound);
+
+  private:
+    struct Hold;
+    std::shared_ptr<Hold> m_pHold;  // null for one that does not stream; the probe shares it, which lives as long as the pad
+};
 
 }  // namespace GSTREAMER

@@ -47,15 +47,13 @@ HiddenPlaylistRequests::~HiddenPlaylistRequests() {
 }
 
 void HiddenPlaylistRequests::Attach(GstElement *pipeline) {
-    m_messages.Watch(pipeline, "element", [this](GstMessage *message) { _NoteContext(message); });
+    m_answers.Attach(pipeline);
 }
 
 void HiddenPlaylistRequests::_NoteContext(GstMessage *message) {
     const GstStructure *structure = gst_message_get_structure(message);
     GMainContext *const context = g_main_context_get_thread_default();
-    // Not of the segments, which have sessions of their own.
-    if (GST_MESSAGE_SRC(message) != GST_OBJECT_CAST(m_pSource) || structure == nullptr || context == nullptr ||
-        gst_structure_has_name(structure, "http-headers") == FALSE) {
+    if (structure == nullptr || context == nullptr || gst_structure_has_name(structure, "http-headers") == FALSE) {
         return;
     }
     const std::lock_guard<std::mutex> lock(m_mtx);

@@ -15,7 +15,8 @@ namespace GSTREAMER {
 class HiddenPlaylistRequests final : public Workaround {
   public:
     // `source` fetches the playlist and outlives this.
-    explicit HiddenPlaylistRequests(GstElement *source) : m_pSource(source) {}
+    explicit HiddenPlaylistRequests(GstElement *source)
+        : m_answers("element", source, [this](GstMessage *message) { _NoteContext(message); }) {}
     ~HiddenPlaylistRequests() override;
 
     void Attach(GstElement *pipeline) override;
@@ -25,8 +26,7 @@ class HiddenPlaylistRequests final : public Workaround {
     // An answer is reported on the thread of the session, whose main context is that thread's.
     void _NoteContext(GstMessage *message);
 
-    GstElement *const m_pSource;
-    SyncMessages m_messages;
+    SyncMessages m_answers;  // not of the segments, which have sessions of their own
     std::mutex m_mtx;
     GMainContext *m_pContext = nullptr;  // owned; guarded by m_mtx; until the session has rested
 };

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -43,10 +44,43 @@ bool IsSocketCall(long number) {
     }
 }
 
+// Not every architecture has the calls without a p, and those of 32 bits may have a later ppoll.
+bool IsPollCall(long number) {
+    switch (number) {
+#ifdef SYS_poll
+        case SYS_poll:
+#endif
+#ifdef SYS_ppoll
+        case SYS_ppoll:
+#endif
+#ifdef SYS_ppoll_time64
+        case SYS_ppoll_time64:
+#endif
+            return true;
+        default:
+            return false;
+    }
+}
+
 bool IsNetworkSocket(int descriptor) {
     int domain = 0;
     socklen_t size = sizeof domain;
     return getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && (domain == AF_INET || domain == AF_INET6);
+}
+
+// A service may have been started with its standard input, output or error on a connection.
+bool IsStandardStream(int descriptor) {
+    struct stat is {};
+    if (fstat(descriptor, &is) != 0) {
+        return true;  // whatever it is
+    }
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat other {};
+        if (fstat(standard, &other) == 0 && other.st_dev == is.st_dev && other.st_ino == is.st_ino) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // The descriptors that a poll is about. They are on the other thread's stack, which may be gone by now: the kernel looks for us.
@@ -83,7 +117,7 @@ bool EndSocketWait(pid_t thread) {
     }
     std::vector<int> descriptors;
     int fd = -1;
-    if (number == SYS_poll || number == SYS_ppoll) {
+    if (IsPollCall(number)) {
         descriptors = PolledBy(fields);
     } else if (IsSocketCall(number) && fields >> fd) {
         descriptors = {fd};
@@ -97,9 +131,10 @@ bool EndSocketWait(pid_t thread) {
         }
     }
     // Threads also poll what wakes them within the process, pairs of local sockets among it: that must stay whole.
-    const auto local = std::partition(own.begin(), own.end(), IsNetworkSocket);
-    std::for_each(local, own.end(), close);
-    own.erase(local, own.end());
+    const auto others =
+        std::partition(own.begin(), own.end(), [](int copy) { return IsNetworkSocket(copy) && !IsStandardStream(copy); });
+    std::for_each(others, own.end(), close);
+    own.erase(others, own.end());
     const bool still = !own.empty() && SystemCallOf(thread) == call;
     bool ended = false;
     for (const int copy : own) {

@@ -5,9 +5,10 @@
 
 namespace GSTREAMER {
 
-// Ends the wait of a thread of this process for a network socket (connecting, receiving, sending or polling): the socket is shut down in
-// both directions, and the call returns. For libraries that offer no other way out. True when the thread was waiting so. Any
-// thread; needs /proc.
+// Shuts down, in both directions, the network sockets that a thread of this process waits for (connecting,
+// receiving, sending or polling), so that its call returns. True when the thread was waiting so. Never touches what
+// is standard input, output or error as well. The caller makes sure that the thread is one of its own meanwhile.
+// Any thread; needs /proc.
 bool EndSocketWait(pid_t thread);
 
 }  // namespace GSTREAMER

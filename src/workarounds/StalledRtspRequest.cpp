@@ -15,17 +15,16 @@ thread_local guint t_nMark = 0;
 }  // namespace
 
 StalledRtspRequest::StalledRtspRequest(GstElement *source)
-    : m_pSource(source), m_nMark(++g_nLastMark), m_sockets([mark = m_nMark] { return t_nMark == mark; }) {}
+    : m_nMark(++g_nLastMark),
+      m_sockets([mark = m_nMark] { return t_nMark == mark; }),
+      m_progress("progress", source, [mark = m_nMark](GstMessage *message) {
+          GstProgressType type = GST_PROGRESS_TYPE_ERROR;
+          gst_message_parse_progress(message, &type, nullptr, nullptr);
+          t_nMark = type == GST_PROGRESS_TYPE_START || type == GST_PROGRESS_TYPE_CONTINUE ? mark : 0;
+      }) {}
 
 void StalledRtspRequest::Attach(GstElement *pipeline) {
-    // rtspsrc reports by such messages, on the thread that talks to the server, that it begins and ends something with it.
-    m_messages.Watch(pipeline, "progress", [this](GstMessage *message) {
-        if (GST_MESSAGE_SRC(message) == GST_OBJECT_CAST(m_pSource)) {
-            GstProgressType type = GST_PROGRESS_TYPE_ERROR;
-            gst_message_parse_progress(message, &type, nullptr, nullptr);
-            t_nMark = type == GST_PROGRESS_TYPE_START || type == GST_PROGRESS_TYPE_CONTINUE ? m_nMark : 0;
-        }
-    });
+    m_progress.Attach(pipeline);
 }
 
 void StalledRtspRequest::BeforeStop() {

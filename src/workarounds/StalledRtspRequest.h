@@ -5,7 +5,6 @@
 // Test: Closing.PeersThatStall (CRtspSource, half a handshake), ClosingRtsp.JustBeforeTheConnectionIsMade.
 #pragma once
 
-#include "framework/Ownership.h"
 #include "workarounds/ClientSockets.h"
 #include "workarounds/StopHelp.h"
 #include "workarounds/SyncMessages.h"
@@ -22,10 +21,9 @@ class StalledRtspRequest final : public Workaround {
     void AfterStop() override;
 
   private:
-    GstElement *const m_pSource;  // only compared
-    const guint m_nMark;          // of the threads that work for this, other for each
+    const guint m_nMark;  // of the threads that work for this, other for each
     ClientSockets m_sockets;
-    SyncMessages m_messages;
+    SyncMessages m_progress;  // rtspsrc says by such messages that it begins and ends something with the server
     StopHelp m_help;
 };
 

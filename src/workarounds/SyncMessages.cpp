@@ -1,32 +1,54 @@
 #include "workarounds/SyncMessages.h"
 
+#include "framework/Ownership.h"
+
 #include <string>
 #include <utility>
 
 namespace GSTREAMER {
 
-void SyncMessages::Watch(GstElement *pipeline, const char *type, Seen seen) {
-    if (m_pBus == nullptr) {
-        m_pBus = gst_element_get_bus(pipeline);
-        gst_bus_enable_sync_message_emission(m_pBus);
-    }
-    m_listSeen.push_back(std::move(seen));
-    g_signal_connect(m_pBus, (std::string("sync-message::") + type).c_str(), G_CALLBACK(message_handler), &m_listSeen.back());
+SyncMessages::SyncMessages(const char *type, gconstpointer from, std::function<void(GstMessage *)> handler)
+    : m_pszType(type), m_pFrom(from), m_fnHandler(std::move(handler)) {}
+
+void SyncMessages::Attach(GstElement *pipeline) {
+    Detach();
+    const std::string signal = std::string("sync-message::") + m_pszType;
+    m_pBus = gst_element_get_bus(pipeline);
+    gst_bus_enable_sync_message_emission(m_pBus);
+    m_nHandler = g_signal_connect(m_pBus, signal.c_str(), G_CALLBACK(message_handler), this);
 }
 
-SyncMessages::~SyncMessages() {
-    if (m_pBus == nullptr) {
-        return;
+void SyncMessages::Detach() {
+    if (m_pBus != nullptr) {
+        g_signal_handler_disconnect(m_pBus, m_nHandler);
+        gst_bus_disable_sync_message_emission(m_pBus);
+        g_clear_pointer(&m_pBus, gst_object_unref);
     }
-    for (Seen &seen : m_listSeen) {
-        g_signal_handlers_disconnect_by_data(m_pBus, &seen);
-    }
-    gst_bus_disable_sync_message_emission(m_pBus);
-    gst_object_unref(m_pBus);
 }
 
-void SyncMessages::message_handler(GstBus * /*bus*/, GstMessage *message, gpointer seen) {
-    (*static_cast<Seen *>(seen))(message);
+void SyncMessages::message_handler(GstBus * /*bus*/, GstMessage *message, gpointer user_data) {
+    const auto *self = static_cast<const SyncMessages *>(user_data);
+    if (self->m_pFrom != nullptr && GST_MESSAGE_SRC(message) == self->m_pFrom) {
+        self->m_fnHandler(message);
+    }
+}
+
+SyncMessages OnStreamingThread(GstElement *source, std::function<void()> enter, std::function<void()> leave) {
+    const PadPtr pad(gst_element_get_static_pad(source, "src"));
+    return {"stream-status", pad.get(), [enter = std::move(enter), leave = std::move(leave)](GstMessage *message) {
+                // Anybody may post by hand what looks like one and holds none: the framework's own parsing trusts it.
+                const GstStructure *structure = gst_message_get_structure(message);
+                gint type = GST_STREAM_STATUS_TYPE_CREATE;
+                if (structure == nullptr ||
+                    gst_structure_get_enum(structure, "type", GST_TYPE_STREAM_STATUS_TYPE, &type) == FALSE) {
+                    return;
+                }
+                if (type == GST_STREAM_STATUS_TYPE_ENTER) {
+                    enter();
+                } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
+                    leave();
+                }
+            }};
 }
 
 }  // namespace GSTREAMER

@@ -1,29 +1,37 @@
-// Messages on the bus of a pipeline, looked at on the thread that posts them.
+// What an object of a pipeline posts on the bus, seen on the thread that posts it.
 #pragma once
 
 #include <gst/gst.h>
 
 #include <functional>
-#include <list>
 
 namespace GSTREAMER {
 
 class SyncMessages {
   public:
-    SyncMessages() = default;
-    ~SyncMessages();
+    // `type` is the message's name as in "sync-message::NAME". `from` is only compared with who posts.
+    // `handler` runs on the thread that posts.
+    SyncMessages(const char *type, gconstpointer from, std::function<void(GstMessage *)> handler);
+    ~SyncMessages() { Detach(); }
     SyncMessages(const SyncMessages &) = delete;
     SyncMessages &operator=(const SyncMessages &) = delete;
 
-    // Calls `seen` with each message of that type, by its name in GStreamer ("need-context"), for as long as this lives.
-    void Watch(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> seen);
+    // From now on the pipeline's messages are seen, until this goes or is detached. Nothing may be posted at that moment.
+    void Attach(GstElement *pipeline);
+    void Detach();
 
   private:
-    using Seen = std::function<void(GstMessage *)>;
-    static void message_handler(GstBus *bus, GstMessage *message, gpointer seen);
+    static void message_handler(GstBus *bus, GstMessage *message, gpointer user_data);
 
-    GstBus *m_pBus = nullptr;  // owned, while messages are watched
-    std::list<Seen> m_listSeen;
+    const char *const m_pszType;
+    const gconstpointer m_pFrom;
+    const std::function<void(GstMessage *)> m_fnHandler;
+    GstBus *m_pBus = nullptr;  // owned, while attached
+    gulong m_nHandler = 0;
 };
+
+// The same for the streaming thread of a source element's pad "src": `enter` runs on it as it begins, `leave` as
+// it ends. In between, and not outside, what the thread does is for this element.
+SyncMessages OnStreamingThread(GstElement *source, std::function<void()> enter, std::function<void()> leave);
 
 }  // namespace GSTREAMER

@@ -24,7 +24,9 @@ class UnsharedPlaylistSession final : public Workaround {
     GstElement *const m_pSource;
     const std::string m_strProxy;
     guint m_nTimeout = 0;  // s; while the source has the default. Thread that starts the source
-    SyncMessages m_messages;
+    // Both come while the source is started, on the thread that starts it.
+    SyncMessages m_stateChanges;
+    SyncMessages m_needs;
 };
 
 }  // namespace GSTREAMER

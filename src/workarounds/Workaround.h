@@ -23,6 +23,8 @@ class Workaround {
     virtual void Attach(GstElement * /*pipeline*/) {}
     // Right before the pipeline is told to play. Worker.
     virtual void BeforePlay() {}
+    // The pipeline has been told to play, whatever came of it. Worker.
+    virtual void AfterPlay() {}
     // After each poll of the bus, with the message or null. What has to end the session posts an error on the bus. Worker.
     virtual void AfterPoll(GstMessage * /*message*/) {}
     // Right before the pipeline is told to stop, whatever state it is in. Thread of the stop, which holds no lock that a streaming thread takes.
@@ -31,7 +33,7 @@ class Workaround {
     virtual void AfterStop() {}
 };
 
-// The workarounds of one pipeline, called in the order in which they were added; AfterStop in the opposite order.
+// The workarounds of one pipeline, called in the order in which they were added; AfterPlay and AfterStop in the opposite order.
 class Workarounds {
   public:
     void Add(std::unique_ptr<Workaround> workaround) { m_vecAdded.push_back(std::move(workaround)); }
@@ -50,6 +52,11 @@ class Workarounds {
     void BeforePlay() {
         for (const auto &one : m_vecAttached) {
             one->BeforePlay();
+        }
+    }
+    void AfterPlay() {
+        for (auto one = m_vecAttached.rbegin(); one != m_vecAttached.rend(); ++one) {
+            (*one)->AfterPlay();
         }
     }
     void AfterPoll(GstMessage *message) {

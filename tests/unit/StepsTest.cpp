@@ -5,12 +5,15 @@
 #include "support/Fixture.h"
 #include "support/Loopback.h"
 #include "support/Watchdog.h"
+#include "workarounds/BrokenRtmpsPipe.h"
+#include "workarounds/ClientSockets.h"
 #include "workarounds/HeldSource.h"
 #include "workarounds/HiddenPlaylistRequests.h"
 #include "workarounds/LostSrtStop.h"
 #include "workarounds/SleepingJitterBuffers.h"
 #include "workarounds/SocketWait.h"
 #include "workarounds/StopHelp.h"
+#include "workarounds/SyncMessages.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -20,6 +23,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -269,14 +273,14 @@ class Hold : public testing::Test {
     std::atomic<bool> m_blocked{false};
 };
 
-constexpr int kLongMs = 60000;
-constexpr int kShortMs = 20;
+constexpr std::chrono::minutes kLong{1};
+constexpr std::chrono::milliseconds kShort{20};
 
 }  // namespace
 
 TEST_F(Hold, StandsStillAtItsPadUntilItIsStopped) {
     ASSERT_TRUE(Flow());
-    EXPECT_TRUE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs));
+    EXPECT_TRUE(GSTREAMER::HeldSource(m_source).Await(kLong));
     // Whatever was under way has arrived: the thread that brought it is the one that stands.
     const int arrived = m_buffers;
     EXPECT_TRUE(Eventually([this] { return gst_pad_is_blocking(m_pad) != FALSE; }));
@@ -285,9 +289,9 @@ TEST_F(Hold, StandsStillAtItsPadUntilItIsStopped) {
 }
 
 TEST_F(Hold, NothingThatStreams) {
-    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(nullptr, kLongMs));
-    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_sink, kLongMs)) << "no source pad";
-    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs)) << "not started";
+    EXPECT_FALSE(GSTREAMER::HeldSource(nullptr).Await(kLong));
+    EXPECT_FALSE(GSTREAMER::HeldSource(m_sink).Await(kLong)) << "no source pad";
+    EXPECT_FALSE(GSTREAMER::HeldSource(m_source).Await(kLong)) << "not started";
     EXPECT_FALSE(gst_pad_is_blocked(m_pad));
 }
 
@@ -295,7 +299,7 @@ TEST_F(Hold, NothingThatComesInTime) {
     m_blocking = true;
     gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
     ASSERT_TRUE(Eventually([this] { return m_blocked.load(); }));
-    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kShortMs));
+    EXPECT_FALSE(GSTREAMER::HeldSource(m_source).Await(kShort));
     // It is held all the same as soon as it comes, after the end of the wait.
     m_blocking = false;
     EXPECT_TRUE(Eventually([this] { return gst_pad_is_blocking(m_pad) != FALSE; }));
@@ -305,7 +309,7 @@ TEST_F(Hold, PadThatTakesNoProbe) {
     ASSERT_TRUE(Flow());
     Faults faults;
     faults.FailCall(2);
-    EXPECT_FALSE(GSTREAMER::HoldAtSourcePad(m_source, kLongMs));
+    EXPECT_FALSE(GSTREAMER::HeldSource(m_source).Await(kShort));
     EXPECT_EQ("gst_pad_add_probe", faults.FailedCall().function);
     EXPECT_FALSE(gst_pad_is_blocked(m_pad));
 }
@@ -452,6 +456,13 @@ class SocketWait : public testing::Test {
     void (*m_pipeAction)(int) = nullptr;
 };
 
+// Where there is no such call, the C library makes poll by the other one.
+#ifdef SYS_poll
+constexpr long kPollCall = SYS_poll;
+#else
+constexpr long kPollCall = SYS_ppoll;
+#endif
+
 class EndSocketWait : public SocketWait, public testing::WithParamInterface<SocketCall> {};
 using NoSocketWait = SocketWait;
 
@@ -485,7 +496,7 @@ TEST_F(NoSocketWait, PollForOneAmongOthers) {
         const Connection connection;
         std::array<pollfd, 2> polled{pollfd{own[0], POLLIN, 0}, pollfd{connection.ends[0], POLLIN, 0}};
         ExpectEnded(
-            SYS_poll, [&] { return poll(polled.data(), polled.size(), -1); }, 1);
+            kPollCall, [&] { return poll(polled.data(), polled.size(), -1); }, 1);
         EXPECT_EQ(0, polled[0].revents);
         EXPECT_NE(0, polled[1].revents & POLLIN);
         EXPECT_EQ(1, write(own[1], "x", 1));
@@ -505,11 +516,11 @@ TEST_F(NoSocketWait, PollForNoneOrManyGoesOn) {
     std::vector<pollfd> polled(17, pollfd{m_socket, POLLIN, 0});
     polled[0].fd = wake[0];
     ExpectGoesOn(
-        SYS_poll, [&] { return poll(polled.data(), polled.size(), -1); }, [&] { EXPECT_EQ(1, write(wake[1], "x", 1)); }, 1);
+        kPollCall, [&] { return poll(polled.data(), polled.size(), -1); }, [&] { EXPECT_EQ(1, write(wake[1], "x", 1)); }, 1);
 
     std::atomic<bool> enough{false};
     ExpectGoesOn(
-        SYS_poll,
+        kPollCall,
         [&] {
             while (!enough) {
                 poll(nullptr, 0, 100);
@@ -526,7 +537,7 @@ TEST_F(NoSocketWait, PollWhoseListIsGoneGoesOn) {
     ASSERT_NE(MAP_FAILED, list);
     *static_cast<pollfd *>(list) = pollfd{m_socket, POLLIN, 0};
     const Waiting waiting([&] { return poll(static_cast<pollfd *>(list), 1, -1); });
-    EXPECT_TRUE(waiting.ReachedCall(SYS_poll));
+    EXPECT_TRUE(waiting.ReachedCall(kPollCall));
     munmap(list, page);
     EXPECT_FALSE(GSTREAMER::EndSocketWait(waiting.Id()));
     SendByte();
@@ -557,11 +568,26 @@ TEST_F(NoSocketWait, PipesAndSocketsOfTheProcessGoOn) {
         const auto wake = [&] { EXPECT_EQ(1, write(ends[1], "x", 1)); };
         pollfd polled{ends[0], POLLIN, 0};
         ExpectGoesOn(
-            SYS_poll, [&] { return poll(&polled, 1, -1); }, wake, 1);
+            kPollCall, [&] { return poll(&polled, 1, -1); }, wake, 1);
         EXPECT_EQ(1, read(ends[0], g_bytes.data(), 1));
         ExpectGoesOn(
             SYS_read, [&] { return read(ends[0], g_bytes.data(), 1); }, wake, 1);
     }
+}
+
+// A service may have been started with its standard input or output on a connection.
+TEST_F(NoSocketWait, StandardStreamGoesOn) {
+    for (const int standard : {STDIN_FILENO, STDERR_FILENO}) {
+        const Ends kept(true);
+        ASSERT_EQ(kept[0], dup2(standard, kept[0]));
+        ASSERT_EQ(standard, dup2(m_socket, standard));
+        ExpectGoesOn(
+            SYS_recvfrom, [&] { return recv(m_socket, g_bytes.data(), 1, 0); }, [&] { SendByte(); }, 1);
+        EXPECT_EQ(standard, dup2(kept[0], standard));
+    }
+    // It is the socket that counts, not that there are such streams.
+    ExpectEnded(
+        SYS_recvfrom, [&] { return recv(m_socket, g_bytes.data(), 1, 0); }, 0);
 }
 
 // By then the number may be another file's.
@@ -591,6 +617,189 @@ TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
     SendByte();
     ASSERT_TRUE(waiting.Ended());
     EXPECT_EQ(1, waiting.Result()) << "the socket itself is as it was";
+}
+
+// ---- A signal that is kept off ----------------------------------------------------------------------------------------------
+
+namespace {
+
+// A process with handlers of its own for SIGPIPE and what comes.
+class PipeSignal : public testing::Test {
+  protected:
+    void SetUp() override {
+        s_count = 0;
+        struct sigaction count {};
+        count.sa_handler = [](int) { ++s_count; };
+        sigaction(SIGPIPE, &count, &m_before);
+        close(m_pipe[0]);
+    }
+    void TearDown() override {
+        Mask(SIG_UNBLOCK);
+        sigaction(SIGPIPE, &m_before, nullptr);
+        close(m_pipe[1]);
+    }
+
+    void Break() const { EXPECT_EQ(-1, write(m_pipe[1], "x", 1)); }
+    static void Mask(int how) {
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(how, &pipe, nullptr);
+    }
+    static bool IsBlocked() {
+        sigset_t blocked;
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        return sigismember(&blocked, SIGPIPE) == 1;
+    }
+    static bool Waits() {
+        sigset_t waiting;
+        sigpending(&waiting);
+        return sigismember(&waiting, SIGPIPE) == 1;
+    }
+
+    static std::atomic<int> s_count;
+    GSTREAMER::BrokenRtmpsPipe::Block m_block;
+
+  private:
+    int m_pipe[2] = {-1, -1};
+    const int m_made = pipe2(m_pipe, O_CLOEXEC);
+    struct sigaction m_before {};
+};
+std::atomic<int> PipeSignal::s_count{0};
+
+}  // namespace
+
+TEST_F(PipeSignal, IsTakenBackAndTheMaskIsAsBefore) {
+    for (int round = 0; round < 2; ++round) {
+        m_block.Begin();
+        Break();
+        Break();
+        m_block.End();
+        EXPECT_EQ(0, s_count);
+        EXPECT_FALSE(IsBlocked());
+    }
+    Break();
+    EXPECT_EQ(1, s_count) << "what the host breaks is the host's";
+}
+
+TEST_F(PipeSignal, HostThatBlocksItGetsNoneOfOurs) {
+    Mask(SIG_BLOCK);
+    m_block.Begin();
+    Break();
+    m_block.End();
+    EXPECT_TRUE(IsBlocked());
+    EXPECT_FALSE(Waits());
+}
+
+TEST_F(PipeSignal, OneThatWaitedBeforeIsTheHosts) {
+    Mask(SIG_BLOCK);
+    Break();
+    m_block.Begin();
+    Break();
+    m_block.End();
+    EXPECT_TRUE(Waits());
+    Mask(SIG_UNBLOCK);
+    EXPECT_EQ(1, s_count);
+}
+
+// ---- Threads and sockets of an element ---------------------------------------------------------------------------------------
+
+// The pool thread that runs it may be anybody's before and after.
+TEST(StreamingThread, IsKnownFromItsBeginningToItsEnd) {
+    const Watchdog watchdog("streaming thread of an element");
+    GstElement *pipeline = gst_parse_launch("fakesrc name=source ! identity ! queue ! fakesink", nullptr);
+    ASSERT_NE(nullptr, pipeline);
+    GstElement *source = gst_bin_get_by_name(GST_BIN(pipeline), "source");
+    std::atomic<pid_t> inside{0};
+    std::atomic<int> rounds{0};
+    std::atomic<bool> same{true};
+    const auto enter = [&] { inside = gettid(); };
+    const auto leave = [&] {
+        same = same && inside == gettid();
+        inside = 0;
+        ++rounds;
+    };
+    {
+        GSTREAMER::SyncMessages status = GSTREAMER::OnStreamingThread(source, enter, leave);
+        status.Attach(pipeline);
+        for (int round = 1; round <= 3; ++round) {
+            gst_element_set_state(pipeline, GST_STATE_PLAYING);
+            EXPECT_TRUE(Eventually([&] { return inside != 0; }));
+            // What only looks like it.
+            gst_element_post_message(source, gst_message_new_custom(GST_MESSAGE_STREAM_STATUS, GST_OBJECT(source), nullptr));
+            GstPad *pad = gst_element_get_static_pad(source, "src");
+            gst_element_post_message(source, gst_message_new_custom(GST_MESSAGE_STREAM_STATUS, GST_OBJECT(pad), nullptr));
+            gst_object_unref(pad);
+            gst_element_set_state(pipeline, GST_STATE_NULL);
+            EXPECT_EQ(0, inside) << "gone before the stop is back";
+            EXPECT_EQ(round, rounds) << "of this element alone";
+        }
+        EXPECT_TRUE(same);
+    }
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    EXPECT_EQ(3, rounds);
+    gst_object_unref(source);
+    gst_object_unref(pipeline);
+}
+
+namespace {
+
+// A connection of the host's to `address`, made by GIO on this thread.
+struct HostConnection {
+    explicit HostConnection(GSocketConnectable *address) {
+        GSocketClient *client = g_socket_client_new();
+        connection = g_socket_client_connect(client, address, nullptr, nullptr);
+        g_object_unref(client);
+        g_object_unref(address);
+    }
+    ~HostConnection() { g_clear_object(&connection); }
+    HostConnection(const HostConnection &) = delete;
+    HostConnection &operator=(const HostConnection &) = delete;
+    // Nothing can be sent over one that is shut down.
+    bool IsWhole() const {
+        return connection != nullptr &&
+               send(g_socket_get_fd(g_socket_connection_get_socket(connection)), "x", 1, MSG_NOSIGNAL) == 1;
+    }
+    GSocketConnection *connection = nullptr;
+};
+
+GSocketConnectable *ByName(int port) {
+    return g_network_address_new("127.0.0.1", static_cast<guint16>(port));
+}
+
+}  // namespace
+
+TEST(ClientSockets, OnlyWhatAnOwnThreadConnectsToTheNetworkIsShutDown) {
+    const Watchdog watchdog("sockets of an element");
+    const int listener = BoundSocket(SOCK_STREAM);
+    ASSERT_EQ(0, listen(listener, 4));
+    const int local = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    // In the abstract name space, by a name of the kernel's choice.
+    ASSERT_EQ(0, bind(local, static_cast<sockaddr *>(static_cast<void *>(&name)), sizeof name.sun_family));
+    ASSERT_EQ(0, listen(local, 4));
+    socklen_t size = sizeof name;
+    ASSERT_EQ(0, getsockname(local, static_cast<sockaddr *>(static_cast<void *>(&name)), &size));
+
+    static thread_local bool t_own;
+    GSTREAMER::ClientSockets sockets([] { return t_own; });
+    const HostConnection other(ByName(PortOf(listener)));
+    EXPECT_EQ(GSTREAMER::ClientSockets::Stage::None, sockets.LastStage());
+    t_own = true;
+    // As GLib's look for a proxy does on any thread: the process's connection to D-Bus.
+    const HostConnection shared(G_SOCKET_CONNECTABLE(g_socket_address_new_from_native(&name, size)));
+    EXPECT_EQ(GSTREAMER::ClientSockets::Stage::None, sockets.LastStage());
+    const HostConnection own(ByName(PortOf(listener)));
+    EXPECT_EQ(GSTREAMER::ClientSockets::Stage::Ended, sockets.LastStage());
+    t_own = false;
+    sockets.Shutdown();
+    EXPECT_TRUE(other.IsWhole());
+    EXPECT_TRUE(shared.IsWhole());
+    EXPECT_FALSE(own.IsWhole());
+    close(local);
+    close(listener);
 }
 
 // ---- Patience with a stop ---------------------------------------------------------------------------------------------------

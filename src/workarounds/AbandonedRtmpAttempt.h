@@ -1,0 +1,53 @@
+// Symptom: an RTMP source that is closed while it connects leaves its element, a descriptor or two and a context.
+// Seen: rtmp2src of GStreamer 1.22.0 and 1.26.2. Its loop ends at the stop, whatever the attempt still waits for.
+// Done: before the stop its own sockets are shut down, so that the attempt fails while the loop still runs.
+// Cost: a close waits for that, 0.3 s at most (a name that is being resolved). One look for each connection by GIO.
+// Test: Rtmp.ClosedAtAnyMomentOfConnectingLeavesNothingBehind, RtmpAttempt.*.
+#pragma once
+
+#include "framework/Ownership.h"
+#include "workarounds/ClientSockets.h"
+#include "workarounds/SyncMessages.h"
+#include "workarounds/Workaround.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace GSTREAMER {
+
+class AbandonedRtmpAttempt final : public Workaround {
+  public:
+    // Makes an element that has one GstTask of its own, and gives the name of the thread on which that runs: the
+    // framework counts the names of tasks through. Without a task, or when others make some without a pause, "".
+    static ElementRef Make(const char *factory, const char *name, std::string &thread_name);
+
+    // `thread_name` is what Make has given for `source`. `on_left` is called when an attempt stays for good.
+    AbandonedRtmpAttempt(GstElement *source, std::string thread_name, std::function<void()> on_left);
+    ~AbandonedRtmpAttempt() override;
+
+    void Attach(GstElement *pipeline) override;
+    void BeforePlay() override { m_bRuns = true; }
+    void BeforeStop() override;
+
+  private:
+    struct Attempt;
+    static GstPadProbeReturn data_probe(GstPad *pad, GstPadProbeInfo *info, gpointer user_data);
+    bool _IsOwnThread() const;
+    void _EndAttempt(GMainContext *context, std::chrono::steady_clock::time_point until);
+    bool _AwaitEndOfElement();
+
+    GstElement *const m_pSource;  // borrowed; in the pipeline for as long as this lives
+    GWeakRef m_source{};
+    const std::string m_strThread;
+    const std::function<void()> m_fnOnLeft;
+    const std::shared_ptr<Attempt> m_pAttempt;
+    // From before the start of the task to before its stop. Before that nobody has the name, later anybody may.
+    std::atomic<bool> m_bRuns{false};
+    SyncMessages m_errors;
+    ClientSockets m_sockets;
+};
+
+}  // namespace GSTREAMER

@@ -1,0 +1,48 @@
+#include "workarounds/BrokenRtmpsPipe.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+namespace GSTREAMER {
+
+namespace {
+
+sigset_t PipeSignal() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    return set;
+}
+
+}  // namespace
+
+void BrokenRtmpsPipe::Block::Begin() {
+    const sigset_t pipe = PipeSignal();
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    m_bUnblock = sigismember(&before, SIGPIPE) == 0;
+    sigset_t waiting;
+    m_bTake = m_bUnblock || (sigpending(&waiting) == 0 && sigismember(&waiting, SIGPIPE) == 0);
+}
+
+void BrokenRtmpsPipe::Block::End() {
+    const sigset_t pipe = PipeSignal();
+    const timespec at_once{0, 0};
+    while (m_bTake && sigtimedwait(&pipe, nullptr, &at_once) < 0 && errno == EINTR) {
+    }
+    if (m_bUnblock) {
+        pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+    }
+}
+
+BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
+    : m_streamStatus(OnStreamingThread(
+          source, [this] { m_streaming.Begin(); }, [this] { m_streaming.End(); })) {
+    // Threads inherit the mask. The pool of streaming threads, which the process shares, has to be there before.
+    g_type_class_unref(g_type_class_ref(GST_TYPE_TASK));
+}
+
+}  // namespace GSTREAMER

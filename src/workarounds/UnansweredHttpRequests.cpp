@@ -52,6 +52,9 @@ Requests CountRequests(GstElement *pipeline) {
 }  // namespace
 
 void UnansweredHttpRequests::BeforeStop() {
+    if (m_pPipeline == nullptr) {
+        return;  // an open that ran out of memory has nothing attached
+    }
     Requests last;
     for (int look = 0; look < kLooks; ++look) {
         const Requests now = CountRequests(m_pPipeline);

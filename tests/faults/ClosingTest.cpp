@@ -294,6 +294,12 @@ TEST(ClosingRtsp, JustBeforeTheConnectionIsMade) {
 
 // ---- HLS: requests that meet a stop -------------------------------------------------------------------------------------------
 
+// For moments that are shorter than a sleep.
+void Pass(std::chrono::microseconds span) {
+    for (const auto begun = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() - begun < span;) {
+    }
+}
+
 class ClosingHls : public testing::Test {
   protected:
     ClosingHls() {
@@ -316,11 +322,11 @@ class ClosingHls : public testing::Test {
     int m_buffer = 0;
 };
 
-// hlsdemux requests it where nobody sees it. What came within some 0.1 ms of a stop used to end the process, in libsoup.
+// hlsdemux requests it where nobody sees it. What came within 20 microseconds of a stop used to end the process, in libsoup.
 TEST_F(ClosingHls, JustWhenAVariantIsAnswered) {
-    constexpr int kRounds = 100;
-    constexpr int kMoments = 50;
-    constexpr std::chrono::microseconds kStep(30);
+    constexpr int kRounds = 250;
+    constexpr int kMoments = 5;
+    constexpr std::chrono::microseconds kStep(5);
     for (int round = 0; round < kRounds; ++round) {
         std::atomic<bool> asked{false};
         std::atomic<bool> stopping{false};
@@ -333,9 +339,7 @@ TEST_F(ClosingHls, JustWhenAVariantIsAnswered) {
             while (!stopping) {
                 std::this_thread::yield();  // a wait that sleeps would miss the moment
             }
-            for (const auto begun = std::chrono::steady_clock::now();
-                 std::chrono::steady_clock::now() - begun < kStep * (round % kMoments);) {
-            }
+            Pass(kStep * (round % kMoments));
             return "#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:1,\nsegment.ts\n";
         });
         OpenAndClose(server.Url("/master.m3u8"), [&] { EXPECT_TRUE(Eventually([&] { return asked.load(); })); });
@@ -345,7 +349,9 @@ TEST_F(ClosingHls, JustWhenAVariantIsAnswered) {
 
 // A request that began behind the look at those that are waiting used to end the process as well.
 TEST_F(ClosingHls, WhileSegmentFollowsSegment) {
-    constexpr int kRounds = 100;
+    constexpr int kRounds = 250;
+    constexpr int kStep = 137;   // microseconds
+    constexpr int kSpan = 5000;  // some segments
     constexpr int kSegments = 3000;
     constexpr std::size_t kPacket = 188;
     std::string playlist = "#EXTM3U\n#EXT-X-TARGETDURATION:1\n";
@@ -361,8 +367,10 @@ TEST_F(ClosingHls, WhileSegmentFollowsSegment) {
     }
     for (int round = 0; round < kRounds; ++round) {
         const HttpServer server([&](const std::string &path) { return path == "/live.m3u8" ? playlist : segment; });
-        OpenAndClose(server.Url("/live.m3u8"),
-                     [&] { EXPECT_TRUE(Eventually([&] { return server.Asked() > 4 + round % 8; })); });
+        OpenAndClose(server.Url("/live.m3u8"), [&] {
+            EXPECT_TRUE(Eventually([&] { return server.Asked() > 3; }));
+            Pass(std::chrono::microseconds(kStep * round % kSpan));
+        });
     }
 }
 

@@ -853,7 +853,7 @@ TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
 TEST_F(Options, HlsSegmentSourceWithoutItsPadIsLeftAsItIs) {
     Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "user", "secret");
     for (const auto &[call, function] : {std::pair(2, "gst_element_get_static_pad"), std::pair(3, "gst_pad_add_probe")}) {
-        const GSTREAMER::ElementRef segments = GSTREAMER::TryMakeElement("souphttpsrc", "segments");
+        const GSTREAMER::ElementRef segments = GSTREAMER::TryMakeElement("souphttpsrc", function);
         m_faults.FailCall(call, true);
         gst_bin_add(GST_BIN(Source("Hlsdemux")), segments);
         EXPECT_EQ(function, m_faults.FailedCall().function) << "behind gst_bin_add";

@@ -36,12 +36,22 @@ void BrokenRtmpsPipe::Block::End() {
     if (m_bUnblock) {
         pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     }
+    m_bTake = false;
+    m_bUnblock = false;
 }
 
+// Threads inherit the mask: none may be started with it, neither of those that stream nor of the pool that they come
+// from, which the process shares.
 BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
-    : m_streamStatus(OnStreamingThread(
-          source, [this] { m_streaming.Begin(); }, [this] { m_streaming.End(); })) {
-    // Threads inherit the mask. The pool of streaming threads, which the process shares, has to be there before.
+    : m_streamStatus(OnStreamingThread(source, [this](GstStreamStatusType type) {
+          if (type == GST_STREAM_STATUS_TYPE_CREATE) {
+              m_play.End();
+          } else if (type == GST_STREAM_STATUS_TYPE_ENTER) {
+              m_streaming.Begin();
+          } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
+              m_streaming.End();
+          }
+      })) {
     g_type_class_unref(g_type_class_ref(GST_TYPE_TASK));
 }
 

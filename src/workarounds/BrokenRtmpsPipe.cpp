@@ -40,8 +40,8 @@ void BrokenRtmpsPipe::Block::End() {
     m_bUnblock = false;
 }
 
-// Threads inherit the mask: none may be started with it, neither of those that stream nor of the pool that they come
-// from, which the process shares.
+// Threads inherit the mask, and they are of a pool that the process shares. GLib 2.74 starts them on the thread that
+// needs one, GLib 2.84 on a thread that is started with the first task.
 BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
     : m_streamStatus(OnStreamingThread(source, [this](GstStreamStatusType type) {
           if (type == GST_STREAM_STATUS_TYPE_CREATE) {
@@ -52,7 +52,7 @@ BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
               m_streaming.End();
           }
       })) {
-    g_type_class_unref(g_type_class_ref(GST_TYPE_TASK));
+    gst_object_unref(gst_task_new([](gpointer) {}, nullptr, nullptr));
 }
 
 }  // namespace GSTREAMER

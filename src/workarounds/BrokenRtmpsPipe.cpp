@@ -36,13 +36,23 @@ void BrokenRtmpsPipe::Block::End() {
     if (m_bUnblock) {
         pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     }
+    m_bTake = false;
+    m_bUnblock = false;
 }
 
+// Threads inherit the mask, and they are of a pool that the process shares. GLib 2.74 starts them on the thread that
+// needs one, GLib 2.84 on a thread that is started with the first task.
 BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
-    : m_streamStatus(OnStreamingThread(
-          source, [this] { m_streaming.Begin(); }, [this] { m_streaming.End(); })) {
-    // Threads inherit the mask. The pool of streaming threads, which the process shares, has to be there before.
-    g_type_class_unref(g_type_class_ref(GST_TYPE_TASK));
+    : m_streamStatus(OnStreamingThread(source, [this](GstStreamStatusType type) {
+          if (type == GST_STREAM_STATUS_TYPE_CREATE) {
+              m_play.End();
+          } else if (type == GST_STREAM_STATUS_TYPE_ENTER) {
+              m_streaming.Begin();
+          } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
+              m_streaming.End();
+          }
+      })) {
+    gst_object_unref(gst_task_new([](gpointer) {}, nullptr, nullptr));
 }
 
 }  // namespace GSTREAMER

@@ -20,7 +20,7 @@ class BrokenRtmpsPipe final : public Workaround {
     void BeforeStop() override { m_stop.Begin(); }
     void AfterStop() override { m_stop.End(); }
 
-    // Between Begin and End, both on one thread, that thread gets no SIGPIPE. One that waited before waits on.
+    // Between Begin and the first End, both on one thread, that thread gets no SIGPIPE. One that waited before waits on.
     class Block {
       public:
         void Begin();
@@ -32,7 +32,7 @@ class BrokenRtmpsPipe final : public Workaround {
     };
 
   private:
-    Block m_play;       // worker
+    Block m_play;       // worker, until the streaming thread starts
     Block m_streaming;  // streaming thread
     Block m_stop;       // thread of the stop
     SyncMessages m_streamStatus;

@@ -33,20 +33,15 @@ void SyncMessages::message_handler(GstBus * /*bus*/, GstMessage *message, gpoint
     }
 }
 
-SyncMessages OnStreamingThread(GstElement *source, std::function<void()> enter, std::function<void()> leave) {
+SyncMessages OnStreamingThread(GstElement *source, std::function<void(GstStreamStatusType)> handler) {
     const PadPtr pad(gst_element_get_static_pad(source, "src"));
-    return {"stream-status", pad.get(), [enter = std::move(enter), leave = std::move(leave)](GstMessage *message) {
+    return {"stream-status", pad.get(), [handler = std::move(handler)](GstMessage *message) {
                 // Anybody may post by hand what looks like one and holds none: the framework's own parsing trusts it.
                 const GstStructure *structure = gst_message_get_structure(message);
-                gint type = GST_STREAM_STATUS_TYPE_CREATE;
-                if (structure == nullptr ||
-                    gst_structure_get_enum(structure, "type", GST_TYPE_STREAM_STATUS_TYPE, &type) == FALSE) {
-                    return;
-                }
-                if (type == GST_STREAM_STATUS_TYPE_ENTER) {
-                    enter();
-                } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
-                    leave();
+                gint type = 0;
+                if (structure != nullptr &&
+                    gst_structure_get_enum(structure, "type", GST_TYPE_STREAM_STATUS_TYPE, &type) != FALSE) {
+                    handler(static_cast<GstStreamStatusType>(type));
                 }
             }};
 }

@@ -30,8 +30,9 @@ class SyncMessages {
     gulong m_nHandler = 0;
 };
 
-// The same for the streaming thread of a source element's pad "src": `enter` runs on it as it begins, `leave` as
-// it ends. In between, and not outside, what the thread does is for this element.
-SyncMessages OnStreamingThread(GstElement *source, std::function<void()> enter, std::function<void()> leave);
+// The same for the streaming thread of a source element's pad "src", by what `handler` gets: CREATE on the thread that
+// starts it, right before; ENTER on itself as it begins; LEAVE on itself as it ends. Between these two, and not
+// outside, it works for this element.
+SyncMessages OnStreamingThread(GstElement *source, std::function<void(GstStreamStatusType)> handler);
 
 }  // namespace GSTREAMER

@@ -21,14 +21,12 @@ constexpr std::chrono::milliseconds kPause{10};
 }  // namespace
 
 UnsafeRtmpsStop::UnsafeRtmpsStop(GstElement *source)
-    : m_pSource(source),
-      m_streamStatus(OnStreamingThread(
-          source, [this] { _SetThread(gettid()); }, [this] { _SetThread(0); })) {}
-
-void UnsafeRtmpsStop::_SetThread(pid_t thread) {
-    const std::lock_guard<std::mutex> lock(m_mtx);
-    m_nThread = thread;
-}
+    : m_pSource(source), m_streamStatus(OnStreamingThread(source, [this](GstStreamStatusType type) {
+          if (type == GST_STREAM_STATUS_TYPE_ENTER || type == GST_STREAM_STATUS_TYPE_LEAVE) {
+              const std::lock_guard<std::mutex> lock(m_mtx);
+              m_nThread = type == GST_STREAM_STATUS_TYPE_ENTER ? gettid() : 0;
+          }
+      })) {}
 
 bool UnsafeRtmpsStop::_IsStreaming() const {
     const PadPtr pad(gst_element_get_static_pad(m_pSource, "src"));

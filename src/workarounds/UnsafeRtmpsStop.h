@@ -22,7 +22,6 @@ class UnsafeRtmpsStop final : public Workaround {
     void BeforeStop() override;
 
   private:
-    void _SetThread(pid_t thread);
     bool _IsStreaming() const;
     void _EndRead();
 

@@ -713,14 +713,20 @@ TEST(StreamingThread, IsKnownFromItsBeginningToItsEnd) {
     std::atomic<pid_t> inside{0};
     std::atomic<int> rounds{0};
     std::atomic<bool> same{true};
-    const auto enter = [&] { inside = gettid(); };
-    const auto leave = [&] {
-        same = same && inside == gettid();
-        inside = 0;
-        ++rounds;
+    std::atomic<pid_t> starter{0};
+    const auto handler = [&](GstStreamStatusType type) {
+        if (type == GST_STREAM_STATUS_TYPE_CREATE) {
+            starter = gettid();
+        } else if (type == GST_STREAM_STATUS_TYPE_ENTER) {
+            inside = gettid();
+        } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
+            same = same && inside == gettid();
+            inside = 0;
+            ++rounds;
+        }
     };
     {
-        GSTREAMER::SyncMessages status = GSTREAMER::OnStreamingThread(source, enter, leave);
+        GSTREAMER::SyncMessages status = GSTREAMER::OnStreamingThread(source, handler);
         status.Attach(pipeline);
         for (int round = 1; round <= 3; ++round) {
             gst_element_set_state(pipeline, GST_STATE_PLAYING);
@@ -735,6 +741,7 @@ TEST(StreamingThread, IsKnownFromItsBeginningToItsEnd) {
             EXPECT_EQ(round, rounds) << "of this element alone";
         }
         EXPECT_TRUE(same);
+        EXPECT_EQ(gettid(), starter);
     }
     gst_element_set_state(pipeline, GST_STATE_PLAYING);
     gst_element_set_state(pipeline, GST_STATE_NULL);

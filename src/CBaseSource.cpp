@@ -503,9 +503,14 @@ void CBaseSource::_LogPlayFailure() {
     const GSTREAMER::MessagePtr message(m_pBus != nullptr ? gst_bus_pop_filtered(m_pBus, GST_MESSAGE_ERROR) : nullptr);
     if (message) {
         _LogReason(message.get());
-    } else {
-        _LogReason(GSTREAMER::ReasonOfFailedStart(m_pPipeline));
+        return;
     }
+    GSTREAMER::Reason reason = GSTREAMER::ReasonOfFailedStart(m_pPipeline);
+    if (reason.code.empty() && m_pContact && !m_pContact->HasAddress()) {
+        reason.text = "The name " + m_pContact->Host() + " could not be resolved";
+        reason.code = "dns";
+    }
+    _LogReason(reason);
 }
 
 void CBaseSource::_LogMediaChange() {

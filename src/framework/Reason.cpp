@@ -124,8 +124,13 @@ void Describe(GstMessage *message, Reason &reason) {
             return;
         }
     }
-    reason.unexplained = contents.error && IsVague(*contents.error);
-    if (reason.unexplained) {
+    if (!contents.error || IsVague(*contents.error)) {
+        gint flow = GST_FLOW_OK;
+        // How rtspsrc words that it has read nothing.
+        const bool unread = detail.find("(System error)") != std::string::npos;
+        reason.unexplained =
+            detail.empty() || unread ||
+            (contents.details && gst_structure_get_int(contents.details.get(), "flow-return", &flow) != FALSE);
         const std::string &other = !detail.empty() ? detail : cause;
         reason.text = other.empty() ? reason.text : other;
     }
@@ -242,10 +247,13 @@ const char *CodeOf(const char *text) {
         {"onnection rejected", "rejected"},
         {"closed remotely", "closed"},
         {"onnection reset", "closed"},
+        {"(Received end-of-file)", "closed"},
         {"has closed the connection", "closed"},
         {"failed to read RTMP packet header", "closed"},
         {"for decryption", "key"},
         {"Cannot bind to", "bind"},
+        {"No supported stream", "no-stream"},
+        {"SDP contains no streams", "no-stream"},
         {"Invalid playlist", "playlist"},
         {"playlist is empty", "playlist"},
         {"determine type of stream", "format"},

@@ -131,6 +131,20 @@ void ServerContact::_Note(GSocketClientEvent event, GNetworkAddress *server, GOb
     }
 }
 
+bool ServerContact::HasAddress() const {
+    if (m_strHost.empty() || g_hostname_is_ip_address(m_strHost.c_str()) != FALSE) {
+        return true;
+    }
+    GResolver *const resolver = g_resolver_get_default();
+    GError *error = nullptr;
+    GList *const addresses = g_resolver_lookup_by_name(resolver, m_strHost.c_str(), nullptr, &error);
+    const bool unknown = addresses == nullptr && error != nullptr && error->domain == G_RESOLVER_ERROR;
+    g_resolver_free_addresses(addresses);
+    g_clear_error(&error);
+    g_object_unref(resolver);
+    return !unknown;
+}
+
 ServerContact::Failure ServerContact::LastFailure() const {
     const std::lock_guard<std::mutex> lock(m_mtx);
     const gint64 end = m_nGivenUp != 0 ? m_nGivenUp : g_get_monotonic_time();

@@ -22,6 +22,9 @@ class ServerContact {
     ServerContact(const ServerContact &) = delete;
     ServerContact &operator=(const ServerContact &) = delete;
 
+    // Whether the server's name has an address; true for one that is an address, and for none. Asks the resolver, which takes its time. Any thread.
+    bool HasAddress() const;
+    const std::string &Host() const { return m_strHost; }
     // Why the last connection came to nothing, or no answer by it. Any thread.
     Failure LastFailure() const;
 

@@ -60,7 +60,7 @@ std::string Tidy(std::string text) {
         text.pop_back();
     }
     if (text.size() > kLongestText) {
-        text = text.substr(0, kLongestText) + "...";
+        text.replace(kLongestText, std::string::npos, "...");
     }
     // Servers put what they like into it, and the cut may have gone through a letter.
     const TextPtr valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
@@ -128,9 +128,8 @@ void Describe(GstMessage *message, Reason &reason) {
         gint flow = GST_FLOW_OK;
         // How rtspsrc words that it has read nothing.
         const bool unread = detail.find("(System error)") != std::string::npos;
-        reason.unexplained =
-            detail.empty() || unread ||
-            (contents.details && gst_structure_get_int(contents.details.get(), "flow-return", &flow) != FALSE);
+        reason.unexplained = detail.empty() || unread ||
+                             (contents.details && gst_structure_get_int(contents.details.get(), "flow-return", &flow) != FALSE);
         const std::string &other = !detail.empty() ? detail : cause;
         reason.text = other.empty() ? reason.text : other;
     }

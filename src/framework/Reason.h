@@ -9,10 +9,10 @@
 namespace GSTREAMER {
 
 struct Reason {
-    bool ends = true;     // the session; a warning does not
-    std::string element;  // by its name
-    std::string text;     // one sentence without its full stop
-    std::string code;     // "404", "BADSECRET", "refused", ...; empty where there is none
+    bool ends = true;          // the session; a warning does not
+    std::string element;       // by its name
+    std::string text;          // one sentence without its full stop
+    std::string code;          // "404", "BADSECRET", "refused", ...; empty where there is none
     bool unexplained = false;  // the element has said no more than that it failed
 
     // `Error from "Rtspsrc": Not Found (404)`

@@ -68,10 +68,10 @@ void ExpectNamed(const Stage &stage, const Row &row) {
     const std::string code = row.code;
     const std::vector<std::string> line = {"[GSTREAMER] " + std::string(row.kind) + " from \"" + row.element, "\": ", row.text,
                                            code.empty() ? "" : " (" + code + ")", ". URL="};
-    const std::vector<std::string> record = {"\"last_error\":\"", row.text,
-                                             "\",\"last_error_code\":" + (code.empty() ? "null" : "\"" + code + "\"") +
-                                                 ",\"last_error_time\":\"20",
-                                             "Z\",\"attempts\":"};
+    const std::vector<std::string> record = {
+        "\"last_error\":\"", row.text,
+        "\",\"last_error_code\":" + (code.empty() ? "null" : "\"" + code + "\"") + ",\"last_error_time\":\"20",
+        "Z\",\"attempts\":"};
     const auto text = [&] { return access(log.c_str(), R_OK) == 0 ? ReadFile(log) : std::string(); };
     EXPECT_TRUE(WaitFor([&] { return HasLine(text(), line); })) << row.name << "\n" << text();
     EXPECT_TRUE(WaitFor([&] { return HasLine(tool->Output(), record); })) << row.name << "\n" << tool->Output();
@@ -124,8 +124,8 @@ TEST_F(Causes, Rtsp) {
     Play({
         {"wrong path", [](const Stage &s) { return Args{"rtsp://" + s.rtsp + "/nothing"}; }, "Error", "Rtspsrc", "Not Found",
          "404"},
-        {"wrong password", [](const Stage &s) { return Args{"rtsp://me:hidden@" + s.rtspAuth + "/stream"}; }, "Error", "Rtspsrc",
-         "Unauthorized", "401"},
+        {"wrong password", [](const Stage &s) { return Args{"rtsp://me:hidden@" + s.rtspAuth + "/stream"}; }, "Error",
+         "Rtspsrc", "Unauthorized", "401"},
         {"no credentials", [](const Stage &s) { return Args{"rtsp://" + s.rtspAuth + "/stream"}; }, "Error", "Rtspsrc",
          "Unauthorized", "401"},
         {"refused", [](const Stage &s) { return Args{"rtsp://" + s.refused + "/stream"}; }, "Error", "Rtspsrc",
@@ -135,14 +135,20 @@ TEST_F(Causes, Rtsp) {
         {"certificate of nobody", [](const Stage &s) { return Args{"rtsps://" + s.rtspTls + "/stream"}; }, "Error", "Rtspsrc",
          "certificate", "tls"},
         {"no TLS", [](const Stage &s) { return Args{"rtsps://" + s.rtsp + "/stream"}; }, "Error", "Rtspsrc", "TLS", "tls"},
-        {"silence", [](const Stage &s) { return Args{"rtsp://" + s.silent + "/stream", "--rtsp-contimeout", "2"}; }, "Error",
-         "Rtspsrc", "Timeout", "timeout"},
+        {"silence",
+         [](const Stage &s) {
+             return Args{"rtsp://" + s.silent + "/stream", "--rtsp-contimeout", "2"};
+         },
+         "Error", "Rtspsrc", "Timeout", "timeout"},
         {"closed", [](const Stage &s) { return Args{"rtsp://" + s.closing + "/stream"}; }, "Error", "Rtspsrc", "closed",
          "closed"},
-        {"transport refused", [](const Stage &s) { return Args{"rtsp://" + s.rtspUdp + "/stream", "--protocols", "4"}; },
+        {"transport refused",
+         [](const Stage &s) {
+             return Args{"rtsp://" + s.rtspUdp + "/stream", "--protocols", "4"};
+         },
          "Error", "Rtspsrc", "No supported stream", "no-stream"},
-        {"no media", [](const Stage &s) { return Args{"rtsp://" + s.emptyRtsp + "/stream"}; }, "Error", "Rtspsrc", "SDP contains no streams",
-         "no-stream"},
+        {"no media", [](const Stage &s) { return Args{"rtsp://" + s.emptyRtsp + "/stream"}; }, "Error", "Rtspsrc",
+         "SDP contains no streams", "no-stream"},
     });
 }
 
@@ -155,9 +161,9 @@ TEST_F(Causes, Rtmp) {
     stage.rtmp = Local(port);
     stage.silent = Rude("silent");
     stage.closing = Rude("closing");
-    servers.push_back(Start("ffmpeg", {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "warning", "-re", "-i",
-                                       stage.material->path, "-an", "-c:v", "flv", "-f", "flv",
-                                       "rtmp://" + stage.rtmp + "/live/sorenson"}));
+    servers.push_back(
+        Start("ffmpeg", {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "warning", "-re", "-i", stage.material->path, "-an",
+                         "-c:v", "flv", "-f", "flv", "rtmp://" + stage.rtmp + "/live/sorenson"}));
     Play({
         {"refused", [](const Stage &s) { return Args{"rtmp://" + s.refused + "/live/a"}; }, "Error", "Rtmp2src",
          "Connection refused", "refused"},
@@ -165,16 +171,21 @@ TEST_F(Causes, Rtmp) {
          "Connection refused", "refused"},
         {"unknown name", [](const Stage &) { return Args{std::string("rtmp://") + kNobody + "/live/a"}; }, "Error", "Rtmp2src",
          kNobody, "dns"},
-        {"silence", [](const Stage &s) { return Args{"rtmp://" + s.silent + "/live/a", "--rtmp-contimeout", "2"}; }, "Error",
-         "Rtmp2src", "timed out", "timeout"},
+        {"silence",
+         [](const Stage &s) {
+             return Args{"rtmp://" + s.silent + "/live/a", "--rtmp-contimeout", "2"};
+         },
+         "Error", "Rtmp2src", "timed out", "timeout"},
         {"no TLS", [](const Stage &s) { return Args{"rtmps://" + s.closing + "/live/a"}; }, "Error", "Rtmpsrc", "TLS", "tls"},
         {"unknown application", [](const Stage &s) { return Args{"rtmp://" + s.rtmp + "/nothing/a"}; }, "Error", "Rtmp2src",
          "closed", "closed"},
         {"no publisher", [](const Stage &s) { return Args{"rtmp://" + s.rtmp + "/known/nobody"}; }, "Error", "Rtmp2src",
          "stream not found", "NetStream.Play.StreamNotFound"},
         {"nobody ever publishes",
-         [](const Stage &s) { return Args{"rtmp://" + s.rtmp + "/live/nobody", "--idle-timeout", "2"}; }, "Error", "Flvdemux",
-         "before any media came", "end"},
+         [](const Stage &s) {
+             return Args{"rtmp://" + s.rtmp + "/live/nobody", "--idle-timeout", "2"};
+         },
+         "Error", "Flvdemux", "before any media came", "end"},
         {"play denied", [](const Stage &s) { return Args{"rtmp://" + s.rtmp + "/denied/a"}; }, "Error", "Flvdemux",
          "before any media came", "end"},
         {"wrong codec", [](const Stage &s) { return Args{"rtmp://" + s.rtmp + "/live/sorenson"}; }, "Error", "Rtmp2src",
@@ -190,18 +201,22 @@ TEST_F(Causes, Srt) {
     ASSERT_TRUE(WaitFor([&] { return UdpBound(port); }));
     Play({
         {"wrong passphrase",
-         [](const Stage &s) { return Args{"srt://" + s.srt, "--passphrase", "wrongsecret", "--keylen", "16"}; }, "Warning",
-         "Srtsrc", "Incorrect passphrase", "BADSECRET"},
+         [](const Stage &s) {
+             return Args{"srt://" + s.srt, "--passphrase", "wrongsecret", "--keylen", "16"};
+         },
+         "Warning", "Srtsrc", "Incorrect passphrase", "BADSECRET"},
         {"no passphrase", [](const Stage &s) { return Args{"srt://" + s.srt}; }, "Warning", "Srtsrc",
          "Password required or unexpected", "UNSECURE"},
-        {"passphrase too short", [](const Stage &s) { return Args{"srt://" + s.srt + "?passphrase=hidden"}; }, "Error", "Srtsrc",
-         "failed to set passphrase", ""},
+        {"passphrase too short", [](const Stage &s) { return Args{"srt://" + s.srt + "?passphrase=hidden"}; }, "Error",
+         "Srtsrc", "failed to set passphrase", ""},
         {"nobody there", [](const Stage &s) { return Args{"srt://" + s.refused}; }, "Warning", "Srtsrc", "timeout", "timeout"},
         {"unknown name", [](const Stage &) { return Args{std::string("srt://") + kNobody + ":9000"}; }, "Error", "Srtsrc",
          kNobody, "dns"},
         {"port taken",
-         [](const Stage &s) { return Args{"srt://:" + s.srt.substr(s.srt.find(':') + 1), "--mode", "listener"}; }, "Error",
-         "Srtsrc", "Cannot bind", "bind"},
+         [](const Stage &s) {
+             return Args{"srt://:" + s.srt.substr(s.srt.find(':') + 1), "--mode", "listener"};
+         },
+         "Error", "Srtsrc", "Cannot bind", "bind"},
     });
 }
 
@@ -215,9 +230,9 @@ TEST_F(Causes, Udp) {
     ASSERT_EQ(bind(taken, static_cast<const sockaddr *>(static_cast<const void *>(&address)), sizeof address), 0);
     stage.udpTaken = Local(port);
     const uint16_t mpeg2 = FreeUdpPort();
-    servers.push_back(Start("ffmpeg", {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "warning", "-re", "-i",
-                                       stage.material->path, "-an", "-c:v", "mpeg2video", "-f", "mpegts",
-                                       UdpUrl(mpeg2) + "?pkt_size=1316"}));
+    servers.push_back(
+        Start("ffmpeg", {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "warning", "-re", "-i", stage.material->path, "-an",
+                         "-c:v", "mpeg2video", "-f", "mpegts", UdpUrl(mpeg2) + "?pkt_size=1316"}));
     Play({
         {"port taken", [](const Stage &s) { return Args{"udp://" + s.udpTaken}; }, "Error", "Udpsrc", "already in use",
          "port-in-use"},
@@ -254,32 +269,35 @@ TEST_F(Causes, Hls) {
         }
         WriteFile(NginxFile("www/" + name), text);
     };
-    const std::string ts = ReadFile(DerivedFile("causes.ts", {"-i", stage.material->path, "-map", "0", "-c", "copy", "-t", "2",
-                                                              "-f", "mpegts"}));
+    const std::string ts =
+        ReadFile(DerivedFile("causes.ts", {"-i", stage.material->path, "-map", "0", "-c", "copy", "-t", "2", "-f", "mpegts"}));
     WriteFile(NginxFile("www/good.ts"), ts);
-    WriteFile(NginxFile("www/a.m4s"), ReadFile(DerivedFile("causes.mp4", {"-i", stage.material->path, "-map", "0", "-c", "copy",
-                                                                          "-t", "2", "-movflags", "frag_keyframe+empty_moov",
-                                                                          "-f", "mp4"})));
+    WriteFile(NginxFile("www/a.m4s"),
+              ReadFile(DerivedFile("causes.mp4", {"-i", stage.material->path, "-map", "0", "-c", "copy", "-t", "2", "-movflags",
+                                                  "frag_keyframe+empty_moov", "-f", "mp4"})));
     WriteFile(NginxFile("www/noise.ts"), Noise(50000, 1));
     WriteFile(NginxFile("www/page.m3u8"), "<html>Welcome</html>");
     WriteFile(NginxFile("www/empty.m3u8"), "");
-    list("drm.m3u8", "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"skd://one\",KEYFORMAT=\"com.apple.streamingkeydelivery\"\n", "good.ts");
+    list("drm.m3u8", "#EXT-X-KEY:METHOD=SAMPLE-AES,URI=\"skd://one\",KEYFORMAT=\"com.apple.streamingkeydelivery\"\n",
+         "good.ts");
     list("nokey.m3u8", "#EXT-X-KEY:METHOD=AES-128,URI=\"/nothing.key\"\n", "good.ts");
     list("lost.m3u8", "", "nothing.ts");
     list("noise.m3u8", "", "noise.ts");
     list("fragments.m3u8", "", "a.m4s");
     list("denied.m3u8", "", "/forbidden/a.ts");
     Play({
-        {"wrong path", [](const Stage &s) { return Args{s.http + "/nothing.m3u8"}; }, "Error", "Souphttpsrc", "Not Found", "404"},
+        {"wrong path", [](const Stage &s) { return Args{s.http + "/nothing.m3u8"}; }, "Error", "Souphttpsrc", "Not Found",
+         "404"},
         {"wrong password",
-         [](const Stage &s) { return Args{s.http + "/private/a.m3u8", "--user", "me", "--password", "hidden"}; }, "Error",
-         "Souphttpsrc", "Unauthorized", "401"},
+         [](const Stage &s) {
+             return Args{s.http + "/private/a.m3u8", "--user", "me", "--password", "hidden"};
+         },
+         "Error", "Souphttpsrc", "Unauthorized", "401"},
         {"forbidden", [](const Stage &s) { return Args{s.http + "/forbidden/a.m3u8"}; }, "Error", "Souphttpsrc", "Forbidden",
          "403"},
         {"server error", [](const Stage &s) { return Args{s.http + "/broken/a.m3u8"}; }, "Error", "Souphttpsrc",
          "Internal Server Error", "500"},
-        {"server busy", [](const Stage &s) { return Args{s.http + "/busy/a.m3u8"}; }, "Error", "Souphttpsrc",
-         "Service", "503"},
+        {"server busy", [](const Stage &s) { return Args{s.http + "/busy/a.m3u8"}; }, "Error", "Souphttpsrc", "Service", "503"},
         {"refused", [](const Stage &s) { return Args{"http://" + s.refused + "/a.m3u8"}; }, "Error", "Souphttpsrc", "refused",
          "refused"},
         {"unknown name", [](const Stage &) { return Args{std::string("http://") + kNobody + "/a.m3u8"}; }, "Error",
@@ -302,8 +320,8 @@ TEST_F(Causes, Hls) {
          "key"},
         {"segments that are not there", [](const Stage &s) { return Args{s.http + "/lost.m3u8"}; }, "Warning", "souphttpsrc",
          "/nothing.ts", "404"},
-        {"segments that are forbidden", [](const Stage &s) { return Args{s.http + "/denied.m3u8"}; }, "Warning",
-         "souphttpsrc", "/forbidden/a.ts", "403"},
+        {"segments that are forbidden", [](const Stage &s) { return Args{s.http + "/denied.m3u8"}; }, "Warning", "souphttpsrc",
+         "/forbidden/a.ts", "403"},
         {"segments of noise", [](const Stage &s) { return Args{s.http + "/noise.m3u8"}; }, "Error", "Hlsdemux",
          "determine type", "format"},
         {"fragments of MP4", [](const Stage &s) { return Args{s.http + "/fragments.m3u8"}; }, "Error", "Hlsdemux",

@@ -61,9 +61,9 @@ TEST(Fields, NamesAndOrderOfASummaryAreAContract) {
 
 TEST(Fields, WhatIsUnknownIsNull) {
     const Record record = SampleRecord({}, {}, kTime);
-    for (const char *key : {"state", "video_codec", "video_width_px", "video_scan", "video_announced_fps", "video_age_ms",
-                            "video_lost_frames", "audio_codec", "audio_sample_rate_hz", "audio_age_ms", "last_error", "last_error_code",
-                            "last_error_time"}) {
+    for (const char *key :
+         {"state", "video_codec", "video_width_px", "video_scan", "video_announced_fps", "video_age_ms", "video_lost_frames",
+          "audio_codec", "audio_sample_rate_hz", "audio_age_ms", "last_error", "last_error_code", "last_error_time"}) {
         EXPECT_TRUE(record[key].is_null()) << key;
     }
     EXPECT_EQ(record["video_frames"], 0);

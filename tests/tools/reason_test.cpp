@@ -35,8 +35,8 @@ TEST(ReasonLine, WhatIsNoCodeStaysInTheText) {
 }
 
 TEST(ReasonLine, WarningThatIsRepeated) {
-    const auto parsed = ParseReasonLine(
-        Line("WARN", "[GSTREAMER] Warning from \"Srtsrc\": Incorrect passphrase (BADSECRET), 650 times more. URL=srt://host:1"));
+    const auto parsed = ParseReasonLine(Line(
+        "WARN", "[GSTREAMER] Warning from \"Srtsrc\": Incorrect passphrase (BADSECRET), 650 times more. URL=srt://host:1"));
     ASSERT_TRUE(parsed);
     EXPECT_EQ(parsed->reason.text, "Incorrect passphrase");
     EXPECT_EQ(parsed->reason.code, "BADSECRET");
@@ -44,10 +44,11 @@ TEST(ReasonLine, WarningThatIsRepeated) {
 }
 
 TEST(ReasonLine, OtherLinesAreNone) {
-    for (const std::string &line :
-         {Line("ERR", "[GSTREAMER] Unable to make element \"a\" of factory \"b\"!!!"), std::string("-------------GST_MESSAGE_ERROR"),
-          Line("ERR", "[CRtspSource] DoBusMessage--------------error!! URL=rtsp://host"),
-          Line("ERR", "[GSTREAMER] Note from \"a\": b. URL=c"), Line("ERR", "[GSTREAMER] Error from \"a\": b"), std::string()}) {
+    for (const std::string &line : {Line("ERR", "[GSTREAMER] Unable to make element \"a\" of factory \"b\"!!!"),
+                                    std::string("-------------GST_MESSAGE_ERROR"),
+                                    Line("ERR", "[CRtspSource] DoBusMessage--------------error!! URL=rtsp://host"),
+                                    Line("ERR", "[GSTREAMER] Note from \"a\": b. URL=c"),
+                                    Line("ERR", "[GSTREAMER] Error from \"a\": b"), std::string()}) {
         EXPECT_FALSE(ParseReasonLine(line)) << line;
     }
 }

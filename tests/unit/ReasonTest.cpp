@@ -119,15 +119,17 @@ TEST_F(ReasonTest, PasswordsAreMasked) {
 }
 
 TEST_F(ReasonTest, TimeOutsAndTheEnd) {
-    EXPECT_EQ("Error from \"Udpsrc\": No data came for 5 s (timeout)",
-              LineOf(gst_message_new_element(GST_OBJECT(m_element), gst_structure_new("GstUDPSrcTimeout", "timeout", G_TYPE_UINT64,
-                                                                                      5 * GST_SECOND, nullptr))));
+    EXPECT_EQ(
+        "Error from \"Udpsrc\": No data came for 5 s (timeout)",
+        LineOf(gst_message_new_element(
+            GST_OBJECT(m_element), gst_structure_new("GstUDPSrcTimeout", "timeout", G_TYPE_UINT64, 5 * GST_SECOND, nullptr))));
     EXPECT_EQ("Error from \"pipeline\": The stream has ended (end)", LineOf(gst_message_new_eos(nullptr)));
     EXPECT_EQ("", LineOf(gst_message_new_element(nullptr, gst_structure_new_empty("pat"))));
 }
 
 TEST_F(ReasonTest, MessagesThatHoldLessThanTheyPromise) {
-    EXPECT_EQ("Error from \"pipeline\": No reason was given", LineOf(gst_message_new_custom(GST_MESSAGE_ERROR, nullptr, nullptr)));
+    EXPECT_EQ("Error from \"pipeline\": No reason was given",
+              LineOf(gst_message_new_custom(GST_MESSAGE_ERROR, nullptr, nullptr)));
     EXPECT_EQ("Warning from \"pipeline\": No reason was given",
               LineOf(gst_message_new_custom(GST_MESSAGE_WARNING, nullptr,
                                             gst_structure_new("w", "gerror", G_TYPE_STRING, "text", nullptr))));
@@ -149,7 +151,9 @@ TEST_F(ReasonTest, SameWarningIsNotRepeated) {
     }
     warn("Connection timeout");
     warn("Connection timeout");
-    const auto line = [&](const char *text) { return Warn(std::string("[GSTREAMER] Warning from \"Udpsrc\": ") + text + ". URL=" + url); };
+    const auto line = [&](const char *text) {
+        return Warn(std::string("[GSTREAMER] Warning from \"Udpsrc\": ") + text + ". URL=" + url);
+    };
     EXPECT_EQ((Lines{line("Incorrect passphrase (BADSECRET)"), line("Connection timeout (timeout)")}), m_log.Take());
 }
 

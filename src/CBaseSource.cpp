@@ -3,6 +3,7 @@
 #include "CGstUtils.h"
 #include "CodecTables.h"
 #include "framework/Caps.h"
+#include "framework/FrameworkLog.h"
 #include "framework/Resources.h"
 #include "Logger.h"
 
@@ -57,6 +58,8 @@ constexpr int kWaitSlices = 30;
 constexpr size_t kDescriptorsOfAPipeline = 32;
 constexpr size_t kThreadsOfAPipeline = 16;
 constexpr GstClockTime kBusWait = 100 * GST_MSECOND;
+// A warning that says the same again and again has a line that often.
+constexpr gint64 kRepeatUs = 10 * G_USEC_PER_SEC;
 
 // A text field of a record: cut at its size, and then without a NUL, which its readers know.
 template <std::size_t N>
@@ -379,13 +382,22 @@ GstBusSyncReply CBaseSource::stream_status_handler(GstBus * /*bus*/, GstMessage 
     // Anybody may post by hand what looks like a stream status and holds none: the framework's own parsing trusts it.
     const GstStructure *structure = gst_message_get_structure(message);
     gint type = GST_STREAM_STATUS_TYPE_CREATE;
+    gint progress = GST_PROGRESS_TYPE_ERROR;
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_STREAM_STATUS && structure != nullptr &&
         gst_structure_get_enum(structure, "type", GST_TYPE_STREAM_STATUS_TYPE, &type) != FALSE) {
         if (type == GST_STREAM_STATUS_TYPE_ENTER) {
             t_nStreamingRun = GPOINTER_TO_SIZE(run);
+            GSTREAMER::ForgetThreadCause();
         } else if (type == GST_STREAM_STATUS_TYPE_LEAVE) {
             t_nStreamingRun = 0;
         }
+    } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_PROGRESS && structure != nullptr &&
+               gst_structure_get_enum(structure, "type", GST_TYPE_PROGRESS_TYPE, &progress) != FALSE &&
+               progress == GST_PROGRESS_TYPE_START) {
+        // rtspsrc begins something with its server, on a thread that has no stream status.
+        GSTREAMER::ForgetThreadCause();
+    } else if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR || GST_MESSAGE_TYPE(message) == GST_MESSAGE_WARNING) {
+        GSTREAMER::AttachCause(message);
     }
     return GST_BUS_PASS;
 }
@@ -450,7 +462,80 @@ void CBaseSource::_SetStatusStopped() {
 int CBaseSource::_PollBus() {
     const GSTREAMER::MessagePtr message(gst_bus_timed_pop(m_pBus, kBusWait));
     m_workarounds.AfterPoll(message.get());
-    return message ? DoBusMessage(message.get()) : BUS_MSG_NONE;
+    if (!message) {
+        return BUS_MSG_NONE;
+    }
+    _LogReason(message.get());
+    return DoBusMessage(message.get());
+}
+
+void CBaseSource::_LogReason(GstMessage *message) {
+    if (std::optional<GSTREAMER::Reason> reason = GSTREAMER::ReasonOf(message)) {
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && !_HasMedia()) {
+            reason->text += " before any media came";
+        }
+        _ExplainByContact(message, *reason);
+        _LogReason(*reason);
+    }
+}
+
+void CBaseSource::_ExplainByContact(GstMessage *message, GSTREAMER::Reason &reason) const {
+    const GstObject *element = GST_MESSAGE_SRC(message);
+    if (!reason.unexplained || !m_pContact || element == nullptr || !GST_IS_ELEMENT(element) ||
+        !GST_OBJECT_FLAG_IS_SET(element, GST_ELEMENT_FLAG_SOURCE) || _HasMedia()) {
+        return;
+    }
+    if (const GSTREAMER::ServerContact::Failure failure = m_pContact->LastFailure(); !failure.text.empty()) {
+        reason.text = failure.text;
+        reason.code = failure.code;
+    }
+}
+
+void CBaseSource::_LogReason(const GSTREAMER::Reason &reason) {
+    const std::string line = reason.Line();
+    const std::string url = GSTREAMER::MaskSecrets(m_strURL);
+    if (reason.ends) {
+        LOG_ERR("[GSTREAMER] " << line << ". URL=" << url);
+        return;
+    }
+    unsigned repeats = 0;
+    if (!_IsRepeated(line, repeats)) {
+        LOG_WARN("[GSTREAMER] " << line << (repeats > 0 ? ", " + std::to_string(repeats) + " times more" : "")
+                                << ". URL=" << url);
+    }
+}
+
+bool CBaseSource::_IsRepeated(const std::string &line, unsigned &repeats) {
+    const gint64 now = g_get_monotonic_time();
+    const bool same = line == m_strWarning;
+    if (same && now - m_nWarningAt < kRepeatUs) {
+        ++m_nWarningRepeats;
+        return true;
+    }
+    repeats = same ? m_nWarningRepeats : 0;
+    m_strWarning = line;
+    m_nWarningAt = now;
+    m_nWarningRepeats = 0;
+    return false;
+}
+
+void CBaseSource::_LogPlayFailure() {
+    // The first error is the cause, the others its consequences. Nobody reads the bus of a pipeline that did not start.
+    const GSTREAMER::MessagePtr message(m_pBus != nullptr ? gst_bus_pop_filtered(m_pBus, GST_MESSAGE_ERROR) : nullptr);
+    if (message) {
+        _LogReason(message.get());
+        return;
+    }
+    GSTREAMER::Reason reason = GSTREAMER::ReasonOfFailedStart(m_pPipeline);
+    if (reason.code.empty() && m_pContact && !m_pContact->HasAddress()) {
+        reason.text = "The name " + m_pContact->Host() + " could not be resolved";
+        reason.code = "dns";
+    }
+    _LogReason(reason);
+}
+
+void CBaseSource::_LogMediaChange() {
+    _LogReason({true, "pipeline", "The stream has changed to other media", "media-changed", false});
 }
 
 bool CBaseSource::_AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again) {
@@ -482,6 +567,8 @@ bool CBaseSource::_CreatePipeline() {
     }
     if (m_pBus != nullptr) {
         m_nRun = ++g_nLastRun;
+        GSTREAMER::ForgetThreadCause();
+        m_pContact = std::make_unique<GSTREAMER::ServerContact>(m_strURL);
         _SetSyncHandler(stream_status_handler);
     }
     return true;
@@ -496,6 +583,7 @@ void CBaseSource::_ReleasePipeline() {
     g_clear_pointer(&m_pPipeline, gst_object_unref);
     g_clear_pointer(&m_pBus, gst_object_unref);
     m_workarounds.Clear();
+    m_pContact.reset();
 }
 
 // ---- Branches ---------------------------------------------------------------------------------------------------------------

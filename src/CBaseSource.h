@@ -7,6 +7,8 @@
 #pragma once
 
 #include "framework/Elements.h"
+#include "framework/Reason.h"
+#include "framework/ServerContact.h"
 #include "gst_source_api.h"
 #include "workarounds/Workaround.h"
 
@@ -14,6 +16,7 @@
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -113,8 +116,12 @@ class CBaseSource {
     void _PrepareRebuild();
     // Bit rates 0, codec texts empty, state "stop".
     void _SetStatusStopped();
-    // Waits up to 100 ms for one bus message of any type and classifies it.
+    // Waits up to 100 ms for one bus message of any type, logs the reason that it gives, if any, and classifies it.
     int _PollBus();
+    // The line of why the pipeline could not be started, before the class's own. Worker.
+    void _LogPlayFailure();
+    // The line of a session that ends because a pad has brought other media. Worker.
+    void _LogMediaChange();
     // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
     gint64 _LastReport() const { return m_nLastReport; }
     // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for what a pipeline opens, or threads for
@@ -184,6 +191,12 @@ class CBaseSource {
     const int m_nStream;
 
   private:
+    void _LogReason(GstMessage *message);
+    void _LogReason(const GSTREAMER::Reason &reason);
+    // For a source element that says no more than that it failed: by how far its connection has come.
+    void _ExplainByContact(GstMessage *message, GSTREAMER::Reason &reason) const;
+    bool _IsRepeated(const std::string &line, unsigned &repeats);
+    bool _HasMedia() const { return !m_strVideoEncode.Get().empty() || !m_strAudioEncode.Get().empty(); }
     void _UpdateVideoMediaInfo(const std::string &code, int width, int height, float fps, const std::string &scan_type,
                                int ref_frames);
     void _UpdateAudioMediaInfo(const std::string &code, int sample_rate, int channels, int no_samples, int extra);
@@ -194,6 +207,11 @@ class CBaseSource {
     // Number of the pipeline, new for each in the process, 0 while there is none. Written as m_pPipeline, read by any thread.
     std::atomic<std::size_t> m_nRun{0};
     std::atomic<gint64> m_nLastReport{0};
+    std::unique_ptr<GSTREAMER::ServerContact> m_pContact;  // as m_pPipeline
+    // The last warning and since when it is repeated without a line. Worker.
+    std::string m_strWarning;
+    gint64 m_nWarningAt = 0;
+    unsigned m_nWarningRepeats = 0;
     std::mutex m_mtxStatus;     // guards m_stStatus
     std::mutex m_mtxMediaInfo;  // guards the two media records; never held together with m_mtxStatus
     media_code_info_t m_stAudioInfo{};

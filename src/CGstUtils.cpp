@@ -1,5 +1,7 @@
 #include "CGstUtils.h"
 
+#include "framework/FrameworkLog.h"
+
 #include <gst/gst.h>
 
 #include <mutex>
@@ -24,6 +26,7 @@ void GstInit() {
     // in use.
     gst_debug_set_active(FALSE);
     gst_debug_set_default_threshold(GST_LEVEL_ERROR);
+    WatchFrameworkLog();
 }
 
 void GstDeInit() {
@@ -32,6 +35,7 @@ void GstDeInit() {
         return;
     }
     g_bGstInitFlag = false;
+    UnwatchFrameworkLog();
     gst_deinit();
 }
 

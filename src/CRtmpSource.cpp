@@ -113,6 +113,7 @@ void CRtmpSource::_LoopPthread() {
                     break;
                 }
                 if (m_bMediaChanged) {
+                    _LogMediaChange();
                     LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
                     m_bMediaChanged = false;
                     break;
@@ -145,6 +146,7 @@ bool CRtmpSource::_PipelinePlay() {
     const GstStateChangeReturn result = gst_element_set_state(m_pPipeline, GST_STATE_PLAYING);
     m_workarounds.AfterPlay();
     if (result == GST_STATE_CHANGE_FAILURE) {
+        _LogPlayFailure();
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
         m_nPipelineState = 0;
         return false;

@@ -108,6 +108,7 @@ void CSrtSource::_LoopPthread() {
                     break;
                 }
                 if (m_bMediaChanged) {
+                    _LogMediaChange();
                     LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
                     m_bMediaChanged = false;
                     break;
@@ -137,6 +138,7 @@ bool CSrtSource::_PipelinePlay() {
         return true;
     }
     if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        _LogPlayFailure();
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
         m_nPipelineState = 0;
         return false;

@@ -80,6 +80,7 @@ void CUDPSource::_LoopPthread() {
                     break;
                 }
                 if (m_bMediaChanged) {
+                    _LogMediaChange();
                     LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
                     m_bMediaChanged = false;
                     break;
@@ -109,6 +110,7 @@ bool CUDPSource::_PipelinePlay() {
         return true;
     }
     if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        _LogPlayFailure();
         LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
         m_nPipelineState = 0;
         return false;

@@ -47,25 +47,43 @@ TEST(Fields, NamesAndOrderOfASampleAreAContract) {
                     "video_height_px video_scan video_announced_fps video_measured_fps video_bitrate_bps "
                     "video_frames video_bytes video_age_ms video_lost_frames video_discontinuities audio_codec "
                     "audio_sample_rate_hz audio_channels audio_measured_fps audio_bitrate_bps audio_frames "
-                    "audio_bytes audio_age_ms audio_lost_frames audio_discontinuities"));
+                    "audio_bytes audio_age_ms audio_lost_frames audio_discontinuities "
+                    "last_error last_error_code last_error_time attempts"));
 }
 
 TEST(Fields, NamesAndOrderOfASummaryAreAContract) {
     EXPECT_EQ(Keys(SummaryRecord({}, {}, kTime)),
               Words("type time elapsed_s source url protocol delivered rebuilds video_codec video_frames video_bytes "
                     "video_dumped_frames video_lost_frames video_discontinuities audio_codec audio_frames "
-                    "audio_bytes audio_dumped_frames audio_lost_frames audio_discontinuities"));
+                    "audio_bytes audio_dumped_frames audio_lost_frames audio_discontinuities "
+                    "last_error last_error_code last_error_time attempts"));
 }
 
 TEST(Fields, WhatIsUnknownIsNull) {
     const Record record = SampleRecord({}, {}, kTime);
-    for (const char *key : {"state", "video_codec", "video_width_px", "video_scan", "video_announced_fps", "video_age_ms",
-                            "video_lost_frames", "audio_codec", "audio_sample_rate_hz", "audio_age_ms"}) {
+    for (const char *key :
+         {"state", "video_codec", "video_width_px", "video_scan", "video_announced_fps", "video_age_ms", "video_lost_frames",
+          "audio_codec", "audio_sample_rate_hz", "audio_age_ms", "last_error", "last_error_code", "last_error_time"}) {
         EXPECT_TRUE(record[key].is_null()) << key;
     }
     EXPECT_EQ(record["video_frames"], 0);
     EXPECT_EQ(record["flow"], "none");
     EXPECT_EQ(SummaryRecord({}, {}, kTime)["delivered"], false);
+}
+
+TEST(Fields, LastErrorWithAndWithoutACode) {
+    SourceSample sample;
+    sample.attempts = 3;
+    sample.last_error = Reason{"Not Found", "404", kTime, true};
+    Record record = SampleRecord({}, sample, "later");
+    EXPECT_EQ(record["last_error"], "Not Found");
+    EXPECT_EQ(record["last_error_code"], "404");
+    EXPECT_EQ(record["last_error_time"], kTime);
+    EXPECT_EQ(record["attempts"], 3);
+    sample.last_error->code.clear();
+    record = SummaryRecord({}, sample, "later");
+    EXPECT_EQ(record["last_error"], "Not Found");
+    EXPECT_TRUE(record["last_error_code"].is_null());
 }
 
 TEST(Fields, Values) {

@@ -59,6 +59,28 @@ TEST(Format, StateSaysWhenNothingComes) {
     EXPECT_EQ(FormatState(sample), "reconnect");
 }
 
+TEST(Format, StateSaysWhyNothingComesAndWhenItIsTriedAgain) {
+    SourceSample sample;
+    sample.state = "reconnect";
+    sample.last_error = Reason{"Not Found", "404", "", true};
+    sample.retry_in_s = 2.2;
+    EXPECT_EQ(FormatState(sample), "waiting: 404 Not Found, again in 3 s");
+    sample.retry_in_s = 0;
+    EXPECT_EQ(FormatState(sample), "waiting: 404 Not Found, again in 1 s");
+    sample.last_error->code = "refused";
+    EXPECT_EQ(FormatState(sample), "waiting: Not Found, again in 1 s");
+    sample.state = "stop";
+    EXPECT_EQ(FormatState(sample), "stop");
+    sample.retry_in_s.reset();
+    sample.state = "reconnect";
+    EXPECT_EQ(FormatState(sample), "reconnect") << "the next session runs";
+    sample.last_error->ends = false;
+    EXPECT_EQ(FormatState(sample), "trying: Not Found");
+    sample.flow = Flow::kLive;
+    EXPECT_EQ(FormatState(sample), "reconnect");
+    EXPECT_NE(FormatSummary(sample).find(", last error: Not Found"), std::string::npos);
+}
+
 TEST(Format, Summary) {
     SourceSample sample;
     sample.channel = 3;

@@ -35,6 +35,15 @@ TEST(RebuildCounter, ReopenedTracksTellOfAStateThatWasMissed) {
     EXPECT_EQ(counter.Count(), 2u);
 }
 
+TEST(RebuildCounter, LogTellsOfSessionsThatFailAtOnce) {
+    RebuildCounter counter(Protocol::kRtsp);
+    counter.OnState("reconnect");
+    counter.OnReconnects(5);
+    EXPECT_EQ(counter.Count(), 5u);
+    counter.OnReconnects(4);
+    EXPECT_EQ(counter.Count(), 5u);
+}
+
 class FrameGoalTest : public ::testing::Test {
   protected:
     FrameGoal m_goal{10};

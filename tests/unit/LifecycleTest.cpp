@@ -51,16 +51,23 @@ GstMessage *ErrorMessage() {
 struct SessionEnd {
     const char *name;
     GstMessage *(*message)();
+    const char *reason;
     Line line;
 };
 
+Line Reason(const std::string &reason, const std::string &url) {
+    return Err("[GSTREAMER] Error from \"pipeline\": " + reason + ". URL=" + url);
+}
+const char kEndReason[] = "The stream has ended before any media came (end)";
+
 const SessionEnd kSessionEnds[] = {
-    {"end of stream", [] { return gst_message_new_eos(nullptr); }, Raw("-------------GST_MESSAGE_EOS")},
-    {"error", ErrorMessage, Raw("-------------GST_MESSAGE_ERROR")},
+    {"end of stream", [] { return gst_message_new_eos(nullptr); }, "The stream has ended (end)",
+     Raw("-------------GST_MESSAGE_EOS")},
+    {"error", ErrorMessage, "test", Raw("-------------GST_MESSAGE_ERROR")},
     {"UDP time-out", [] { return gst_message_new_element(nullptr, gst_structure_new_empty("GstUDPSrcTimeout")); },
-     Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :GstUDPSrcTimeout;")},
+     "No data came (timeout)", Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :GstUDPSrcTimeout;")},
     {"RTSP time-out", [] { return gst_message_new_element(nullptr, gst_structure_new_empty("GstRTSPSrcTimeout")); },
-     Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :GstRTSPSrcTimeout;")},
+     "No data came (timeout)", Info("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :GstRTSPSrcTimeout;")},
 };
 
 const std::vector<std::string> kNothing;
@@ -275,7 +282,7 @@ TEST_P(Lifecycle, EachBusResultRebuilds) {
         Post(end.message());
         ASSERT_TRUE(WaitForSessions(1));
         m_faults.OnSleep({});
-        EXPECT_EQ((Lines{end.line, BusFailure()}) + Row().RebuildLines(Url()), m_log.Take());
+        EXPECT_EQ((Lines{Reason(end.reason, Url()), end.line, BusFailure()}) + Row().RebuildLines(Url()), m_log.Take());
 
         const std::vector<gulong> sleeps = m_faults.Sleeps();
         ASSERT_EQ(slept + 30, sleeps.size());
@@ -316,9 +323,10 @@ TEST_P(Lifecycle, ChangedMediaRebuilds) {
     WatchWait(seen);
     SourceProbe::MediaChanged(Source()) = true;
     ASSERT_TRUE(WaitForSessions(1));
-    EXPECT_EQ(
-        Lines{Warn(Row().Tag() + " Check media data changed, reset session.... URL=" + Url())} + Row().RebuildLines(Url()),
-        m_log.Take());
+    EXPECT_EQ((Lines{Reason("The stream has changed to other media (media-changed)", Url()),
+                     Warn(Row().Tag() + " Check media data changed, reset session.... URL=" + Url())}) +
+                  Row().RebuildLines(Url()),
+              m_log.Take());
     EXPECT_FALSE(SourceProbe::MediaChanged(Source()));
     EXPECT_EQ(GST_STATE_PLAYING, seen.state) << "only a bus result touches it, and only with RTSP";
     EXPECT_EQ(Row().clearsMediaInfo, seen.clear);
@@ -340,7 +348,8 @@ TEST_P(Lifecycle, FailedPlayIsRetried) {
     });
     ASSERT_TRUE(Row().open(Source(), Url().c_str()));
     ASSERT_TRUE(WaitForSessions(2));
-    const Lines failure{Err(Row().Tag() + " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" + Url()),
+    const Lines failure{Reason("It could not be started", Url()),
+                        Err(Row().Tag() + " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" + Url()),
                         Info(Row().Tag() + " _PipelinePlay faild!!! URL=" + Url())};
     EXPECT_EQ(OpenLines() + Row().BuildLines(Url()) + Lines{Info(Row().startMessage)} + Row().SkippedBuildLines() + failure +
                   Lines{Info(Row().reconnectMessage + Url())} + Row().BuildLines(Url()) + failure + Row().RebuildLines(Url()),
@@ -361,7 +370,8 @@ TEST_P(Lifecycle, FailedRebuildEndsTheWorker) {
     if (Row().loopBuildFailureHasUrl) {
         failure.message += Url();
     }
-    const Lines expected = Lines{Raw("-------------GST_MESSAGE_EOS"), BusFailure(), Info(Row().reconnectMessage + Url())} +
+    const Lines expected = Lines{Reason(kEndReason, Url()), Raw("-------------GST_MESSAGE_EOS"), BusFailure(),
+                                 Info(Row().reconnectMessage + Url())} +
                            Row().SkippedBuildLines() +
                            Lines{NotMade(source), Row().NotAllElements(Url()), failure, Info(Row().exitMessage)};
     EXPECT_EQ(expected, m_log.Take());
@@ -443,7 +453,7 @@ TEST_P(Lifecycle, CloseDuringTheWaitBuildsOnceMore) {
     const std::size_t made = m_faults.Made().size();
     const std::size_t polls = m_faults.Polls().size();
     EXPECT_TRUE(Source().CloseLiveStream());
-    EXPECT_EQ((Lines{Raw("-------------GST_MESSAGE_EOS"), BusFailure()}) +
+    EXPECT_EQ((Lines{Reason(kEndReason, Url()), Raw("-------------GST_MESSAGE_EOS"), BusFailure()}) +
                   Row().CloseLines(Url(), Row().RebuildLines(Url()) + Lines{Info(Row().exitMessage)}),
               m_log.Take());
     EXPECT_EQ(3U, m_faults.Sleeps().size()) << "the stop ends the wait";
@@ -481,7 +491,8 @@ TEST_P(Lifecycle, ReopenedSourceEndsWithItsSession) {
     GstElement *const pipeline = SourceProbe::Pipeline(Source());
     Post(gst_message_new_eos(nullptr));
     ASSERT_TRUE(m_log.WaitFor(Info(Row().exitMessage)));
-    EXPECT_EQ((Lines{Raw("-------------GST_MESSAGE_EOS"), BusFailure(), Info(Row().exitMessage)}), m_log.Take());
+    EXPECT_EQ((Lines{Reason(kEndReason, Url()), Raw("-------------GST_MESSAGE_EOS"), BusFailure(), Info(Row().exitMessage)}),
+              m_log.Take());
     EXPECT_TRUE(m_faults.Sleeps().empty());
     EXPECT_EQ(Row().stateAfterPlay, SourceProbe::StateText(Source()));
     EXPECT_EQ(pipeline, SourceProbe::Pipeline(Source())) << "left for the close";

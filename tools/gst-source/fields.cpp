@@ -24,6 +24,15 @@ const char *FlowName(Flow flow) {
     return "";
 }
 
+void AddError(Record &record, const SourceSample &source) {
+    const Reason none;
+    const Reason &error = source.last_error ? *source.last_error : none;
+    record["last_error"] = TextOrNull(error.text);
+    record["last_error_code"] = TextOrNull(error.code);
+    record["last_error_time"] = TextOrNull(error.time);
+    record["attempts"] = source.attempts;
+}
+
 void AddHead(Record &record, const char *type, const RunSample &run, const SourceSample &source, const std::string &time) {
     record["type"] = type;
     record["time"] = time;
@@ -67,6 +76,7 @@ Record SampleRecord(const RunSample &run, const SourceSample &source, const std:
     record["audio_age_ms"] = AgeMs(audio);
     record["audio_lost_frames"] = Optional(audio.lost_frames);
     record["audio_discontinuities"] = Optional(audio.discontinuities);
+    AddError(record, source);
     return record;
 }
 
@@ -87,6 +97,7 @@ Record SummaryRecord(const RunSample &run, const SourceSample &source, const std
     record["audio_dumped_frames"] = Optional(source.audio.dumped_frames);
     record["audio_lost_frames"] = Optional(source.audio.lost_frames);
     record["audio_discontinuities"] = Optional(source.audio.discontinuities);
+    AddError(record, source);
     return record;
 }
 

@@ -11,7 +11,10 @@ namespace tool {
 std::string FormatPicture(const VideoSample &video);
 std::string FormatSound(const AudioSample &audio);
 
-// What the state column says: the library's state, unless that hides that nothing comes.
+// An error as briefly as it can be told: "404 Not Found".
+std::string FormatReason(const Reason &reason);
+
+// What the state column says: the library's state, unless that hides that nothing comes, and why.
 std::string FormatState(const SourceSample &sample);
 
 // One line about what a source has delivered in all.

@@ -19,10 +19,12 @@
 #include "dump.h"
 #include "emergency.h"
 #include "fd.h"
+#include "format.h"
 #include "frame_goal.h"
 #include "interrupts.h"
 #include "log_capture.h"
 #include "missing.h"
+#include "reason.h"
 #include "rtmps_policy.h"
 #include "secrets.h"
 #include "source.h"
@@ -156,6 +158,7 @@ class Host {
     // In this order: each needs those before it until it is gone.
     Fd m_logFile;
     std::vector<std::string> m_missing;  // element factories; the log's thread, and everybody once the log has ended
+    std::unique_ptr<NewsDesk> m_news;
     std::unique_ptr<LogCapture> m_log;
     Buffer m_buffer;
     Map m_map;
@@ -199,7 +202,12 @@ void Host::MakeLog() {
     } else if (shares_terminal) {
         target = -1;
     }
-    m_log = std::make_unique<LogCapture>(target, shares_terminal, MakeMasker(m_options), [this](const std::string &line) {
+    const Masker masker = MakeMasker(m_options);
+    std::vector<std::string> urls = m_options.urls;
+    std::transform(urls.begin(), urls.end(), urls.begin(), [&](const std::string &url) { return masker.Mask(url); });
+    m_news = std::make_unique<NewsDesk>(urls);
+    m_log = std::make_unique<LogCapture>(target, shares_terminal, masker, [this](const std::string &line) {
+        m_news->OnLine(line);
         const auto factory = MissingElement(line);
         if (factory && std::find(m_missing.begin(), m_missing.end(), *factory) == m_missing.end()) {
             m_missing.push_back(*factory);
@@ -267,6 +275,7 @@ Host::End Host::Watch() {
         uint64_t change = m_log->LineCount();
         bool reached = m_options.frames > 0;
         for (size_t i = 0; i < m_sources.size(); ++i) {
+            m_sources[i]->Take(m_news->Of(i), m_news->IsShared(i));
             m_sources[i]->Poll();
             const SourceSample &sample = m_sources[i]->Latest();
             reached = reached && m_goals[i].Reached(sample, now);
@@ -320,8 +329,9 @@ RunSample Host::Sample(Phase phase) {
     run.elapsed_s = Seconds((m_ended ? m_end : Clock::now()) - m_start).count();
     run.buffer_name = shb_name(m_buffer.get());
     run.phase = phase;
-    for (const auto &source : m_sources) {
-        run.sources.push_back(source->Sample());
+    for (size_t i = 0; i < m_sources.size(); ++i) {
+        m_sources[i]->Take(m_news->Of(i), m_news->IsShared(i));
+        run.sources.push_back(m_sources[i]->Sample());
     }
     for (const auto &dump : m_dumps) {
         SourceSample &source = run.sources[dump->Channel()];
@@ -406,7 +416,8 @@ int Host::Conclude(End end) {
     for (const SourceSample &source : run.sources) {
         if (!Delivered(source)) {
             silent += (silent.empty() ? "" : ", ") + ("source " + std::to_string(source.channel) + " " + source.url) +
-                      (source.state == "failed" ? " (could not be opened)" : "");
+                      (source.state == "failed" ? " (could not be opened)" : "") +
+                      (source.last_error ? ": " + FormatReason(*source.last_error) : "");
         }
     }
     if (!silent.empty()) {

@@ -1,4 +1,4 @@
-// Counts how often a source was rebuilt, from what a host can see of it.
+// Counts how often a source was rebuilt, from what a host can see of it and what the log says.
 #pragma once
 
 #include <algorithm>
@@ -25,9 +25,12 @@ class RebuildCounter {
     // a change of media the old pipeline's next report turns it back into "connected".
     void OnEpoch(uint64_t epoch) { m_epoch = std::max(m_epoch, epoch); }
 
+    // The log has a line for each; a state that lasts for a moment is seen there alone.
+    void OnReconnects(unsigned logged) { m_logged = std::max<uint64_t>(m_logged, logged); }
+
     unsigned Count() const {
         const uint64_t reopened = m_epoch > 0 ? m_epoch - 1 : 0;
-        return static_cast<unsigned>(std::max<uint64_t>(m_transitions, reopened));
+        return static_cast<unsigned>(std::max({m_transitions, reopened, m_logged}));
     }
 
   private:
@@ -35,6 +38,7 @@ class RebuildCounter {
     std::string m_state;
     uint64_t m_transitions = 0;
     uint64_t m_epoch = 0;
+    uint64_t m_logged = 0;
 };
 
 }  // namespace tool

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "reason.h"
 #include "stream_url.h"
 
 namespace tool {
@@ -45,6 +46,11 @@ struct SourceSample {
     std::string state;  // of the library's status record; "failed" when the open call refused
     Flow flow = Flow::kNone;
     unsigned rebuilds = 0;
+    // Sessions begun since media last came, 0 while they come.
+    unsigned attempts = 0;
+    std::optional<Reason> last_error;
+    // Seconds until the next session begins; only between two sessions.
+    std::optional<double> retry_in_s;
     VideoSample video;
     AudioSample audio;
 };

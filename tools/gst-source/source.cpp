@@ -1,6 +1,7 @@
 #include "source.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 namespace tool {
@@ -112,6 +113,20 @@ void Source::Poll() {
     ReadCounters();
 }
 
+void Source::Take(const SourceNews &news, bool shared) {
+    // The library's wait between two sessions.
+    constexpr double kWait = 3;
+    m_sample.last_error = news.last;
+    m_sample.retry_in_s.reset();
+    if (news.waiting && !shared) {
+        const std::chrono::duration<double> gone = std::chrono::steady_clock::now() - news.last_at;
+        m_sample.retry_in_s = std::max(0.0, kWait - gone.count());
+    }
+    if (!shared) {
+        m_rebuilds.OnReconnects(news.reconnects);
+    }
+}
+
 const SourceSample &Source::Sample() {
     ReadRecords();
     ReadCounters();
@@ -155,6 +170,13 @@ void Source::ReadCounters() {
     ReadTrack(m_buffer, m_sample.channel, SHB_AUDIO, silent_after, m_sample.audio);
     m_rebuilds.OnEpoch(std::max(m_sample.video.epoch, m_sample.audio.epoch));
     m_sample.rebuilds = m_rebuilds.Count();
+    const uint64_t frames = m_sample.video.frames + m_sample.audio.frames;
+    if (frames != m_framesSeen) {
+        m_framesSeen = frames;
+        m_rebuildsAtMedia = m_sample.rebuilds;
+        m_hadMedia = true;
+    }
+    m_sample.attempts = m_sample.rebuilds - m_rebuildsAtMedia + (m_hadMedia ? 0U : 1U);
     if (!Delivered(m_sample)) {
         m_sample.flow = Flow::kNone;
     } else {

@@ -23,6 +23,9 @@ class Source {
     // Notes changes of the state. To be called far more often than the 3 s that a rebuild waits.
     void Poll();
 
+    // What the log says of this source. `shared`: other sources have the same location.
+    void Take(const SourceNews &news, bool shared);
+
     const SourceSample &Sample();
     // The counters and the number of rebuilds as of the last Poll(), the rest as of the last Sample().
     const SourceSample &Latest() const { return m_sample; }
@@ -47,6 +50,9 @@ class Source {
     std::unique_ptr<void, Deleter> m_handle;
     bool m_opened = false;
     RebuildCounter m_rebuilds;
+    uint64_t m_framesSeen = 0;
+    unsigned m_rebuildsAtMedia = 0;
+    bool m_hadMedia = false;
     SourceSample m_sample;
 };
 

@@ -44,6 +44,7 @@ struct SourceProbe {
     static bool Play(CBaseSource &source) {
         return static_cast<T &>(source)._PipelinePlay();
     }
+    static int PollBus(CBaseSource &source) { return source._PollBus(); }
     template <typename T>
     static bool Stop(CBaseSource &source) {
         return static_cast<T &>(source)._PipelineStop();

@@ -1,0 +1,308 @@
+#include "framework/Reason.h"
+
+#include "framework/FrameworkLog.h"
+#include "framework/Ownership.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace GSTREAMER {
+
+namespace {
+
+constexpr std::size_t kLongestText = 240;
+constexpr char kEndedEarly[] = "The stream has ended before any media came";
+
+struct StructureFree {
+    void operator()(GstStructure *structure) const { gst_structure_free(structure); }
+};
+struct ErrorFree {
+    void operator()(GError *error) const { g_error_free(error); }
+};
+using StructurePtr = std::unique_ptr<GstStructure, StructureFree>;
+using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
+
+// What a message of that kind holds; anybody may post one by hand that holds less.
+struct Contents {
+    ErrorPtr error;
+    TextPtr debug;
+    StructurePtr details;
+};
+
+Contents ContentsOf(const GstStructure *structure) {
+    GError *error = nullptr;
+    gchar *debug = nullptr;
+    GstStructure *details = nullptr;
+    if (structure != nullptr) {
+        gst_structure_get(structure, "gerror", G_TYPE_ERROR, &error, nullptr);
+        gst_structure_get(structure, "debug", G_TYPE_STRING, &debug, nullptr);
+        gst_structure_get(structure, "details", GST_TYPE_STRUCTURE, &details, nullptr);
+    }
+    return {ErrorPtr(error), TextPtr(debug), StructurePtr(details)};
+}
+
+// Behind the file, the function and the element, which end the first line.
+std::string DetailOf(const gchar *debug) {
+    const char *detail = debug != nullptr ? std::strchr(debug, '\n') : nullptr;
+    return detail != nullptr ? detail + 1 : "";
+}
+
+std::string Tidy(std::string text) {
+    for (const char *prefix : {"failed to connect: ", "Failed to connect: ", "Failed to open SRT: ", "bind failed: "}) {
+        if (text.rfind(prefix, 0) == 0) {
+            text.erase(0, std::strlen(prefix));
+        }
+    }
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
+    while (!text.empty() && (text.back() == '.' || text.back() == ' ')) {
+        text.pop_back();
+    }
+    if (text.size() > kLongestText) {
+        text.replace(kLongestText, std::string::npos, "...");
+    }
+    // Servers put what they like into it, and the cut may have gone through a letter.
+    const TextPtr valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
+    return valid.get();
+}
+
+// Whether an error says nothing but that its kind of thing has failed.
+bool IsVague(const GError &error) {
+    const TextPtr usual(gst_error_get_message(error.domain, error.code));
+    return (usual && std::strcmp(error.message, usual.get()) == 0) ||
+           g_error_matches(&error, GST_STREAM_ERROR, GST_STREAM_ERROR_FAILED) != FALSE;
+}
+
+// The answer of a server, as the elements for HTTP and RTSP hand it on.
+bool TakeStatus(const GstStructure *details, Reason &reason) {
+    guint status = 0;
+    if (details == nullptr || (gst_structure_get_uint(details, "http-status-code", &status) == FALSE &&
+                               gst_structure_get_uint(details, "rtsp-status-code", &status) == FALSE)) {
+        return false;
+    }
+    if (const gchar *text = gst_structure_get_string(details, "rtsp-status-reason"); text != nullptr && text[0] != '\0') {
+        reason.text = text;
+    }
+    reason.code = std::to_string(status);
+    return true;
+}
+
+// A stream that has been stopped by what lies behind.
+bool TakeFlow(const GstStructure *details, Reason &reason) {
+    gint flow = GST_FLOW_OK;
+    if (details == nullptr || gst_structure_get_int(details, "flow-return", &flow) == FALSE) {
+        return false;
+    }
+    if (flow == GST_FLOW_NOT_LINKED) {
+        reason.text = "No medium of the stream is one that is carried";
+        reason.code = "not-linked";
+    } else if (flow == GST_FLOW_NOT_NEGOTIATED) {
+        reason.text = "The format of the stream is not one that is carried";
+        reason.code = "not-negotiated";
+    }
+    return !reason.code.empty();
+}
+
+void Describe(GstMessage *message, Reason &reason) {
+    const Contents contents = ContentsOf(gst_message_get_structure(message));
+    const std::string cause = CauseOf(message);
+    const std::string detail = DetailOf(contents.debug.get());
+    reason.text = contents.error && contents.error->message != nullptr ? contents.error->message : "";
+    if (TakeStatus(contents.details.get(), reason)) {
+        return;
+    }
+    reason.code = CodeOf(reason.text.c_str());
+    if (!reason.code.empty() || (TakeFlow(contents.details.get(), reason))) {
+        return;
+    }
+    // The most telling of what else there is.
+    for (const std::string *other : {&cause, &detail}) {
+        if (const char *code = CodeOf(other->c_str()); code[0] != '\0') {
+            reason.text = other->find("Got EOS before any data") != std::string::npos ? kEndedEarly : *other;
+            reason.code = code;
+            return;
+        }
+    }
+    if (!contents.error || IsVague(*contents.error)) {
+        gint flow = GST_FLOW_OK;
+        // How rtspsrc words that it has read nothing.
+        const bool unread = detail.find("(System error)") != std::string::npos;
+        reason.unexplained = detail.empty() || unread ||
+                             (contents.details && gst_structure_get_int(contents.details.get(), "flow-return", &flow) != FALSE);
+        const std::string &other = !detail.empty() ? detail : cause;
+        reason.text = other.empty() ? reason.text : other;
+    }
+}
+
+// A segment that is refused reaches the bus as the headers of its answer only; those of the location itself come before an error that says the same.
+std::optional<Reason> ReasonOfHeaders(GstMessage *message, const GstStructure *structure) {
+    constexpr guint kFirstRefusal = 400;
+    guint status = 0;
+    GstObject *source = GST_MESSAGE_SRC(message);
+    GstObject *bin = source != nullptr ? GST_OBJECT_PARENT(source) : nullptr;
+    if (gst_structure_get_uint(structure, "http-status-code", &status) == FALSE || status < kFirstRefusal || bin == nullptr ||
+        GST_IS_PIPELINE(bin)) {
+        return std::nullopt;
+    }
+    const gchar *location = gst_structure_get_string(structure, "uri");
+    return Reason{false, GST_OBJECT_NAME(source), std::string("Refused: ") + (location != nullptr ? location : "a request"),
+                  std::to_string(status), false};
+}
+
+std::optional<Reason> ReasonOfElementMessage(GstMessage *message) {
+    const GstStructure *structure = gst_message_get_structure(message);
+    if (structure == nullptr) {
+        return std::nullopt;
+    }
+    const bool udp = gst_structure_has_name(structure, "GstUDPSrcTimeout") != FALSE;
+    if (udp || gst_structure_has_name(structure, "GstRTSPSrcTimeout") != FALSE) {
+        const char *name = GST_MESSAGE_SRC(message) != nullptr ? GST_MESSAGE_SRC_NAME(message) : "";
+        guint64 time = 0;
+        gst_structure_get_uint64(structure, "timeout", &time);
+        const std::string span = udp && time >= GST_SECOND ? " for " + std::to_string(time / GST_SECOND) + " s" : "";
+        return Reason{true, name, "No data came" + span, "timeout", false};
+    }
+    return gst_structure_has_name(structure, "http-headers") != FALSE ? ReasonOfHeaders(message, structure) : std::nullopt;
+}
+
+std::optional<Reason> Find(GstMessage *message) {
+    Reason reason;
+    reason.element = GST_MESSAGE_SRC(message) != nullptr ? GST_MESSAGE_SRC_NAME(message) : "";
+    switch (GST_MESSAGE_TYPE(message)) {
+        case GST_MESSAGE_ERROR:
+            Describe(message, reason);
+            return reason;
+        case GST_MESSAGE_WARNING:
+            reason.ends = false;
+            Describe(message, reason);
+            return reason;
+        case GST_MESSAGE_EOS:
+            reason.text = "The stream has ended";
+            reason.code = "end";
+            return reason;
+        case GST_MESSAGE_ELEMENT:
+            return ReasonOfElementMessage(message);
+        default:
+            return std::nullopt;
+    }
+}
+
+// The password of the URL whose authority begins at `begin`. Where the URL ends.
+std::size_t MaskUrl(std::string &text, std::size_t begin) {
+    constexpr char kStars[] = "***";
+    constexpr char kUrlEnd[] = " \"'<>\n";
+    const std::size_t path = std::min(text.find_first_of("/?# \"'<>\n", begin), text.size());
+    const std::size_t at = text.rfind('@', path);
+    const std::size_t colon = text.find(':', begin);
+    if (at != std::string::npos && at >= begin && colon < at) {
+        text.replace(colon + 1, at - colon - 1, kStars);
+    }
+    constexpr char kKey[] = "passphrase=";
+    std::size_t end = std::min(text.find_first_of(kUrlEnd, begin), text.size());
+    for (std::size_t key = text.find(kKey, begin); key < end; key = text.find(kKey, key + 1)) {
+        const std::size_t value = key + sizeof kKey - 1;
+        text.replace(value, std::min(text.find_first_of("&#", value), end) - value, kStars);
+        end = std::min(text.find_first_of(kUrlEnd, begin), text.size());
+    }
+    return end;
+}
+
+}  // namespace
+
+std::string Reason::Line() const {
+    return std::string(ends ? "Error" : "Warning") + " from \"" + element + "\": " + text +
+           (code.empty() ? "" : " (" + code + ")");
+}
+
+const char *CodeOf(const char *text) {
+    struct Wording {
+        const char *part;
+        const char *code;
+    };
+    // The more special comes first.
+    static constexpr Wording kWordings[] = {
+        {"Incorrect passphrase", "BADSECRET"},
+        {"Password required or unexpected", "UNSECURE"},
+        {"NetStream.Play.StreamNotFound", "NetStream.Play.StreamNotFound"},
+        {"NetConnection.Connect.Rejected", "NetConnection.Connect.Rejected"},
+        {"NetConnection.Connect.InvalidApp", "NetConnection.Connect.InvalidApp"},
+        {"Address already in use", "port-in-use"},
+        {"Cannot assign requested address", "no-address"},
+        {"onnection refused", "refused"},
+        {"Error resolving", "dns"},
+        {"Name or service not known", "dns"},
+        {"name resolution", "dns"},
+        {"Failed to resolve", "dns"},
+        {"Problem accessing the DNS", "dns"},
+        {"No route to host", "no-route"},
+        {"etwork is unreachable", "no-route"},
+        {"ost is unreachable", "no-route"},
+        {"ost unreachable", "no-route"},
+        {"TLS", "tls"},
+        {"ertificate", "tls"},
+        {"timed out", "timeout"},
+        {"imeout", "timeout"},
+        {"onnection rejected", "rejected"},
+        {"closed remotely", "closed"},
+        {"onnection reset", "closed"},
+        {"(Received end-of-file)", "closed"},
+        {"has closed the connection", "closed"},
+        {"failed to read RTMP packet header", "closed"},
+        {"for decryption", "key"},
+        {"Cannot bind to", "bind"},
+        {"No supported stream", "no-stream"},
+        {"SDP contains no streams", "no-stream"},
+        {"Invalid playlist", "playlist"},
+        {"playlist is empty", "playlist"},
+        {"determine type of stream", "format"},
+        {"Got EOS before any data", "end"},
+        {"No space left", "full"},
+        {"Permission denied", "denied"},
+    };
+    for (const Wording &wording : kWordings) {
+        if (std::strstr(text, wording.part) != nullptr) {
+            return wording.code;
+        }
+    }
+    return "";
+}
+
+std::string MaskSecrets(std::string text) {
+    constexpr char kAuthority[] = "://";
+    for (std::size_t at = text.find(kAuthority); at != std::string::npos; at = text.find(kAuthority, at)) {
+        at = MaskUrl(text, at + sizeof kAuthority - 1);
+    }
+    return text;
+}
+
+std::optional<Reason> ReasonOf(GstMessage *message) {
+    std::optional<Reason> reason = Find(message);
+    if (reason) {
+        reason->text = MaskSecrets(Tidy(std::move(reason->text)));
+        if (reason->text.empty()) {
+            reason->text = "No reason was given";
+        }
+        if (reason->element.empty()) {
+            reason->element = "pipeline";
+        }
+    }
+    return reason;
+}
+
+Reason ReasonOfFailedStart(GstElement *pipeline) {
+    Reason reason{true, "pipeline", MaskSecrets(Tidy(TakeThreadCause())), "", false};
+    reason.code = CodeOf(reason.text.c_str());
+    if (reason.text.empty()) {
+        reason.text = "It could not be started";
+    }
+    const GList *first = pipeline != nullptr ? GST_BIN_CHILDREN(pipeline) : nullptr;
+    for (const GList *child = first; child != nullptr; child = child->next) {
+        if (GST_STATE_RETURN(child->data) == GST_STATE_CHANGE_FAILURE) {
+            reason.element = GST_OBJECT_NAME(child->data);
+        }
+    }
+    return reason;
+}
+
+}  // namespace GSTREAMER

@@ -364,6 +364,12 @@ std::string WriteMoreThanFits(const std::string &text, int peer) {
         Log(text);
         got += ReadAll(peer);
     }
+    // A terminal hands on what it has taken a moment later.
+    EXPECT_TRUE(Eventually([&] {
+        got += ReadAll(peer);
+        const Strings messages = Messages(got);
+        return !messages.empty() && messages.back() == text + "\n";
+    }));
     return got;
 }
 

@@ -15,7 +15,7 @@ class SyncMessages {
     SyncMessages(const SyncMessages &) = delete;
     SyncMessages &operator=(const SyncMessages &) = delete;
 
-    // Calls `seen` with each message of that type, by its name in GStreamer ("need-context"), for as long as this lives.
+    // Calls `seen` with each message of that type ("need-context"), for as long as this lives.
     void Watch(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> seen);
 
   private:

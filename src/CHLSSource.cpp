@@ -282,7 +282,7 @@ void CHLSSource::_ListWorkarounds() {
         },
         Credentials{m_strURL, m_strUserId, m_strUserPw}));
     m_workarounds.Add(std::make_unique<SharedSegmentSession>());
-    // In this order: no segment is requested any more, what has been requested is answered, and the rest is not.
+    // In this order: no segment is requested any more, requests are answered, and hidden ones are not.
     m_workarounds.Add(std::make_unique<LateSegmentRequest>());
     m_workarounds.Add(std::make_unique<UnansweredHttpRequests>());
     m_workarounds.Add(std::make_unique<HiddenPlaylistRequests>(m_pSoupSrc));

@@ -1,4 +1,4 @@
-// Symptom: an HLS source stays "connected" for ever without media after its server has answered with an empty playlist.
+// Symptom: after an empty playlist, an HLS source stays "connected" for ever without media.
 // Seen: hlsdemux of GStreamer 1.22.0 and 1.26.2. It ignores the end of a stream that brought nothing.
 // Done: an error ends the session when the first playlist request ends without a byte.
 // Cost: none.

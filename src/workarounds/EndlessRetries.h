@@ -1,6 +1,6 @@
 // Symptom: with retries of -1, which is without end, an HLS source requests nothing at all.
-// Seen: souphttpsrc of GStreamer 1.26.2, not of 1.22.0. It compares the count with -1. With a large number it makes 640 requests a second.
-// Done: where the element has a back-off, -1 becomes the largest number, with pauses of 1, 2 and then always 3 s.
+// Seen: souphttpsrc of GStreamer 1.26.2, not of 1.22.0. A large number alone makes 1,000 requests a second.
+// Done: where the element has a back-off, -1 becomes the largest number, with pauses of 1, 2 and then 3 s.
 // Cost: none.
 // Test: Hls.RetriesWithoutEnd.
 #pragma once

@@ -1,6 +1,6 @@
-// Symptom: closing an HLS source ends the process, in libsoup, when a reload, a variant or a key is answered just then.
-// Seen: souphttpsrc of GStreamer 1.22.0 (libsoup 3.2.3) and 1.26.2 (3.6.5), as in UnansweredHttpRequests, in elements that hlsdemux keeps outside of any bin.
-// Done: before a stop their HTTP session, which is the playlist's, rests for 30 ms, in which it takes no answer.
+// Symptom: closing an HLS source while a reload, a variant or a key is answered ends the process, in libsoup.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2, inside hlsdemux, which keeps it outside of any bin.
+// Done: before a stop their HTTP session, which is the playlist's, handles nothing for 30 ms.
 // Cost: a close takes 30 ms longer, 100 ms at most.
 // Test: ClosingHls.JustWhenAVariantIsAnswered.
 #pragma once

@@ -8,7 +8,7 @@ void LateSegmentRequest::Attach(GstElement *pipeline) {
     OnSegmentSource(pipeline, [stopping = m_pStopping](GstElement *source) {
         BeforeEachRequest(source, [stopping](GstPad *pad) {
             if (*stopping) {
-                // Looked at before the request. (A flush of the element would wait for the lock that its stop holds.)
+                // The source looks at this before the request. Flushing it by event would wait for its stop.
                 GST_OBJECT_LOCK(pad);
                 GST_PAD_SET_FLUSHING(pad);
                 GST_OBJECT_UNLOCK(pad);

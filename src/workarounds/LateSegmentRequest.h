@@ -1,6 +1,6 @@
-// Symptom: closing an HLS source ends the process, in libsoup, when hlsdemux requests its next segment just then.
-// Seen: souphttpsrc of GStreamer 1.22.0 (libsoup 3.2.3) and 1.26.2 (3.6.5), as in UnansweredHttpRequests, which sees only requests that have begun.
-// Done: once the pipeline is being stopped, a segment source finds its pad flushing before it makes a request.
+// Symptom: closing an HLS source while hlsdemux begins to request a segment ends the process, in libsoup.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2. UnansweredHttpRequests sees only requests that have begun.
+// Done: once the pipeline is being stopped, a segment source finds its pad flushing before a request.
 // Cost: none.
 // Test: ClosingHls.WhileSegmentFollowsSegment.
 #pragma once

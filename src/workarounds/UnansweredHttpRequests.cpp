@@ -15,7 +15,7 @@ constexpr std::chrono::milliseconds kLookPause{1};
 // Far more than hlsdemux takes to deal with a segment that has been refused.
 constexpr std::chrono::milliseconds kRefusalPause{30};
 
-// What the sources are about. The headers of an answer go out as a sticky event, which lasts until the next request.
+// The headers of an answer go out as a sticky event, which lasts until the next request.
 struct Requests {
     int waiting = 0;   // sources that stream and have no answer yet
     int answered = 0;  // sources whose last request has been answered

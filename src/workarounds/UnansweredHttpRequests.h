@@ -1,8 +1,8 @@
 // Symptom: closing an HLS source ends the process, in libsoup, or never ends.
-// Seen: souphttpsrc of GStreamer 1.22.0 (libsoup 3.2.3) and 1.26.2 (3.6.5), stopped just as an answer arrives or as it begins to connect.
-// Done: a stop waits until the playlist's and the segments' requests are answered. A refusal is given 30 ms more, for hlsdemux to deal with it.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2, stopped as an answer arrives or as it begins to connect.
+// Done: a stop waits until the playlist's and the segments' requests are answered, and 30 ms after a refusal.
 // Cost: a close takes as long as the server for its answer, half a second at most.
-// Test: Hls.ClosedJustWhenTheAnswerComesEndsWell, Hls.ClosedJustWhenTheFirstSegmentComesEndsWell, Hls.ClosedWhileItBeginsToConnectEndsWell.
+// Test: Hls.ClosedJustWhenTheFirstSegmentComesEndsWell, Hls.ClosedWhileItBeginsToConnectEndsWell.
 #pragma once
 
 #include "workarounds/Workaround.h"

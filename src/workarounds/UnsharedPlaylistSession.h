@@ -1,6 +1,6 @@
-// Symptom: with a time-out other than 15 s, or a proxy, hlsdemux requests reloads, variants and keys without time-out, proxy and credentials.
-// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2. It offers its HTTP session to these requests only while both options have their defaults.
-// Done: the playlist's source has the defaults while it decides, and its options again before it makes the session.
+// Symptom: with a time-out other than 15 s, or a proxy, HLS reloads, variants and keys go without any option.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2. It offers its HTTP session to others only at its defaults.
+// Done: the playlist's source has the defaults while it decides, and its options before it makes the session.
 // Cost: none.
 // Test: Hls.EveryRequestComesThroughTheProxy, HlsPlays.FramesEqualTheMaterial/requests.
 #pragma once
@@ -15,7 +15,7 @@ namespace GSTREAMER {
 
 class UnsharedPlaylistSession final : public Workaround {
   public:
-    // `source` fetches the playlist and outlives this. `proxy` is what it has been given, since it does not give back the password in it.
+    // `source` fetches the playlist and outlives this. It does not give back a password in its `proxy`.
     UnsharedPlaylistSession(GstElement *source, std::string proxy);
 
     void Attach(GstElement *pipeline) override;

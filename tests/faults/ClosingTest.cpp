@@ -292,7 +292,7 @@ TEST(ClosingRtsp, JustBeforeTheConnectionIsMade) {
     }
 }
 
-// ---- HLS: requests that meet a stop -------------------------------------------------------------------------------------------
+// ---- HLS: requests that meet a stop -----------------------------------------------------------------------------------------
 
 // For moments that are shorter than a sleep.
 void Pass(std::chrono::microseconds span) {
@@ -322,7 +322,7 @@ class ClosingHls : public testing::Test {
     int m_buffer = 0;
 };
 
-// hlsdemux requests it where nobody sees it. What came within 20 microseconds of a stop used to end the process, in libsoup.
+// hlsdemux requests it outside of any bin. An answer within 20 microseconds of a stop ended the process.
 TEST_F(ClosingHls, JustWhenAVariantIsAnswered) {
     constexpr int kRounds = 250;
     constexpr int kMoments = 5;

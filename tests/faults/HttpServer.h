@@ -11,7 +11,7 @@ namespace unit {
 
 class HttpServer {
   public:
-    // Called with the path of each request, on a thread of the connection; gives the body of the answer, which is sent at once.
+    // Gives the body of the answer to a request for that path. Called on a thread of the connection.
     using Answer = std::function<std::string(const std::string &path)>;
 
     explicit HttpServer(Answer answer);

@@ -301,7 +301,7 @@ TEST_F(Hls, CredentialsGoToThePlaylistsServerOnly) {
 
 // ---- Retries ----------------------------------------------------------------------------------------------------------
 
-// With GStreamer 1.26 the source element repeats what was answered 503, without a pause by default; with 1.22 the session begins anew.
+// After 503, souphttpsrc of GStreamer 1.26 asks again; with 1.22 the session begins anew.
 TEST_F(Hls, RetriesWithoutEnd) {
     HlsOptions options;
     options.retries = -1;

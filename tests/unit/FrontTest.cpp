@@ -861,7 +861,7 @@ TEST_F(Options, HlsSegmentSourceWithoutItsPadIsLeftAsItIs) {
     }
 }
 
-// The source of the playlist offers its session to reloads, variants and keys, which hlsdemux requests without options.
+// The source of the playlist offers its session to reloads, variants and keys.
 TEST_F(Options, HlsSharesThePlaylistsSessionWhateverItsOptions) {
     struct Row {
         unsigned int timeout;

@@ -16,14 +16,9 @@ class SyncMessages {
     SyncMessages(const SyncMessages &) = delete;
     SyncMessages &operator=(const SyncMessages &) = delete;
 
-<<<<<<< HEAD
     // From now on the pipeline's messages are seen, until this goes or is detached. Nothing may be posted at that moment.
     void Attach(GstElement *pipeline);
     void Detach();
-=======
-    // Calls `seen` with each message of that type ("need-context"), for as long as this lives.
-    void Watch(GstElement *pipeline, const char *type, std::function<void(GstMessage *)> seen);
->>>>>>> 1026c48883af549666024efa33ce2eab12cc11b6
 
   private:
     static void message_handler(GstBus *bus, GstMessage *message, gpointer user_data);

@@ -113,7 +113,9 @@ struct SourceProbe {
     }
     static bool IsRtmps(CBaseSource &source) { return static_cast<CRtmpSource &>(source).m_bRtmps; }
     static media_change_callback_t Callback(CBaseSource &source) { return source.m_pfnMediaChange; }
-    static void RemoveMany(std::initializer_list<GSTREAMER::ElementRef *> elements) { CBaseSource::_RemoveManyElements(elements); }
+    static void RemoveMany(std::initializer_list<GSTREAMER::ElementRef *> elements) {
+        CBaseSource::_RemoveManyElements(elements);
+    }
 
     static void UpdateVideo(CBaseSource &source, const std::string &code, int width, int height, float fps,
                             const std::string &scan_type, int ref_frames) {

@@ -89,7 +89,7 @@ AbandonedRtmpAttempt::AbandonedRtmpAttempt(GstElement *source, std::string threa
       m_strThread(std::move(thread_name)),
       m_fnOnLeft(std::move(on_left)),
       m_pAttempt(std::make_shared<Attempt>()),
-      m_errors("error", source, [attempt = m_pAttempt](GstMessage *) { attempt->SetOver(); }),
+      m_errors("sync-message::error", source, [attempt = m_pAttempt](GstMessage *) { attempt->SetOver(); }),
       m_sockets([this] { return _IsOwnThread(); }) {
     g_weak_ref_init(&m_source, source);
 }
@@ -142,9 +142,8 @@ void AbandonedRtmpAttempt::BeforeStop() {
     m_bRuns = false;
 }
 
-// The sockets are shut down on the element's own thread, when that has nothing else to do: a connection that breaks
-// between two steps of the attempt is overlooked by the next one. Again and again, since there may be another
-// address to connect to.
+// On the element's own thread, when that has nothing else to do: a connection that breaks between two steps
+// of the attempt is overlooked. Again and again, since there may be another address to connect to.
 void AbandonedRtmpAttempt::_EndAttempt(GMainContext *context, std::chrono::steady_clock::time_point until) {
     GSource *const shutdown = g_timeout_source_new(static_cast<guint>(kPause.count()));
     g_source_set_priority(shutdown, G_PRIORITY_LOW);

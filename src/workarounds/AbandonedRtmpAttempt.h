@@ -1,8 +1,8 @@
-// Symptom: an RTMP source that is closed while it connects leaves its element, a descriptor or two and a context.
-// Seen: rtmp2src of GStreamer 1.22.0 and 1.26.2. Its loop ends at the stop, whatever the attempt still waits for.
-// Done: before the stop its own sockets are shut down, so that the attempt fails while the loop still runs.
-// Cost: a close waits for that, 0.3 s at most (a name that is being resolved). One look for each connection by GIO.
-// Test: Rtmp.ClosedAtAnyMomentOfConnectingLeavesNothingBehind, RtmpAttempt.*.
+// Symptom: an RTMP source that is closed while it connects leaves its element, a socket and a main context.
+// Seen: rtmp2src of GStreamer 1.22.0 and 1.26.2. Its loop ends at the stop, whatever its attempt waits for.
+// Done: its own sockets are shut down first, so that the attempt fails while the loop still runs.
+// Cost: a close waits for that, 0.3 s at most (names that resolve slowly). A hook for GIO's connections.
+// Test: RtmpAttempt.IsOverBeforeTheElementIsReleased, Rtmp.ClosedAtAnyMomentOfConnectingLeavesNothingBehind.
 #pragma once
 
 #include "framework/Ownership.h"
@@ -20,8 +20,8 @@ namespace GSTREAMER {
 
 class AbandonedRtmpAttempt final : public Workaround {
   public:
-    // Makes an element that has one GstTask of its own, and gives the name of the thread on which that runs: the
-    // framework counts the names of tasks through. Without a task, or when others make some without a pause, "".
+    // Makes an element that has one GstTask of its own, and gives the name of the thread on which that runs:
+    // the framework numbers its tasks. "" without a task, and when other threads make tasks without a pause.
     static ElementRef Make(const char *factory, const char *name, std::string &thread_name);
 
     // `thread_name` is what Make has given for `source`. `on_left` is called when an attempt stays for good.
@@ -44,7 +44,7 @@ class AbandonedRtmpAttempt final : public Workaround {
     const std::string m_strThread;
     const std::function<void()> m_fnOnLeft;
     const std::shared_ptr<Attempt> m_pAttempt;
-    // From before the start of the task to before its stop. Before that nobody has the name, later anybody may.
+    // From before the start of the task to before its stop. Before, nobody has the name; later, anybody may.
     std::atomic<bool> m_bRuns{false};
     SyncMessages m_errors;
     ClientSockets m_sockets;

@@ -1,8 +1,8 @@
-// Symptom: closing an RTMPS source that connects takes twice the connection time-out, or the kernel's two minutes.
-// Seen: rtmpsrc of GStreamer 1.22.0 and 1.26.2. It connects inside the state change, in calls that nothing cancels.
-// Done: once the source is to be closed, the socket that the playing thread waits for is shut down every 10 ms.
+// Symptom: closing an RTMPS source that connects takes twice the time-out, or the kernel's two minutes.
+// Seen: rtmpsrc of GStreamer 1.22.0 and 1.26.2. It connects inside the state change; nothing cancels that.
+// Done: once the source is to be closed, the socket that the thread waits for is shut down, every 10 ms.
 // Cost: one thread for the time of each connection attempt. Needs /proc.
-// Test: Rtmps.ClosesAtOnceWhileThePeerIsSilent, RtmpsStop.ConnectIsEndedByItsSocket.
+// Test: Rtmps.ClosesAtOnceWhileThePeerIsSilent, RtmpsPipe.ConnectIsEndedByItsSocket.
 #pragma once
 
 #include "workarounds/StopHelp.h"

@@ -40,8 +40,8 @@ void BrokenRtmpsPipe::Block::End() {
     m_bUnblock = false;
 }
 
-// Threads inherit the mask, and they are of a pool that the process shares. GLib 2.74 starts them on the thread that
-// needs one, GLib 2.84 on a thread that is started with the first task.
+// Threads inherit the mask, and they are of a pool that the process shares. GLib 2.74 starts them on the
+// thread that needs one, GLib 2.84 on a thread that is started with the first task.
 BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
     : m_streamStatus(OnStreamingThread(source, [this](GstStreamStatusType type) {
           if (type == GST_STREAM_STATUS_TYPE_CREATE) {

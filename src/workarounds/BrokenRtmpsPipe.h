@@ -1,6 +1,6 @@
 // Symptom: SIGPIPE ends the process when an RTMPS server closes its connection.
-// Seen: librtmp under rtmpsrc of GStreamer 1.22.0 and 1.26.2. It writes to connections that the peer has closed.
-// Done: the threads that enter librtmp (play, streaming, stop) block the signal meanwhile, and take back their own.
+// Seen: rtmpsrc of GStreamer 1.22.0 and 1.26.2. Its librtmp writes to connections that the peer has closed.
+// Done: the threads that enter librtmp (play, streaming, stop) block the signal meanwhile and drop their own.
 // Cost: none.
 // Test: RtmpsPipe.NothingOfTheProcessChanges.
 #pragma once
@@ -20,7 +20,8 @@ class BrokenRtmpsPipe final : public Workaround {
     void BeforeStop() override { m_stop.Begin(); }
     void AfterStop() override { m_stop.End(); }
 
-    // Between Begin and the first End, both on one thread, that thread gets no SIGPIPE. One that waited before waits on.
+    // Between Begin and the first End, both on one thread, that thread gets no SIGPIPE.
+    // One that waited before waits on.
     class Block {
       public:
         void Begin();

@@ -31,10 +31,10 @@ ClientSockets::ClientSockets(std::function<bool()> is_own) : m_fnIsOwn(std::move
     g_type_class_unref(g_type_class_ref(G_TYPE_SOCKET_CLIENT));
     Registry &registry = TheRegistry();
     const std::lock_guard<std::mutex> lock(registry.mutex);
-    if (registry.all.empty()) {
+    registry.all.push_back(this);
+    if (registry.all.size() == 1) {
         registry.hook = g_signal_add_emission_hook(EventSignal(), 0, client_event_hook, nullptr, nullptr);
     }
-    registry.all.push_back(this);
 }
 
 ClientSockets::~ClientSockets() {
@@ -58,7 +58,7 @@ gboolean ClientSockets::client_event_hook(GSignalInvocationHint * /*hint*/, guin
     if (count != kArguments) {
         return TRUE;
     }
-    // GLib's look for a proxy connects to D-Bus on the same threads, by a local socket that the process shares.
+    // GLib's look for a proxy connects to D-Bus on the same threads, for the whole process.
     auto *const target = static_cast<GObject *>(g_value_get_object(values + 2));
     if (target == nullptr || !G_IS_NETWORK_ADDRESS(target)) {
         return TRUE;

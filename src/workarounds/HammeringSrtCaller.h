@@ -17,7 +17,7 @@ class HammeringSrtCaller final : public Workaround {
   public:
     // srtsrc posts a warning on its streaming thread each time right before it connects again.
     explicit HammeringSrtCaller(GstElement *source)
-        : m_warnings("warning", source, [this](GstMessage * /*message*/) { _WaitBeforeRetry(); }) {}
+        : m_warnings("sync-message::warning", source, [this](GstMessage * /*message*/) { _WaitBeforeRetry(); }) {}
 
     void Attach(GstElement *pipeline) override;
     void BeforeStop() override;

@@ -13,7 +13,7 @@ class HeldSource {
     // From now on the thread stands still as soon as it brings a buffer, until the element is stopped.
     explicit HeldSource(GstElement *source);
 
-    // True once it does; false when nothing has come within the bound, and at once when the element does not stream.
+    // True once it does. False when nothing has come within the bound; at once for one that does not stream.
     bool Await(std::chrono::milliseconds bound);
 
   private:

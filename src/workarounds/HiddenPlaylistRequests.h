@@ -16,7 +16,7 @@ class HiddenPlaylistRequests final : public Workaround {
   public:
     // `source` fetches the playlist and outlives this.
     explicit HiddenPlaylistRequests(GstElement *source)
-        : m_answers("element", source, [this](GstMessage *message) { _NoteContext(message); }) {}
+        : m_answers("sync-message::element", source, [this](GstMessage *message) { _NoteContext(message); }) {}
     ~HiddenPlaylistRequests() override;
 
     void Attach(GstElement *pipeline) override;

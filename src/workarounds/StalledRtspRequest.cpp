@@ -17,7 +17,7 @@ thread_local guint t_nMark = 0;
 StalledRtspRequest::StalledRtspRequest(GstElement *source)
     : m_nMark(++g_nLastMark),
       m_sockets([mark = m_nMark] { return t_nMark == mark; }),
-      m_progress("progress", source, [mark = m_nMark](GstMessage *message) {
+      m_progress("sync-message::progress", source, [mark = m_nMark](GstMessage *message) {
           GstProgressType type = GST_PROGRESS_TYPE_ERROR;
           gst_message_parse_progress(message, &type, nullptr, nullptr);
           t_nMark = type == GST_PROGRESS_TYPE_START || type == GST_PROGRESS_TYPE_CONTINUE ? mark : 0;

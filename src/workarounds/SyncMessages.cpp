@@ -2,20 +2,18 @@
 
 #include "framework/Ownership.h"
 
-#include <string>
 #include <utility>
 
 namespace GSTREAMER {
 
-SyncMessages::SyncMessages(const char *type, gconstpointer from, std::function<void(GstMessage *)> handler)
-    : m_pszType(type), m_pFrom(from), m_fnHandler(std::move(handler)) {}
+SyncMessages::SyncMessages(const char *signal, gconstpointer from, std::function<void(GstMessage *)> handler)
+    : m_pszSignal(signal), m_pFrom(from), m_fnHandler(std::move(handler)) {}
 
 void SyncMessages::Attach(GstElement *pipeline) {
     Detach();
-    const std::string signal = std::string("sync-message::") + m_pszType;
     m_pBus = gst_element_get_bus(pipeline);
     gst_bus_enable_sync_message_emission(m_pBus);
-    m_nHandler = g_signal_connect(m_pBus, signal.c_str(), G_CALLBACK(message_handler), this);
+    m_nHandler = g_signal_connect(m_pBus, m_pszSignal, G_CALLBACK(message_handler), this);
 }
 
 void SyncMessages::Detach() {
@@ -35,8 +33,8 @@ void SyncMessages::message_handler(GstBus * /*bus*/, GstMessage *message, gpoint
 
 SyncMessages OnStreamingThread(GstElement *source, std::function<void(GstStreamStatusType)> handler) {
     const PadPtr pad(gst_element_get_static_pad(source, "src"));
-    return {"stream-status", pad.get(), [handler = std::move(handler)](GstMessage *message) {
-                // Anybody may post by hand what looks like one and holds none: the framework's own parsing trusts it.
+    return {"sync-message::stream-status", pad.get(), [handler = std::move(handler)](GstMessage *message) {
+                // Anybody may post what looks like one and holds none: the framework's own parsing trusts it.
                 const GstStructure *structure = gst_message_get_structure(message);
                 gint type = 0;
                 if (structure != nullptr &&

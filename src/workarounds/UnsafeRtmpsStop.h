@@ -1,7 +1,7 @@
 // Symptom: the process crashes when an RTMPS source that plays is stopped (3 of 44 closes).
-// Seen: rtmpsrc of GStreamer 1.22.0 and 1.26.2. The stop frees the TLS session that the streaming thread reads from.
+// Seen: rtmpsrc of GStreamer 1.22.0 and 1.26.2. The stop frees the TLS session that its thread reads from.
 // Done: the streaming thread is held at the source pad first; without data its read is ended by its socket.
-// Cost: a close waits for the next buffer, 0.3 s at most, and up to 2 s more where a read does not end. Needs /proc.
+// Cost: a close waits for the next buffer, 0.3 s at most, 2 s more where a read does not end. Needs /proc.
 // Test: RtmpsStop.LiveStreamIsStoppedBetweenTwoReads, RtmpsStop.StalledReadIsEndedByItsSocket.
 #pragma once
 

@@ -13,7 +13,7 @@ constexpr guint kDefaultTimeout = 15;  // s
 UnsharedPlaylistSession::UnsharedPlaylistSession(GstElement *source, std::string proxy)
     : m_pSource(source),
       m_strProxy(std::move(proxy)),
-      m_stateChanges("state-changed", source,
+      m_stateChanges("sync-message::state-changed", source,
                      [this](GstMessage *message) {
                          GstState now = GST_STATE_VOID_PENDING;
                          GstState before = GST_STATE_VOID_PENDING;
@@ -24,7 +24,7 @@ UnsharedPlaylistSession::UnsharedPlaylistSession(GstElement *source, std::string
                          }
                      }),
       // It asks for a session between its decision and the making of its own.
-      m_needs("need-context", source, [this](GstMessage * /*message*/) {
+      m_needs("sync-message::need-context", source, [this](GstMessage * /*message*/) {
           g_object_set(m_pSource, "timeout", m_nTimeout, "proxy", m_strProxy.c_str(), nullptr);
       }) {}
 

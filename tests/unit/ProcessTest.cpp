@@ -1,5 +1,4 @@
-// What an RTMPS session leaves of the process as it was, in one in which nothing else has touched it: each test is the first one here
-// that connects to anybody.
+// What an RTMPS session leaves of its process as it was. Nothing else in this program connects to anybody.
 #include "support/Fixture.h"
 #include "support/LiveSource.h"
 #include "support/Loopback.h"

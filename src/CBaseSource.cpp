@@ -459,6 +459,61 @@ void CBaseSource::_SetStatusStopped() {
     CopyBounded(m_stStatus.state, "stop");
 }
 
+bool CBaseSource::_PlayPipeline(const char *tag) {
+    if (m_pPipeline == nullptr) {
+        LOG_ERR(tag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
+        return false;
+    }
+    if (m_nPipelineState == GST_STATE_PLAYING) {
+        LOG_WARN(tag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
+        return true;
+    }
+    m_workarounds.BeforePlay();
+    const GstStateChangeReturn result = gst_element_set_state(m_pPipeline, GST_STATE_PLAYING);
+    m_workarounds.AfterPlay();
+    if (result == GST_STATE_CHANGE_FAILURE) {
+        _LogPlayFailure();
+        LOG_ERR(tag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
+        m_nPipelineState = 0;
+        return false;
+    }
+    m_nPipelineState = GST_STATE_PLAYING;
+    return true;
+}
+
+CBaseSource::StopResult CBaseSource::_StopPipeline(const char *tag) {
+    if (m_pPipeline == nullptr) {
+        LOG_WARN(tag << " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=" << m_strURL);
+        return StopResult::NoPipeline;
+    }
+    if (m_nPipelineState == GST_STATE_NULL) {
+        LOG_WARN(tag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
+        return StopResult::StoppedBefore;
+    }
+    m_workarounds.BeforeStop();
+    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
+        LOG_ERR(tag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
+    }
+    m_workarounds.AfterStop();
+    return StopResult::Stopped;
+}
+
+CBaseSource::SessionEnd CBaseSource::_PollSession(const char *tag) {
+    while (!m_bExit) {
+        if (_PollBus() != BUS_MSG_NONE) {
+            LOG_ERR(tag << " DoBusMessage--------------error!! URL=" << m_strURL);
+            return SessionEnd::Bus;
+        }
+        if (m_bMediaChanged) {
+            _LogMediaChange();
+            LOG_WARN(tag << " Check media data changed, reset session.... URL=" << m_strURL);
+            m_bMediaChanged = false;
+            return SessionEnd::MediaChange;
+        }
+    }
+    return SessionEnd::Exit;
+}
+
 int CBaseSource::_PollBus() {
     const GSTREAMER::MessagePtr message(gst_bus_timed_pop(m_pBus, kBusWait));
     m_workarounds.AfterPoll(message.get());

@@ -116,6 +116,14 @@ class CBaseSource {
     void _PrepareRebuild();
     // Bit rates 0, codec texts empty, state "stop".
     void _SetStatusStopped();
+    // Tells the pipeline to play, or says why not. True when it plays, also when it did before. Worker.
+    bool _PlayPipeline(const char *tag);
+    enum class StopResult { NoPipeline, StoppedBefore, Stopped };
+    // Tells the pipeline to stop, or says why not. The elements are still there. As _PipelineStop.
+    StopResult _StopPipeline(const char *tag);
+    enum class SessionEnd { Exit, Bus, MediaChange };
+    // Polls the bus until the session ends, and logs why. Worker.
+    SessionEnd _PollSession(const char *tag);
     // Waits up to 100 ms for one bus message of any type, logs the reason that it gives, if any, and classifies it.
     int _PollBus();
     // The line of why the pipeline could not be started, before the class's own. Worker.

@@ -15,7 +15,6 @@
 #include "workarounds/UnsharedPlaylistSession.h"
 
 #include <cstdio>
-#include <exception>
 #include <memory>
 
 namespace Tessaro {
@@ -60,9 +59,7 @@ bool CHLSSource::OpenLiveStream(const char *url, unsigned int caching, bool isli
         LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
         return false;
     }
-    // A worker that has ended by itself still counts until a close has joined it.
-    if (m_nPipelineState == GST_STATE_PLAYING || m_nLoopPthread.joinable()) {
-        LOG_WARN(kTag << " The current source is already live! url=" << url);
+    if (_IsAlreadyLive(kTag, url)) {
         return false;
     }
     LOG_INFO(kTag << " Open " << url << " { Opts: caching=" << caching << ",islive=" << islive << ",timeout=" << timeout
@@ -84,11 +81,7 @@ bool CHLSSource::OpenLiveStream(const char *url, unsigned int caching, bool isli
         LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
         return false;
     }
-    m_bExit = false;
-    try {
-        m_nLoopPthread = std::thread(&CHLSSource::_LoopPthread, this);
-    } catch (const std::exception &error) {
-        LOG_ERR(kTag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
+    if (!_StartWorker(kTag, [this] { _LoopPthread(); })) {
         _DestroyGstElements();
         return false;
     }
@@ -107,18 +100,7 @@ void CHLSSource::_LoopPthread() {
         }
         if (_PipelinePlay()) {
             _SetStatusState("connected");
-            while (!m_bExit) {
-                if (_PollBus() != BUS_MSG_NONE) {
-                    LOG_ERR(kTag << " DoBusMessage--------------error!! URL=" << m_strURL);
-                    break;
-                }
-                if (m_bMediaChanged) {
-                    _LogMediaChange();
-                    LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
-                    m_bMediaChanged = false;
-                    break;
-                }
-            }
+            _PollSession(kTag);
         } else {
             LOG_INFO(kTag << " _PipelinePlay faild!!! URL=" << m_strURL);
         }
@@ -134,47 +116,28 @@ void CHLSSource::_LoopPthread() {
 }
 
 bool CHLSSource::_PipelinePlay() {
-    if (m_pPipeline == nullptr) {
-        LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
+    const bool playing = m_nPipelineState == GST_STATE_PLAYING;
+    if (!_PlayPipeline(kTag)) {
         return false;
     }
-    if (m_nPipelineState == GST_STATE_PLAYING) {
-        LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
-        return true;
+    if (!playing) {
+        PRINT_BY_STDIO("~~~~~~~_PipelinePlay %d\n", m_nPipelineState.load());
     }
-    if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        _LogPlayFailure();
-        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
-        m_nPipelineState = 0;
-        return false;
-    }
-    m_nPipelineState = GST_STATE_PLAYING;
-    PRINT_BY_STDIO("~~~~~~~_PipelinePlay %d\n", m_nPipelineState.load());
     return true;
 }
 
 bool CHLSSource::_PipelineStop() {
-    if (m_pPipeline == nullptr) {
-        LOG_WARN(kTag << " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=" << m_strURL);
-        return false;
+    const StopResult result = _StopPipeline(kTag);
+    if (result == StopResult::Stopped) {
+        for (ElementRef *field : _ElementFields()) {
+            field->Reset();
+        }
+        m_strHlsMediaType.Clear();
+        m_strVideoEncode.Clear();
+        m_strAudioEncode.Clear();
+        m_nPipelineState = GST_STATE_NULL;
     }
-    if (m_nPipelineState == GST_STATE_NULL) {
-        LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
-        return true;
-    }
-    m_workarounds.BeforeStop();
-    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
-        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
-    }
-    m_workarounds.AfterStop();
-    for (ElementRef *field : _ElementFields()) {
-        field->Reset();
-    }
-    m_strHlsMediaType.Clear();
-    m_strVideoEncode.Clear();
-    m_strAudioEncode.Clear();
-    m_nPipelineState = GST_STATE_NULL;
-    return true;
+    return result != StopResult::NoPipeline;
 }
 
 void CHLSSource::_DestroyGstElements() {

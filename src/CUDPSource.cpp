@@ -74,18 +74,7 @@ void CUDPSource::_LoopPthread() {
         }
         if (_PipelinePlay()) {
             _SetStatusState("connected");
-            while (!m_bExit) {
-                if (_PollBus() != BUS_MSG_NONE) {
-                    LOG_ERR(kTag << " DoBusMessage--------------error!! URL=" << m_strURL);
-                    break;
-                }
-                if (m_bMediaChanged) {
-                    _LogMediaChange();
-                    LOG_WARN(kTag << " Check media data changed, reset session.... URL=" << m_strURL);
-                    m_bMediaChanged = false;
-                    break;
-                }
-            }
+            _PollSession(kTag);
         } else {
             LOG_INFO(kTag << " _PipelinePlay faild!!! URL=" << m_strURL);
         }
@@ -101,43 +90,20 @@ void CUDPSource::_LoopPthread() {
 }
 
 bool CUDPSource::_PipelinePlay() {
-    if (m_pPipeline == nullptr) {
-        LOG_ERR(kTag << " Unable to set the pipeline to the GST_STATE_PLAYING! (pipeline is nullptr) URL=" << m_strURL);
-        return false;
-    }
-    if (m_nPipelineState == GST_STATE_PLAYING) {
-        LOG_WARN(kTag << " The current state is already playing state, Nothing to do. URL=" << m_strURL);
-        return true;
-    }
-    if (gst_element_set_state(m_pPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        _LogPlayFailure();
-        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_PLAYING failure!!! URL=" << m_strURL);
-        m_nPipelineState = 0;
-        return false;
-    }
-    m_nPipelineState = GST_STATE_PLAYING;
-    return true;
+    return _PlayPipeline(kTag);
 }
 
 bool CUDPSource::_PipelineStop() {
-    if (m_pPipeline == nullptr) {
-        LOG_WARN(kTag << " Unable to set the pipeline to the GST_STATE_NULL state! (pipeline is nullptr) URL=" << m_strURL);
-        return false;
+    const StopResult result = _StopPipeline(kTag);
+    if (result == StopResult::Stopped) {
+        for (ElementRef *field : _ElementFields()) {
+            field->Reset();
+        }
+        m_strVideoEncode.Clear();
+        m_strAudioEncode.Clear();
+        m_nPipelineState = GST_STATE_NULL;
     }
-    if (m_nPipelineState == GST_STATE_NULL) {
-        LOG_WARN(kTag << " The current state is already GST_STATE_NULL state, Nothing to do. URL=" << m_strURL);
-        return true;
-    }
-    if (gst_element_set_state(m_pPipeline, GST_STATE_NULL) == GST_STATE_CHANGE_FAILURE) {
-        LOG_ERR(kTag << " Set the pipeline to the GST_STATE_NULL failure!!! URL=" << m_strURL);
-    }
-    for (ElementRef *field : _ElementFields()) {
-        field->Reset();
-    }
-    m_strVideoEncode.Clear();
-    m_strAudioEncode.Clear();
-    m_nPipelineState = GST_STATE_NULL;
-    return true;
+    return result != StopResult::NoPipeline;
 }
 
 void CUDPSource::_DestroyGstElements() {

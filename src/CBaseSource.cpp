@@ -59,7 +59,7 @@ constexpr size_t kDescriptorsOfAPipeline = 32;
 constexpr size_t kThreadsOfAPipeline = 16;
 constexpr GstClockTime kBusWait = 100 * GST_MSECOND;
 // A warning that says the same again and again has a line that often.
-constexpr gint64 kRepeatUs = 10 * G_USEC_PER_SEC;
+constexpr gint64 kRepeatUs = gint64{10} * G_USEC_PER_SEC;
 
 // A text field of a record: cut at its size, and then without a NUL, which its readers know.
 template <std::size_t N>
@@ -535,7 +535,7 @@ void CBaseSource::_LogReason(GstMessage *message) {
 }
 
 void CBaseSource::_ExplainByContact(GstMessage *message, GSTREAMER::Reason &reason) const {
-    const GstObject *element = GST_MESSAGE_SRC(message);
+    GstObject *const element = GST_MESSAGE_SRC(message);
     if (!reason.unexplained || !m_pContact || element == nullptr || !GST_IS_ELEMENT(element) ||
         !GST_OBJECT_FLAG_IS_SET(element, GST_ELEMENT_FLAG_SOURCE) || _HasMedia()) {
         return;

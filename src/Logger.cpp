@@ -93,6 +93,7 @@ std::string FormLine(LogLevel level, int line, const std::string &message) {
 __attribute__((format(printf, 1, 0))) std::string FormText(const char *format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the copy has just been made
     const int size = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
     std::string text(static_cast<size_t>(std::max(size, 0)) + 1, '\0');

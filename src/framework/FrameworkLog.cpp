@@ -7,7 +7,7 @@ namespace GSTREAMER {
 namespace {
 
 // An element posts its error within microseconds of the line; a machine that stands still takes longer.
-constexpr gint64 kFreshUs = 10 * G_USEC_PER_SEC;
+constexpr gint64 kFreshUs = gint64{10} * G_USEC_PER_SEC;
 
 // Without a destructor: the framework's threads may outlive the library's use.
 struct ThreadCause {
@@ -49,11 +49,12 @@ GQuark CauseQuark() {
 }  // namespace
 
 void WatchFrameworkLog() {
-    gst_debug_add_log_function(log_handler, nullptr, nullptr);
+    // Without the macro, which compares the function to a data pointer.
+    (gst_debug_add_log_function)(log_handler, nullptr, nullptr);
 }
 
 void UnwatchFrameworkLog() {
-    gst_debug_remove_log_function(log_handler);
+    (gst_debug_remove_log_function)(log_handler);
 }
 
 void ForgetThreadCause() {

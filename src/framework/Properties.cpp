@@ -7,7 +7,7 @@ namespace GSTREAMER {
 namespace {
 
 // The value as the property's own type holds it. False for one that it cannot hold.
-bool Convert(const GParamSpec *property, gint64 number, GValue *value) {
+bool Convert(GParamSpec *property, gint64 number, GValue *value) {
     switch (G_TYPE_FUNDAMENTAL(property->value_type)) {
         case G_TYPE_INT: {
             const auto *const limits = G_PARAM_SPEC_INT(property);
@@ -46,7 +46,7 @@ void SetNumber(GstElement *element, const char *property, gint64 value) {
     if (element == nullptr) {
         return;
     }
-    const GParamSpec *const known = g_object_class_find_property(G_OBJECT_GET_CLASS(element), property);
+    GParamSpec *const known = g_object_class_find_property(G_OBJECT_GET_CLASS(element), property);
     if (known == nullptr) {
         LOG_WARN("[GSTREAMER] Element \"" << GST_ELEMENT_NAME(element) << "\" has no property \"" << property << "\".");
         return;

@@ -49,8 +49,8 @@ inline const std::map<std::string, std::string> g_mapDepayElements = {
 };
 
 // What the branches deliver.
-constexpr char kH264Caps[] = "video/x-h264,stream-format=byte-stream,alignment=au";
-constexpr char kH265Caps[] = "video/x-h265,stream-format=byte-stream,alignment=au";
+inline constexpr char kH264Caps[] = "video/x-h264,stream-format=byte-stream,alignment=au";
+inline constexpr char kH265Caps[] = "video/x-h265,stream-format=byte-stream,alignment=au";
 constexpr char kAdtsCaps[] = "audio/mpeg,stream-format=adts";
 
 constexpr int kMediaH264 = 48;

@@ -852,6 +852,8 @@ TEST_F(Options, HlsLeavesElementsAloneThatItCannotTell) {
 
 TEST_F(Options, HlsSegmentSourceWithoutItsPadIsLeftAsItIs) {
     Open<CHLSSource>(kHlsUrl, 200U, false, 15U, 3, "", "", "", "", "user", "secret");
+    // What fails is counted on all threads.
+    ASSERT_TRUE(Eventually([&] { return m_faults.Plays() > 0; }));
     for (const auto &[call, function] : {std::pair(2, "gst_element_get_static_pad"), std::pair(3, "gst_pad_add_probe")}) {
         const GSTREAMER::ElementRef segments = GSTREAMER::TryMakeElement("souphttpsrc", function);
         m_faults.FailCall(call, true);

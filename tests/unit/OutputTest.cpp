@@ -364,12 +364,6 @@ std::string WriteMoreThanFits(const std::string &text, int peer) {
         Log(text);
         got += ReadAll(peer);
     }
-    // A terminal hands on what it has taken a moment later.
-    EXPECT_TRUE(Eventually([&] {
-        got += ReadAll(peer);
-        const Strings messages = Messages(got);
-        return !messages.empty() && messages.back() == text + "\n";
-    }));
     return got;
 }
 
@@ -422,10 +416,22 @@ TEST_P(TerminalOutput, FullOne) {
     {
         const OutputIs output(terminal);
         got = WriteMoreThanFits(text, master);
+        // It hands on what it has taken a moment later, so that a line more may find no room, or a part of it.
+        EXPECT_TRUE(Eventually([&] {
+            Log(text);
+            got += ReadAll(master);
+            return Messages(got).back() == text + "\n";
+        }));
     }
     close(terminal);
     close(master);
-    ExpectWholeLinesAndOneNotice(got, text);
+    const Strings messages = Messages(got);
+    EXPECT_LT(0, Others(messages, text)) << "a notice at least";
+    for (const std::string &message : messages) {
+        EXPECT_TRUE(message == text + "\n" || message.find("[Logger] Standard output was full, lines dropped: ") == 0)
+            << message;
+    }
+    WithRoomAgain();
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, TerminalOutput, testing::Values(Way::SecondOpen, Way::AfterPoll), NameOf);

@@ -761,7 +761,7 @@ void CBaseSource::_ConnectAudioSink(GstElement *sink) {
     g_signal_connect(sink, "media-real-fps", G_CALLBACK(shbsink_audio_fps_handler), this);
 }
 
-void CBaseSource::_RemoveManyElements(std::initializer_list<GSTREAMER::ElementRef *> elements) {
+void CBaseSource::_RemoveManyElements(const std::vector<GSTREAMER::ElementRef *> &elements) {
     for (GSTREAMER::ElementRef *element : elements) {
         element->Reset();
     }
@@ -772,6 +772,51 @@ GSTREAMER::Chain CBaseSource::_ChainOf(GSTREAMER::Chain front, const GSTREAMER::
                  [](GstElement *element) { return element != nullptr; });
     front.push_back(sink);
     return front;
+}
+
+GSTREAMER::Chain CBaseSource::_MakeVideoBranch(const char *tag, const char *encode) {
+    m_pVideoQueue = _MakeBranchQueue("vqueue");
+    m_pVideoSink = _MakeVideoSink();
+    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
+        m_pVideoParse = GSTREAMER::MakeVideoParser(codec->parser, codec->parserName);
+        m_pVideoCapsFilter = GSTREAMER::MakeCapsFilter(codec->filterName, codec->caps);
+        _SetSinkMedia(m_pVideoSink, codec->media);
+    }
+    // Recorded before the check: a failed branch counts as this run's video.
+    m_strVideoEncode.Set(encode);
+    GSTREAMER::Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
+    if (!GSTREAMER::IsComplete(chain)) {
+        LOG_ERR(tag << " Make h26x element faild by name!!! url=" << m_strURL);
+        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
+        return {};
+    }
+    return chain;
+}
+
+GSTREAMER::Chain CBaseSource::_MakeAudioBranch(const char *tag, const char *encode, Unparsed unparsed) {
+    m_pAudioQueue = _MakeBranchQueue("aqueue");
+    m_pAudioSink = _MakeAudioSink();
+    const std::string parser = Lookup(g_mapAudioParseElements, encode);
+    if (parser.empty()) {
+        LOG_ERR(tag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << m_strURL);
+        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
+        return {};
+    }
+    LOG_INFO(tag << " ~~~~~Find audio parse element by name!!!" << parser);
+    m_strAudioEncode.Set(encode);
+    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
+    if (unparsed == Unparsed::Refused || parser != "none") {
+        m_pAudioParse = GSTREAMER::TryMakeElement(parser.c_str(), "apaser");
+        if (m_pAudioParse == nullptr) {
+            LOG_ERR(tag << " Make audio parse faild by name!!! " << parser << ", url=" << m_strURL);
+            _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
+            return {};
+        }
+        if (IsAac(encode)) {
+            m_pAudioCapsFilter = GSTREAMER::MakeCapsFilter("aaccapsfilter", kAdtsCaps);
+        }
+    }
+    return _ChainOf({m_pAudioQueue}, {m_pAudioParse, m_pAudioCapsFilter}, m_pAudioSink);
 }
 
 }  // namespace Tessaro

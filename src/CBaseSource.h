@@ -15,11 +15,11 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace Tessaro {
 
@@ -173,11 +173,16 @@ class CBaseSource {
     static void _SetSinkMedia(GstElement *sink, int media);
     void _ConnectVideoSink(GstElement *sink);
     void _ConnectAudioSink(GstElement *sink);
-    // Drops the references of elements that were never added to the pipeline.
-    static void _RemoveManyElements(std::initializer_list<GSTREAMER::ElementRef *> elements);
+    // Drops the references. Elements that no bin holds end with them.
+    static void _RemoveManyElements(const std::vector<GSTREAMER::ElementRef *> &elements);
 
     // The branch in the pipeline's order: `front`, those of `middle` that there are, `sink`.
     static GSTREAMER::Chain _ChainOf(GSTREAMER::Chain front, const GSTREAMER::Chain &middle, GstElement *sink);
+    // Queue, parser, caps filter and sink behind a demultiplexer. When one is missing, this is logged, none is kept, and the chain is empty.
+    GSTREAMER::Chain _MakeVideoBranch(const char *tag, const char *encode);
+    // The same for audio. An encoding that needs no parser is taken without one, or refused because "none" is no element.
+    enum class Unparsed { Taken, Refused };
+    GSTREAMER::Chain _MakeAudioBranch(const char *tag, const char *encode, Unparsed unparsed);
 
     // GstState of the pipeline, and 0 after a failed play, a failed link or (RTSP) a bus error. Worker, host, streaming.
     std::atomic<int> m_nPipelineState{GST_STATE_NULL};
@@ -194,6 +199,15 @@ class CBaseSource {
     std::atomic<bool> m_bReconnect{true};
     GuardedText m_strAudioEncode;  // written by streaming threads, cleared by the stop
     GuardedText m_strVideoEncode;
+    // The branches. Written by streaming threads, emptied by the stop, empty where a branch has no such element.
+    GSTREAMER::ElementRef m_pVideoQueue;
+    GSTREAMER::ElementRef m_pAudioQueue;
+    GSTREAMER::ElementRef m_pVideoParse;
+    GSTREAMER::ElementRef m_pAudioParse;
+    GSTREAMER::ElementRef m_pVideoCapsFilter;
+    GSTREAMER::ElementRef m_pAudioCapsFilter;
+    GSTREAMER::ElementRef m_pVideoSink;
+    GSTREAMER::ElementRef m_pAudioSink;
     void *const m_pShareBuffer;  // the host's
     const int m_nChannel;
     const int m_nStream;

@@ -1,7 +1,5 @@
 #include "CHLSSource.h"
 
-#include "CodecTables.h"
-#include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
 #include "workarounds/BareSegmentSource.h"
@@ -14,7 +12,6 @@
 #include "workarounds/UnansweredHttpRequests.h"
 #include "workarounds/UnsharedPlaylistSession.h"
 
-#include <cstdio>
 #include <memory>
 
 namespace Tessaro {
@@ -45,7 +42,7 @@ CHLSSource::~CHLSSource() {
     CHLSSource::CloseLiveStream();
 }
 
-std::array<ElementRef *, 11> CHLSSource::_ElementFields() {
+std::vector<ElementRef *> CHLSSource::_ElementFields() {
     return {&m_pSoupSrc,    &m_pHlsDemux,        &m_pTsDemux,         &m_pVideoQueue, &m_pAudioQueue, &m_pVideoParse,
             &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -129,9 +126,7 @@ bool CHLSSource::_PipelinePlay() {
 bool CHLSSource::_PipelineStop() {
     const StopResult result = _StopPipeline(kTag);
     if (result == StopResult::Stopped) {
-        for (ElementRef *field : _ElementFields()) {
-            field->Reset();
-        }
+        _RemoveManyElements(_ElementFields());
         m_strHlsMediaType.Clear();
         m_strVideoEncode.Clear();
         m_strAudioEncode.Clear();
@@ -147,9 +142,7 @@ void CHLSSource::_DestroyGstElements() {
         m_workarounds.AfterStop();
     }
     // Before the pipeline goes: what sits in it goes with it.
-    for (ElementRef *field : _ElementFields()) {
-        field->Reset();
-    }
+    _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
@@ -186,16 +179,10 @@ bool CHLSSource::_CreateGstElements() {
     m_pSoupSrc = MakeElement("souphttpsrc", "Souphttpsrc");
     if (m_pSoupSrc != nullptr) {
         g_object_set(m_pSoupSrc, "location", m_strURL.c_str(), nullptr);
-        SetNumber(m_pSoupSrc, "timeout", m_nTimeout);
         g_object_set(m_pSoupSrc, "is-live", m_bIsLive ? TRUE : FALSE, nullptr);
-        SetRetries(m_pSoupSrc, m_nRetries);
         _SetRequestOptions(m_pSoupSrc);
-        if (!m_strUserId.empty()) {
-            g_object_set(m_pSoupSrc, "user-id", m_strUserId.c_str(), nullptr);
-        }
-        if (!m_strUserPw.empty()) {
-            g_object_set(m_pSoupSrc, "user-pw", m_strUserPw.c_str(), nullptr);
-        }
+        SetText(m_pSoupSrc, "user-id", m_strUserId);
+        SetText(m_pSoupSrc, "user-pw", m_strUserPw);
     }
     // It opens descriptors as it is made, and cannot say that there are none.
     m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : ElementRef();
@@ -211,8 +198,7 @@ bool CHLSSource::_CreateGstElements() {
     AddMany(m_pPipeline, {m_pSoupSrc, m_pHlsDemux});
     if (!LinkMany({m_pSoupSrc, m_pHlsDemux})) {
         LOG_ERR(kTag << " Failed to link souphttpsrc and hlsdemux.!!! url=" << m_strURL);
-        TakeOut(m_pPipeline, m_pSoupSrc);
-        TakeOut(m_pPipeline, m_pHlsDemux);
+        TakeOut(m_pPipeline, {m_pSoupSrc, m_pHlsDemux});
         _DestroyGstElements();
         return false;
     }
@@ -223,27 +209,20 @@ bool CHLSSource::_CreateGstElements() {
 }
 
 void CHLSSource::_SetRequestOptions(GstElement *source) const {
-    if (!m_strProxy.empty()) {
-        g_object_set(source, "proxy", m_strProxy.c_str(), nullptr);
-        if (!m_strProxyId.empty() && !m_strProxyPw.empty()) {
-            g_object_set(source, "proxy-id", m_strProxyId.c_str(), "proxy-pw", m_strProxyPw.c_str(), nullptr);
-        }
+    SetNumber(source, "timeout", m_nTimeout);
+    SetRetries(source, m_nRetries);
+    SetText(source, "proxy", m_strProxy);
+    if (!m_strProxy.empty() && !m_strProxyId.empty() && !m_strProxyPw.empty()) {
+        g_object_set(source, "proxy-id", m_strProxyId.c_str(), "proxy-pw", m_strProxyPw.c_str(), nullptr);
     }
-    if (!m_strUserAgent.empty()) {
-        g_object_set(source, "user-agent", m_strUserAgent.c_str(), nullptr);
-    }
+    SetText(source, "user-agent", m_strUserAgent);
 }
 
 void CHLSSource::_ListWorkarounds() {
     m_workarounds.Add(std::make_unique<EmptyPlaylist>(m_pSoupSrc));
     m_workarounds.Add(std::make_unique<UnsharedPlaylistSession>(m_pSoupSrc, m_strProxy));
-    m_workarounds.Add(std::make_unique<BareSegmentSource>(
-        [this](GstElement *source) {
-            SetNumber(source, "timeout", m_nTimeout);
-            SetRetries(source, m_nRetries);
-            _SetRequestOptions(source);
-        },
-        Credentials{m_strURL, m_strUserId, m_strUserPw}));
+    m_workarounds.Add(std::make_unique<BareSegmentSource>([this](GstElement *source) { _SetRequestOptions(source); },
+                                                          Credentials{m_strURL, m_strUserId, m_strUserPw}));
     m_workarounds.Add(std::make_unique<SharedSegmentSession>());
     // In this order: no segment is requested any more, requests are answered, and hidden ones are not.
     m_workarounds.Add(std::make_unique<LateSegmentRequest>());
@@ -317,26 +296,11 @@ bool CHLSSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const c
     if (!_TakesPad(kTag, Medium::Video, encode)) {
         return true;
     }
-    m_pVideoQueue = _MakeBranchQueue("vqueue");
-    m_pVideoSink = _MakeVideoSink();
-    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
-        m_pVideoParse = MakeVideoParser(codec->parser, codec->parserName);
-        m_pVideoCapsFilter = MakeCapsFilter(codec->filterName, codec->caps);
-        _SetSinkMedia(m_pVideoSink, codec->media);
-    }
-    // Recorded before the check: a failed branch counts as this run's video.
-    m_strVideoEncode.Set(encode);
-    const Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
-    if (!IsComplete(chain)) {
-        LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
-        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
+    const Chain chain = _MakeVideoBranch(kTag, encode);
+    if (chain.empty()) {
         return false;
     }
-
-    AddMany(m_pPipeline, chain);
-    for (GstElement *element : chain) {
-        SyncState(element);
-    }
+    AddAndSync(m_pPipeline, chain);
     const PadLink link = LinkToSinkPad(pad, chain.front());
     if (link == PadLink::Failed) {
         LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
@@ -357,33 +321,11 @@ bool CHLSSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const c
     if (!_TakesPad(kTag, Medium::Audio, encode)) {
         return true;
     }
-    m_pAudioQueue = _MakeBranchQueue("aqueue");
-    m_pAudioSink = _MakeAudioSink();
-    const std::string parser = Lookup(g_mapAudioParseElements, encode);
-    if (parser.empty()) {
-        LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
-        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
+    const Chain chain = _MakeAudioBranch(kTag, encode, Unparsed::Refused);
+    if (chain.empty()) {
         return false;
     }
-    LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
-    m_strAudioEncode.Set(encode);
-    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
-    // "none" is no element either: encodings without a parser are refused here.
-    m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
-    if (m_pAudioParse == nullptr) {
-        LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
-        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
-        return false;
-    }
-    if (IsAac(encode)) {
-        m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
-    }
-
-    const Chain chain = _ChainOf({m_pAudioQueue, m_pAudioParse}, {m_pAudioCapsFilter}, m_pAudioSink);
-    AddMany(m_pPipeline, chain);
-    for (GstElement *element : chain) {
-        SyncState(element);
-    }
+    AddAndSync(m_pPipeline, chain);
     const PadLink link = LinkToSinkPad(pad, m_pAudioQueue);
     if (link == PadLink::Failed) {
         LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());

@@ -3,7 +3,7 @@
 
 #include "CBaseSource.h"
 
-#include <array>
+#include <vector>
 
 namespace Tessaro {
 
@@ -28,7 +28,7 @@ class CHLSSource : public CBaseSource {
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
-    // What all servers are sent that an HTTP source asks: proxy and user agent, where the host gave them.
+    // How an HTTP source asks, whatever server: time-out, retries, and where the host gave them proxy and user agent.
     void _SetRequestOptions(GstElement *source) const;
     void _ListWorkarounds();  // as _CreateGstElements
     // First stage: accepts one transport-stream pad of hlsdemux in a pipeline run. Streaming.
@@ -38,22 +38,14 @@ class CHLSSource : public CBaseSource {
     static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
     bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
     bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
-    std::array<GSTREAMER::ElementRef *, 11> _ElementFields();                             // in the order of release
+    std::vector<GSTREAMER::ElementRef *> _ElementFields();                                // in the order of release
 
     // Media type of the accepted pad of hlsdemux, empty while none. Written by the first stage, cleared by the stop.
     GuardedText m_strHlsMediaType;
-    // The front is written where the pipeline is built, the branches on the streaming thread.
+    // Written where the pipeline is built, the transport-stream demultiplexer on the streaming thread.
     GSTREAMER::ElementRef m_pSoupSrc;
     GSTREAMER::ElementRef m_pHlsDemux;
     GSTREAMER::ElementRef m_pTsDemux;
-    GSTREAMER::ElementRef m_pVideoQueue;
-    GSTREAMER::ElementRef m_pAudioQueue;
-    GSTREAMER::ElementRef m_pVideoParse;
-    GSTREAMER::ElementRef m_pAudioParse;
-    GSTREAMER::ElementRef m_pVideoCapsFilter;
-    GSTREAMER::ElementRef m_pAudioCapsFilter;
-    GSTREAMER::ElementRef m_pVideoSink;
-    GSTREAMER::ElementRef m_pAudioSink;
     // Options, written by open before the worker exists.
     std::string m_strUserAgent;
     std::string m_strUserId;

@@ -1,7 +1,5 @@
 #include "CRtmpSource.h"
 
-#include "CodecTables.h"
-#include "framework/Caps.h"
 #include "framework/Properties.h"
 #include "Logger.h"
 #include "workarounds/AbandonedRtmpAttempt.h"
@@ -36,7 +34,7 @@ CRtmpSource::~CRtmpSource() {
     CRtmpSource::CloseLiveStream();
 }
 
-std::array<ElementRef *, 10> CRtmpSource::_ElementFields() {
+std::vector<ElementRef *> CRtmpSource::_ElementFields() {
     return {&m_pRtmpSrc,    &m_pFlvDemux,        &m_pVideoQueue,      &m_pAudioQueue, &m_pVideoParse,
             &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -122,9 +120,7 @@ bool CRtmpSource::_PipelinePlay() {
 bool CRtmpSource::_PipelineStop() {
     const StopResult result = _StopPipeline(kTag);
     if (result == StopResult::Stopped) {
-        for (ElementRef *field : _ElementFields()) {
-            field->Reset();
-        }
+        _RemoveManyElements(_ElementFields());
         m_strVideoEncode.Clear();
         m_strAudioEncode.Clear();
         m_nPipelineState = GST_STATE_NULL;
@@ -134,9 +130,7 @@ bool CRtmpSource::_PipelineStop() {
 
 void CRtmpSource::_DestroyGstElements() {
     // Before the pipeline goes: what sits in it goes with it.
-    for (ElementRef *field : _ElementFields()) {
-        field->Reset();
-    }
+    _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
@@ -184,8 +178,7 @@ bool CRtmpSource::_CreateGstElements() {
     AddMany(m_pPipeline, {m_pRtmpSrc, m_pFlvDemux});
     if (!LinkMany({m_pRtmpSrc, m_pFlvDemux})) {
         LOG_ERR(kTag << " Failed to link rtmpsrc and flvdemux.!!! url=" << m_strURL);
-        TakeOut(m_pPipeline, m_pRtmpSrc);
-        TakeOut(m_pPipeline, m_pFlvDemux);
+        TakeOut(m_pPipeline, {m_pRtmpSrc, m_pFlvDemux});
         _DestroyGstElements();
         return false;
     }
@@ -210,8 +203,8 @@ void CRtmpSource::_SetSourceOptions() {
         LOG_INFO(kTag << " RTMPS set username adn passwd... url=" << m_strURL);
         g_object_set(m_pRtmpSrc, "username", m_strUser.c_str(), "password", m_strPwd.c_str(), nullptr);
     }
-    if (!m_bRtmps && !m_strToken.empty()) {
-        g_object_set(m_pRtmpSrc, "secure-token", m_strToken.c_str(), nullptr);
+    if (!m_bRtmps) {
+        SetText(m_pRtmpSrc, "secure-token", m_strToken);
     }
     SetNumber(m_pRtmpSrc, "timeout", m_nConTimeout);
     if (!m_bRtmps) {
@@ -260,26 +253,11 @@ bool CRtmpSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const 
     if (!_TakesPad(kTag, Medium::Video, encode)) {
         return true;
     }
-    m_pVideoQueue = _MakeBranchQueue("vqueue");
-    m_pVideoSink = _MakeVideoSink();
-    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
-        m_pVideoParse = MakeVideoParser(codec->parser, codec->parserName);
-        m_pVideoCapsFilter = MakeCapsFilter(codec->filterName, codec->caps);
-        _SetSinkMedia(m_pVideoSink, codec->media);
-    }
-    // Recorded before the check: a failed branch counts as this run's video.
-    m_strVideoEncode.Set(encode);
-    const Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
-    if (!IsComplete(chain)) {
-        LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
-        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
+    const Chain chain = _MakeVideoBranch(kTag, encode);
+    if (chain.empty()) {
         return false;
     }
-
-    AddMany(m_pPipeline, chain);
-    for (GstElement *element : chain) {
-        SyncState(element);
-    }
+    AddAndSync(m_pPipeline, chain);
     const PadLink link = LinkToSinkPad(pad, chain.front());
     if (link == PadLink::Failed) {
         LOG_ERR(kTag << " flvdemux src_pad link h26xparse sink_pad  faild !!! url=" << GetURL());
@@ -301,31 +279,10 @@ bool CRtmpSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const 
     if (!_TakesPad(kTag, Medium::Audio, encode)) {
         return true;
     }
-    m_pAudioQueue = _MakeBranchQueue("aqueue");
-    m_pAudioSink = _MakeAudioSink();
-    const std::string parser = Lookup(g_mapAudioParseElements, encode);
-    if (parser.empty()) {
-        LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
-        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
+    const Chain chain = _MakeAudioBranch(kTag, encode, Unparsed::Taken);
+    if (chain.empty()) {
         return false;
     }
-    LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
-    m_strAudioEncode.Set(encode);
-    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
-    const bool parsed = parser != "none";
-    if (parsed) {
-        m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
-        if (m_pAudioParse == nullptr) {
-            LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
-            _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
-            return false;
-        }
-        if (IsAac(encode)) {
-            m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
-        }
-    }
-
-    const Chain chain = _ChainOf({m_pAudioQueue}, {m_pAudioParse, m_pAudioCapsFilter}, m_pAudioSink);
     AddMany(m_pPipeline, chain);
     for (GstElement *element : chain) {
         if (SyncState(element) && element == m_pAudioParse) {
@@ -347,7 +304,7 @@ bool CRtmpSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const 
         m_nPipelineState = 0;
         return false;
     }
-    if (parsed) {
+    if (m_pAudioParse != nullptr) {
         LOG_INFO("[CRtspSource] Audio element link many ok !!! url=" << GetURL());
     } else {
         LOG_INFO(kTag << "Audio element link many ok !!!  url=" << GetURL());

@@ -3,7 +3,7 @@
 
 #include "CBaseSource.h"
 
-#include <array>
+#include <vector>
 
 namespace Tessaro {
 
@@ -35,19 +35,11 @@ class CRtmpSource : public CBaseSource {
     static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
     bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
     bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
-    std::array<GSTREAMER::ElementRef *, 10> _ElementFields();                             // in the order of release
+    std::vector<GSTREAMER::ElementRef *> _ElementFields();                                // in the order of release
 
-    // The front is written where the pipeline is built, the branches on the streaming thread.
+    // Written where the pipeline is built.
     GSTREAMER::ElementRef m_pRtmpSrc;
     GSTREAMER::ElementRef m_pFlvDemux;
-    GSTREAMER::ElementRef m_pVideoQueue;
-    GSTREAMER::ElementRef m_pAudioQueue;
-    GSTREAMER::ElementRef m_pVideoParse;
-    GSTREAMER::ElementRef m_pAudioParse;
-    GSTREAMER::ElementRef m_pVideoCapsFilter;
-    GSTREAMER::ElementRef m_pAudioCapsFilter;
-    GSTREAMER::ElementRef m_pVideoSink;
-    GSTREAMER::ElementRef m_pAudioSink;
     // Options, written by open before the worker exists.
     std::string m_strUser;
     std::string m_strPwd;

@@ -36,7 +36,7 @@ CRtspSource::~CRtspSource() {
     CRtspSource::CloseLiveStream();
 }
 
-std::array<ElementRef *, 11> CRtspSource::_ElementFields() {
+std::vector<ElementRef *> CRtspSource::_ElementFields() {
     return {&m_pRtspSrc,    &m_pVideoDepay,      &m_pAudioDepay,      &m_pVideoParse, &m_pAudioParse, &m_pVideoQueue,
             &m_pAudioQueue, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -110,9 +110,7 @@ bool CRtspSource::_PipelinePlay() {
 bool CRtspSource::_PipelineStop() {
     const StopResult result = _StopPipeline(kTag);
     if (result == StopResult::Stopped) {
-        for (ElementRef *field : _ElementFields()) {
-            field->Reset();
-        }
+        _RemoveManyElements(_ElementFields());
         m_strVideoEncode.Clear();
         m_strAudioEncode.Clear();
         m_nPipelineState = GST_STATE_NULL;
@@ -122,9 +120,7 @@ bool CRtspSource::_PipelineStop() {
 
 void CRtspSource::_DestroyGstElements() {
     // Before the pipeline goes: what sits in it goes with it.
-    for (ElementRef *field : _ElementFields()) {
-        field->Reset();
-    }
+    _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
@@ -236,10 +232,7 @@ bool CRtspSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const 
         return false;
     }
 
-    AddMany(m_pPipeline, chain);
-    for (GstElement *element : chain) {
-        SyncState(element);
-    }
+    AddAndSync(m_pPipeline, chain);
     const PadLink link = LinkToSinkPad(pad, chain.front());
     if (link == PadLink::Failed) {
         LOG_ERR(kTag << " rtspsrc src_pad link rtph26xdeplay sink_pad faild !!! url=" << GetURL());

@@ -3,7 +3,7 @@
 
 #include "CBaseSource.h"
 
-#include <array>
+#include <vector>
 
 namespace Tessaro {
 
@@ -32,20 +32,12 @@ class CRtspSource : public CBaseSource {
     static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
     bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
     bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
-    std::array<GSTREAMER::ElementRef *, 11> _ElementFields();                             // in the order of release
+    std::vector<GSTREAMER::ElementRef *> _ElementFields();                                // in the order of release
 
-    // The front is written where the pipeline is built, the branches on the streaming thread.
+    // The source is written where the pipeline is built, the depayloaders on the streaming thread.
     GSTREAMER::ElementRef m_pRtspSrc;
     GSTREAMER::ElementRef m_pVideoDepay;
     GSTREAMER::ElementRef m_pAudioDepay;
-    GSTREAMER::ElementRef m_pVideoQueue;
-    GSTREAMER::ElementRef m_pAudioQueue;
-    GSTREAMER::ElementRef m_pVideoParse;
-    GSTREAMER::ElementRef m_pAudioParse;
-    GSTREAMER::ElementRef m_pVideoCapsFilter;
-    GSTREAMER::ElementRef m_pAudioCapsFilter;
-    GSTREAMER::ElementRef m_pVideoSink;
-    GSTREAMER::ElementRef m_pAudioSink;
     // Options, written by open before the worker exists.
     std::string m_strUserId;
     std::string m_strUserPw;

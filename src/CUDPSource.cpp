@@ -1,6 +1,5 @@
 #include "CUDPSource.h"
 
-#include "CodecTables.h"
 #include "framework/Properties.h"
 #include "Logger.h"
 
@@ -29,7 +28,7 @@ CUDPSource::~CUDPSource() {
     CUDPSource::CloseLiveStream();
 }
 
-std::array<ElementRef *, 10> CUDPSource::_ElementFields() {
+std::vector<ElementRef *> CUDPSource::_ElementFields() {
     return {&m_pUdpSrc,     &m_pTsDemux,         &m_pVideoQueue,      &m_pAudioQueue, &m_pVideoParse,
             &m_pAudioParse, &m_pVideoCapsFilter, &m_pAudioCapsFilter, &m_pVideoSink,  &m_pAudioSink};
 }
@@ -96,9 +95,7 @@ bool CUDPSource::_PipelinePlay() {
 bool CUDPSource::_PipelineStop() {
     const StopResult result = _StopPipeline(kTag);
     if (result == StopResult::Stopped) {
-        for (ElementRef *field : _ElementFields()) {
-            field->Reset();
-        }
+        _RemoveManyElements(_ElementFields());
         m_strVideoEncode.Clear();
         m_strAudioEncode.Clear();
         m_nPipelineState = GST_STATE_NULL;
@@ -111,9 +108,7 @@ void CUDPSource::_DestroyGstElements() {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
     }
     // Before the pipeline goes: what sits in it goes with it.
-    for (ElementRef *field : _ElementFields()) {
-        field->Reset();
-    }
+    _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
     m_nPipelineState = GST_STATE_NULL;
@@ -158,8 +153,7 @@ bool CUDPSource::_CreateGstElements() {
     AddMany(m_pPipeline, {m_pUdpSrc, m_pTsDemux});
     if (!LinkMany({m_pUdpSrc, m_pTsDemux})) {
         LOG_ERR(kTag << " Failed to link udpsrc and tsdemux.!!! url=" << m_strURL);
-        TakeOut(m_pPipeline, m_pUdpSrc);
-        TakeOut(m_pPipeline, m_pTsDemux);
+        TakeOut(m_pPipeline, {m_pUdpSrc, m_pTsDemux});
         _DestroyGstElements();
         return false;
     }
@@ -190,26 +184,11 @@ bool CUDPSource::_CreateVideoStream(GstElement * /*demux*/, GstPad *pad, const c
     if (!_TakesPad(kTag, Medium::Video, encode)) {
         return true;
     }
-    m_pVideoQueue = _MakeBranchQueue("vqueue");
-    m_pVideoSink = _MakeVideoSink();
-    if (const VideoCodec *codec = FindVideoCodec(encode); codec != nullptr) {
-        m_pVideoParse = MakeVideoParser(codec->parser, codec->parserName);
-        m_pVideoCapsFilter = MakeCapsFilter(codec->filterName, codec->caps);
-        _SetSinkMedia(m_pVideoSink, codec->media);
-    }
-    // Recorded before the check: a failed branch counts as this run's video.
-    m_strVideoEncode.Set(encode);
-    const Chain chain{m_pVideoQueue, m_pVideoParse, m_pVideoCapsFilter, m_pVideoSink};
-    if (!IsComplete(chain)) {
-        LOG_ERR(kTag << " Make h26x element faild by name!!! url=" << GetURL());
-        _RemoveManyElements({&m_pVideoParse, &m_pVideoCapsFilter, &m_pVideoQueue, &m_pVideoSink});
+    const Chain chain = _MakeVideoBranch(kTag, encode);
+    if (chain.empty()) {
         return false;
     }
-
-    AddMany(m_pPipeline, chain);
-    for (GstElement *element : chain) {
-        SyncState(element);
-    }
+    AddAndSync(m_pPipeline, chain);
     const PadLink link = LinkToSinkPad(pad, chain.front());
     if (link == PadLink::Failed) {
         LOG_ERR(kTag << " tsdemux src_pad link h26xqueue sink_pad  faild !!! url=" << GetURL());
@@ -230,33 +209,11 @@ bool CUDPSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const c
     if (!_TakesPad(kTag, Medium::Audio, encode)) {
         return true;
     }
-    m_pAudioQueue = _MakeBranchQueue("aqueue");
-    m_pAudioSink = _MakeAudioSink();
-    const std::string parser = Lookup(g_mapAudioParseElements, encode);
-    if (parser.empty()) {
-        LOG_ERR(kTag << " ~~~~~Not found audio parse element by name!!!" << encode << ", url=" << GetURL());
-        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
+    const Chain chain = _MakeAudioBranch(kTag, encode, Unparsed::Refused);
+    if (chain.empty()) {
         return false;
     }
-    LOG_INFO(kTag << " ~~~~~Find audio parse element by name!!!" << parser);
-    m_strAudioEncode.Set(encode);
-    _SetSinkMedia(m_pAudioSink, Lookup(g_mapAudioMediaTypes, encode));
-    // "none" is no element either: encodings without a parser are refused here.
-    m_pAudioParse = TryMakeElement(parser.c_str(), "apaser");
-    if (m_pAudioParse == nullptr) {
-        LOG_ERR(kTag << " Make audio parse faild by name!!! " << parser << ", url=" << GetURL());
-        _RemoveManyElements({&m_pAudioQueue, &m_pAudioSink});
-        return false;
-    }
-    if (IsAac(encode)) {
-        m_pAudioCapsFilter = MakeCapsFilter("aaccapsfilter", kAdtsCaps);
-    }
-
-    const Chain chain = _ChainOf({m_pAudioQueue, m_pAudioParse}, {m_pAudioCapsFilter}, m_pAudioSink);
-    AddMany(m_pPipeline, chain);
-    for (GstElement *element : chain) {
-        SyncState(element);
-    }
+    AddAndSync(m_pPipeline, chain);
     const PadLink link = LinkToSinkPad(pad, m_pAudioQueue);
     if (link == PadLink::Failed) {
         LOG_ERR(kTag << " tsdemux src_pad link audioqueue sink_pad  faild !!! url=" << GetURL());
@@ -269,9 +226,7 @@ bool CUDPSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const c
     if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Audio element link many faild !!! url=" << GetURL());
         // This class takes the branch out again. The caps filter stays in, and the fields go on naming the elements until the next stop.
-        TakeOut(m_pPipeline, m_pAudioQueue);
-        TakeOut(m_pPipeline, m_pAudioParse);
-        TakeOut(m_pPipeline, m_pAudioSink);
+        TakeOut(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
         return false;
     }
     LOG_INFO(kTag << "Audio element link many ok !!!  url=" << GetURL());

@@ -94,13 +94,22 @@ bool SyncState(GstElement *element) {
     return true;
 }
 
-void TakeOut(GstElement *bin, GstElement *element) {
-    if (element == nullptr || GST_OBJECT_PARENT(element) != GST_OBJECT_CAST(bin)) {
-        return;
+void AddAndSync(GstElement *bin, const Chain &chain) {
+    AddMany(bin, chain);
+    for (GstElement *element : chain) {
+        SyncState(element);
     }
-    const ElementRef kept = ElementRef::Share(element);
-    if (gst_bin_remove(GST_BIN(bin), element) != FALSE) {
-        gst_element_set_state(element, GST_STATE_NULL);
+}
+
+void TakeOut(GstElement *bin, const Chain &chain) {
+    for (GstElement *element : chain) {
+        if (element == nullptr || GST_OBJECT_PARENT(element) != GST_OBJECT_CAST(bin)) {
+            continue;
+        }
+        const ElementRef kept = ElementRef::Share(element);
+        if (gst_bin_remove(GST_BIN(bin), element) != FALSE) {
+            gst_element_set_state(element, GST_STATE_NULL);
+        }
     }
 }
 

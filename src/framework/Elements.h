@@ -38,8 +38,11 @@ bool IsComplete(const Chain &chain);
 // data that reaches it stops there, and that need not be an error on the bus.
 bool SyncState(GstElement *element);
 
-// Takes an element out of its bin and brings it to the NULL state. Nothing for one that is not in it.
-void TakeOut(GstElement *bin, GstElement *element);
+// Adds the elements and brings each to the state of the bin.
+void AddAndSync(GstElement *bin, const Chain &chain);
+
+// Takes the elements out of their bin and brings them to the NULL state, each before the next. Nothing for one that is not in it.
+void TakeOut(GstElement *bin, const Chain &chain);
 
 enum class PadLink { Done, Failed, TakenAlready };
 

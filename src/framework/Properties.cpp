@@ -62,4 +62,10 @@ void SetNumber(GstElement *element, const char *property, gint64 value) {
     g_value_unset(&converted);
 }
 
+void SetText(GstElement *element, const char *property, const std::string &text) {
+    if (!text.empty()) {
+        g_object_set(element, property, text.c_str(), nullptr);
+    }
+}
+
 }  // namespace GSTREAMER

@@ -220,8 +220,8 @@ TEST_F(ControlGroups, VersionOneHasATreeForThreads) {
 TEST(TakeOut, WhatIsNotInTheBinIsLeftAlone) {
     GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
     GstElement *loose = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("loose")));
-    GSTREAMER::TakeOut(bin, nullptr);
-    GSTREAMER::TakeOut(bin, loose);
+    GSTREAMER::TakeOut(bin, {nullptr});
+    GSTREAMER::TakeOut(bin, {loose});
     EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(loose));
     gst_object_unref(loose);
     gst_object_unref(bin);

@@ -350,8 +350,9 @@ void CBaseSource::_CallHost(media_code_info_t *info) {
 namespace {
 
 std::atomic<std::size_t> g_nLastRun{0};
-// The pipeline that the calling thread streams for. A number rather than a pointer: the threads are GLib's and serve others
-// afterwards, and what one has missed to clear must not be taken for a pipeline that came later.
+// The pipeline that the calling thread streams for. A number rather than a pointer:
+// the threads are GLib's and serve others afterwards, and what one has missed to clear
+// must not be taken for a pipeline that came later.
 thread_local std::size_t t_nStreamingRun = 0;
 
 }  // namespace
@@ -379,7 +380,8 @@ bool CBaseSource::IsOwnThread() const {
 }
 
 GstBusSyncReply CBaseSource::stream_status_handler(GstBus * /*bus*/, GstMessage *message, gpointer run) {
-    // Anybody may post by hand what looks like a stream status and holds none: the framework's own parsing trusts it.
+    // Anybody may post by hand what looks like a stream status and
+    // holds none: the framework's own parsing trusts it.
     const GstStructure *structure = gst_message_get_structure(message);
     gint type = GST_STREAM_STATUS_TYPE_CREATE;
     gint progress = GST_PROGRESS_TYPE_ERROR;
@@ -575,7 +577,8 @@ bool CBaseSource::_IsRepeated(const std::string &line, unsigned &repeats) {
 }
 
 void CBaseSource::_LogPlayFailure() {
-    // The first error is the cause, the others its consequences. Nobody reads the bus of a pipeline that did not start.
+    // The first error is the cause, the others its consequences. Nobody
+    // reads the bus of a pipeline that did not start.
     const GSTREAMER::MessagePtr message(m_pBus != nullptr ? gst_bus_pop_filtered(m_pBus, GST_MESSAGE_ERROR) : nullptr);
     if (message) {
         _LogReason(message.get());

@@ -1,9 +1,10 @@
-// What every source owns: the run fields of its worker, the records handed to the host, the classification of bus messages and
-// the handlers of the sinks' signals.
+// What every source owns: the run fields of its worker, the records handed to the host, the classification of
+// bus messages and the handlers of the sinks' signals.
 //
-// Threads, as named below: host (create, open, close, destroy), worker (one per open source), streaming (the framework's: pad
-// handlers, branch builders, sink signal handlers, host callback), any (status reads). The worker does not exist while the host
-// builds or tears down, and streaming threads exist only between play and stop.
+// Threads, as named below: host (create, open, close, destroy), worker (one per open source),
+// streaming (the framework's: pad handlers, branch builders, sink signal handlers, host
+// callback), any (status reads). The worker does not exist while the host builds or tears down,
+// and streaming threads exist only between play and stop.
 #pragma once
 
 #include "framework/Elements.h"
@@ -61,15 +62,15 @@ class CBaseSource {
     void ClearMediaInfo();
     // Installs the host's callback, best before open. Any thread.
     void SetMediaChangeCallback(media_change_callback_t callback, void *user);
-    // Limit of a branch queue in ns. One second for every caching value: a longer queue would only delay what a live host waits
-    // for.
+    // Limit of a branch queue in ns. One second for every caching value: a longer
+    // queue would only delay what a live host waits for.
     guint64 GetMaxSizeTime(unsigned int caching) const;
     // The location. Written by the host thread only while there is no worker.
     const std::string &GetURL() const { return m_strURL; }
     // Classifies one bus message, which stays the caller's.
     int DoBusMessage(GstMessage *msg);
-    // True on a thread that a close has to wait for: the worker, the streaming threads of the pipeline, and whatever thread is
-    // calling the host back. A close from there would wait for itself. Any thread.
+    // True on a thread that a close has to wait for: the worker, the streaming threads of the pipeline, and
+    // whatever thread is calling the host back. A close from there would wait for itself. Any thread.
     bool IsOwnThread() const;
 
     // Handlers of the sinks' signals. Streaming threads.
@@ -103,7 +104,8 @@ class CBaseSource {
         const CBaseSource &m_source;
         const OwnThread *const m_pOuter;
     };
-    // Whether an open comes too late, which it is told: a worker that has ended by itself still counts until a close has joined it. Host.
+    // Whether an open comes too late, which it is told: a worker that has ended by itself
+    // still counts until a close has joined it. Host.
     bool _IsAlreadyLive(const char *tag, const char *url) const;
     // Starts the worker; false, with a line, when there is no thread for it. Host.
     bool _StartWorker(const char *tag, std::function<void()> body);
@@ -124,7 +126,8 @@ class CBaseSource {
     enum class SessionEnd { Exit, Bus, MediaChange };
     // Polls the bus until the session ends, and logs why. Worker.
     SessionEnd _PollSession(const char *tag);
-    // Waits up to 100 ms for one bus message of any type, logs the reason that it gives, if any, and classifies it.
+    // Waits up to 100 ms for one bus message of any type, logs the
+    // reason that it gives, if any, and classifies it.
     int _PollBus();
     // The line of why the pipeline could not be started, before the class's own. Worker.
     void _LogPlayFailure();
@@ -132,8 +135,9 @@ class CBaseSource {
     void _LogMediaChange();
     // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
     gint64 _LastReport() const { return m_nLastReport; }
-    // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for what a pipeline opens, or threads for
-    // what it starts. The worker waits for them until the source is closed; a host that opens is told at once.
+    // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for
+    // what a pipeline opens, or threads for what it starts. The worker waits for them until the
+    // source is closed; a host that opens is told at once.
     bool _CreatePipeline();
     bool _AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again);
     // Drops the pipeline and the bus, which takes the elements in it along.
@@ -149,7 +153,8 @@ class CBaseSource {
         enum class Kind { None, Video, Audio } kind;
         const char *encode;
     };
-    // Media of a transport-stream pad by the first structure of its caps; says so when it is one that is not carried.
+    // Media of a transport-stream pad by the first structure of its
+    // caps; says so when it is one that is not carried.
     static PadMedia _ClassifyTsPad(const GstStructure *structure);
     // "audio/mpeg" by its mpegversion, taken as 4 when absent: 1 is "MP3", everything else "AAC".
     static const char *_MpegAudioEncode(const GstStructure *structure);
@@ -159,15 +164,18 @@ class CBaseSource {
         GSTREAMER::CapsPtr caps;                  // keeps the structure
         const GstStructure *structure = nullptr;  // null when there is nothing to look into
     };
-    // The caps of a new pad, with the lines that every pad handler writes. `element` is what exposed the pad, by the name that the lines give it;
-    // `url_label` is what stands before the URL in the lines of a failure.
+    // The caps of a new pad, with the lines that every pad handler writes. `element` is
+    // what exposed the pad, by the name that the lines give it; `url_label` is what
+    // stands before the URL in the lines of a failure.
     PadCaps _InspectPad(const char *tag, const char *element, const char *url_label, GstPad *pad) const;
-    // Whether a pad gets a branch: the first of its medium does. Another encoding than that one's raises the media-changed flag.
+    // Whether a pad gets a branch: the first of its medium does. Another encoding
+    // than that one's raises the media-changed flag.
     bool _TakesPad(const char *tag, Medium medium, const char *encode);
 
     // Queue of a branch with its limit, null when it cannot be made.
     GSTREAMER::ElementRef _MakeBranchQueue(const char *name);
-    // Sinks of the four demultiplexing classes, with target, media kind, clock behaviour and signals. Null when they cannot be made.
+    // Sinks of the four demultiplexing classes, with target, media kind, clock
+    // behaviour and signals. Null when they cannot be made.
     GSTREAMER::ElementRef _MakeVideoSink();
     GSTREAMER::ElementRef _MakeAudioSink();
     static void _SetSinkMedia(GstElement *sink, int media);
@@ -178,13 +186,16 @@ class CBaseSource {
 
     // The branch in the pipeline's order: `front`, those of `middle` that there are, `sink`.
     static GSTREAMER::Chain _ChainOf(GSTREAMER::Chain front, const GSTREAMER::Chain &middle, GstElement *sink);
-    // Queue, parser, caps filter and sink behind a demultiplexer. When one is missing, this is logged, none is kept, and the chain is empty.
+    // Queue, parser, caps filter and sink behind a demultiplexer. When one is missing, this is
+    // logged, none is kept, and the chain is empty.
     GSTREAMER::Chain _MakeVideoBranch(const char *tag, const char *encode);
-    // The same for audio. An encoding that needs no parser is taken without one, or refused because "none" is no element.
+    // The same for audio. An encoding that needs no parser is taken without
+    // one, or refused because "none" is no element.
     enum class Unparsed { Taken, Refused };
     GSTREAMER::Chain _MakeAudioBranch(const char *tag, const char *encode, Unparsed unparsed);
 
-    // GstState of the pipeline, and 0 after a failed play, a failed link or (RTSP) a bus error. Worker, host, streaming.
+    // GstState of the pipeline, and 0 after a failed play, a failed link
+    // or (RTSP) a bus error. Worker, host, streaming.
     std::atomic<int> m_nPipelineState{GST_STATE_NULL};
     GstBus *m_pBus = nullptr;                  // owned; host before the worker runs and after it has ended, else worker
     GstElement *m_pPipeline = nullptr;         // owned; as m_pBus, and read by streaming threads, which a stop ends first
@@ -195,11 +206,13 @@ class CBaseSource {
     unsigned int m_nCaching = 200;             // as m_strURL
     std::thread m_nLoopPthread;                // host
     std::atomic<bool> m_bExit{false};          // written by the host, polled by the worker
-    // Rebuild after a session end. Close clears it for good: a source that was closed and opened again plays one session only.
+    // Rebuild after a session end. Close clears it for good: a source that was
+    // closed and opened again plays one session only.
     std::atomic<bool> m_bReconnect{true};
     GuardedText m_strAudioEncode;  // written by streaming threads, cleared by the stop
     GuardedText m_strVideoEncode;
-    // The branches. Written by streaming threads, emptied by the stop, empty where a branch has no such element.
+    // The branches. Written by streaming threads, emptied by the
+    // stop, empty where a branch has no such element.
     GSTREAMER::ElementRef m_pVideoQueue;
     GSTREAMER::ElementRef m_pAudioQueue;
     GSTREAMER::ElementRef m_pVideoParse;
@@ -226,7 +239,8 @@ class CBaseSource {
     void _StoreRealFps(float source_status_t::*field, guint fps);
     void _CallHost(media_code_info_t *info);
 
-    // Number of the pipeline, new for each in the process, 0 while there is none. Written as m_pPipeline, read by any thread.
+    // Number of the pipeline, new for each in the process, 0 while there is
+    // none. Written as m_pPipeline, read by any thread.
     std::atomic<std::size_t> m_nRun{0};
     std::atomic<gint64> m_nLastReport{0};
     std::unique_ptr<GSTREAMER::ServerContact> m_pContact;  // as m_pPipeline
@@ -242,8 +256,8 @@ class CBaseSource {
     std::mutex m_mtxCallback;  // guards the two below; not held while the host is called
     media_change_callback_t m_pfnMediaChange = nullptr;
     void *m_pMediaChangeUser = nullptr;
-    // What the host is shown during a callback. A place of its own for each medium, written by that medium's streaming thread
-    // alone: the host reads it without a lock, while a rebuild may be clearing the records.
+    // What the host is shown during a callback. A place of its own for each medium, written by that medium's
+    // streaming thread alone: the host reads it without a lock, while a rebuild may be clearing the records.
     media_code_info_t m_stVideoShown{};
     media_code_info_t m_stAudioShown{};
 };

@@ -1,4 +1,5 @@
-// HLS with transport-stream segments: souphttpsrc -> hlsdemux -> tsdemux (added when hlsdemux exposes its pad) -> branches.
+// HLS with transport-stream segments: souphttpsrc -> hlsdemux -> tsdemux
+// (added when hlsdemux exposes its pad) -> branches.
 #pragma once
 
 #include "CBaseSource.h"
@@ -28,7 +29,8 @@ class CHLSSource : public CBaseSource {
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
-    // How an HTTP source asks, whatever server: time-out, retries, and where the host gave them proxy and user agent.
+    // How an HTTP source asks, whatever server: time-out, retries, and
+    // where the host gave them proxy and user agent.
     void _SetRequestOptions(GstElement *source) const;
     void _ListWorkarounds();  // as _CreateGstElements
     // First stage: accepts one transport-stream pad of hlsdemux in a pipeline run. Streaming.
@@ -40,7 +42,8 @@ class CHLSSource : public CBaseSource {
     bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
     std::vector<GSTREAMER::ElementRef *> _ElementFields();                                // in the order of release
 
-    // Media type of the accepted pad of hlsdemux, empty while none. Written by the first stage, cleared by the stop.
+    // Media type of the accepted pad of hlsdemux, empty while none.
+    // Written by the first stage, cleared by the stop.
     GuardedText m_strHlsMediaType;
     // Written where the pipeline is built, the transport-stream demultiplexer on the streaming thread.
     GSTREAMER::ElementRef m_pSoupSrc;

@@ -22,7 +22,8 @@ class CRtmpSource : public CBaseSource {
   private:
     friend struct SourceProbe;
 
-    // Decides by the scheme whether this is RTMPS; if so appends " live=1" and puts the credentials into the location. Host.
+    // Decides by the scheme whether this is RTMPS; if so appends " live=1" and
+    // puts the credentials into the location. Host.
     void _RewriteRtmpsLocation();
     bool _CreateGstElements();   // host (first build), worker (rebuilds)
     void _SetSourceOptions();    // of m_pRtmpSrc, as _CreateGstElements

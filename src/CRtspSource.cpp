@@ -192,7 +192,8 @@ void CRtspSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer u
     if (caps.structure == nullptr) {
         return;
     }
-    // Only RTP pads get a branch; other media beside audio and video (metadata, back channels) are left alone without a word.
+    // Only RTP pads get a branch; other media beside audio and video (metadata,
+    // back channels) are left alone without a word.
     if (gst_structure_has_name(caps.structure, "application/x-rtp") == FALSE) {
         return;
     }

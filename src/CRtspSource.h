@@ -27,7 +27,8 @@ class CRtspSource : public CBaseSource {
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
-    // This class's sinks run unsynchronised and with their diagnostics on; the media kind follows with the encoding. Streaming.
+    // This class's sinks run unsynchronised and with their diagnostics on; the
+    // media kind follows with the encoding. Streaming.
     GSTREAMER::ElementRef _MakeSink(const char *name);
     static void pad_added_handler(GstElement *element, GstPad *pad, gpointer user_data);  // streaming
     bool _CreateVideoStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming

@@ -99,7 +99,8 @@ void CSrtSource::_LoopPthread() {
             break;
         }
         if (_PipelinePlay()) {
-            // Not "connected" yet: a caller plays happily without a peer. The first bit-rate report says that data flows.
+            // Not "connected" yet: a caller plays happily without a peer.
+            // The first bit-rate report says that data flows.
             _SetStatusState("reconnect");
             _PollSession(kTag);
         } else {

@@ -225,7 +225,8 @@ bool CUDPSource::_CreateAudioStream(GstElement * /*demux*/, GstPad *pad, const c
     }
     if (!LinkMany(chain)) {
         LOG_ERR(kTag << " Audio element link many faild !!! url=" << GetURL());
-        // This class takes the branch out again. The caps filter stays in, and the fields go on naming the elements until the next stop.
+        // This class takes the branch out again. The caps filter stays in, and the fields
+        // go on naming the elements until the next stop.
         TakeOut(m_pPipeline, {m_pAudioQueue, m_pAudioParse, m_pAudioSink});
         return false;
     }

@@ -1,5 +1,5 @@
-// What a branch needs for an encoding name. Names are compared case-sensitively. The tables are constant: sources share
-// them from many threads.
+// What a branch needs for an encoding name. Names are compared case-sensitively. The tables are
+// constant: sources share them from many threads.
 #pragma once
 
 #include <array>
@@ -58,7 +58,8 @@ inline constexpr int kMediaH265 = 64;
 // What an audio sink carries until its encoding has been looked up.
 inline constexpr int kMediaAudioProvisional = 21;
 
-// What a video branch is made of besides queue and sink: factories, names of the elements, caps of the filter, the sink's "media" property.
+// What a video branch is made of besides queue and sink: factories, names of the elements,
+// caps of the filter, the sink's "media" property.
 struct VideoCodec {
     const char *encode;
     const char *depayloader;

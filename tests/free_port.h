@@ -45,8 +45,8 @@ inline bool Claim(int type, uint16_t port) {
     return Bind(AF_UNIX, SOCK_STREAM, &address, size, true);
 }
 
-// A port that is free and stays so. The kernel gives ports of its own range to any socket that has not been bound, and one of
-// those could take a port that its owner has yet to bind. So these lie below that range.
+// A port that is free and stays so. The kernel gives ports of its own range to any socket that has not been
+// bound, and one of those could take a port that its owner has yet to bind. So these lie below that range.
 inline uint16_t Take(int type) {
     static std::mutex mutex;
     static std::mt19937 random(std::random_device{}());

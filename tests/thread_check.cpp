@@ -1,5 +1,6 @@
-// Shows the thread sanitizer the locks, conditions, thread pools, calls into main contexts and last references of GLib, which are not built for it: without
-// them it takes what they order for races. Calls from GStreamer, its plug-ins and this project's own code come through here; those inside GLib do not.
+// Shows the thread sanitizer the locks, conditions, thread pools, calls into main contexts and last
+// references of GLib, which are not built for it: without them it takes what they order for races. Calls from
+// GStreamer, its plug-ins and this project's own code come through here; those inside GLib do not.
 #include <dlfcn.h>
 #include <glib-object.h>
 #include <gst/gst.h>

@@ -68,7 +68,8 @@ bool LinkMany(const Chain &chain) {
             break;
         }
         if (previous != nullptr) {
-            // One that its bin has refused is no neighbour: asking all the same gives a warning of the framework's.
+            // One that its bin has refused is no neighbour: asking
+            // all the same gives a warning of the framework's.
             linked = GST_OBJECT_PARENT(previous) == GST_OBJECT_PARENT(element) && gst_element_link(previous, element) != FALSE;
             if (!linked) {
                 return false;

@@ -135,7 +135,8 @@ void Describe(GstMessage *message, Reason &reason) {
     }
 }
 
-// A segment that is refused reaches the bus as the headers of its answer only; those of the location itself come before an error that says the same.
+// A segment that is refused reaches the bus as the headers of its answer only; those of the location
+// itself come before an error that says the same.
 std::optional<Reason> ReasonOfHeaders(GstMessage *message, const GstStructure *structure) {
     constexpr guint kFirstRefusal = 400;
     guint status = 0;

@@ -1,4 +1,5 @@
-// Why a session ended or does not come about, in one line for people and programs: from what the framework says about it in its several places.
+// Why a session ended or does not come about, in one line for people and programs: from what the
+// framework says about it in its several places.
 #pragma once
 
 #include <gst/gst.h>
@@ -19,13 +20,16 @@ struct Reason {
     std::string Line() const;
 };
 
-// Of an error, a warning, an end of stream, a time-out message, or an answer that refuses an HTTP request. Nothing for other messages.
+// Of an error, a warning, an end of stream, a time-out message, or an answer that
+// refuses an HTTP request. Nothing for other messages.
 std::optional<Reason> ReasonOf(GstMessage *message);
 
-// Of a change to PLAYING that failed without a message: the first element that refused, and what the calling thread's log says of it.
+// Of a change to PLAYING that failed without a message: the first element that refused,
+// and what the calling thread's log says of it.
 Reason ReasonOfFailedStart(GstElement *pipeline);
 
-// The code of a text that names its cause, as protocols and the operating system word it; empty when it names none.
+// The code of a text that names its cause, as protocols and the
+// operating system word it; empty when it names none.
 const char *CodeOf(const char *text);
 
 // The text with `***` for passwords in the URLs in it, before the host and in SRT's parameter.

@@ -17,7 +17,8 @@
 #include <cstring>
 #include <limits>
 
-// No question takes memory of the C++ library: a worker that finds none must not end the process by an exception.
+// No question takes memory of the C++ library: a worker that finds
+// none must not end the process by an exception.
 namespace GSTREAMER {
 
 namespace {
@@ -124,7 +125,8 @@ size_t ThreadRoomOfUser(size_t needed) {
     return Room(limit, ThreadsOfUser());
 }
 
-// The control group of the process and those above it, with "pids.max" in each. Version 2 has one tree, version 1 one for this controller.
+// The control group of the process and those above it, with "pids.max" in each. Version 2
+// has one tree, version 1 one for this controller.
 size_t ThreadRoomOfControlGroups(const char *root) {
     std::array<char, 4096> groups{};
     std::array<char, 4096> path{};

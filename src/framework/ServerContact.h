@@ -1,5 +1,5 @@
-// How far the last connection to one server has come: for elements that say no more of one that failed than that the stream has stopped. Known by what
-// GIO's socket client tells of every connection of the process.
+// How far the last connection to one server has come: for elements that say no more of one that failed than
+// that the stream has stopped. Known by what GIO's socket client tells of every connection of the process.
 #pragma once
 
 #include <gio/gio.h>
@@ -22,7 +22,8 @@ class ServerContact {
     ServerContact(const ServerContact &) = delete;
     ServerContact &operator=(const ServerContact &) = delete;
 
-    // Whether the server's name has an address; true for one that is an address, and for none. Asks the resolver, which takes its time. Any thread.
+    // Whether the server's name has an address; true for one that is an address, and for none. Asks
+    // the resolver, which takes its time. Any thread.
     bool HasAddress() const;
     const std::string &Host() const { return m_strHost; }
     // Why the last connection came to nothing, or no answer by it. Any thread.

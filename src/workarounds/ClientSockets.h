@@ -1,5 +1,6 @@
-// The sockets that GIO's socket client connects to a host of the network for one element, for workarounds that
-// have to end them. They are known by the thread that connects them: no socket of the host is ever touched.
+// The sockets that GIO's socket client connects to a host of the network for one
+// element, for workarounds that have to end them. They are known by the thread that
+// connects them: no socket of the host is ever touched.
 #pragma once
 
 #include <gio/gio.h>
@@ -14,7 +15,8 @@ class ClientSockets {
   public:
     enum class Stage { None, Resolving, Connecting, Ended };
 
-    // While this lives, `is_own` is asked on each thread of the process that connects by GIO. It must be quick and must not use this object.
+    // While this lives, `is_own` is asked on each thread of the process that connects by GIO.
+    // It must be quick and must not use this object.
     explicit ClientSockets(std::function<bool()> is_own);
     ~ClientSockets();
     ClientSockets(const ClientSockets &) = delete;
@@ -22,8 +24,8 @@ class ClientSockets {
 
     // How far the last connection attempt has come. Any thread.
     Stage LastStage() const;
-    // Shuts down in both directions all sockets of the element that are still there, those included that are being connected: whoever waits for one is
-    // woken. Any thread.
+    // Shuts down in both directions all sockets of the element that are still there, those included that are
+    // being connected: whoever waits for one is woken. Any thread.
     void Shutdown();
 
   private:

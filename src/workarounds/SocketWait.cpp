@@ -19,7 +19,8 @@ namespace GSTREAMER {
 
 namespace {
 
-// What the thread waits for in the kernel: "NUMBER ARGUMENT..." of a system call; other text when it does not.
+// What the thread waits for in the kernel: "NUMBER ARGUMENT..."
+// of a system call; other text when it does not.
 std::string SystemCallOf(pid_t thread) {
     std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
     std::string text;
@@ -83,7 +84,8 @@ bool IsStandardStream(int descriptor) {
     return false;
 }
 
-// The descriptors that a poll is about. They are on the other thread's stack, which may be gone by now: the kernel looks for us.
+// The descriptors that a poll is about. They are on the other thread's stack,
+// which may be gone by now: the kernel looks for us.
 std::vector<int> PolledBy(std::istream &arguments) {
     constexpr unsigned long kMost = 16;
     unsigned long place = 0;
@@ -122,7 +124,8 @@ bool EndSocketWait(pid_t thread) {
     } else if (IsSocketCall(number) && fields >> fd) {
         descriptors = {fd};
     }
-    // Numbers of their own for the sockets, and then a second look: if the thread is still at it, these are the sockets.
+    // Numbers of their own for the sockets, and then a second look: if the
+    // thread is still at it, these are the sockets.
     std::vector<int> own;
     for (const int descriptor : descriptors) {
         const int copy = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
@@ -130,7 +133,8 @@ bool EndSocketWait(pid_t thread) {
             own.push_back(copy);
         }
     }
-    // Threads also poll what wakes them within the process, pairs of local sockets among it: that must stay whole.
+    // Threads also poll what wakes them within the process, pairs of
+    // local sockets among it: that must stay whole.
     const auto others =
         std::partition(own.begin(), own.end(), [](int copy) { return IsNetworkSocket(copy) && !IsStandardStream(copy); });
     std::for_each(others, own.end(), close);

@@ -1,4 +1,5 @@
-// For a stop that may not end by itself: once a patience is over, the help is called again and again until the stop has ended.
+// For a stop that may not end by itself: once a patience is over, the help is
+// called again and again until the stop has ended.
 #pragma once
 
 #include <chrono>
@@ -16,8 +17,8 @@ class StopHelp {
     StopHelp(const StopHelp &) = delete;
     StopHelp &operator=(const StopHelp &) = delete;
 
-    // `help` is called on a thread of its own, every 10 ms once `patience` is over. Without that thread the stop takes as long as its peer wants,
-    // which a WARN line says.
+    // `help` is called on a thread of its own, every 10 ms once `patience` is over. Without that thread the
+    // stop takes as long as its peer wants, which a WARN line says.
     void Begin(std::chrono::milliseconds patience, std::function<void()> help);
     // `help` is not called any more once this is back. Nothing without a Begin.
     void End();

@@ -1,5 +1,6 @@
 // Symptom: an RTSP source stays "connected" for ever after its server has closed the connection.
-// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2. The end of the streams is lost without a pad yet, or in a jitter buffer; a warning is all there is.
+// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2. The end of the streams is lost without a pad yet, or
+// in a jitter buffer; a warning is all there is.
 // Done: when nothing has come for 3 s and the latency after that warning, an error ends the session.
 // Cost: none.
 // Test: SourceTest.RtspServerThatHasLeftForGoodEndsTheSession.
@@ -14,7 +15,8 @@ namespace GSTREAMER {
 
 class UnannouncedRtspEnd final : public Workaround {
   public:
-    // `latency_ms` is what the jitter buffers hold back. `last_report` gives when media last came, as g_get_monotonic_time, 0 for never.
+    // `latency_ms` is what the jitter buffers hold back. `last_report` gives when media
+    // last came, as g_get_monotonic_time, 0 for never.
     UnannouncedRtspEnd(GstElement *source, gint64 latency_ms, std::function<gint64()> last_report);
 
     void AfterPoll(GstMessage *message) override;

@@ -1,5 +1,6 @@
 // Symptom: with a time-out other than 15 s, or a proxy, HLS reloads, variants and keys go without any option.
-// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2. It offers its HTTP session to others only at its defaults.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2. It offers
+// its HTTP session to others only at its defaults.
 // Done: the playlist's source has the defaults while it decides, and its options before it makes the session.
 // Cost: none.
 // Test: Hls.EveryRequestComesThroughTheProxy, HlsPlays.FramesEqualTheMaterial/requests.

@@ -1,8 +1,10 @@
-// A defect of the framework and what is done about it. The first five lines of each workaround's header say: the symptom, the element and the
-// versions in which it was seen, what is done, what that costs, and the test that fails without it. docs/workarounds.md is the same as one table.
+// A defect of the framework and what is done about it. The first five lines of each workaround's header say:
+// the symptom, the element and the versions in which it was seen, what is done, what that costs, and the test
+// that fails without it. docs/workarounds.md is the same as one table.
 //
-// A protocol class makes its workarounds with the pipeline that they are for, and calls the hooks at the fixed places below. A workaround goes right
-// after its pipeline has been released; it holds no reference of an element by then.
+// A protocol class makes its workarounds with the pipeline that they are for, and calls the
+// hooks at the fixed places below. A workaround goes right after its pipeline has been
+// released; it holds no reference of an element by then.
 #pragma once
 
 #include <gst/gst.h>
@@ -25,15 +27,18 @@ class Workaround {
     virtual void BeforePlay() {}
     // The pipeline has been told to play, whatever came of it. Worker.
     virtual void AfterPlay() {}
-    // After each poll of the bus, with the message or null. What has to end the session posts an error on the bus. Worker.
+    // After each poll of the bus, with the message or null. What has to end
+    // the session posts an error on the bus. Worker.
     virtual void AfterPoll(GstMessage * /*message*/) {}
-    // Right before the pipeline is told to stop, whatever state it is in. Thread of the stop, which holds no lock that a streaming thread takes.
+    // Right before the pipeline is told to stop, whatever state it is in. Thread of the stop,
+    // which holds no lock that a streaming thread takes.
     virtual void BeforeStop() {}
     // The pipeline has stopped, or could not; its elements are still there. Thread of the stop.
     virtual void AfterStop() {}
 };
 
-// The workarounds of one pipeline, called in the order in which they were added; AfterPlay and AfterStop in the opposite order.
+// The workarounds of one pipeline, called in the order in which they were added;
+// AfterPlay and AfterStop in the opposite order.
 class Workarounds {
   public:
     void Add(std::unique_ptr<Workaround> workaround) { m_vecAdded.push_back(std::move(workaround)); }

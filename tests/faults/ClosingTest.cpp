@@ -1,5 +1,5 @@
-// Close and destroy at every moment of a source's life, with the real elements as far as a peer can be had in this process: a
-// hang is ended by a watchdog that shows all stacks.
+// Close and destroy at every moment of a source's life, with the real elements as far as a peer can be had in
+// this process: a hang is ended by a watchdog that shows all stacks.
 #include "../unit/support/FakeDemux.h"
 #include "../unit/support/Fixture.h"
 #include "../unit/support/Watchdog.h"
@@ -60,7 +60,8 @@ class Closing : public ClassTest {
             EXPECT_EQ(nullptr, SourceProbe::Pipeline(*source));
         }
     }
-    // Opens a source at such a peer and ends it once `await` is back: in all ways side by side, each on a thread that is its host.
+    // Opens a source at such a peer and ends it once `await` is back: in all ways
+    // side by side, each on a thread that is its host.
     void EndInEachWay(const char *moment, Stall stall, const std::function<void(const StalledPeer &, CBaseSource &)> &await) {
         const Watchdog watchdog(Row().name + ": " + moment);
         std::vector<std::thread> hosts;
@@ -92,7 +93,8 @@ class Closing : public ClassTest {
             after();
         }
     }
-    // A session whose demultiplexer is played by a script, in front of which the real source element waits for its peer.
+    // A session whose demultiplexer is played by a script, in front of
+    // which the real source element waits for its peer.
     void OpenScripted(const StalledPeer &peer, DemuxScript script) {
         ScriptDemuxers(m_faults, std::move(script));
         OpenAt(Source(), peer.Port());
@@ -230,7 +232,8 @@ INSTANTIATE_TEST_SUITE_P(Classes, Closing, testing::ValuesIn(SourceClasses()), C
 
 // ---- A stop that is lost on rtspsrc ------------------------------------------------------------------------------------------
 
-// Holds rtspsrc just before it makes its connection until the stop has given up waiting for it, by what the element says of both.
+// Holds rtspsrc just before it makes its connection until the stop has given up
+// waiting for it, by what the element says of both.
 class BeforeConnection {
   public:
     BeforeConnection() {

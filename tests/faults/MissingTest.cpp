@@ -1,4 +1,5 @@
-// Plug-ins that are not installed, as a host meets them: the factory is not in the registry. What is missing has to be named.
+// Plug-ins that are not installed, as a host meets them: the factory is not in
+// the registry. What is missing has to be named.
 #include "../unit/support/Fixture.h"
 #include "../unit/support/Watchdog.h"
 

@@ -1,5 +1,6 @@
-// Close and destroy from a thread that they would have to wait for: the host's callback, its sink, its print handler. They are
-// refused, told, and do no harm; without that, they wait for themselves or leave a pipeline behind that nobody can end.
+// Close and destroy from a thread that they would have to wait for: the host's callback, its sink,
+// its print handler. They are refused, told, and do no harm; without that, they wait for themselves
+// or leave a pipeline behind that nobody can end.
 #include "../unit/support/FakeDemux.h"
 #include "../unit/support/Fixture.h"
 #include "../unit/support/Loopback.h"
@@ -172,8 +173,8 @@ GstPadProbeReturn CloseOnStreamingThread(GstPad *, GstPadProbeInfo *, gpointer u
 }
 
 TEST_P(OwnThread, CloseFromTheHostsSinkIsRefused) {
-    // The host's own handlers of its sink's signals do not run inside of the library: the thread is known all the same, here
-    // the queue's, which is the only one that ever reaches a sink.
+    // The host's own handlers of its sink's signals do not run inside of the library: the thread is known all
+    // the same, here the queue's, which is the only one that ever reaches a sink.
     std::atomic<bool> exposed{false};
     ScriptDemuxers(m_faults, [&](GstElement *self, const std::atomic<bool> &) {
         // Said before: the queue's thread gets the first event while the pad is still being exposed.

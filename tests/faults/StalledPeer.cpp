@@ -53,7 +53,8 @@ std::string HalfAnswer(int protocol) {
     }
 }
 
-// The answer to the first handshake packet of an SRT caller (induction), which then sends its second one for nothing.
+// The answer to the first handshake packet of an SRT caller
+// (induction), which then sends its second one for nothing.
 std::string InductionAnswer(const std::string &request) {
     constexpr std::size_t kHeader = 16;
     constexpr std::size_t kSocketId = kHeader + 24;
@@ -72,7 +73,8 @@ StalledPeer::StalledPeer(int protocol, Stall stall) : m_protocol(protocol), m_st
     m_port = PortOf(m_listener);
     sockaddr_in address = LoopbackAddress(m_port);
     if (protocol == SOURCE_TYPE_UDP || stall == Stall::Refusing) {
-        // The source's own port in the one case, and nobody's in the other, where TCP can even be kept from everybody else.
+        // The source's own port in the one case, and nobody's in the other,
+        // where TCP can even be kept from everybody else.
         if (IsDatagram(protocol)) {
             close(m_listener);
             m_listener = -1;

@@ -1,6 +1,7 @@
-// Every call of the library into the framework that can fail does so once: the n-th of a run, for every n until a run has none
-// left, and once more with every call after it. A run is open, first build, branches, rebuild, branches again and close. Each
-// time the failure has to be told as documented, nothing may be left behind, and the same source has to work afterwards.
+// Every call of the library into the framework that can fail does so once: the n-th of a run, for every n
+// until a run has none left, and once more with every call after it. A run is open, first build, branches,
+// rebuild, branches again and close. Each time the failure has to be told as documented, nothing may be left
+// behind, and the same source has to work afterwards.
 #include "../unit/support/Fixture.h"
 #include "../unit/support/Watchdog.h"
 
@@ -15,7 +16,8 @@ namespace {
 struct Subject {
     std::string name;
     SourceClass row;
-    // Caps of the pads that the demultiplexer brings in the second session, in place of the class's own: video, audio.
+    // Caps of the pads that the demultiplexer brings in the second
+    // session, in place of the class's own: video, audio.
     std::string changedVideo;
     std::string changedAudio;
 };
@@ -131,8 +133,9 @@ void Torture::ExpectTold(const FrameworkCall &call, const std::string &url, cons
         expected = (!Row().frontLinkFailure.empty() && one_of({Row().frontLinkFailure})) ||
                    told([&](const std::string &message) { return Has(message, " link many faild !!! url=" + url); });
     } else if (function == "gst_pad_link" || function == "gst_element_get_static_pad") {
-        // An RTMPS source that cannot be held before its stop is stopped all the same, and so are one of RTMP whose data are not
-        // seen and one of HLS that cannot be asked whether it waits; HLS does without the watch for empty playlists.
+        // An RTMPS source that cannot be held before its stop is stopped all the same, and so are
+        // one of RTMP whose data are not seen and one of HLS that cannot be asked whether it waits;
+        // HLS does without the watch for empty playlists.
         expected = call.detail == "Rtmpsrc" || call.detail == "Rtmp2src" || call.detail == "Souphttpsrc" || one_of(pad_links);
     } else if (function == "gst_element_sync_state_with_parent") {
         expected = told([&](const std::string &message) {
@@ -149,7 +152,8 @@ void Torture::ExpectTold(const FrameworkCall &call, const std::string &url, cons
     } else if (function == "gst_element_set_state" && call.detail == "pipeline PLAYING") {
         expected = one_of({Row().Tag() + " Set the pipeline to the GST_STATE_PLAYING failure!!! URL="});
     } else if (function == "gst_element_set_state" && call.detail == "pipeline NULL") {
-        // Two classes stop the pipeline once more while they release it, and that result tells nobody anything.
+        // Two classes stop the pipeline once more while they
+        // release it, and that result tells nobody anything.
         expected = IsHls() || Row().type == SOURCE_TYPE_UDP ||
                    one_of({Row().Tag() + " Set the pipeline to the GST_STATE_NULL failure!!! URL="});
     } else if (function == "std::thread") {
@@ -215,8 +219,8 @@ bool Torture::Run(int n, bool and_all_after) {
             const std::set<std::string> fatal{"gst_element_factory_make", "gst_pipeline_new",
                                               "gst_pipeline_get_bus",     "gst_bin_add",
                                               "gst_element_link",         "std::thread"};
-            // What fails before the worker has its first word fails the open; the worker's own first calls may come before
-            // the open is back.
+            // What fails before the worker has its first word fails the open; the worker's own
+            // first calls may come before the open is back.
             const bool watch = at_open.function == "std::thread" && WatchRefused(log.All());
             if (fatal.count(at_open.function) != 0 && !watch) {
                 EXPECT_FALSE(opened);

@@ -1,5 +1,5 @@
-// The same faults with everything real: a transport stream over UDP, the real elements, the framework's own streaming threads.
-// The sink alone is a stand-in, which counts what reaches it.
+// The same faults with everything real: a transport stream over UDP, the real elements, the framework's own
+// streaming threads. The sink alone is a stand-in, which counts what reaches it.
 #include "../unit/support/Fixture.h"
 #include "../unit/support/Loopback.h"
 #include "../unit/support/Watchdog.h"
@@ -131,8 +131,8 @@ TEST_F(UdpTorture, EachCallFailsInTurnWithDataFlowing) {
     std::fprintf(stderr, "UDP with data flowing: %d calls failed in turn\n", failed);
 }
 
-// The session goes on, or comes again, by itself once the fault is over: what ends it is the next change of the stream or the
-// host, never a crash.
+// The session goes on, or comes again, by itself once the fault is over: what ends it is the next
+// change of the stream or the host, never a crash.
 TEST_F(UdpTorture, RebuildsAreMetByFaultsAsWell) {
     ASSERT_NE(nullptr, std::getenv("FAULTS_STREAM"));
     for (int n = 1; n <= 24 && !HasFailure(); ++n) {

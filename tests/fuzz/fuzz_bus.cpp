@@ -1,4 +1,5 @@
-// Arbitrary messages on the bus of a source: what its threads note of them while they are posted, and what the worker takes them for.
+// Arbitrary messages on the bus of a source: what its threads note of them while they
+// are posted, and what the worker takes them for.
 #include "../unit/support/Fixture.h"
 #include "support.h"
 

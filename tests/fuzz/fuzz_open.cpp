@@ -1,5 +1,5 @@
-// Locations and options of every open function, through the exported interface. The elements are real and take their properties;
-// the pipeline is never started, so that nothing goes out to a network.
+// Locations and options of every open function, through the exported interface. The elements are real and
+// take their properties; the pipeline is never started, so that nothing goes out to a network.
 #include "../unit/support/Fixture.h"
 #include "support.h"
 
@@ -91,7 +91,8 @@ int OpenHls(fuzz::Input &in, void *handle) {
 }
 
 void Open(fuzz::Input &in, unit::Faults &faults, int type, void *handle) {
-    // The source that asks for the playlist's headers beforehand would go out: the third element of an HLS session is not made.
+    // The source that asks for the playlist's headers beforehand would go out:
+    // the third element of an HLS session is not made.
     faults.FailNthMake(type == SOURCE_TYPE_HLS ? 3 : 0);
     using OpenFunction = int (*)(fuzz::Input &, void *);
     static constexpr OpenFunction kOpens[] = {OpenRtsp, OpenRtmp, OpenSrt, OpenUdp, OpenHls};

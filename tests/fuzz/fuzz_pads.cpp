@@ -1,5 +1,5 @@
-// New pads with arbitrary caps, handed to the pad handlers of every source class, and branches with arbitrary encoding names; any call
-// into the framework may fail meanwhile.
+// New pads with arbitrary caps, handed to the pad handlers of every source class, and branches with arbitrary
+// encoding names; any call into the framework may fail meanwhile.
 #include "../unit/support/Fixture.h"
 #include "support.h"
 

@@ -1,4 +1,5 @@
-// The handlers of the sinks' signals with arbitrary arguments, against a plain model of what a host then reads.
+// The handlers of the sinks' signals with arbitrary arguments,
+// against a plain model of what a host then reads.
 #include "../unit/support/Fixture.h"
 #include "support.h"
 

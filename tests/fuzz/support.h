@@ -1,4 +1,5 @@
-// What the fuzz targets of the library share: the framework made ready once, and arbitrary values for what the framework hands over.
+// What the fuzz targets of the library share: the framework made ready once, and
+// arbitrary values for what the framework hands over.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -11,8 +12,9 @@ namespace fuzz {
 
 using Input = FuzzedDataProvider;
 
-// GStreamer without its log lines, the recording sink in place of the real one, and the end of the process for each critical of GLib or
-// GStreamer. Warnings (a property value out of range) are the host's own fault and pass. Once; later calls do nothing.
+// GStreamer without its log lines, the recording sink in place of the real one, and the end of the process
+// for each critical of GLib or GStreamer. Warnings (a property value out of range) are the host's own
+// fault and pass. Once; later calls do nothing.
 void Prepare();
 
 // Ends the process, which is a finding, when the condition does not hold.

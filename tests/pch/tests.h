@@ -1,4 +1,5 @@
-// What nearly every test file includes, compiled once for each program. A file includes what it uses all the same: clang's build has none.
+// What nearly every test file includes, compiled once for each program. A file includes what
+// it uses all the same: clang's build has none.
 #ifndef TESTS_PCH_TESTS_H
 #define TESTS_PCH_TESTS_H
 

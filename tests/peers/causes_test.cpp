@@ -1,4 +1,5 @@
-// Why a source does not play, provoked by real peers: the library's line and what gst-source shows of it name each cause.
+// Why a source does not play, provoked by real peers: the library's line
+// and what gst-source shows of it name each cause.
 
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -1,4 +1,5 @@
-// Things that run out around a playing source: it says so, goes on when they are back, and closes in any case.
+// Things that run out around a playing source: it says so, goes
+// on when they are back, and closes in any case.
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -76,7 +76,8 @@ class Site : public Scene {
         }
         return requests;
     }
-    // Every segment that was asked for was given, and there were some. With credentials the server may first ask for them.
+    // Every segment that was asked for was given, and there were some. With
+    // credentials the server may first ask for them.
     void ExpectSegmentsGiven() const {
         std::map<std::string, bool> given;
         for (const auto &request : Requests()) {
@@ -509,7 +510,8 @@ void Hls::CloseAgainAndAgain(size_t hosts, int rounds, const std::string &url, c
     });
 }
 
-// An answer that came just when souphttpsrc was stopped used to end the process, in libsoup. The worker looks up every 100 ms.
+// An answer that came just when souphttpsrc was stopped used to end the process,
+// in libsoup. The worker looks up every 100 ms.
 TEST_F(Hls, ClosedJustWhenTheAnswerComesEndsWell) {
     const SlowServer server(milliseconds(99), milliseconds(3));
     CloseAgainAndAgain(8, 80, server.Url(), HlsOptions{}, true);
@@ -528,7 +530,8 @@ TEST_F(Hls, ClosedJustWhenTheFirstSegmentComesEndsWell) {
     CloseAgainAndAgain(4, kRounds, Url(), HlsOptions{}, false);
 }
 
-// A connection attempt that was cancelled as it began used to be forgotten by GLib, and souphttpsrc waited for it for ever.
+// A connection attempt that was cancelled as it began used to be forgotten by
+// GLib, and souphttpsrc waited for it for ever.
 TEST_F(Hls, ClosedWhileItBeginsToConnectEndsWell) {
     HlsOptions options;
     options.proxy = "127.0.0.1:" + std::to_string(FreeTcpPort());

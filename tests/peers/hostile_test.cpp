@@ -1,5 +1,6 @@
-// Media that are wrong in every way a sender, a network or a server can get them wrong, in front of each demultiplexer. The source may lose
-// what is damaged; it may not crash, hang or stay silent once good media follow.
+// Media that are wrong in every way a sender, a network or a server can get them wrong,
+// in front of each demultiplexer. The source may lose what is damaged; it may not
+// crash, hang or stay silent once good media follow.
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -96,7 +97,8 @@ TEST_P(HostileUdp, GoodMediaPlayAfterwards) {
         const auto send = [&] { return scene.SendUdp(material, port, {"-tables_version", "29"}); };
         auto sender = send();
         if (!PlaysGood(host, seconds(8))) {
-            // What the hostile stream has left in the demultiplexer goes with the pipeline, which a silence ends.
+            // What the hostile stream has left in the demultiplexer
+            // goes with the pipeline, which a silence ends.
             sender->Stop();
             const size_t rebuilt = Reconnects(host);
             ExpectReconnects(host, rebuilt + 1);
@@ -158,7 +160,8 @@ struct Table {
     uint8_t id;
 };
 
-// Tables with the right checksum and bodies of noise, and programme maps whose descriptors are longer than they say or of another kind.
+// Tables with the right checksum and bodies of noise, and programme maps whose
+// descriptors are longer than they say or of another kind.
 std::string TablesThatLie(const std::string &good, const std::vector<Table> &kinds) {
     Random random(6);
     std::string ts;
@@ -263,8 +266,9 @@ INSTANTIATE_TEST_SUITE_P(
                       {"hundreds_of_programs", HundredsOfPrograms},
                       {"hundreds_of_streams", HundredsOfStreams},
                       {"dvb_tables_that_lie", DvbTablesThatLie},
-                      // tsdemux of GStreamer 1.22 answers a damaged master guide table of ATSC with a critical of GLib's
-                      // (g_ptr_array_unref of nothing), and goes on, which the harness lets pass.
+                      // tsdemux of GStreamer 1.22 answers a damaged master guide table
+                      // of ATSC with a critical of GLib's (g_ptr_array_unref of
+                      // nothing), and goes on, which the harness lets pass.
                       {"atsc_tables_that_lie", AtscTablesThatLie},
                       {"empty_and_huge_units", EmptyAndHugeUnits},
                       {"times_that_jump",
@@ -294,8 +298,8 @@ TEST_F(Hostile, RtmpPlaysAfterDamage) {
         Scene scene;
         const auto server = scene.StartServer(row.name, {"python3", program, file, row.name, "1"});
         Host host(kRtmp);
-        // A picture whose time lies far ahead is waited for by the sink, and everything behind it waits as well: neither the end of
-        // the connection nor a time-out gets through. The stall watch does.
+        // A picture whose time lies far ahead is waited for by the sink, and everything behind it waits as
+        // well: neither the end of the connection nor a time-out gets through. The stall watch does.
         host.SetStallWatch(seconds(3));
         RtmpOptions options;
         options.idleTimeout = 5;
@@ -422,7 +426,8 @@ class HostileHls : public Hostile {
             ASSERT_TRUE(host.Open(Url(row.name), HlsOptions{}));
             const std::string asked = "/" + std::string(row.name) + ".m3u8|";
             EXPECT_TRUE(WaitFor([&] { return ReadFile(NginxFile("access.log")).find(asked) != std::string::npos; }));
-            // Long enough for reloads, segments and a rebuild; whether anything comes of it is the case's own affair.
+            // Long enough for reloads, segments and a rebuild; whether
+            // anything comes of it is the case's own affair.
             HoldsFor([&] { return true; }, seconds(4));
             Publish(row.name, ReadFile(NginxFile("www/good.m3u8")));
             ExpectPlaysGoodAndCloses(host);
@@ -501,15 +506,16 @@ TEST_F(HostileHls, ListsAndSegmentsThatAreNone) {
     });
 }
 
-// hlsdemux of GStreamer 1.22 now and then lets go of a segment source that it has not stopped, when segments of no known type end the session
-// ("Trying to dispose element srcbin-src_0, but it is in READY"), and goes on, which the harness lets pass.
+// hlsdemux of GStreamer 1.22 now and then lets go of a segment source that it has not stopped, when
+// segments of no known type end the session ("Trying to dispose element srcbin-src_0, but it is in
+// READY"), and goes on, which the harness lets pass.
 TEST_F(HostileHls, SegmentsOfNoKnownType) {
     WriteFile(NginxFile("www/noise.ts"), Noise(100000, 22));
     ExpectGoodPlaylistsPlay({{"segments_of_noise", Playlist(kOneSecond, "#EXTINF:1,\n", "noise.ts?{}")}});
 }
 
-// Once in some sixty runs of the lists, libsoup 3.2 called through a null pointer on a thread of its own, right behind the answer "404" to the
-// request for the map.
+// Once in some sixty runs of the lists, libsoup 3.2 called through a null pointer on a thread of its own,
+// right behind the answer "404" to the request for the map.
 TEST_F(HostileHls, MapThatLies) {
     ExpectGoodPlaylistsPlay(
         {{"map_that_lies", Playlist(std::string(kOneSecond) + "#EXT-X-MAP:URI=\"nowhere\",BYTERANGE=\"9@9\"\n")}});

@@ -69,7 +69,8 @@ INSTANTIATE_TEST_SUITE_P(, RtmpPlays,
                                                          {"video_only", "h264_only"},
                                                          {"audio_only", "aac_only"},
                                                          {"mp3_only", "mp3_only"},
-                                                         // A server that asks for nothing does not mind being told.
+                                                         // A server that asks for nothing does not mind
+                                                         // being told.
                                                          {"credentials_not_asked_for", "h264_aac", "u", "p", "t"}}}),
                          kGroupName);
 
@@ -183,7 +184,8 @@ TEST_F(Rtmp, ClosedAtAnyMomentOfConnectingLeavesNothingBehind) {
     EXPECT_EQ(log.CountContaining("A connection attempt does not end"), 0U);
 }
 
-// What a server offers of TLS. Each offers 1.2, the newest that the policy leaves (tools/gst-source/rtmps-gnutls.conf).
+// What a server offers of TLS. Each offers 1.2, the newest that the
+// policy leaves (tools/gst-source/rtmps-gnutls.conf).
 struct TlsOffer {
     const char *name;
     const char *directives;
@@ -317,7 +319,8 @@ TEST_F(Rtmps, PlaysWithoutCredentials) {
     EXPECT_EQ(Reconnects(host), 0U);
 }
 
-// The element ends its connection under the hands of its own streaming thread: what holds once may not hold a dozen times.
+// The element ends its connection under the hands of its own streaming
+// thread: what holds once may not hold a dozen times.
 TEST_F(Rtmps, ClosesAgainAndAgain) {
     for (int round = 0; round < 12; ++round) {
         SCOPED_TRACE(round);

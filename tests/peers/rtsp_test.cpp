@@ -158,7 +158,8 @@ TEST_F(Rtsp, ServerKilledAndStartedAgain) {
         const auto epoch = host.Epoch();
         server = scene.ServeRtsp(material, InPlaceOf(*server));
         ExpectPlaysAfter(epoch, host, material);
-        // This protocol forgets its records before a rebuild, and so calls again for a stream that has not changed.
+        // This protocol forgets its records before a rebuild, and so
+        // calls again for a stream that has not changed.
         EXPECT_EQ(host.Calls(0).size(), 2U);
         EXPECT_EQ(host.Calls(1).size(), 2U);
     });

@@ -109,8 +109,9 @@ TEST_F(Srt, RefusedCallerGetsNothing) {
     };
     const RefusedRow rows[] = {
         {"wrong_passphrase", "quite another secret", 16}, {"no_passphrase", "", 16}, {"passphrase_without_length", kSecret, 0}};
-    // One after the other, and only until the listener has refused it some times: libsrt 1.5.1 now and then uses a refused socket after its
-    // end, and then no socket of the process can be opened or closed any more.
+    // One after the other, and only until the listener has refused it some times:
+    // libsrt 1.5.1 now and then uses a refused socket after its end, and then no socket
+    // of the process can be opened or closed any more.
     for (const RefusedRow &row : rows) {
         SCOPED_TRACE(row.name);
         const Material &material = GetMaterial("h264_aac");

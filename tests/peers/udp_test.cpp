@@ -49,7 +49,8 @@ struct LongRow {
 // Where the 33 bits of the times are used up, after 26.5 hours: the stream is joined six seconds before.
 const std::vector<std::string> kBeforeTheWrap = {"-output_ts_offset", "95436"};
 
-// Every second of a longer run brings one key frame, an unchanged stream calls back once, and times that wrap do not interrupt.
+// Every second of a longer run brings one key frame, an unchanged stream calls
+// back once, and times that wrap do not interrupt.
 TEST_F(Udp, LongRunsHaveNoHole) {
     const LongRow rows[] = {{"plain", {}}, {"times_that_wrap", kBeforeTheWrap}};
     SideBySide(rows, [&](const LongRow &row) {
@@ -107,7 +108,8 @@ TEST_F(Udp, SizeThatChangesIsReported) {
     EXPECT_TRUE(host.Close());
 }
 
-// The sender gives the parameter sets once, at its first picture; readers that join later need them at every key frame.
+// The sender gives the parameter sets once, at its first picture; readers
+// that join later need them at every key frame.
 TEST_F(Udp, ParameterSetsAreInEveryKeyFrame) {
     struct SetsRow {
         const char *name;  // of the material

@@ -1,4 +1,5 @@
-// Reads every track of a buffer and compares what arrives, frame by frame, with the materials that senders play over and over.
+// Reads every track of a buffer and compares what arrives, frame by frame, with
+// the materials that senders play over and over.
 //
 //     reliability-watch material NAME...        makes the materials and prints "NAME PATH" for each
 //     reliability-watch BUFFER NAME...          watches until the buffer is gone
@@ -6,11 +7,12 @@
 // Prints one line for each thing that somebody must account for, SECONDS being those of the monotonic clock:
 //
 //     epoch SECONDS CHANNEL KIND                  the first frame of a new pipeline
-//     break SECONDS CHANNEL KIND FROM TO UNKNOWN  unit TO follows unit FROM, with UNKNOWN frames in between that are in no material
+//     break SECONDS CHANNEL KIND FROM TO UNKNOWN  unit TO follows unit FROM, with
+// UNKNOWN frames in between that are in no material
 //     lost SECONDS CHANNEL KIND COUNT             the watcher was too slow: frames were overwritten unread
 //
-// and at the end "total CHANNEL KIND FRAMES EPOCHS" for each track. Units are "NAME:POSITION". At the ends of an epoch one frame may be
-// cut by the joining or the ending.
+// and at the end "total CHANNEL KIND FRAMES EPOCHS" for each track. Units are "NAME:POSITION". At the ends of
+// an epoch one frame may be cut by the joining or the ending.
 #include <shb.h>
 
 #include <chrono>

@@ -42,7 +42,8 @@ TEST_F(RateWindow, ChangeIsSeenWithinTheSecond) {
     for (gint64 i = 0; i <= 50; i++)
         Add(i * kSecond / 25, 5000);
     ASSERT_EQ(1000000u, rates_.bits_per_second);
-    // Twice the bytes from here on: half of it shows after half a second, all of it after little more than one.
+    // Twice the bytes from here on: half of it shows after half a
+    // second, all of it after little more than one.
     guint before = rates_.bits_per_second;
     for (gint64 i = 51; i <= 80; i++) {
         Add(i * kSecond / 25, 10000);

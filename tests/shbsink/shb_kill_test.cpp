@@ -153,7 +153,8 @@ TEST_P(ShbKillWriterStep, ReadersAreSoundAtEveryInstructionOfAWrite) {
         GTEST_SKIP() << "no right to trace a child";
     Changes changes("/dev/shm/" + name_);
     int steps = 0, states = 0;
-    // Readers see what is in the mapping: an instruction that changed nothing there has been looked at already.
+    // Readers see what is in the mapping: an instruction that
+    // changed nothing there has been looked at already.
     for (; traced.Step() && !HasFailure(); steps++)
         if (changes.Next()) {
             states++;
@@ -210,7 +211,8 @@ class ShbKillWriterAt : public ShbKillWriter, public ::testing::WithParamInterfa
     std::vector<Frame> frame_;
 };
 
-// At every instruction after which the mapping differs: between two of them nobody can tell where the writer died.
+// At every instruction after which the mapping differs: between two
+// of them nobody can tell where the writer died.
 TEST_P(ShbKillWriterAt, ASuccessorTakesOver) {
     {
         uint64_t epoch = 0;
@@ -328,7 +330,8 @@ TEST(ShbKillCreator, ReadersSurviveAtAnyMoment) {
             orphans.push_back(std::move(orphan));
         }
     }
-    // The last heartbeats have been so long ago now, or soon will be, that each reader asks after its creator.
+    // The last heartbeats have been so long ago now, or soon
+    // will be, that each reader asks after its creator.
     EXPECT_GT(orphans.size(), size_t{kRounds} / 4);
     for (const Orphan &orphan : orphans)
         EXPECT_EQ(SHB_ERR_CLOSED, Read(orphan.reader, 60'000, 65536).result);

@@ -1,4 +1,5 @@
-// What stands in /dev/shm under a buffer's name, whoever made it: listing, telling, removing, replacing. And who still beats.
+// What stands in /dev/shm under a buffer's name, whoever made it: listing,
+// telling, removing, replacing. And who still beats.
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
-// Reading where the frame lies, waiting without reading, a reader's own counts, and descriptions that change all the time.
+// Reading where the frame lies, waiting without reading, a reader's own
+// counts, and descriptions that change all the time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -261,7 +262,8 @@ TEST_F(ShbPlace, ChangesBeyondTheSlotsTakeTheirFramesAway) {
         Describe(width);
         Write(1, 10);
     }
-    // All eight slots are in use. The ninth description takes the first one's, and with it the frames that belong to that.
+    // All eight slots are in use. The ninth description takes the first
+    // one's, and with it the frames that belong to that.
     Describe(9);
     ReadFrame got = Read(reader);
     EXPECT_EQ(1u, got.frame.sequence);

@@ -1,4 +1,5 @@
-// One writer at full speed and sixteen readers of every kind, for as long as wanted: no frame is torn, and every loss is counted.
+// One writer at full speed and sixteen readers of every kind, for as long as
+// wanted: no frame is torn, and every loss is counted.
 //
 //     shb_soak [--frames N] [--seconds N]
 //

@@ -30,7 +30,8 @@ struct Told {
 
 class ShbStall : public ::testing::Test {
   protected:
-    // A second track is watched alongside: when it has been told of its silence again and again, the others would have been, too.
+    // A second track is watched alongside: when it has been told of its silence
+    // again and again, the others would have been, too.
     ShbStall() {
         EXPECT_EQ(SHB_OK, shb_writer_on_stall(writer_.get(), Told::Handle, &told_));
         EXPECT_EQ(SHB_OK, shb_writer_on_stall(witness_.get(), Told::Handle, &witnessed_));

@@ -90,7 +90,8 @@ TEST(ShbStress, FourReadersNeverGetATornFrame) {
 }
 
 TEST(ShbStress, LargeFramesAreNeverTorn) {
-    // Two frames fill the track: each write takes away what the readers are copying, and takes long enough for them to meet.
+    // Two frames fill the track: each write takes away what the readers are
+    // copying, and takes long enough for them to meet.
     shb_geometry_t geometry = SmallGeometry();
     geometry.video_bytes = 1 << 20;
     constexpr size_t kSize = 400'000;

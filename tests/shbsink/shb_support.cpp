@@ -8,14 +8,14 @@
 
 #include <fstream>
 
-// The framework is not instrumented: what its own locks order looks like a race there. Children that end with a thread still running
-// would be held for a second each.
+// The framework is not instrumented: what its own locks order looks like a race there. Children that end with
+// a thread still running would be held for a second each.
 extern "C" const char *__tsan_default_options();
 extern "C" const char *__tsan_default_options() {
     return "ignore_noninstrumented_modules=1:atexit_sleep_ms=0";
 }
-// GLib keeps the outgrown table of its quarks on purpose; that is made when the library is loaded. The exact unwinder is needed
-// to see so far through code without frame pointers.
+// GLib keeps the outgrown table of its quarks on purpose; that is made when the library is loaded. The exact
+// unwinder is needed to see so far through code without frame pointers.
 extern "C" const char *__lsan_default_suppressions();
 extern "C" const char *__lsan_default_suppressions() {
     return "leak:call_init\n";

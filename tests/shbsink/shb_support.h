@@ -1,4 +1,5 @@
-// What the shared-buffer tests have in common: owners, frames whose content can be checked, children that always end.
+// What the shared-buffer tests have in common: owners, frames whose
+// content can be checked, children that always end.
 #pragma once
 
 #include <sched.h>
@@ -88,7 +89,8 @@ inline Reader OpenReader(const Map &map, shb_start_t start, shb_kind_t kind = SH
     return Reader(shb_reader_open(map.get(), 0, 0, kind, start, &reader) == SHB_OK ? reader : nullptr);
 }
 
-// Content that follows from epoch, sequence and size alone, so that a frame can be checked without having been kept.
+// Content that follows from epoch, sequence and size alone, so that a
+// frame can be checked without having been kept.
 inline std::vector<uint8_t> Pattern(uint64_t epoch, uint64_t sequence, size_t size) {
     uint64_t state = (epoch << 40) ^ (sequence * 0x9e3779b97f4a7c15u) ^ size ^ 1;
     std::vector<uint8_t> bytes(size);
@@ -121,8 +123,9 @@ inline ReadFrame Read(const Reader &reader, int timeout_ms = 0, size_t capacity 
     return got;
 }
 
-// Until the other threads of the process sleep, a fifth of a second at most. A child that is forked while one of them, the heartbeat of a
-// buffer that has just been made, holds the lock of the address sanitizer's allocator would have it locked for ever.
+// Until the other threads of the process sleep, a fifth of a second at most. A child that is forked while
+// one of them, the heartbeat of a buffer that has just been made, holds the lock of the address
+// sanitizer's allocator would have it locked for ever.
 void AwaitSleepingThreads();
 
 // A forked child that runs `body` and ends with its result. It is ended and reaped in any case.
@@ -189,7 +192,8 @@ class Shared {
     T *const value_;
 };
 
-// Gives way until it holds, false after a minute, in which time does not count while the whole machine stands still.
+// Gives way until it holds, false after a minute, in which time does
+// not count while the whole machine stands still.
 inline bool Eventually(const std::function<bool()> &holds) {
     constexpr std::chrono::steady_clock::duration longest_look = std::chrono::seconds(1);
     std::chrono::steady_clock::duration spent{0};

@@ -450,8 +450,8 @@ TEST_F(ShbTrack, ReaderWaitsForAFrame) {
 }
 
 TEST_F(ShbTrack, WaitingReaderIsWokenByTheFrame) {
-    // Frames go to and fro between two tracks. Readers look after the creator every now and then in any case: if that was
-    // what woke them, each turn would take 400 ms.
+    // Frames go to and fro between two tracks. Readers look after the creator every now and then in any case:
+    // if that was what woke them, each turn would take 400 ms.
     constexpr uint64_t kTurns = 300;
     std::thread partner([&] {
         Writer back = OpenWriter(buffer_, SHB_AUDIO);

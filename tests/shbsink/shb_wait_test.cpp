@@ -1,4 +1,5 @@
-// Waiting and waking: a writer that nobody waits for makes no system call, and nobody who waits is ever forgotten.
+// Waiting and waking: a writer that nobody waits for makes no system
+// call, and nobody who waits is ever forgotten.
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -170,8 +171,9 @@ void LeadLine(const Writer &writer, const Shared<Meeting> &meeting, uint64_t rea
 
 }  // namespace
 
-// The writer is stopped at every instruction between the publication of a frame and the end of the write; meanwhile a reader that has
-// had the frame decides to sleep, and lies down only when the writer is done. Whoever took its announcement must have changed the word.
+// The writer is stopped at every instruction between the publication of a frame and the end of the write;
+// meanwhile a reader that has had the frame decides to sleep, and lies down only when the writer is done.
+// Whoever took its announcement must have changed the word.
 TEST(ShbWait, NobodyIsForgottenWhateverTheInterleaving) {
     const std::string name = UniqueName();
     Buffer buffer = Create(name, SmallGeometry());
@@ -212,7 +214,8 @@ TEST(ShbWait, NobodyIsForgottenWhateverTheInterleaving) {
         traced.Finish();
         late.join();
         sleeper.join();
-        // The other one may have looked by himself: the writer stood still for as long as it took to get here.
+        // The other one may have looked by himself: the writer
+        // stood still for as long as it took to get here.
         EXPECT_EQ(0u, gate.forgotten);
     }
     EXPECT_GT(after, 8);
@@ -244,7 +247,8 @@ TEST_P(ShbWaitMany, NobodyIsForgotten) {
     EXPECT_EQ(kReaders * kFrames, meeting->acknowledged);
     EXPECT_GT(meeting->woken, kFrames) << "most of them were up and about all the time";
     RecordProperty("woken", static_cast<int>(meeting->woken));
-    // A time limit that runs out just between a change and its wake looks the same; that is rare, a forgotten waiter is not.
+    // A time limit that runs out just between a change and its wake looks the
+    // same; that is rare, a forgotten waiter is not.
     EXPECT_LE(meeting->forgotten, 2u);
 }
 
@@ -271,8 +275,8 @@ TEST(ShbWait, ReaderOfAnotherUserIsWokenAllTheSame) {
     });
     ASSERT_TRUE(Eventually([&] { return meeting->ready == 1 || kill(reader.Id(), 0) != 0; }));
     uint64_t sequence = 0;
-    // First until the creator has had its time to notice, then for good: on a busy machine the reader is up and about for most of the
-    // frames, so they go on until it has slept often enough.
+    // First until the creator has had its time to notice, then for good: on a busy machine the reader is up
+    // and about for most of the frames, so they go on until it has slept often enough.
     constexpr uint64_t kLeast = 300, kMost = 30'000, kSlept = 20;
     LeadLine(writer, meeting, 1, sequence, [&](uint64_t) { return meeting->settled == 0; });
     LeadLine(writer, meeting, 1, sequence,

@@ -138,7 +138,8 @@ class Framework : public ::testing::Environment {
   public:
     void SetUp() override {
         gst_init(nullptr, nullptr);
-        // Loaded by hand: the scanner of the registry is another program and cannot load an instrumented plugin.
+        // Loaded by hand: the scanner of the registry is another
+        // program and cannot load an instrumented plugin.
         GstPlugin *plugin = gst_plugin_load_file(g_getenv("SHBSINK_PLUGIN"), nullptr);
         ASSERT_NE(nullptr, plugin);
         gst_object_unref(plugin);
@@ -263,7 +264,8 @@ TEST_P(ShbSinkVideo, ReportsWhatTheStreamSays) {
     EXPECT_EQ(h264 ? "H264" : "H265", said.code);
     EXPECT_EQ(probed["width"], std::to_string(said.width));
     EXPECT_EQ(probed["height"], std::to_string(said.height));
-    // Not ffprobe's rates: of raw streams, they are those of its own clock with FFmpeg 7. H.264 counts two ticks a frame.
+    // Not ffprobe's rates: of raw streams, they are those of its own clock
+    // with FFmpeg 7. H.264 counts two ticks a frame.
     const int scale = Traced(file, "time_scale");
     const int ticks = Traced(file, "num_units_in_tick") * (h264 ? 2 : 1);
     const int common = std::gcd(scale, ticks);
@@ -352,8 +354,9 @@ gint64 LongestPause(const std::vector<SentBuffer> &sent) {
     return longest;
 }
 
-// Whether the frames, as they came, make these rates: over a window that ends with the last frame before `told`, is a second long and at most
-// a step and two pauses longer. A frame is counted between its own coming and that of the next.
+// Whether the frames, as they came, make these rates: over a window that ends with the last
+// frame before `told`, is a second long and at most a step and two pauses longer. A frame is
+// counted between its own coming and that of the next.
 ::testing::AssertionResult RatesOfTheFrames(const std::vector<SentBuffer> &sent, gint64 told, guint bitrate, guint rate) {
     const auto after = std::find_if(sent.begin(), sent.end(), [&](const SentBuffer &frame) { return frame.at > told; });
     const size_t last = static_cast<size_t>(after - sent.begin()) - 1;
@@ -375,7 +378,8 @@ gint64 LongestPause(const std::vector<SentBuffer> &sent) {
 }  // namespace
 
 TEST(ShbSink, MeasuresRealRates) {
-    // Three seconds at 25 frames/s, played by the clock. A machine that stands still makes one burst of them, which has no rates.
+    // Three seconds at 25 frames/s, played by the clock. A machine that stands
+    // still makes one burst of them, which has no rates.
     for (int left = 10;; left--) {
         Play play("progressive.h264", kH264, 48, true);
         ASSERT_TRUE(play.Run());
@@ -759,7 +763,8 @@ TEST_F(ShbSinkHarness, DebugWritesNothingToStandardOutput) {
 
 namespace {
 
-// Told of the silence of another track of the same buffer: whoever is watched as well has been looked at by then.
+// Told of the silence of another track of the same buffer: whoever
+// is watched as well has been looked at by then.
 class ShbSinkStall : public ShbSinkHarness {
   protected:
     ShbSinkStall() {

@@ -19,8 +19,8 @@ class Child {
 
     enum class Output { kFiles, kTerminal, kClosedPipe };
 
-    // The program is looked up in PATH. With kTerminal, all three descriptors are a terminal of 100 x 30; with kClosedPipe,
-    // standard output is a pipe that nobody reads any more.
+    // The program is looked up in PATH. With kTerminal, all three descriptors are a terminal of 100 x 30;
+    // with kClosedPipe, standard output is a pipe that nobody reads any more.
     explicit Child(const std::vector<std::string> &command, const Variables &variables = {}, Output output = Output::kFiles);
     // Kills it if it still runs.
     ~Child();

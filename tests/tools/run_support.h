@@ -30,8 +30,8 @@ bool WaitWhileRunning(Child &child, const Condition &condition) {
     return met;
 }
 
-// H.264 and AAC in real time, for as long as it lives. It is under way when it has been made: a source that waits for it meanwhile could
-// take it for silent.
+// H.264 and AAC in real time, for as long as it lives. It is under way when it has been made: a source that
+// waits for it meanwhile could take it for silent.
 class Sender : public Child {
   public:
     explicit Sender(const std::string &url, bool video = true);

@@ -35,8 +35,8 @@ std::vector<std::string> Complaints(const std::string &err) {
     return own;
 }
 
-// Breaks off in the midst of its first answer: rtspsrc does not leave a message that it has begun to read, until the source loses its
-// patience (2 s) and takes the socket away.
+// Breaks off in the midst of its first answer: rtspsrc does not leave a message that it has begun to read,
+// until the source loses its patience (2 s) and takes the socket away.
 class SilentServer {
   public:
     SilentServer() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -129,7 +129,8 @@ TEST(Run, LibraryLogStaysOutOfTheOutput) {
     EXPECT_EQ(summaries, 1u);
 }
 
-// The library's log tells what an open call was given; the values are all different, so that none can take another's place.
+// The library's log tells what an open call was given; the values are all
+// different, so that none can take another's place.
 TEST(Run, EveryOptionReachesItsOpenCall) {
     // Nobody listens there.
     const std::string address = "127.0.0.1:" + std::to_string(FreeUdpPort());
@@ -242,7 +243,8 @@ TEST(Run, SecondSignalLeavesASourceThatDoesNotClose) {
     Child child(Command({server.Url(), "--name", name, "--close-timeout", "1000"}));
     ASSERT_TRUE(WaitWhileRunning(child, [&server] { return server.Connected(); })) << child.Err();
     EXPECT_TRUE(MemoryLeft(name));
-    // Signals come in quick succession, as from an impatient person; those right after the first do not count.
+    // Signals come in quick succession, as from an impatient
+    // person; those right after the first do not count.
     ASSERT_TRUE(WaitFor([&child] {
         child.Signal(SIGINT);
         return !child.Running();

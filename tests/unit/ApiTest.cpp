@@ -66,7 +66,8 @@ class Api : public SourceTest {
 
     // Builds and starts, but never reaches for the network.
     void Pretend() { m_faults.SetPlay(Play::Pretend); }
-    // Calls `body` with each open function, its class and a source that it has opened; what was said so far is taken.
+    // Calls `body` with each open function, its class and a source that
+    // it has opened; what was said so far is taken.
     using Body = std::function<void(const OpenFunction &, const SourceClass &, void *handle)>;
     void WithEachOpened(const Body &body) {
         Pretend();

@@ -1,4 +1,5 @@
-// Video and audio branches: what is built behind a pad, in which order, with which options, and what a failure leaves behind.
+// Video and audio branches: what is built behind a pad, in which order, with
+// which options, and what a failure leaves behind.
 #include "CodecTables.h"
 #include "support/Fixture.h"
 #include "support/Records.h"
@@ -21,7 +22,8 @@ class Branch : public ClassTest {
         Begin();
     }
 
-    // A front whose elements stay in the NULL state, in a pipeline that plays: what a builder finds, without a network.
+    // A front whose elements stay in the NULL state, in a pipeline that
+    // plays: what a builder finds, without a network.
     void Begin() {
         Build();
         PlayLocked();
@@ -593,7 +595,8 @@ TEST_P(Branch, EachFailedChainLink) {
             EXPECT_NE(nullptr, fields.queue[medium]);
             EXPECT_NE(nullptr, fields.sink[medium]);
             if (medium == kAudio && Row().type == SOURCE_TYPE_UDP) {
-                // Queue, parser and sink are taken out; the caps filter stays in. State and fields stay as they are.
+                // Queue, parser and sink are taken out; the caps
+                // filter stays in. State and fields stay as they are.
                 EXPECT_EQ(GST_STATE_PLAYING, State());
                 EXPECT_EQ(fields.filter[1] != nullptr ? 1 : 0, Children());
                 for (const char *name : {"aqueue", "apaser", "audioshbsink"}) {
@@ -692,8 +695,8 @@ TEST_P(Branch, TeardownWithoutAStop) {
     EXPECT_EQ(std::vector<std::string>{}, LiveObjects());
 }
 
-// Every element that is made between open and the last branch, refused one at a time: no critical, no leak, and a source that
-// can be closed.
+// Every element that is made between open and the last branch, refused one at a time: no
+// critical, no leak, and a source that can be closed.
 TEST_P(Branch, EachMakeRefusedInTurn) {
     int refused = 0;
     for (int n = 1; n < 100; ++n) {

@@ -61,7 +61,8 @@ TEST_F(BusMessage, ElementMessageWithoutStructure) {
     Expect(BUS_MSG_NONE, {}, gst_message_new_custom(GST_MESSAGE_ELEMENT, nullptr, nullptr));
 }
 
-// What is posted by hand need not hold what its type promises; the handler that learns the streaming threads looks at every message.
+// What is posted by hand need not hold what its type promises; the handler that learns
+// the streaming threads looks at every message.
 TEST_F(BusMessage, StreamStatusWithoutAStatusIsPassedOn) {
     ASSERT_TRUE(ClassOf(SOURCE_TYPE_UDP).build(*m_source));
     for (GstStructure *structure : {static_cast<GstStructure *>(nullptr), gst_structure_new_empty("empty"),

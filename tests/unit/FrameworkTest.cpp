@@ -1,5 +1,6 @@
-// Once-only initialisation of the framework. Its own program: the process is not initialised by anything else, and nothing in
-// it uses the framework. The calls are recorded; the real teardown is left out, since nothing can be built after it.
+// Once-only initialisation of the framework. Its own program: the process is not initialised by
+// anything else, and nothing in it uses the framework. The calls are recorded; the real teardown is
+// left out, since nothing can be built after it.
 #include "CGstUtils.h"
 #include "gst_source_api.h"
 

@@ -1,4 +1,5 @@
-// The front of every pipeline: which elements, with which options, and what happens when one of them cannot be had.
+// The front of every pipeline: which elements, with which options,
+// and what happens when one of them cannot be had.
 #include "framework/Properties.h"
 #include "support/Fixture.h"
 #include "support/Loopback.h"
@@ -529,8 +530,8 @@ TEST_F(Options, HlsCredentialsEachByItself) {
 
 namespace {
 
-// Counts GObject's warnings: what it says when a property gets a value out of its range, which is a critical with GLib 2.84. All other
-// criticals end the test, as everywhere.
+// Counts GObject's warnings: what it says when a property gets a value out of its range, which is a critical
+// with GLib 2.84. All other criticals end the test, as everywhere.
 class WarningCounter {
   public:
     WarningCounter()

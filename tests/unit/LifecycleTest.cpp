@@ -390,7 +390,8 @@ TEST_P(Lifecycle, FailedRebuildEndsTheWorker) {
 
 // ---- Descriptors ------------------------------------------------------------------------------------------------------------
 
-// Less than a pipeline needs, and enough for what an element of the framework's own opens as soon as it is made.
+// Less than a pipeline needs, and enough for what an element of
+// the framework's own opens as soon as it is made.
 constexpr rlim_t kTooFew = 16;
 
 TEST_P(Lifecycle, OpenWithoutDescriptorsIsRefused) {
@@ -721,7 +722,8 @@ TEST_F(SourceTest, RealSessionsRebuildAfterAboutThreeSeconds) {
             PostOn(*sources[i], gst_message_new_eos(nullptr));
         }
     }
-    // The last look without the line of the end, and the first with that of the rebuild: what lies between is never shorter than the wait.
+    // The last look without the line of the end, and the first with that of the rebuild:
+    // what lies between is never shorter than the wait.
     std::vector<std::chrono::steady_clock::time_point> before(sources.size(), begun);
     std::vector<std::chrono::steady_clock::time_point> ended(sources.size());
     std::vector<std::chrono::steady_clock::time_point> rebuilt(sources.size());
@@ -733,7 +735,8 @@ TEST_F(SourceTest, RealSessionsRebuildAfterAboutThreeSeconds) {
         for (std::size_t i = 0; i < sources.size(); ++i) {
             const SourceClass &row = SourceClasses()[i];
             const auto seen = [&](const Line &line) { return std::find(lines.begin(), lines.end(), line) != lines.end(); };
-            // An SRT caller or an RTMP client without a peer may also fail to play, with the same consequence.
+            // An SRT caller or an RTMP client without a peer may
+            // also fail to play, with the same consequence.
             const bool failed = seen(Err(row.Tag() + " DoBusMessage--------------error!! URL=" + locations[i])) ||
                                 seen(Info(row.Tag() + " _PipelinePlay faild!!! URL=" + locations[i]));
             if (!failed) {

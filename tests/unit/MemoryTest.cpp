@@ -1,5 +1,6 @@
-// No memory: each allocation of a call fails in turn, and the call ends with its failure result, or without its log line, instead of
-// throwing into a host that is written in C. Its own program, since it replaces the allocation functions.
+// No memory: each allocation of a call fails in turn, and the call ends with its failure result,
+// or without its log line, instead of throwing into a host that is written in C. Its own
+// program, since it replaces the allocation functions.
 #include "gst_source_api.h"
 #include "Logger.h"
 #include "support/LogCapture.h"
@@ -142,7 +143,8 @@ TEST_P(Memory, CreateFailsWithoutIt) {
     FAIL() << "no end";
 }
 
-// All but SRT: its library allocates by the same functions, and its exceptions would end in the C code of its element.
+// All but SRT: its library allocates by the same functions, and its
+// exceptions would end in the C code of its element.
 class MemoryOfOpen : public Memory {};
 
 TEST_P(MemoryOfOpen, FailsWithoutItAndCanBeRepeated) {

@@ -416,7 +416,8 @@ TEST_P(TerminalOutput, FullOne) {
     {
         const OutputIs output(terminal);
         got = WriteMoreThanFits(text, master);
-        // It hands on what it has taken a moment later, so that a line more may find no room, or a part of it.
+        // It hands on what it has taken a moment later, so that
+        // a line more may find no room, or a part of it.
         EXPECT_TRUE(Eventually([&] {
             Log(text);
             got += ReadAll(master);

@@ -1,12 +1,13 @@
-// What a new pad is taken for, by its caps. The branches themselves are another test's affair: here they show by their first
-// line.
+// What a new pad is taken for, by its caps. The branches themselves are another
+// test's affair: here they show by their first line.
 #include "support/Fixture.h"
 
 namespace unit {
 
 namespace {
 
-// One pad: its caps, the builder that is called and its encoding ("Video H264"; none: no builder), and what is printed before.
+// One pad: its caps, the builder that is called and its encoding ("Video H264";
+// none: no builder), and what is printed before.
 struct PadCase {
     std::string caps;
     std::string called;

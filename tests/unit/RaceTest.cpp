@@ -1,5 +1,5 @@
-// The threads of a source against each other: host, worker, streaming threads and readers. By themselves these tests check
-// that nobody ever sees a mixture; under the thread sanitizer they check every access.
+// The threads of a source against each other: host, worker, streaming threads and readers. By themselves
+// these tests check that nobody ever sees a mixture; under the thread sanitizer they check every access.
 #include "support/FakeDemux.h"
 #include "support/Fixture.h"
 #include "support/Loopback.h"
@@ -81,7 +81,8 @@ bool IsWhole(const source_status_t &status) {
     return known && (mode.empty() || mode == "live") && video && audio;
 }
 
-// What a callback has seen. The two callbacks tell by their user pointer whether they were called with their own.
+// What a callback has seen. The two callbacks tell by their user
+// pointer whether they were called with their own.
 struct Seen {
     std::atomic<int> calls{0};
     std::atomic<int> wrong{0};
@@ -355,8 +356,8 @@ TEST_F(Races, StreamingThreadsAgainstRebuildsAndClose) {
                 const SourcePtr source(row.create(&m_buffer, kChannel, kStream));
                 ExchangeCallback(*source, cycle);
                 failed += row.open(*source, url.c_str()) ? 0 : 1;
-                // Pads of other encodings keep ending the sessions; the first cycles close at once, the later ones in the
-                // midst of it.
+                // Pads of other encodings keep ending the sessions; the first cycles
+                // close at once, the later ones in the midst of it.
                 for (int i = 0; i < cycle * 200; ++i) {
                     ReadAll(*source, mixed);
                     std::this_thread::yield();

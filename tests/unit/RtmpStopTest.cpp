@@ -1,5 +1,5 @@
-// The stop of an RTMPS source: its library frees what its streaming thread may be reading from, so that thread has to be out of it
-// first.
+// The stop of an RTMPS source: its library frees what its streaming thread may be reading
+// from, so that thread has to be out of it first.
 #include "support/Fixture.h"
 #include "support/LiveSource.h"
 #include "support/Loopback.h"
@@ -189,7 +189,8 @@ TEST_F(RtmpAttempt, IsOverBeforeTheElementIsReleased) {
     EXPECT_EQ(0U, m_log.Count(Warn("[CRtmpSource] A connection attempt does not end, its socket stays open!!! URL=" + Url())));
 }
 
-// What is the host's: a connection to the same server, and the context that waits for it while nobody runs it.
+// What is the host's: a connection to the same server, and the
+// context that waits for it while nobody runs it.
 TEST_F(RtmpAttempt, HostThatConnectsToTheSameServerIsLeftAlone) {
     GMainContext *const context = g_main_context_new();
     g_main_context_push_thread_default(context);

@@ -16,7 +16,8 @@ namespace tool {
 // Ends the parsing with a message for people.
 [[noreturn]] void Refuse(const std::string &message);
 
-// The whole text as a number of this range; what has a sign, a fraction or an overflow where none may be is refused.
+// The whole text as a number of this range; what has a sign, a
+// fraction or an overflow where none may be is refused.
 template <typename Number>
 Number ParseWhole(const std::string &flag, const std::string &text, Number lowest, Number highest) {
     Number value{};
@@ -31,12 +32,12 @@ Number ParseWhole(const std::string &flag, const std::string &text, Number lowes
 // A number above 0.
 double ParseSeconds(const std::string &flag, const std::string &text, double longest = 1e9);
 
-// The stock formatter neither wraps descriptions nor says plainly what a command line looks like. `usage` is what stands behind
-// "Usage: " and may have several lines.
+// The stock formatter neither wraps descriptions nor says plainly what a command line looks like. `usage` is
+// what stands behind "Usage: " and may have several lines.
 std::shared_ptr<CLI::Formatter> MakeHelpFormatter(const std::string &usage);
 
-// Runs `parse`, which uses `app`. What it refuses ends in one line for people, wishes for help or the version in a text; nothing
-// when there is a run to make.
+// Runs `parse`, which uses `app`. What it refuses ends in one line for people, wishes for help or the version
+// in a text; nothing when there is a run to make.
 std::optional<ParseEnd> Parse(const CLI::App &app, const std::string &program, const std::function<void()> &parse);
 
 }  // namespace tool

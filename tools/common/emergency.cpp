@@ -22,7 +22,8 @@ std::atomic<int> g_terminal{-1};
 std::atomic<int> g_log_pipe{-1};
 std::atomic<int> g_log_target{-1};
 
-// The tail of the log as a ring of letters. A crash in the middle of a line shows half of that line, no worse.
+// The tail of the log as a ring of letters. A crash in the
+// middle of a line shows half of that line, no worse.
 constexpr size_t kTailSize = 8192;
 std::array<std::atomic<char>, kTailSize> g_tail{};
 std::atomic<size_t> g_tail_end{0};
@@ -72,8 +73,8 @@ void OnCrash(int number, siginfo_t *info, void * /*context*/) {
     Clean();
     PutLog();
     errno = saved;
-    // An instruction at fault runs again and meets the previous handler with all that it has to tell; what was sent would
-    // not come again by itself.
+    // An instruction at fault runs again and meets the previous handler with all that it has to tell;
+    // what was sent would not come again by itself.
     const bool sent = info->si_code <= 0;
     if (sent) {
         raise(number);

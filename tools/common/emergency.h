@@ -1,5 +1,5 @@
-// What must not be left behind when the process goes down in an instant: shared memory, a hidden cursor, unread log lines.
-// Everything here may run in a signal handler.
+// What must not be left behind when the process goes down in an instant: shared memory, a hidden cursor,
+// unread log lines. Everything here may run in a signal handler.
 #pragma once
 
 #include <string_view>
@@ -13,8 +13,8 @@ void RemoveFiles(const std::vector<std::string_view> &paths);
 // Terminal whose cursor Clean() shows again; -1 for none.
 void RestoreCursor(int fd);
 
-// When the process crashes while its standard error is captured, what is in the pipe and the last lines taken out of it go
-// to `error_fd`. -1 for none.
+// When the process crashes while its standard error is captured, what is in the pipe and the last lines
+// taken out of it go to `error_fd`. -1 for none.
 void SaveLog(int pipe_fd, int error_fd);
 void RememberLine(std::string_view line);
 

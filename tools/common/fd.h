@@ -25,14 +25,16 @@ class Fd {
     int m_fd = -1;
 };
 
-// A second descriptor for the same file, out of the way of 0, 1 and 2 and not handed to children. Invalid on failure.
+// A second descriptor for the same file, out of the way of 0, 1 and 2
+// and not handed to children. Invalid on failure.
 Fd Duplicate(int fd);
 
 // Makes sure that 0, 1 and 2 are open, so that no other file can take their place.
 void OpenStandardDescriptors();
 
-// Writes everything. False when the other side is gone or the file refuses, with errno set. While the file takes nothing,
-// `give_up` is asked at every signal and about five times a second; when it says so, the rest is left, errno ECANCELED.
+// Writes everything. False when the other side is gone or the file refuses, with errno set. While
+// the file takes nothing, `give_up` is asked at every signal and about five times a second; when
+// it says so, the rest is left, errno ECANCELED.
 bool WriteAll(int fd, std::string_view data, const std::function<bool()> &give_up = {});
 
 }  // namespace tool

@@ -5,20 +5,20 @@
 
 namespace tool::interrupts {
 
-// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP and SIGPIPE, once. SIGTSTP only has to be handled while
-// a live table hides the cursor of `terminal`; -1 leaves it alone.
+// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP and SIGPIPE, once. SIGTSTP only has to
+// be handled while a live table hides the cursor of `terminal`; -1 leaves it alone.
 void Install(int terminal);
 
 // Readable after any of them; made empty by Acknowledge().
 int WakeDescriptor();
 void Acknowledge();
 
-// A wish to end has come. A further one cleans up what must not stay and leaves the process at once, unless it follows within
-// half a second: terminals, shells and timeout(1) often send two signals for one wish.
+// A wish to end has come. A further one cleans up what must not stay and leaves the process at once, unless
+// it follows within half a second: terminals, shells and timeout(1) often send two signals for one wish.
 bool StopRequested();
 
-// For writes whose other side may take nothing any more: says so two seconds after now at the earliest, and only once the end
-// of the run is asked for.
+// For writes whose other side may take nothing any more: says so two seconds after now at the earliest,
+// and only once the end of the run is asked for.
 std::function<bool()> PatienceAfterStop();
 
 // The window has another size, or the process is back from the background. True until TakeRedraw().

@@ -18,12 +18,14 @@ struct ColumnStyle {
 
 using Row = std::vector<std::string>;
 
-// Columns that are there and how wide, so that a row is not wider than the window. The first column never leaves.
+// Columns that are there and how wide, so that a row is not wider
+// than the window. The first column never leaves.
 class Layout {
   public:
     static constexpr size_t kAnyWidth = std::numeric_limits<size_t>::max();
 
-    // Every row has a cell for each style; `hidden` columns are left out in any case. `styles` must outlive the layout.
+    // Every row has a cell for each style; `hidden` columns are left out
+    // in any case. `styles` must outlive the layout.
     Layout(const std::vector<ColumnStyle> &styles, const std::vector<Row> &rows, size_t columns, size_t indent,
            const std::vector<size_t> &hidden = {});
 

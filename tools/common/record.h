@@ -21,7 +21,8 @@ const char *ScanName(int scan);
 
 // One line of JSON, whatever letters a text has.
 std::string JsonLine(const Record &record);
-// The same record as "key=value" in one line; texts with blanks, quotes or nothing in them are quoted, unknown values are "-".
+// The same record as "key=value" in one line; texts with blanks, quotes or
+// nothing in them are quoted, unknown values are "-".
 std::string KeyValueLine(const Record &record);
 
 // The wall clock now, UTC, "2024-05-01T12:00:00.123Z".

@@ -22,7 +22,8 @@ class Screen {
 
     // The room for the next Draw: lines and their columns.
     Window Room();
-    // Replaces what was drawn before; lines are without a newline. False when the terminal is gone, with errno set.
+    // Replaces what was drawn before; lines are without a newline.
+    // False when the terminal is gone, with errno set.
     bool Draw(const std::vector<std::string> &lines);
     // Adds text below what was drawn.
     bool Write(const std::string &text) const;

@@ -1,4 +1,5 @@
-// The commands. Each gives the exit code of the process, or throws std::runtime_error with a message for people.
+// The commands. Each gives the exit code of the process, or throws
+// std::runtime_error with a message for people.
 #pragma once
 
 #include "options.h"

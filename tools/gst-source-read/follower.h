@@ -18,7 +18,8 @@ class Follower {
   public:
     using Tell = std::function<void(const std::string &)>;
 
-    // `tell` gets what a person should know, one line each. Throws std::runtime_error with a message for people, as Next does.
+    // `tell` gets what a person should know, one line each. Throws
+    // std::runtime_error with a message for people, as Next does.
     Follower(const Options &options, std::string name, Tell tell);
 
     enum class Got { kFrame, kNothing, kEnd };

@@ -10,8 +10,8 @@ namespace reader {
 // The other side of a pipe is gone.
 struct PipeClosed : std::exception {};
 
-// Writes everything to a descriptor that people know as `what`. Throws PipeClosed, or std::runtime_error with a message. Once the
-// end of the run is asked for, a reader that takes nothing is left after two seconds.
+// Writes everything to a descriptor that people know as `what`. Throws PipeClosed, or std::runtime_error with
+// a message. Once the end of the run is asked for, a reader that takes nothing is left after two seconds.
 void Write(int fd, const std::string &what, std::string_view data);
 void WriteOut(std::string_view data);
 

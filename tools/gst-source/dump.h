@@ -15,8 +15,8 @@ namespace tool {
 
 class Dump {
   public:
-    // Opens the file and starts reading on a thread of its own. `map` must outlive the dump. `standard_output`: where a path
-    // of "-" goes. Throws std::runtime_error with a message for people.
+    // Opens the file and starts reading on a thread of its own. `map` must outlive the dump.
+    // `standard_output`: where a path of "-" goes. Throws std::runtime_error with a message for people.
     Dump(shb_map_t *map, unsigned channel, shb_kind_t kind, const std::string &path, int standard_output);
     ~Dump();
     Dump(const Dump &) = delete;
@@ -31,7 +31,8 @@ class Dump {
 
     // The dump has ended early: the file refuses or its reader has gone.
     bool Failed() const { return m_failed.load(); }
-    // Why; empty when the reader of a pipe went away, which is nobody's fault. To be read after Failed() or Finish().
+    // Why; empty when the reader of a pipe went away, which is nobody's
+    // fault. To be read after Failed() or Finish().
     const std::string &Error() const { return m_error; }
 
     // Writes what the buffer still holds and ends the thread. The track's writer should have been closed.

@@ -1,4 +1,5 @@
-// The records of the line and JSON outputs: names, units and order, which scripts rely on. docs/gst-source.md lists them.
+// The records of the line and JSON outputs: names, units and order, which
+// scripts rely on. docs/gst-source.md lists them.
 #pragma once
 
 #include <string>

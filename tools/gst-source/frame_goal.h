@@ -15,8 +15,8 @@ class FrameGoal {
 
     explicit FrameGoal(uint64_t frames) : m_frames(frames) {}
 
-    // Access units of video count; audio frames only of a stream that shows no video for a while after its first audio,
-    // because either may come first.
+    // Access units of video count; audio frames only of a stream that shows no video for a while after
+    // its first audio, because either may come first.
     bool Reached(const SourceSample &sample, Clock::time_point now) {
         if (sample.video.frames > 0 || sample.video.epoch > 0) {
             return sample.video.frames >= m_frames;

@@ -377,8 +377,8 @@ void Host::Close() {
     CollectDumpErrors();
 }
 
-// A source that does not come back from the framework cannot be freed, nor the buffer that it may still write to. All that is
-// left is to say so and to leave without a trace.
+// A source that does not come back from the framework cannot be freed, nor the buffer that it may still write
+// to. All that is left is to say so and to leave without a trace.
 void Host::LeaveHanging(const std::vector<const Source *> &hanging) {
     for (const auto &dump : m_dumps) {
         dump->Finish();

@@ -1,7 +1,7 @@
 // Takes the library's log, which goes to standard output, out of the way of the tool's own output.
 //
-// While it exists, file descriptor 1 (and 2 on request) is a pipe. A thread splits what comes into lines, takes the secrets
-// out, hands every line to the target and keeps the last ones for the live table.
+// While it exists, file descriptor 1 (and 2 on request) is a pipe. A thread splits what comes into lines,
+// takes the secrets out, hands every line to the target and keeps the last ones for the live table.
 #pragma once
 
 #include <atomic>
@@ -20,8 +20,8 @@ namespace tool {
 
 class LogCapture {
   public:
-    // `target`: descriptor that every line is written to, -1 for none; not owned. `with_errors`: take descriptor 2 as well,
-    // for what the framework says there would tear a table on the same terminal.
+    // `target`: descriptor that every line is written to, -1 for none; not owned. `with_errors`: take
+    // descriptor 2 as well, for what the framework says there would tear a table on the same terminal.
     // `on_line`: called with every line, by one thread and no more once the destructor is through.
     LogCapture(int target, bool with_errors, Masker masker, std::function<void(const std::string &)> on_line = nullptr);
     // Puts the descriptors back once everything written so far has been handled.

@@ -5,7 +5,8 @@
 namespace tool {
 namespace {
 
-// What stands between two texts, the last one of the first kind; nothing when one of them is absent or nothing is between.
+// What stands between two texts, the last one of the first kind; nothing
+// when one of them is absent or nothing is between.
 std::optional<std::string> Between(const std::string &line, std::string_view before, std::string_view after) {
     const size_t start = line.rfind(before);
     if (start == std::string::npos) {

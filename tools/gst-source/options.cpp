@@ -407,7 +407,8 @@ bool Uses(const Options &options, Protocol protocol) {
                        [protocol](const std::string &url) { return ProtocolOf(url) == protocol; });
 }
 
-// Values that the framework refuses with a warning in its own words, or that have no effect, once the stream is opened.
+// Values that the framework refuses with a warning in its own words, or
+// that have no effect, once the stream is opened.
 void WarnOfValues(Options &options) {
     const auto warn = [&options](bool when, const std::string &text) {
         if (when) {

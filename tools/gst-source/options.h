@@ -79,8 +79,8 @@ using Environment = std::function<const char *(const char *)>;
 
 ParseResult ParseOptions(int argc, const char *const *argv, const Environment &environment);
 
-// File of one source's dump: "%d" becomes the channel; without it, and with several sources, the channel is put before the
-// extension ("video.h264" gives "video.1.h264").
+// File of one source's dump: "%d" becomes the channel; without it, and with several sources, the channel is
+// put before the extension ("video.h264" gives "video.1.h264").
 std::string DumpPath(const std::string &pattern, unsigned channel, size_t sources);
 
 }  // namespace tool

@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::string_view kAuthority = "://";
 
-// Where a location leads: without credentials, which the library may have put into it, and without what it has added behind a blank.
+// Where a location leads: without credentials, which the library may have put into it,
+// and without what it has added behind a blank.
 std::string PlaceOf(std::string url) {
     url.erase(std::min(url.find(' '), url.size()));
     const size_t scheme_end = url.find(kAuthority);

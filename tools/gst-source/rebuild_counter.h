@@ -14,15 +14,16 @@ class RebuildCounter {
     explicit RebuildCounter(Protocol protocol) : m_statesTell(protocol != Protocol::kSrt) {}
 
     void OnState(const std::string &state) {
-        // An SRT source says "reconnect" from every successful play on until data has come, the first play included.
+        // An SRT source says "reconnect" from every successful play on
+        // until data has come, the first play included.
         if (m_statesTell && state == "reconnect" && m_state != "reconnect") {
             ++m_transitions;
         }
         m_state = state;
     }
 
-    // Every rebuild that brings data opens the tracks anew. That also catches a "reconnect" that came and went unseen: after
-    // a change of media the old pipeline's next report turns it back into "connected".
+    // Every rebuild that brings data opens the tracks anew. That also catches a "reconnect" that came and
+    // went unseen: after a change of media the old pipeline's next report turns it back into "connected".
     void OnEpoch(uint64_t epoch) { m_epoch = std::max(m_epoch, epoch); }
 
     // The log has a line for each; a state that lasts for a moment is seen there alone.

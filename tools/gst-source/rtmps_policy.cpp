@@ -62,7 +62,8 @@ Fd UseRtmpsPolicy(const std::vector<std::string> &urls, std::vector<std::string>
         return {};
     }
     Fd file(memfd_create("rtmps-gnutls.conf", MFD_CLOEXEC));
-    // Not /proc/self: children read it too, such as the scanner of plug-ins, and have another file of this number.
+    // Not /proc/self: children read it too, such as the scanner of
+    // plug-ins, and have another file of this number.
     const std::string path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file.Get());
     if (!file || !WriteAll(file.Get(), *policy) || access(path.c_str(), R_OK) != 0 || setenv(kVariable, path.c_str(), 1) != 0) {
         warn("GnuTLS cannot be given a policy");

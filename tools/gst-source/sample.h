@@ -36,7 +36,8 @@ struct AudioSample : TrackSample {
     int channels = 0;
 };
 
-// What reaches the buffer, whatever the state says: "connected" is true of a source that waits for a silent sender as well.
+// What reaches the buffer, whatever the state says: "connected" is true of a
+// source that waits for a silent sender as well.
 enum class Flow { kNone, kLive, kSilent };
 
 struct SourceSample {

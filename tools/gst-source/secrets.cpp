@@ -58,7 +58,8 @@ void Masker::Add(const std::string &secret) {
     if (secret.empty()) {
         return;
     }
-    // A short text occurs by chance anywhere in a line, so it is taken out only where the library writes an option.
+    // A short text occurs by chance anywhere in a line, so it is
+    // taken out only where the library writes an option.
     constexpr size_t kUnmistakable = 4;
     if (secret.size() >= kUnmistakable) {
         m_rules.push_back({secret, "***"});

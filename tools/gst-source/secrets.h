@@ -1,4 +1,5 @@
-// Passwords and passphrases: read from files, so that they need not stand on a command line, and kept out of what is shown.
+// Passwords and passphrases: read from files, so that they need not stand on
+// a command line, and kept out of what is shown.
 #pragma once
 
 #include <string>
@@ -11,7 +12,8 @@ struct Credentials {
     std::string password;
 };
 
-// The first line of a file. Throws std::runtime_error with a message for people; a file that everyone can read adds a warning.
+// The first line of a file. Throws std::runtime_error with a message for people;
+// a file that everyone can read adds a warning.
 std::string ReadSecretFile(const std::string &path, std::vector<std::string> &warnings);
 
 // "user:password" on one line, or user and password on two. Errors and warnings as ReadSecretFile.

@@ -1,4 +1,5 @@
-// One source of the library, from create to destroy, and what it has delivered into its channel of the shared buffer.
+// One source of the library, from create to destroy, and what it has
+// delivered into its channel of the shared buffer.
 #pragma once
 
 #include <memory>
@@ -30,8 +31,9 @@ class Source {
     // The counters and the number of rebuilds as of the last Poll(), the rest as of the last Sample().
     const SourceSample &Latest() const { return m_sample; }
 
-    // Closes and frees the library's object. Waits for the library, in the worst case without end. After it, Sample() keeps
-    // the texts and the final counters. May run on another thread as long as nothing else is called meanwhile.
+    // Closes and frees the library's object. Waits for the library, in the worst case without
+    // end. After it, Sample() keeps the texts and the final counters. May run on another
+    // thread as long as nothing else is called meanwhile.
     void Destroy();
 
     const std::string &Url() const { return m_sample.url; }

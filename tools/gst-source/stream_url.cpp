@@ -33,7 +33,8 @@ size_t FindOr(const std::string &text, std::string_view what, size_t from, size_
     return found == std::string::npos ? otherwise : found;
 }
 
-// Where the secrets of a URL stand, from left to right: the password before the host, and SRT's passphrase parameter.
+// Where the secrets of a URL stand, from left to right: the password
+// before the host, and SRT's passphrase parameter.
 std::vector<Span> SecretSpans(const std::string &url) {
     std::vector<Span> spans;
     const size_t scheme_end = url.find(kSchemeEnd);

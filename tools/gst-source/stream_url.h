@@ -1,4 +1,5 @@
-// What a stream's URL tells before anything is opened: the class that plays it, and which of its letters are secret.
+// What a stream's URL tells before anything is opened: the class that
+// plays it, and which of its letters are secret.
 #pragma once
 
 #include <optional>
@@ -10,7 +11,8 @@ namespace tool {
 
 enum class Protocol { kRtsp, kRtmp, kSrt, kUdp, kHls };
 
-// By the scheme alone, in any case, as URIs have it; nothing for a scheme that no class plays or a URL without an address.
+// By the scheme alone, in any case, as URIs have it; nothing for a scheme
+// that no class plays or a URL without an address.
 std::optional<Protocol> ProtocolOf(std::string_view url);
 
 // Lower-case name for people and records: "rtsp", "rtmp", "srt", "udp", "hls".

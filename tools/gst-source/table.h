@@ -19,8 +19,8 @@ struct LogTail {
 // A line of the library's log as "12.00.00 ERR text"; any other line as it is.
 std::string ShortLogLine(const std::string &line);
 
-// At most `rows` lines of at most `columns` columns. What does not fit gives way in this order: columns of less use, log
-// lines, sources. Without a newline at the end of each.
+// At most `rows` lines of at most `columns` columns. What does not fit gives way in this order: columns of
+// less use, log lines, sources. Without a newline at the end of each.
 std::vector<std::string> TableLines(const RunSample &run, const LogTail &log, const Window &window, bool colors);
 
 }  // namespace tool

@@ -23,7 +23,8 @@ class View {
     View(const View &) = delete;
     View &operator=(const View &) = delete;
 
-    // A report. False when nobody can see it any more, because the other side of the pipe or the terminal is gone.
+    // A report. False when nobody can see it any more, because the
+    // other side of the pipe or the terminal is gone.
     virtual bool Show(const RunSample &run) = 0;
     // The end: the last report with final numbers.
     virtual void Finish(const RunSample &run) = 0;

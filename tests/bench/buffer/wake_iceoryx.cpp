@@ -1,6 +1,6 @@
-// iceoryx. The receiver sleeps in a WaitSet and takes the message where it lies. Variants: "copy" brings a message that exists
-// elsewhere into the loaned chunk, as a sink for frames has to; "loan" stamps one that was made in the chunk, which leaves
-// nothing but the hand-over.
+// iceoryx. The receiver sleeps in a WaitSet and takes the message where it lies. Variants: "copy" brings a
+// message that exists elsewhere into the loaned chunk, as a sink for frames has to; "loan" stamps one that
+// was made in the chunk, which leaves nothing but the hand-over.
 #include <cstring>
 #include <string>
 #include <thread>

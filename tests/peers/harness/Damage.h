@@ -1,4 +1,5 @@
-// Transport streams that are wrong on purpose. Everything follows from the seed: a case is the same in every run.
+// Transport streams that are wrong on purpose. Everything follows
+// from the seed: a case is the same in every run.
 #pragma once
 
 #include <cstdint>
@@ -22,9 +23,11 @@ bool Once(Random &random, unsigned n);
 
 // Any byte data: flips one bit in about one of `n` bytes.
 std::string FlipBits(std::string data, unsigned n, unsigned seed);
-// The same behind the headers of transport packets only: the elementary streams are damaged, the multiplex is not.
+// The same behind the headers of transport packets only: the
+// elementary streams are damaged, the multiplex is not.
 std::string FlipPayloadBits(std::string ts, unsigned n, unsigned seed);
-// Cuts up to a packet's length out of the data at about one of `n` packets: the packets' raster is lost there.
+// Cuts up to a packet's length out of the data at about one of
+// `n` packets: the packets' raster is lost there.
 std::string CutPieces(const std::string &ts, unsigned n, unsigned seed);
 // Drops, repeats and swaps whole packets, about one of `n` each.
 std::string ShufflePackets(const std::string &ts, unsigned n, unsigned seed);

@@ -1,5 +1,5 @@
-// A host of the library: a shared buffer, one source made through the C interface, readers of both tracks, and a record of
-// everything that the library told.
+// A host of the library: a shared buffer, one source made through the C interface, readers of both tracks,
+// and a record of everything that the library told.
 #pragma once
 
 #include <gst_source_api.h>

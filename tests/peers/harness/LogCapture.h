@@ -1,4 +1,5 @@
-// Standard output of the test program as lines: what the library logs and prints, in the order in which it was written.
+// Standard output of the test program as lines: what the library logs and
+// prints, in the order in which it was written.
 #pragma once
 
 #include <mutex>
@@ -17,8 +18,9 @@ struct LogLine {
     Clock::time_point at;
 };
 
-// While an object lives, file descriptor 1 is a pipe into it. What GoogleTest prints on a failure lands between the library's
-// lines, which is where a person wants to see it: Dump gives everything back to the real standard output.
+// While an object lives, file descriptor 1 is a pipe into it. What GoogleTest prints on a
+// failure lands between the library's lines, which is where a person wants to see it: Dump
+// gives everything back to the real standard output.
 class LogCapture {
   public:
     LogCapture();

@@ -20,7 +20,8 @@
 namespace peers {
 namespace {
 
-// Longer than any test plays: nothing has to be looped, and every unit of a run is different from every other.
+// Longer than any test plays: nothing has to be looped, and
+// every unit of a run is different from every other.
 constexpr int kSeconds = 90;
 
 struct Recipe {
@@ -131,8 +132,9 @@ std::vector<std::string> EncodeArgs(const Recipe &recipe) {
     return args;
 }
 
-// The file that `make` writes for a command, kept for all programs and builds that share the directory. Its name tells commands apart: what an
-// older recipe has made is not taken. A file that is not complete has another name. The caller holds the lock.
+// The file that `make` writes for a command, kept for all programs and builds that share the directory.
+// Its name tells commands apart: what an older recipe has made is not taken. A file that is not
+// complete has another name. The caller holds the lock.
 std::string Cached(const std::string &file, const std::vector<std::string> &command,
                    const std::function<void(const std::string &unfinished)> &make) {
     std::string all;

@@ -31,7 +31,8 @@ struct Material {
     const char *AudioName() const;
 };
 
-// Names are rows of the table in Material.cpp, such as "h264_aac" or "h265_only". Made on first use; lives as long as the program.
+// Names are rows of the table in Material.cpp, such as "h264_aac" or "h265_only".
+// Made on first use; lives as long as the program.
 const Material &GetMaterial(std::string_view name);
 
 // A file made from others by one ffmpeg call, cached beside the materials.

@@ -31,10 +31,11 @@ size_t AudioWanted(const Material &material, Clock::duration span) {
     return material.audio == Codec::None ? 0 : Units(AudioUnitsPerSecond(material), span);
 }
 
-// Criticals end the program, as G_DEBUG asks, but for three that are the framework's own. rtspsrc stopped in the midst of its handshake may
-// set a sequence number that it has not got. tsdemux drops an array that a damaged ATSC table has not
-// made, and arrays of that kind are used nowhere here. The demultiplexer of HLS takes a segment's source down on one thread while another is just
-// bringing it up, when segments are refused and the stream is stopped at that moment: the bin and what is in it, by the names that only it gives.
+// Criticals end the program, as G_DEBUG asks, but for three that are the framework's own. rtspsrc stopped in
+// the midst of its handshake may set a sequence number that it has not got. tsdemux drops an array that a
+// damaged ATSC table has not made, and arrays of that kind are used nowhere here. The demultiplexer of HLS
+// takes a segment's source down on one thread while another is just bringing it up, when segments are refused
+// and the stream is stopped at that moment: the bin and what is in it, by the names that only it gives.
 void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *message, gpointer) {
     if ((level & (G_LOG_LEVEL_DEBUG | G_LOG_LEVEL_INFO)) != 0) {
         return;
@@ -52,8 +53,8 @@ void EndAtCriticals(const gchar *domain, GLogLevelFlags level, const gchar *mess
 }
 
 #ifdef __SANITIZE_ADDRESS__
-// The leak check stops all threads and reads their memory. At the end of the process it meets threads of SRT's library that are just being
-// taken down, and does not survive that; here they all rest.
+// The leak check stops all threads and reads their memory. At the end of the process it meets threads of
+// SRT's library that are just being taken down, and does not survive that; here they all rest.
 class LeakCheck : public testing::Environment {
   public:
     void TearDown() override { __lsan_do_leak_check(); }

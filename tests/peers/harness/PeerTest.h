@@ -33,8 +33,8 @@ std::ostream &operator<<(std::ostream &out, const Group<Row> &group) {
 // Names table tests after what they are about.
 inline constexpr auto kGroupName = [](const auto &group) { return group.param.name; };
 
-// Calls `play` with each row, on threads of their own: what waits for peers waits at the same time. Each row has its own scene
-// and host; failures carry the row's name.
+// Calls `play` with each row, on threads of their own: what waits for peers waits at the same time. Each row
+// has its own scene and host; failures carry the row's name.
 template <typename Rows, typename Play>
 void SideBySide(const Rows &rows, Play play) {
     std::vector<std::thread> threads;
@@ -73,8 +73,8 @@ class PeerTest : public testing::Test {
     static void ExpectPlaysAfter(uint64_t epoch, const Host &host, const Material &material);
     // A close comes back, within `bound` if there is one, whatever went before.
     static void ExpectCloses(Host &host, Clock::duration bound = kPatience);
-    // A playing session whose peer has just fallen silent without a word: nobody notices until the host switches the stall watch
-    // on, which ends the session.
+    // A playing session whose peer has just fallen silent without a word: nobody notices until the host
+    // switches the stall watch on, which ends the session.
     void ExpectStallWatchNotices(Host &host) const;
 
     LogCapture log;

@@ -18,8 +18,8 @@
 namespace peers {
 namespace {
 
-// Everything the child needs is made before the fork: behind it only async-signal-safe calls are allowed, since other
-// threads of the test may have held any lock.
+// Everything the child needs is made before the fork: behind it only async-signal-safe calls are allowed,
+// since other threads of the test may have held any lock.
 struct Plan {
     std::vector<char *> argv;
     std::vector<char *> envp;
@@ -95,7 +95,8 @@ bool Process::Running() {
 std::optional<int> Process::Wait(Clock::duration bound) {
     if (pid_ > 0 && !status_) {
         siginfo_t info{};
-        // WNOWAIT keeps the zombie, and with it the number of its process group, until the rest of the group is gone.
+        // WNOWAIT keeps the zombie, and with it the number of its
+        // process group, until the rest of the group is gone.
         const auto ended = [&] {
             return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
         };

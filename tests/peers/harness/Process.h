@@ -1,4 +1,5 @@
-// A child process that never outlives its owner: ended by its own id, also when a test fails or the test program dies.
+// A child process that never outlives its owner: ended by its own id,
+// also when a test fails or the test program dies.
 #pragma once
 
 #include <sys/types.h>

@@ -1,5 +1,5 @@
-// A TCP relay on loopback that can be held: it then keeps its connections, accepts new ones, reads what they say, and says nothing, as
-// a server does that hangs, or a network that has lost the way back.
+// A TCP relay on loopback that can be held: it then keeps its connections, accepts new ones, reads what they
+// say, and says nothing, as a server does that hangs, or a network that has lost the way back.
 #pragma once
 
 #include <atomic>

@@ -78,7 +78,8 @@ std::unique_ptr<Process> Scene::StartNginx(const std::string &blocks, uint16_t p
               "user root; daemon off; master_process off; pid nginx.pid; error_log stderr notice;\n"
               "events { worker_connections 256; }\n" +
                   blocks);
-    // By its path, which ordinary users do not search; what it says before it has read its configuration goes where the rest goes.
+    // By its path, which ordinary users do not search; what it says before it has
+    // read its configuration goes where the rest goes.
     auto nginx = Start("nginx", {"/usr/sbin/nginx", "-e", "stderr", "-p", NginxFile(""), "-c", NginxFile("nginx.conf")});
     EXPECT_TRUE(WaitFor([&] { return TcpListening(port); })) << "nginx does not listen";
     return nginx;

@@ -1,5 +1,5 @@
-// The other end: a directory, and the senders and servers that work there. Scenes do not know of each other, so that several can
-// be played side by side.
+// The other end: a directory, and the senders and servers that work there. Scenes do not know of each
+// other, so that several can be played side by side.
 #pragma once
 
 #include <cstdint>
@@ -37,11 +37,12 @@ class Scene {
 
     // The server of servers/rtsp-server.c with the material at "/stream", and with more of its options.
     std::unique_ptr<Process> ServeRtsp(const Material &material, const std::vector<std::string> &more = {});
-    // nginx with its prefix at `dir`/nginx; `blocks` are configuration blocks (rtmp, http, stream). Waits for `port`.
-    // Blocks name or switch off every log and directory: the usual ones are root's.
+    // nginx with its prefix at `dir`/nginx; `blocks` are configuration blocks (rtmp, http, stream). Waits for
+    // `port`. Blocks name or switch off every log and directory: the usual ones are root's.
     std::unique_ptr<Process> StartNginx(const std::string &blocks, uint16_t port);
-    // nginx that hands out what is in `dir`/nginx/www; `server` is put into its server block. Its access.log has a line for each
-    // request: address, status, user agent, proxies on the way, user and method, separated by bars.
+    // nginx that hands out what is in `dir`/nginx/www; `server` is put into its server
+    // block. Its access.log has a line for each request: address, status, user agent,
+    // proxies on the way, user and method, separated by bars.
     std::unique_ptr<Process> ServeHttp(uint16_t port, const std::string &server = "");
     std::string NginxFile(const std::string &name) const { return dir.File("nginx/" + name); }
     // Makes dir/certificate.pem and dir/key.pem, signed by itself, for 127.0.0.1.

@@ -1,10 +1,10 @@
 // Access units and audio frames, reduced to what every correct chain hands through unchanged.
 //
-// Video is compared NAL unit by NAL unit, slices and supplemental information byte for byte. Left out of the comparison is only
-// what a transport or a parser may rightly add, drop or repeat: start code lengths, access unit delimiters and parameter sets.
-// That key frames do carry their parameter sets is a check of its own. AAC is compared without its ADTS header, which senders
-// and parsers write anew for each transport; the header's own fields are checked against the material. All other
-// audio is compared as it is.
+// Video is compared NAL unit by NAL unit, slices and supplemental information byte for byte. Left out of the
+// comparison is only what a transport or a parser may rightly add, drop or repeat: start code lengths, access
+// unit delimiters and parameter sets. That key frames do carry their parameter sets is a check of its own.
+// AAC is compared without its ADTS header, which senders and parsers write anew for each transport; the
+// header's own fields are checked against the material. All other audio is compared as it is.
 #pragma once
 
 #include <cstdint>

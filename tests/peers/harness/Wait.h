@@ -11,11 +11,13 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// Longer than anything takes here that has to come, also on a busy machine. A wait ends as soon as its condition holds.
+// Longer than anything takes here that has to come, also on a busy
+// machine. A wait ends as soon as its condition holds.
 constexpr Clock::duration kPatience = seconds(100);
 
-// Returns true as soon as `condition` holds, false when it still does not after `bound`. Shared machines stand still for a
-// minute or two now and then. That does not count: one look at the condition counts for a second at most.
+// Returns true as soon as `condition` holds, false when it still does not after `bound`.
+// Shared machines stand still for a minute or two now and then. That does not count: one look
+// at the condition counts for a second at most.
 template <typename Condition>
 bool WaitFor(Condition condition, Clock::duration bound = kPatience) {
     constexpr Clock::duration kLongestLook = seconds(1);

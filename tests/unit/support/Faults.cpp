@@ -146,8 +146,8 @@ int __real_fcntl64(int fd, int command, ...);
 int __wrap_fcntl64(int fd, int command, ...);
 GstMessage *__real_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
 GstMessage *__wrap_gst_bus_timed_pop(GstBus *bus, GstClockTime timeout);
-// std::thread::_M_start_thread, which throws when the system has no thread left. The state is a std::unique_ptr to a private type, which
-// has a destructor and so is handed over by its address.
+// std::thread::_M_start_thread, which throws when the system has no thread left. The state is a
+// std::unique_ptr to a private type, which has a destructor and so is handed over by its address.
 void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread *self,
                                                                                                   void *state,
                                                                                                   void (*depend)());

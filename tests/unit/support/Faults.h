@@ -1,5 +1,6 @@
-// Faults on demand: the calls of the library into the framework that can fail, replaced at link time. One instance at a time;
-// without one (and after its end) everything goes through. All functions may be called while other threads run.
+// Faults on demand: the calls of the library into the framework that can fail, replaced at link
+// time. One instance at a time; without one (and after its end) everything goes through. All
+// functions may be called while other threads run.
 #pragma once
 
 #include <gst/gst.h>
@@ -110,8 +111,8 @@ class Faults {
     void FailPadLink(int n) { Set(&Plan::failPadLink, n); }
     void FailThreadStart() { Set(&Plan::failThreadStart, true); }
 
-    // The n-th call of any kind that can fail, counted from 1 and from now on, fails; with `and_all_after` the later ones as
-    // well. 0 ends it.
+    // The n-th call of any kind that can fail, counted from 1 and from now on, fails; with
+    // `and_all_after` the later ones as well. 0 ends it.
     void FailCall(int n, bool and_all_after = false) {
         WithPlan([&](Plan &plan) {
             plan.failCall = n;
@@ -134,7 +135,8 @@ class Faults {
     int Plays() const { return Get(&Plan::plays); }
     void ForgetPlays() { Set(&Plan::plays, 0); }
 
-    // Called with the command of each fcntl, before it; an errno that it gives is what the call fails with, 0 lets it go on.
+    // Called with the command of each fcntl, before it; an errno that it gives
+    // is what the call fails with, 0 lets it go on.
     void OnDescriptorCall(std::function<int(int command)> hook) { Set(&Plan::onDescriptorCall, std::move(hook)); }
 
     // pwritev2() does not know pipes, as before Linux 6.4.
@@ -143,13 +145,13 @@ class Faults {
     void RefuseSecondOpen() { Set(&Plan::noSecondOpen, true); }
     // What the library takes for g_get_monotonic_time from now on; it stands still until it is set again.
     void SetClock(gint64 microseconds) { Set(&Plan::clock, microseconds); }
-    // The waits of the worker: recorded; not slept through unless asked for. The hook is called on the worker with the number
-    // of the wait, counted from 1.
+    // The waits of the worker: recorded; not slept through unless asked for. The hook is called on the
+    // worker with the number of the wait, counted from 1.
     void SleepReally() { Set(&Plan::sleepReally, true); }
     void OnSleep(std::function<void(int)> hook) { Set(&Plan::onSleep, std::move(hook)); }
     std::vector<gulong> Sleeps() const { return Get(&Plan::sleeps); }
-    // Called with the number of each poll, counted from 1; a message that it gives is what the poll finds, a null leaves it
-    // to the bus.
+    // Called with the number of each poll, counted from 1; a message that it gives is
+    // what the poll finds, a null leaves it to the bus.
     void OnPoll(std::function<GstMessage *(int)> hook) { Set(&Plan::onPoll, std::move(hook)); }
     // Time-outs that the bus was polled with.
     std::vector<GstClockTime> Polls() const { return Get(&Plan::polls); }
@@ -167,7 +169,8 @@ class Faults {
     }
 };
 
-// Calls that the thread makes in its lifetime are the test's own, not the library's: they are not counted and never fail.
+// Calls that the thread makes in its lifetime are the test's own, not the
+// library's: they are not counted and never fail.
 class Uncounted {
   public:
     Uncounted();

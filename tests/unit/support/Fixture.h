@@ -107,8 +107,8 @@ TestPad MakePad(const std::string &name, const std::string &caps, GstPadDirectio
 // The same with caps that no element would send ("EMPTY", "ANY").
 TestPad MakeOddPad(const std::string &name, const std::string &caps);
 
-// Links `other` to the sink pad of the element of that name as soon as it is added to the pipeline. (A bin unlinks what is
-// added to it.)
+// Links `other` to the sink pad of the element of that name as soon as it is added to the
+// pipeline. (A bin unlinks what is added to it.)
 void OccupyWhenAdded(CBaseSource &source, const std::string &element, const TestPad &other);
 
 // Factories and names from the pad's peer to the end of the chain: "queue vqueue".

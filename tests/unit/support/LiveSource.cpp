@@ -46,7 +46,8 @@ gboolean Start(GstBaseSrc *self) {
 gboolean Unlock(GstBaseSrc *self) {
     State &state = StateOf(self);
     ++g_stopsGiven;
-    // A live source is unlocked twice: on the way to PAUSED, and on the way to READY, when the read may be over.
+    // A live source is unlocked twice: on the way to PAUSED, and
+    // on the way to READY, when the read may be over.
     if (state.reading) {
         g_stoppedAmidRead = true;
     }

@@ -14,8 +14,8 @@ extern const char kLiveSource[];
 // Makes the factory known. After gst_init; more than once does no harm.
 void RegisterLiveSource();
 
-// Runs on the streaming thread for each buffer, of the instances that start from now on. False ends the stream. It has to return
-// soon after `stop` has become true.
+// Runs on the streaming thread for each buffer, of the instances that start from now on. False ends the
+// stream. It has to return soon after `stop` has become true.
 using ReadScript = std::function<bool(const std::atomic<bool> &stop)>;
 void SetReadScript(ReadScript script);
 

@@ -1,4 +1,5 @@
-// What the library writes to standard output, as the host sees it: log lines taken apart, everything else as it is.
+// What the library writes to standard output, as the host sees it:
+// log lines taken apart, everything else as it is.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +28,8 @@ Line Raw(const std::string &text);
 // Joins lists of lines, in order.
 Lines operator+(Lines left, const Lines &right);
 
-// Waits for a condition that another thread brings about. The bound is far above any expected time: it ends a broken test.
+// Waits for a condition that another thread brings about. The bound is far
+// above any expected time: it ends a broken test.
 bool Eventually(const std::function<bool()> &condition, int seconds = 60);
 
 // Takes over file descriptor 1 for its lifetime. What was captured is printed when the test has failed.

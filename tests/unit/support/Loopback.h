@@ -12,7 +12,8 @@ inline sockaddr *General(sockaddr_in &address) {
     return static_cast<sockaddr *>(static_cast<void *>(&address));
 }
 
-// A socket that is bound to a port of the kernel's choice (kind: SOCK_STREAM or SOCK_DGRAM). The caller closes it.
+// A socket that is bound to a port of the kernel's choice (kind:
+// SOCK_STREAM or SOCK_DGRAM). The caller closes it.
 int BoundSocket(int kind);
 int PortOf(int socket);
 // A port that nothing listens on.

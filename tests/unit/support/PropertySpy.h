@@ -1,5 +1,5 @@
-// Records what is set on elements of the framework's own, in order. Some of their properties can be written only, and of
-// others the value does not tell whether it was set.
+// Records what is set on elements of the framework's own, in order. Some of their properties can be written
+// only, and of others the value does not tell whether it was set.
 #pragma once
 
 #include <gst/gst.h>

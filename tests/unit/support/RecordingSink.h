@@ -1,5 +1,5 @@
-// A stand-in for the sink element, registered under its factory name: it records what is set on it and emits its signals on
-// demand.
+// A stand-in for the sink element, registered under its factory name: it records what
+// is set on it and emits its signals on demand.
 #pragma once
 
 #include <gst/gst.h>

@@ -56,7 +56,8 @@ void PrintStacksBySignal() {
         const int thread = std::atoi(entry->d_name);
         if (thread > 0) {
             syscall(SYS_tgkill, getpid(), thread, SIGUSR2);
-            // One after the other, or they write through each other. Nothing waits for this but the end of a broken test.
+            // One after the other, or they write through each other.
+            // Nothing waits for this but the end of a broken test.
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
     }

@@ -10,8 +10,8 @@ namespace unit {
 
 class Watchdog {
   public:
-    // `what` is printed when the scope lasts longer than `seconds`; the process is aborted then. The bound is far above any
-    // expected time.
+    // `what` is printed when the scope lasts longer than `seconds`; the process is aborted
+    // then. The bound is far above any expected time.
     explicit Watchdog(std::string what, int seconds = 60);
     ~Watchdog();
     Watchdog(const Watchdog &) = delete;

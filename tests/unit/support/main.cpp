@@ -11,8 +11,8 @@
 
 namespace {
 
-// libsrt 1.5.1 frees what belongs to a port a second or two after its last socket was closed, on a thread that does not know of the end of the
-// process. Each port has a thread of its own for as long.
+// libsrt 1.5.1 frees what belongs to a port a second or two after its last socket was closed, on a thread
+// that does not know of the end of the process. Each port has a thread of its own for as long.
 bool SrtIsAtRest() {
     std::error_code gone;
     for (const auto &thread : std::filesystem::directory_iterator("/proc/self/task", gone)) {

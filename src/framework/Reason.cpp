@@ -240,6 +240,7 @@ const char *CodeOf(const char *text) {
         {"etwork is unreachable", "no-route"},
         {"ost is unreachable", "no-route"},
         {"ost unreachable", "no-route"},
+        {"joining multicast group: No such device", "no-route"},
         {"TLS", "tls"},
         {"ertificate", "tls"},
         {"timed out", "timeout"},

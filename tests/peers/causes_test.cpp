@@ -24,6 +24,7 @@ struct Stage {
     std::string http, https, silent, closing, emptyRtsp, rtsp, rtspAuth, rtspTls, rtspUdp, rtmp, srt, udpTaken;
     std::string refused;  // "127.0.0.1:PORT" of nobody
     const Material *material = nullptr;
+    Args launcher;  // what starts the tool, empty for nothing
 };
 
 struct Row {
@@ -62,9 +63,11 @@ bool HasLine(const std::string &all, const std::vector<std::string> &parts) {
 void ExpectNamed(const Stage &stage, const Row &row) {
     Scene scene;
     const std::string log = scene.dir.File("log");
-    Args args = {std::getenv("GST_SOURCE_TOOL"), "--json", "--interval", "0.2", "--log", log};
-    const Args more = row.arguments(stage);
-    args.insert(args.end(), more.begin(), more.end());
+    Args args = stage.launcher;
+    for (const Args &more :
+         {Args{std::getenv("GST_SOURCE_TOOL"), "--json", "--interval", "0.2", "--log", log}, row.arguments(stage)}) {
+        args.insert(args.end(), more.begin(), more.end());
+    }
     const auto tool = scene.Start("gst-source", args);
     const std::string code = row.code;
     const std::vector<std::string> line = {"[GSTREAMER] " + std::string(row.kind),
@@ -331,6 +334,31 @@ TEST_F(Causes, Hls) {
          "determine type", "format"},
         {"fragments of MP4", [](const Stage &s) { return Args{s.http + "/fragments.m3u8"}; }, "Error", "Hlsdemux",
          "No medium of the stream", "not-linked"},
+    });
+}
+
+// On a network of its own, which has no interface that is up.
+TEST_F(Causes, NoRoute) {
+    stage.launcher = geteuid() == 0 ? Args{"unshare", "--net"} : Args{"unshare", "--net", "--map-root-user"};
+    Args trial = stage.launcher;
+    trial.emplace_back("true");
+    const auto allowed = Start("unshare", trial);
+    if (allowed->Wait() != 0) {
+        GTEST_SKIP() << "no network of its own may be made here: " << allowed->Output();
+    }
+    Play({
+        {"RTSP", [](const Stage &) { return Args{"rtsp://192.0.2.1/stream"}; }, "Error", "Rtspsrc", "Network is unreachable",
+         "no-route"},
+        {"RTMP", [](const Stage &) { return Args{"rtmp://192.0.2.1/live/a"}; }, "Error", "Rtmp2src", "Network is unreachable",
+         "no-route"},
+        {"RTMPS", [](const Stage &) { return Args{"rtmps://192.0.2.1/live/a"}; }, "Error", "Rtmpsrc", "Network is unreachable",
+         "no-route"},
+        {"HLS", [](const Stage &) { return Args{"http://192.0.2.1/a.m3u8"}; }, "Error", "Souphttpsrc", "no route to 192.0.2.1",
+         "no-route"},
+        {"multicast without an interface", [](const Stage &) { return Args{"udp://239.1.1.1:5000"}; }, "Error", "Udpsrc",
+         "Error joining multicast group", "no-route"},
+        {"SRT, which tries on", [](const Stage &) { return Args{"srt://192.0.2.1:9000"}; }, "Warning", "Srtsrc", "timeout",
+         "timeout"},
     });
 }
 

@@ -4,6 +4,7 @@
 #include "CodecTables.h"
 #include "framework/Caps.h"
 #include "framework/FrameworkLog.h"
+#include "framework/Properties.h"
 #include "framework/Resources.h"
 #include "Logger.h"
 
@@ -61,7 +62,7 @@ constexpr GstClockTime kBusWait = 100 * GST_MSECOND;
 // A warning that says the same again and again has a line that often.
 constexpr gint64 kRepeatUs = gint64{10} * G_USEC_PER_SEC;
 
-// A text field of a record: cut at its size, and then without a NUL, which its readers know.
+// Fills a text field of a record: cut to its size, padded with NUL. A full field has no terminator.
 template <std::size_t N>
 void CopyBounded(char (&field)[N], const std::string &text) {
     std::memset(field, 0, N);
@@ -248,7 +249,7 @@ void CBaseSource::shbsink_audio_changed_handler(GstElement *sink, char *code, in
 
 void CBaseSource::_UpdateVideoMediaInfo(const std::string &code, int width, int height, float fps, const std::string &scan_type,
                                         int ref_frames) {
-    // A frame rate that is no number is let through; zero means that the stream does not tell.
+    // NaN passes. 0: the stream announces no frame rate.
     if (width < 1 || height < 1 || fps < 0.0F || code.empty() || scan_type.empty() || ref_frames < 1) {
         LOG_ERR("Invalid Gst video media info!!! code=" << code << ", width=" << width << ", height=" << height
                                                         << ", fps=" << fps << ", scan_type=" << scan_type
@@ -350,9 +351,8 @@ void CBaseSource::_CallHost(media_code_info_t *info) {
 namespace {
 
 std::atomic<std::size_t> g_nLastRun{0};
-// The pipeline that the calling thread streams for. A number rather than a pointer:
-// the threads are GLib's and serve others afterwards, and what one has missed to clear
-// must not be taken for a pipeline that came later.
+// Number of the pipeline that this thread streams for. A pointer
+// could match a later pipeline: GLib reuses threads.
 thread_local std::size_t t_nStreamingRun = 0;
 
 }  // namespace
@@ -416,13 +416,32 @@ bool CBaseSource::_IsAlreadyLive(const char *tag, const char *url) const {
 
 bool CBaseSource::_StartWorker(const char *tag, std::function<void()> body) {
     m_bExit = false;
+    m_strWarning.clear();
+    g_cancellable_reset(m_pClosing.get());
     try {
-        m_nLoopPthread = std::thread(std::move(body));
+        m_nLoopPthread = std::thread([this, tag, body = std::move(body)] {
+            try {
+                body();
+            } catch (const std::exception &error) {
+                // It takes as much as a rebuild whose elements cannot be made: the next close.
+                LOG_ERR(tag << " The worker thread has failed!!! " << error.what() << " URL=" << m_strURL);
+            }
+        });
     } catch (const std::exception &error) {
         LOG_ERR(tag << " Unable to start the worker thread!!! " << error.what() << " URL=" << m_strURL);
         return false;
     }
     return true;
+}
+
+void CBaseSource::_JoinWorker() {
+    // In this order: a worker that sees the stop finds rebuilding switched off.
+    m_bReconnect = false;
+    m_bExit = true;
+    g_cancellable_cancel(m_pClosing.get());
+    if (m_nLoopPthread.joinable()) {
+        m_nLoopPthread.join();
+    }
 }
 
 void CBaseSource::_NameThread(const char *name) {
@@ -585,7 +604,7 @@ void CBaseSource::_LogPlayFailure() {
         return;
     }
     GSTREAMER::Reason reason = GSTREAMER::ReasonOfFailedStart(m_pPipeline);
-    if (reason.code.empty() && m_pContact && !m_pContact->HasAddress()) {
+    if (reason.code.empty() && m_pContact && !m_pContact->HasAddress(m_pClosing.get())) {
         reason.text = "The name " + m_pContact->Host() + " could not be resolved";
         reason.code = "dns";
     }
@@ -618,6 +637,8 @@ bool CBaseSource::_CreatePipeline() {
                         "Threads can be started")) {
         return false;
     }
+    // What an open that ran out of memory has left.
+    _ReleasePipeline();
     m_pPipeline = gst_pipeline_new("pipeline");
     if (m_pPipeline != nullptr) {
         gst_object_ref_sink(m_pPipeline);
@@ -627,13 +648,9 @@ bool CBaseSource::_CreatePipeline() {
         m_nRun = ++g_nLastRun;
         GSTREAMER::ForgetThreadCause();
         m_pContact = std::make_unique<GSTREAMER::ServerContact>(m_strURL);
-        _SetSyncHandler(stream_status_handler);
+        gst_bus_set_sync_handler(m_pBus, stream_status_handler, GSIZE_TO_POINTER(m_nRun.load()), nullptr);
     }
     return true;
-}
-
-void CBaseSource::_SetSyncHandler(GstBusSyncHandler handler) {
-    gst_bus_set_sync_handler(m_pBus, handler, GSIZE_TO_POINTER(m_nRun.load()), nullptr);
 }
 
 void CBaseSource::_ReleasePipeline() {
@@ -710,6 +727,15 @@ bool CBaseSource::_TakesPad(const char *tag, Medium medium, const char *encode) 
         LOG_WARN(tag << " Multiple " << (video ? "video" : "audio") << " media data ???  url=" << m_strURL);
     }
     return false;
+}
+
+GSTREAMER::ElementRef CBaseSource::_MakeTsDemux(guint latency, GCallback pad_added, gpointer self) const {
+    GSTREAMER::ElementRef demux = GSTREAMER::MakeElement("tsdemux", "Tsdemux");
+    if (demux != nullptr) {
+        GSTREAMER::SetNumber(demux, "latency", m_nCaching != 0 ? latency : 0);
+        g_signal_connect(demux, "pad-added", pad_added, self);
+    }
+    return demux;
 }
 
 GSTREAMER::ElementRef CBaseSource::_MakeBranchQueue(const char *name) {

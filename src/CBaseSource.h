@@ -88,7 +88,7 @@ class CBaseSource {
 
     // ---- Instruments of the protocol classes' life cycles ----
 
-    // Makes the calling thread one of the source's own for as long as it lives.
+    // While this lives, IsOwnThread is true on the calling thread.
     class OwnThread {
       public:
         explicit OwnThread(const CBaseSource &source);
@@ -104,11 +104,13 @@ class CBaseSource {
         const CBaseSource &m_source;
         const OwnThread *const m_pOuter;
     };
-    // Whether an open comes too late, which it is told: a worker that has ended by itself
-    // still counts until a close has joined it. Host.
+    // True, with a WARN line, when the source is open. A worker that has ended by
+    // itself counts until a close has joined it. Host.
     bool _IsAlreadyLive(const char *tag, const char *url) const;
     // Starts the worker; false, with a line, when there is no thread for it. Host.
     bool _StartWorker(const char *tag, std::function<void()> body);
+    // Ends the worker, if there is one, and switches rebuilding off for good. Host.
+    void _JoinWorker();
     // Names the calling thread; threads that elements start from it inherit the name.
     static void _NameThread(const char *name);
     // source_mode "live", state "start".
@@ -135,17 +137,15 @@ class CBaseSource {
     void _LogMediaChange();
     // When a sink last reported media that flow, as g_get_monotonic_time; 0: never. Any thread.
     gint64 _LastReport() const { return m_nLastReport; }
-    // Makes m_pPipeline and m_pBus, neither and false when there are too few file descriptors for
-    // what a pipeline opens, or threads for what it starts. The worker waits for them until the
-    // source is closed; a host that opens is told at once.
+    // Makes m_pPipeline and m_pBus; each stays null when it cannot be made. False, with
+    // neither, when file descriptors or threads are short. The worker waits for them
+    // until the close; a host that opens does not wait.
     bool _CreatePipeline();
     bool _AwaitResource(bool (*left)(size_t), size_t needed, const char *missing, const char *again);
     // Drops the pipeline and the bus, which takes the elements in it along.
     void _ReleasePipeline();
     // Notes on each streaming thread which pipeline it works for. Runs on the thread that posts the message.
     static GstBusSyncReply stream_status_handler(GstBus *bus, GstMessage *message, gpointer run);
-    // Puts one in its place that calls it.
-    void _SetSyncHandler(GstBusSyncHandler handler);
 
     // ---- Instruments of the pad handlers and branch builders ----
 
@@ -172,6 +172,8 @@ class CBaseSource {
     // than that one's raises the media-changed flag.
     bool _TakesPad(const char *tag, Medium medium, const char *encode);
 
+    // Demultiplexer of a transport stream, null when it cannot be made. `latency` in ms, in force unless caching is off.
+    GSTREAMER::ElementRef _MakeTsDemux(guint latency, GCallback pad_added, gpointer self) const;
     // Queue of a branch with its limit, null when it cannot be made.
     GSTREAMER::ElementRef _MakeBranchQueue(const char *name);
     // Sinks of the four demultiplexing classes, with target, media kind, clock
@@ -244,6 +246,8 @@ class CBaseSource {
     std::atomic<std::size_t> m_nRun{0};
     std::atomic<gint64> m_nLastReport{0};
     std::unique_ptr<GSTREAMER::ServerContact> m_pContact;  // as m_pPipeline
+    // Of what the worker asks the resolver; cancelled by a close.
+    const std::unique_ptr<GCancellable, GSTREAMER::GObjectUnref> m_pClosing{g_cancellable_new()};
     // The last warning and since when it is repeated without a line. Worker.
     std::string m_strWarning;
     gint64 m_nWarningAt = 0;

@@ -23,7 +23,7 @@ namespace {
 constexpr char kTag[] = "[CHLSSource]";
 constexpr char kTransportStream[] = "video/mpegts";
 
-// kbit/s; what a variant may have that hlsdemux chooses. It keeps that one, whatever the network gives.
+// kbit/s, the largest value: hlsdemux plays the variant with the largest BANDWIDTH and keeps it.
 constexpr guint kFastestVariant = 4294967;
 
 }  // namespace
@@ -141,7 +141,7 @@ void CHLSSource::_DestroyGstElements() {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
         m_workarounds.AfterStop();
     }
-    // Before the pipeline goes: what sits in it goes with it.
+    // Our references first: the pipeline releases its own with it.
     _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -150,12 +150,7 @@ void CHLSSource::_DestroyGstElements() {
 
 bool CHLSSource::CloseLiveStream() {
     LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
-    // In this order: a worker that sees the stop finds rebuilding switched off.
-    m_bReconnect = false;
-    m_bExit = true;
-    if (m_nLoopPthread.joinable()) {
-        m_nLoopPthread.join();
-    }
+    _JoinWorker();
     LOG_INFO(kTag << " m_nLoopPthread .join.. URL=" << m_strURL);
     _PipelineStop();
     LOG_INFO(kTag << " _PipelineStop .join.. URL=" << m_strURL);
@@ -179,12 +174,14 @@ bool CHLSSource::_CreateGstElements() {
     m_pSoupSrc = MakeElement("souphttpsrc", "Souphttpsrc");
     if (m_pSoupSrc != nullptr) {
         g_object_set(m_pSoupSrc, "location", m_strURL.c_str(), nullptr);
+        SetNumber(m_pSoupSrc, "timeout", m_nTimeout);
         g_object_set(m_pSoupSrc, "is-live", m_bIsLive ? TRUE : FALSE, nullptr);
+        SetRetries(m_pSoupSrc, m_nRetries);
         _SetRequestOptions(m_pSoupSrc);
         SetText(m_pSoupSrc, "user-id", m_strUserId);
         SetText(m_pSoupSrc, "user-pw", m_strUserPw);
     }
-    // It opens descriptors as it is made, and cannot say that there are none.
+    // hlsdemux opens descriptors when it is made, and GLib ends the process when there are none.
     m_pHlsDemux = room ? MakeElement("hlsdemux", "Hlsdemux") : ElementRef();
     if (m_pHlsDemux != nullptr) {
         SetNumber(m_pHlsDemux, "connection-speed", kFastestVariant);
@@ -209,8 +206,6 @@ bool CHLSSource::_CreateGstElements() {
 }
 
 void CHLSSource::_SetRequestOptions(GstElement *source) const {
-    SetNumber(source, "timeout", m_nTimeout);
-    SetRetries(source, m_nRetries);
     SetText(source, "proxy", m_strProxy);
     if (!m_strProxy.empty() && !m_strProxyId.empty() && !m_strProxyPw.empty()) {
         g_object_set(source, "proxy-id", m_strProxyId.c_str(), "proxy-pw", m_strProxyPw.c_str(), nullptr);
@@ -221,10 +216,15 @@ void CHLSSource::_SetRequestOptions(GstElement *source) const {
 void CHLSSource::_ListWorkarounds() {
     m_workarounds.Add(std::make_unique<EmptyPlaylist>(m_pSoupSrc));
     m_workarounds.Add(std::make_unique<UnsharedPlaylistSession>(m_pSoupSrc, m_strProxy));
-    m_workarounds.Add(std::make_unique<BareSegmentSource>([this](GstElement *source) { _SetRequestOptions(source); },
-                                                          Credentials{m_strURL, m_strUserId, m_strUserPw}));
+    m_workarounds.Add(std::make_unique<BareSegmentSource>(
+        [this](GstElement *source) {
+            SetNumber(source, "timeout", m_nTimeout);
+            SetRetries(source, m_nRetries);
+            _SetRequestOptions(source);
+        },
+        Credentials{m_strURL, m_strUserId, m_strUserPw}));
     m_workarounds.Add(std::make_unique<SharedSegmentSession>());
-    // In this order: no segment is requested any more, requests are answered, and hidden ones are not.
+    // BeforeStop runs in this order: no new segment request, wait for answers, pause the session.
     m_workarounds.Add(std::make_unique<LateSegmentRequest>());
     m_workarounds.Add(std::make_unique<UnansweredHttpRequests>());
     m_workarounds.Add(std::make_unique<HiddenPlaylistRequests>(m_pSoupSrc));
@@ -254,11 +254,7 @@ void CHLSSource::hls_pad_added_handler(GstElement * /*element*/, GstPad *pad, gp
 }
 
 void CHLSSource::_AddTsDemux(GstPad *pad) {
-    m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
-    if (m_pTsDemux != nullptr) {
-        SetNumber(m_pTsDemux, "latency", m_nCaching != 0 ? m_nTsLatency : 0);
-        g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
-    }
+    m_pTsDemux = _MakeTsDemux(m_nTsLatency, G_CALLBACK(pad_added_handler), this);
     AddMany(m_pPipeline, {m_pTsDemux});
     SyncState(m_pTsDemux);
     switch (LinkToSinkPad(pad, m_pTsDemux)) {

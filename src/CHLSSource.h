@@ -29,8 +29,7 @@ class CHLSSource : public CBaseSource {
     bool _PipelinePlay();        // worker
     bool _PipelineStop();        // as _DestroyGstElements
     void _LoopPthread();         // body of the worker
-    // How an HTTP source asks, whatever server: time-out, retries, and
-    // where the host gave them proxy and user agent.
+    // Sets what every server gets: proxy and user agent, where the host gave them.
     void _SetRequestOptions(GstElement *source) const;
     void _ListWorkarounds();  // as _CreateGstElements
     // First stage: accepts one transport-stream pad of hlsdemux in a pipeline run. Streaming.

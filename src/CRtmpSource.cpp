@@ -129,7 +129,7 @@ bool CRtmpSource::_PipelineStop() {
 }
 
 void CRtmpSource::_DestroyGstElements() {
-    // Before the pipeline goes: what sits in it goes with it.
+    // Our references first: the pipeline releases its own with it.
     _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -138,12 +138,7 @@ void CRtmpSource::_DestroyGstElements() {
 
 bool CRtmpSource::CloseLiveStream() {
     LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
-    // In this order: a worker that sees the stop finds rebuilding switched off.
-    m_bReconnect = false;
-    m_bExit = true;
-    if (m_nLoopPthread.joinable()) {
-        m_nLoopPthread.join();
-    }
+    _JoinWorker();
     _PipelineStop();
     _DestroyGstElements();
     _SetStatusStopped();

@@ -119,7 +119,7 @@ bool CRtspSource::_PipelineStop() {
 }
 
 void CRtspSource::_DestroyGstElements() {
-    // Before the pipeline goes: what sits in it goes with it.
+    // Our references first: the pipeline releases its own with it.
     _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -128,12 +128,7 @@ void CRtspSource::_DestroyGstElements() {
 
 bool CRtspSource::CloseLiveStream() {
     LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
-    // In this order: a worker that sees the stop finds rebuilding switched off.
-    m_bReconnect = false;
-    m_bExit = true;
-    if (m_nLoopPthread.joinable()) {
-        m_nLoopPthread.join();
-    }
+    _JoinWorker();
     _PipelineStop();
     _DestroyGstElements();
     _SetStatusStopped();
@@ -160,7 +155,7 @@ bool CRtspSource::_CreateGstElements() {
         g_object_set(m_pRtspSrc, "tcp-timeout", m_nTcpTimeout, "udp-buffer-size", kUdpBufferBytes, nullptr);
         g_signal_connect(m_pRtspSrc, "pad-added", G_CALLBACK(pad_added_handler), this);
     }
-    // A refused source counts as missing here: there is no link behind it that would fail.
+    // rtspsrc has no link that would fail, so the result of AddMany is checked.
     if (m_pPipeline == nullptr || m_pBus == nullptr || m_pRtspSrc == nullptr || !AddMany(m_pPipeline, {m_pRtspSrc})) {
         LOG_ERR(kTag << " Not all elements could be created!!! url=" << m_strURL);
         _DestroyGstElements();
@@ -197,6 +192,8 @@ void CRtspSource::pad_added_handler(GstElement *element, GstPad *pad, gpointer u
     if (gst_structure_has_name(caps.structure, "application/x-rtp") == FALSE) {
         return;
     }
+    // Each stream's pad comes on a thread of its own. The streams of one medium must see each other's branch.
+    const std::lock_guard<std::mutex> lock(self->m_mtxPads);
     const char *media = TextField(caps.structure, "media");
     const char *encode = TextField(caps.structure, "encoding-name");
     if (media == nullptr || encode == nullptr) {

@@ -3,6 +3,7 @@
 
 #include "CBaseSource.h"
 
+#include <mutex>
 #include <vector>
 
 namespace Tessaro {
@@ -35,6 +36,7 @@ class CRtspSource : public CBaseSource {
     bool _CreateAudioStream(GstElement *demux, GstPad *pad, const char *encode);          // streaming
     std::vector<GSTREAMER::ElementRef *> _ElementFields();                                // in the order of release
 
+    std::mutex m_mtxPads;  // one pad at a time; streaming threads
     // The source is written where the pipeline is built, the depayloaders on the streaming thread.
     GSTREAMER::ElementRef m_pRtspSrc;
     GSTREAMER::ElementRef m_pVideoDepay;

@@ -75,7 +75,7 @@ bool CSrtSource::OpenLiveStream(const char *url, unsigned int caching, const cha
     m_strMode = mode;
     m_nKeyLen = keylen;
     m_strLocalAddress = localaddress;
-    // tslatency is told in the log and goes no further: the demultiplexer keeps its 50 ms.
+    // tslatency is only logged: the demultiplexer keeps its 50 ms.
 
     if (!_CreateGstElements()) {
         LOG_ERR(kTag << " _CreateGstElements error!!! URL=" << m_strURL);
@@ -99,8 +99,7 @@ void CSrtSource::_LoopPthread() {
             break;
         }
         if (_PipelinePlay()) {
-            // Not "connected" yet: a caller plays happily without a peer.
-            // The first bit-rate report says that data flows.
+            // A caller reaches PLAYING without a peer. The first bit-rate report sets "connected".
             _SetStatusState("reconnect");
             _PollSession(kTag);
         } else {
@@ -133,7 +132,7 @@ bool CSrtSource::_PipelineStop() {
 }
 
 void CSrtSource::_DestroyGstElements() {
-    // Before the pipeline goes: what sits in it goes with it.
+    // Our references first: the pipeline releases its own with it.
     _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -142,12 +141,7 @@ void CSrtSource::_DestroyGstElements() {
 
 bool CSrtSource::CloseLiveStream() {
     LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
-    // In this order: a worker that sees the stop finds rebuilding switched off.
-    m_bReconnect = false;
-    m_bExit = true;
-    if (m_nLoopPthread.joinable()) {
-        m_nLoopPthread.join();
-    }
+    _JoinWorker();
     _PipelineStop();
     _DestroyGstElements();
     _SetStatusStopped();
@@ -177,11 +171,7 @@ bool CSrtSource::_CreateGstElements() {
         }
         SetText(m_pSrtSrc, "localaddress", m_strLocalAddress);
     }
-    m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
-    if (m_pTsDemux != nullptr) {
-        SetNumber(m_pTsDemux, "latency", m_nCaching != 0 ? m_nTsLatency : 0);
-        g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
-    }
+    m_pTsDemux = _MakeTsDemux(m_nTsLatency, G_CALLBACK(pad_added_handler), this);
     if (m_pPipeline == nullptr || m_pBus == nullptr || m_pSrtSrc == nullptr || m_pTsDemux == nullptr) {
         LOG_ERR(kTag << " Not all elements could be created!!! url=" << m_strURL);
         _DestroyGstElements();

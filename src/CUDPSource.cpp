@@ -107,7 +107,7 @@ void CUDPSource::_DestroyGstElements() {
     if (m_pPipeline != nullptr) {
         gst_element_set_state(m_pPipeline, GST_STATE_NULL);
     }
-    // Before the pipeline goes: what sits in it goes with it.
+    // Our references first: the pipeline releases its own with it.
     _RemoveManyElements(_ElementFields());
     _ReleasePipeline();
     m_bElementsCreated = false;
@@ -116,12 +116,7 @@ void CUDPSource::_DestroyGstElements() {
 
 bool CUDPSource::CloseLiveStream() {
     LOG_INFO(kTag << " Close live stream ... URL=" << m_strURL);
-    // In this order: a worker that sees the stop finds rebuilding switched off.
-    m_bReconnect = false;
-    m_bExit = true;
-    if (m_nLoopPthread.joinable()) {
-        m_nLoopPthread.join();
-    }
+    _JoinWorker();
     _PipelineStop();
     _DestroyGstElements();
     _SetStatusStopped();
@@ -140,11 +135,7 @@ bool CUDPSource::_CreateGstElements() {
         g_object_set(m_pUdpSrc, "uri", m_strURL.c_str(), "timeout", m_nTimeout, "buffer-size", kReceiveBufferBytes, nullptr);
         SetNumber(m_pUdpSrc, "mtu", m_nMtu);
     }
-    m_pTsDemux = MakeElement("tsdemux", "Tsdemux");
-    if (m_pTsDemux != nullptr) {
-        SetNumber(m_pTsDemux, "latency", m_nCaching != 0 ? m_nTsLatency : 0);
-        g_signal_connect(m_pTsDemux, "pad-added", G_CALLBACK(pad_added_handler), this);
-    }
+    m_pTsDemux = _MakeTsDemux(m_nTsLatency, G_CALLBACK(pad_added_handler), this);
     if (m_pPipeline == nullptr || m_pBus == nullptr || m_pUdpSrc == nullptr || m_pTsDemux == nullptr) {
         LOG_ERR(kTag << " Not all elements could be created!!! url=" << m_strURL);
         _DestroyGstElements();

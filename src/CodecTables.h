@@ -9,7 +9,7 @@
 namespace Tessaro {
 
 // Encoding name to parser element. "none" means that the branch gets no parser.
-inline const std::map<std::string, std::string> g_mapAudioParseElements = {
+inline const std::map<std::string, std::string> &g_mapAudioParseElements = *new std::map<std::string, std::string>{
     {"AC3", "ac3parse"},
     {"MP4A-LATM", "aacparse"},
     {"MPEG4-GENERIC", "aacparse"},
@@ -26,13 +26,13 @@ inline const std::map<std::string, std::string> g_mapAudioParseElements = {
 };
 
 // Encoding name to the sink's "media" property. Two Opus variants and Vorbis have none on purpose.
-inline const std::map<std::string, int> g_mapAudioMediaTypes = {
+inline const std::map<std::string, int> &g_mapAudioMediaTypes = *new std::map<std::string, int>{
     {"AC3", 25}, {"MP4A-LATM", 23}, {"MPEG4-GENERIC", 21}, {"AAC", 21},  {"MP2", 17},
     {"MP3", 18}, {"OPUS", 22},      {"PCMA", 19},          {"PCMU", 24}, {"MPA", 30},
 };
 
 // Encoding name to RTP depayloader element.
-inline const std::map<std::string, std::string> g_mapDepayElements = {
+inline const std::map<std::string, std::string> &g_mapDepayElements = *new std::map<std::string, std::string>{
     {"PCMA", "rtppcmadepay"},
     {"PCMU", "rtppcmudepay"},
     {"AC3", "rtpac3depay"},

@@ -36,8 +36,7 @@ std::atomic<unsigned long> g_dropped{0};
 
 using Lock = std::unique_lock<std::mutex>;
 
-// No holder of a mutex waits for room. Without the lock after about a second, a disk stalls, or this is a
-// child of fork() and the holder is missing.
+// Gives up after half a second at least: a disk stalls, or fork() lost the holder.
 Lock Take(std::mutex &mutex) {
     Lock lock(mutex, std::try_to_lock);
     for (int tries = 0; !lock && tries < 5000; ++tries) {
@@ -47,7 +46,7 @@ Lock Take(std::mutex &mutex) {
     return lock;
 }
 
-// The end of a text that found room for its begin only. Before anything else goes out, it does.
+// The unwritten end of a text. It goes out before anything else.
 struct Rest {
     std::string text;
     size_t at = 0;
@@ -163,8 +162,8 @@ ssize_t WriteSome(const struct stat &file, char *data, size_t size) {
         errno = error;
         return written;
     }
-    // It belongs to another user, there is no /proc or no descriptor left. With any room, a pipe takes that
-    // much, and a terminal a byte.
+    // OpenAnew failed: another user's file, no /proc, no descriptor. A writable
+    // pipe takes PIPE_BUF bytes, a terminal one byte.
     if (!HasRoom()) {
         errno = EAGAIN;
         return -1;
@@ -208,7 +207,8 @@ void FlushHostsText(const struct stat &file) {
         return;
     }
     const size_t pending = __fpending(stdout);
-    if (pending > 0 && fileno_unlocked(stdout) == STDOUT_FILENO && (!CanBlock(file) || (pending <= PIPE_BUF && HasRoom()))) {
+    if (pending > 0 && fileno_unlocked(stdout) == STDOUT_FILENO &&
+        (!CanBlock(file) || (S_ISFIFO(file.st_mode) && pending <= PIPE_BUF && HasRoom()))) {
         fflush_unlocked(stdout);
     }
     funlockfile(stdout);

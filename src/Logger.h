@@ -9,9 +9,9 @@ namespace GSTREAMER {
 
 enum class LogLevel { Fatal, Err, Warn, Info, Debug };
 
-// These three write a text to descriptor 1: at once, in order, whole or not at all. They never block: a text
-// that finds no room is dropped. The first one that finds room again comes after a line with the number of
-// the dropped ones. Any thread.
+// These three write a text to descriptor 1, at once and in order. They never block: a text that finds
+// no room is dropped, one that is written in part is completed before the next. After dropped texts, a
+// line with their number comes first. Any thread.
 
 // A log line. `line` is the source line of the statement.
 void WriteLogLine(LogLevel level, int line, const std::string &message) noexcept;

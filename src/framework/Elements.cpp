@@ -68,8 +68,7 @@ bool LinkMany(const Chain &chain) {
             break;
         }
         if (previous != nullptr) {
-            // One that its bin has refused is no neighbour: asking
-            // all the same gives a warning of the framework's.
+            // An element that its bin refused has another parent: gst_element_link would log a warning.
             linked = GST_OBJECT_PARENT(previous) == GST_OBJECT_PARENT(element) && gst_element_link(previous, element) != FALSE;
             if (!linked) {
                 return false;

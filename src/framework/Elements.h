@@ -8,8 +8,7 @@
 
 namespace GSTREAMER {
 
-// Elements in the order of the data's way. A null ends it: a branch with a missing member is built up to
-// there, and what is missing has been named when it could not be made.
+// Elements in the order of the data. AddMany and LinkMany stop at the first null.
 using Chain = std::vector<GstElement *>;
 
 // Makes an element. Empty when the factory is missing or fails, which is said in an ERR line that names it:

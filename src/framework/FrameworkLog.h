@@ -14,14 +14,14 @@ void WatchFrameworkLog();
 // Before gst_deinit.
 void UnwatchFrameworkLog();
 
-// What the calling thread's last lines say of a cause, empty when there
-// are none or they are old. Each is given once.
+// Takes the calling thread's cause: of its ERROR lines of the last 10 s the first one
+// with a code, else the first. Empty without one.
 std::string TakeThreadCause();
 // The calling thread begins something new: its lines so far are about something else.
 void ForgetThreadCause();
 
-// Puts the calling thread's cause on a message that the thread is
-// posting, and takes it off again, empty without one.
+// AttachCause moves the calling thread's cause to a message that the
+// thread posts. CauseOf reads it; empty without one.
 void AttachCause(GstMessage *message);
 std::string CauseOf(GstMessage *message);
 

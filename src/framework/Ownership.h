@@ -11,6 +11,9 @@ namespace GSTREAMER {
 struct ObjectUnref {
     void operator()(gpointer object) const { gst_object_unref(object); }
 };
+struct GObjectUnref {
+    void operator()(gpointer object) const { g_object_unref(object); }
+};
 struct CapsUnref {
     void operator()(GstCaps *caps) const { gst_caps_unref(caps); }
 };

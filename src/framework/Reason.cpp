@@ -23,7 +23,7 @@ struct ErrorFree {
 using StructurePtr = std::unique_ptr<GstStructure, StructureFree>;
 using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
 
-// What a message of that kind holds; anybody may post one by hand that holds less.
+// Any part may be missing: applications can post such messages by hand.
 struct Contents {
     ErrorPtr error;
     TextPtr debug;
@@ -42,7 +42,7 @@ Contents ContentsOf(const GstStructure *structure) {
     return {ErrorPtr(error), TextPtr(debug), StructurePtr(details)};
 }
 
-// Behind the file, the function and the element, which end the first line.
+// The debug text after its first line, which is file, function and element.
 std::string DetailOf(const gchar *debug) {
     const char *detail = debug != nullptr ? std::strchr(debug, '\n') : nullptr;
     return detail != nullptr ? detail + 1 : "";
@@ -62,12 +62,12 @@ std::string Tidy(std::string text) {
     if (text.size() > kLongestText) {
         text.replace(kLongestText, std::string::npos, "...");
     }
-    // Servers put what they like into it, and the cut may have gone through a letter.
+    // Texts of servers may be invalid UTF-8, and the cut may split a character.
     const TextPtr valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
     return valid.get();
 }
 
-// Whether an error says nothing but that its kind of thing has failed.
+// The text is GStreamer's generic one of its code.
 bool IsVague(const GError &error) {
     const TextPtr usual(gst_error_get_message(error.domain, error.code));
     return (usual && std::strcmp(error.message, usual.get()) == 0) ||
@@ -88,7 +88,7 @@ bool TakeStatus(const GstStructure *details, Reason &reason) {
     return true;
 }
 
-// A stream that has been stopped by what lies behind.
+// An error of a source whose data was refused downstream.
 bool TakeFlow(const GstStructure *details, Reason &reason) {
     gint flow = GST_FLOW_OK;
     if (details == nullptr || gst_structure_get_int(details, "flow-return", &flow) == FALSE) {
@@ -116,7 +116,7 @@ void Describe(GstMessage *message, Reason &reason) {
     if (!reason.code.empty() || (TakeFlow(contents.details.get(), reason))) {
         return;
     }
-    // The most telling of what else there is.
+    // Of log line and debug text, the first one with a code.
     for (const std::string *other : {&cause, &detail}) {
         if (const char *code = CodeOf(other->c_str()); code[0] != '\0') {
             reason.text = other->find("Got EOS before any data") != std::string::npos ? kEndedEarly : *other;
@@ -141,9 +141,9 @@ std::optional<Reason> ReasonOfHeaders(GstMessage *message, const GstStructure *s
     constexpr guint kFirstRefusal = 400;
     guint status = 0;
     GstObject *source = GST_MESSAGE_SRC(message);
-    GstObject *bin = source != nullptr ? GST_OBJECT_PARENT(source) : nullptr;
-    if (gst_structure_get_uint(structure, "http-status-code", &status) == FALSE || status < kFirstRefusal || bin == nullptr ||
-        GST_IS_PIPELINE(bin)) {
+    const std::unique_ptr<GstObject, ObjectUnref> bin(source != nullptr ? gst_object_get_parent(source) : nullptr);
+    if (gst_structure_get_uint(structure, "http-status-code", &status) == FALSE || status < kFirstRefusal || !bin ||
+        GST_IS_PIPELINE(bin.get())) {
         return std::nullopt;
     }
     const gchar *location = gst_structure_get_string(structure, "uri");
@@ -189,18 +189,32 @@ std::optional<Reason> Find(GstMessage *message) {
     }
 }
 
-// The password of the URL whose authority begins at `begin`. Where the URL ends.
+// Where the password of the URL ends whose authority is from `begin` to `path`: at its last '@', npos without one.
+// A password may hold a '/' or the like itself. What is not a port behind the colon tells.
+std::size_t PasswordEnd(const std::string &text, std::size_t begin, std::size_t colon, std::size_t path, std::size_t end) {
+    std::size_t at = text.rfind('@', path);
+    if (at != std::string::npos && at >= begin) {
+        return at;
+    }
+    const bool is_port = text[begin] == '[' || text.find_first_not_of("0123456789", colon + 1) >= path;
+    at = is_port ? std::string::npos : text.rfind('@', end);
+    return at != std::string::npos && at >= begin ? at : std::string::npos;
+}
+
+// Masks the secrets of the URL whose authority begins at `begin`. Returns where the URL ends.
 std::size_t MaskUrl(std::string &text, std::size_t begin) {
     constexpr char kStars[] = "***";
     constexpr char kUrlEnd[] = " \"'<>\n";
-    const std::size_t path = std::min(text.find_first_of("/?# \"'<>\n", begin), text.size());
-    const std::size_t at = text.rfind('@', path);
+    std::size_t end = std::min(text.find_first_of(kUrlEnd, begin), text.size());
+    const std::size_t path = std::min(text.find_first_of("/?#", begin), end);
     const std::size_t colon = text.find(':', begin);
-    if (at != std::string::npos && at >= begin && colon < at) {
-        text.replace(colon + 1, at - colon - 1, kStars);
+    if (colon < path) {
+        if (const std::size_t at = PasswordEnd(text, begin, colon, path, end); at != std::string::npos && colon < at) {
+            text.replace(colon + 1, at - colon - 1, kStars);
+            end = std::min(text.find_first_of(kUrlEnd, begin), text.size());
+        }
     }
     constexpr char kKey[] = "passphrase=";
-    std::size_t end = std::min(text.find_first_of(kUrlEnd, begin), text.size());
     for (std::size_t key = text.find(kKey, begin); key < end; key = text.find(kKey, key + 1)) {
         const std::size_t value = key + sizeof kKey - 1;
         text.replace(value, std::min(text.find_first_of("&#", value), end) - value, kStars);
@@ -281,7 +295,7 @@ std::string MaskSecrets(std::string text) {
 std::optional<Reason> ReasonOf(GstMessage *message) {
     std::optional<Reason> reason = Find(message);
     if (reason) {
-        reason->text = MaskSecrets(Tidy(std::move(reason->text)));
+        reason->text = Tidy(MaskSecrets(std::move(reason->text)));
         if (reason->text.empty()) {
             reason->text = "No reason was given";
         }
@@ -293,16 +307,20 @@ std::optional<Reason> ReasonOf(GstMessage *message) {
 }
 
 Reason ReasonOfFailedStart(GstElement *pipeline) {
-    Reason reason{true, "pipeline", MaskSecrets(Tidy(TakeThreadCause())), "", false};
+    Reason reason{true, "pipeline", Tidy(MaskSecrets(TakeThreadCause())), "", false};
     reason.code = CodeOf(reason.text.c_str());
     if (reason.text.empty()) {
         reason.text = "It could not be started";
     }
-    const GList *first = pipeline != nullptr ? GST_BIN_CHILDREN(pipeline) : nullptr;
-    for (const GList *child = first; child != nullptr; child = child->next) {
-        if (GST_STATE_RETURN(child->data) == GST_STATE_CHANGE_FAILURE) {
-            reason.element = GST_OBJECT_NAME(child->data);
+    if (pipeline != nullptr) {
+        // A child that did start may be adding others.
+        GST_OBJECT_LOCK(pipeline);
+        for (const GList *child = GST_BIN_CHILDREN(pipeline); child != nullptr; child = child->next) {
+            if (GST_STATE_RETURN(child->data) == GST_STATE_CHANGE_FAILURE) {
+                reason.element = GST_OBJECT_NAME(child->data);
+            }
         }
+        GST_OBJECT_UNLOCK(pipeline);
     }
     return reason;
 }

@@ -24,8 +24,8 @@ struct Reason {
 // refuses an HTTP request. Nothing for other messages.
 std::optional<Reason> ReasonOf(GstMessage *message);
 
-// Of a change to PLAYING that failed without a message: the first element that refused,
-// and what the calling thread's log says of it.
+// Of a change to PLAYING that failed without a message. Names, of the elements that failed, the one that
+// was added first. The text is the thread's cause.
 Reason ReasonOfFailedStart(GstElement *pipeline);
 
 // The code of a text that names its cause, as protocols and the

@@ -17,8 +17,7 @@
 #include <cstring>
 #include <limits>
 
-// No question takes memory of the C++ library: a worker that finds
-// none must not end the process by an exception.
+// No C++ allocation in this file: std::bad_alloc on the worker would end the process.
 namespace GSTREAMER {
 
 namespace {

@@ -3,53 +3,37 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <vector>
-
 namespace GSTREAMER {
 
 namespace {
 
-// A refusal comes at once, also round the world; what takes longer is silence.
+// A refusal takes one round trip. An attempt that lasts longer than 1.5 s got no answer.
 constexpr gint64 kRefusalUs = 1500000;
 
-// Lives as long as the process: connections may still be made while it exits.
-struct Registry {
-    std::mutex mutex;
-    std::vector<ServerContact *> all;  // guarded by mutex
-    gulong hook = 0;                   // guarded by mutex
-};
-
-Registry &TheRegistry() {
-    static auto *const registry = new Registry;
-    return *registry;
-}
-
-guint EventSignal() {
-    return g_signal_lookup("event", G_TYPE_SOCKET_CLIENT);
-}
-
-// Whether the kernel knows a way to where the connection is to go. Nothing is sent.
-bool HasRoute(GObject *connection) {
-    GSocketAddress *address = connection != nullptr && G_IS_SOCKET_CONNECTION(connection)
-                                  ? g_socket_connection_get_remote_address(G_SOCKET_CONNECTION(connection), nullptr)
-                                  : nullptr;
-    if (address == nullptr) {
+// Whether the kernel knows a way to the address. Nothing is sent.
+bool HasRoute(const sockaddr_storage &to, gssize size) {
+    const int probe = size > 0 ? socket(to.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0) : -1;
+    if (probe < 0) {
         return true;
     }
-    sockaddr_storage native{};
-    bool routed = true;
-    const gssize size = g_socket_address_get_native_size(address);
-    if (size > 0 && g_socket_address_to_native(address, &native, sizeof native, nullptr) != FALSE) {
-        const int probe = socket(native.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const auto *const to = static_cast<const sockaddr *>(static_cast<const void *>(&native));
-        routed = probe < 0 || connect(probe, to, static_cast<socklen_t>(size)) == 0;
-        if (probe >= 0) {
-            close(probe);
-        }
-    }
-    g_object_unref(address);
+    const bool routed =
+        connect(probe, static_cast<const sockaddr *>(static_cast<const void *>(&to)), static_cast<socklen_t>(size)) == 0;
+    close(probe);
     return routed;
+}
+
+// Where the connection goes. The size, 0 when that is not known.
+gssize AddressOf(GObject *connection, sockaddr_storage &to) {
+    GSocketAddress *const address = connection != nullptr && G_IS_SOCKET_CONNECTION(connection)
+                                        ? g_socket_connection_get_remote_address(G_SOCKET_CONNECTION(connection), nullptr)
+                                        : nullptr;
+    if (address == nullptr) {
+        return 0;
+    }
+    const gssize size = g_socket_address_get_native_size(address);
+    const bool known = g_socket_address_to_native(address, &to, sizeof to, nullptr) != FALSE;
+    g_object_unref(address);
+    return known ? size : 0;
 }
 
 }  // namespace
@@ -66,52 +50,15 @@ ServerContact::ServerContact(const std::string &location) {
     if (m_strHost.empty()) {
         return;
     }
-    // The signal is known once its class is.
-    g_type_class_unref(g_type_class_ref(G_TYPE_SOCKET_CLIENT));
-    Registry &registry = TheRegistry();
-    const std::lock_guard<std::mutex> lock(registry.mutex);
-    if (registry.all.empty()) {
-        registry.hook = g_signal_add_emission_hook(EventSignal(), 0, client_event_hook, nullptr, nullptr);
-    }
-    registry.all.push_back(this);
+    m_events.emplace([this](GSocketClientEvent event, GNetworkAddress *server, GObject *connection) {
+        if (m_strHost == g_network_address_get_hostname(server) &&
+            (m_nPort == -1 || m_nPort == g_network_address_get_port(server))) {
+            _Note(event, connection);
+        }
+    });
 }
 
-ServerContact::~ServerContact() {
-    Registry &registry = TheRegistry();
-    const std::lock_guard<std::mutex> lock(registry.mutex);
-    const auto place = std::find(registry.all.begin(), registry.all.end(), this);
-    if (place == registry.all.end()) {
-        return;
-    }
-    registry.all.erase(place);
-    if (registry.all.empty()) {
-        g_signal_remove_emission_hook(EventSignal(), registry.hook);
-    }
-}
-
-// (client, event, connectable, connection)
-gboolean ServerContact::client_event_hook(GSignalInvocationHint * /*hint*/, guint count, const GValue *values,
-                                          gpointer /*user*/) {
-    constexpr guint kArguments = 4;
-    auto *const server = count == kArguments ? static_cast<GObject *>(g_value_get_object(values + 2)) : nullptr;
-    if (server == nullptr || !G_IS_NETWORK_ADDRESS(server)) {
-        return TRUE;
-    }
-    const auto event = static_cast<GSocketClientEvent>(g_value_get_enum(values + 1));
-    auto *const connection = static_cast<GObject *>(g_value_get_object(values + 3));
-    Registry &registry = TheRegistry();
-    const std::lock_guard<std::mutex> lock(registry.mutex);
-    for (ServerContact *contact : registry.all) {
-        contact->_Note(event, G_NETWORK_ADDRESS(server), connection);
-    }
-    return TRUE;
-}
-
-void ServerContact::_Note(GSocketClientEvent event, GNetworkAddress *server, GObject *connection) {
-    if (m_strHost != g_network_address_get_hostname(server) ||
-        (m_nPort != -1 && m_nPort != g_network_address_get_port(server))) {
-        return;
-    }
+void ServerContact::_Note(GSocketClientEvent event, GObject *connection) {
     const std::lock_guard<std::mutex> lock(m_mtx);
     const gint64 now = g_get_monotonic_time();
     const auto begin = [&](Stage stage) {
@@ -123,7 +70,7 @@ void ServerContact::_Note(GSocketClientEvent event, GNetworkAddress *server, GOb
         begin(Stage::Resolving);
     } else if (event == G_SOCKET_CLIENT_CONNECTING) {
         begin(Stage::Connecting);
-        m_bRouted = HasRoute(connection);
+        m_nAddress = AddressOf(connection, m_address);
     } else if (event == G_SOCKET_CLIENT_COMPLETE && connection != nullptr) {
         begin(Stage::Connected);
     } else if (event == G_SOCKET_CLIENT_COMPLETE) {
@@ -131,13 +78,13 @@ void ServerContact::_Note(GSocketClientEvent event, GNetworkAddress *server, GOb
     }
 }
 
-bool ServerContact::HasAddress() const {
+bool ServerContact::HasAddress(GCancellable *cancellable) const {
     if (m_strHost.empty() || g_hostname_is_ip_address(m_strHost.c_str()) != FALSE) {
         return true;
     }
     GResolver *const resolver = g_resolver_get_default();
     GError *error = nullptr;
-    GList *const addresses = g_resolver_lookup_by_name(resolver, m_strHost.c_str(), nullptr, &error);
+    GList *const addresses = g_resolver_lookup_by_name(resolver, m_strHost.c_str(), cancellable, &error);
     const bool unknown = addresses == nullptr && error != nullptr && error->domain == G_RESOLVER_ERROR;
     g_resolver_free_addresses(addresses);
     g_clear_error(&error);
@@ -158,8 +105,8 @@ ServerContact::Failure ServerContact::LastFailure() const {
             if (silent) {
                 return {"No answer to the connection request to " + m_strHost, "timeout"};
             }
-            return m_bRouted ? Failure{"The connection to " + m_strHost + " was refused", "refused"}
-                             : Failure{"There is no route to " + m_strHost, "no-route"};
+            return HasRoute(m_address, m_nAddress) ? Failure{"The connection to " + m_strHost + " was refused", "refused"}
+                                                   : Failure{"There is no route to " + m_strHost, "no-route"};
         case Stage::Connected:
             if (silent) {
                 return {m_strHost + " has taken the connection and does not answer", "timeout"};

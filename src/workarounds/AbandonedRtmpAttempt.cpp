@@ -123,7 +123,7 @@ GstPadProbeReturn AbandonedRtmpAttempt::data_probe(GstPad * /*pad*/, GstPadProbe
     return GST_PAD_PROBE_REMOVE;
 }
 
-// A task that has failed gives its thread back, which keeps the name: nothing is noted any more then.
+// A failed task returns its thread to the pool with the same name. SetContext is false from then on.
 bool AbandonedRtmpAttempt::_IsOwnThread() const {
     constexpr std::size_t kNameSize = 16;
     char name[kNameSize] = "";
@@ -142,8 +142,8 @@ void AbandonedRtmpAttempt::BeforeStop() {
     m_bRuns = false;
 }
 
-// On the element's own thread, when that has nothing else to do: a connection that breaks between two steps
-// of the attempt is overlooked. Again and again, since there may be another address to connect to.
+// Runs on the element's own context at low priority: a shutdown between two steps would be missed.
+// Every 1 ms, since another address may follow.
 void AbandonedRtmpAttempt::_EndAttempt(GMainContext *context, std::chrono::steady_clock::time_point until) {
     GSource *const shutdown = g_timeout_source_new(static_cast<guint>(kPause.count()));
     g_source_set_priority(shutdown, G_PRIORITY_LOW);

@@ -1,7 +1,7 @@
 // Symptom: an RTMP source that is closed while it connects leaves its element, a socket and a main context.
 // Seen: rtmp2src of GStreamer 1.22.0 and 1.26.2. Its loop ends at the stop, whatever its attempt waits for.
 // Done: its own sockets are shut down first, so that the attempt fails while the loop still runs.
-// Cost: a close waits for that, 0.3 s at most (names that resolve slowly). A hook for GIO's connections.
+// Cost: a close waits for that (slow name look-ups), 0.6 s at most. A hook for GIO's connections.
 // Test: RtmpAttempt.IsOverBeforeTheElementIsReleased, Rtmp.ClosedAtAnyMomentOfConnectingLeavesNothingBehind.
 #pragma once
 
@@ -39,7 +39,7 @@ class AbandonedRtmpAttempt final : public Workaround {
     void _EndAttempt(GMainContext *context, std::chrono::steady_clock::time_point until);
     bool _AwaitEndOfElement();
 
-    GstElement *const m_pSource;  // borrowed; in the pipeline for as long as this lives
+    GstElement *const m_pSource;  // borrowed; not touched after AfterStop
     GWeakRef m_source{};
     const std::string m_strThread;
     const std::function<void()> m_fnOnLeft;

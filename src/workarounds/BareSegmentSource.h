@@ -1,7 +1,6 @@
 // Symptom: HLS segments are requested without the host's time-out, retries, proxy, agent and credentials.
 // Seen: hlsdemux of GStreamer 1.22.0 and 1.26.2. It gives the source that it makes for them none of these.
-// Done: the source gets the options when it is made; credentials
-// before each request to the playlist's server.
+// Done: the source gets the options when it is made, and credentials before requests to that server.
 // Cost: none.
 // Test: HlsPlays.FramesEqualTheMaterial/requests, Hls.CredentialsGoToThePlaylistsServerOnly.
 #pragma once

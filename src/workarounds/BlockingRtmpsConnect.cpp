@@ -7,7 +7,7 @@
 namespace GSTREAMER {
 
 void BlockingRtmpsConnect::BeforePlay() {
-    // The thread waits for the end of this help before it goes on to anything else.
+    // AfterPlay joins the help thread, so `player` is inside the state change while it runs.
     constexpr std::chrono::milliseconds kFirstLook{10};
     m_help.Begin(kFirstLook, [this, player = gettid()] {
         if (m_fnIsClosing()) {

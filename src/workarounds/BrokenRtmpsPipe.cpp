@@ -40,8 +40,8 @@ void BrokenRtmpsPipe::Block::End() {
     m_bUnblock = false;
 }
 
-// Threads inherit the mask, and they are of a pool that the process shares. GLib 2.74 starts them on the
-// thread that needs one, GLib 2.84 on a thread that is started with the first task.
+// Pool threads inherit the signal mask of their creator and serve others later. GLib 2.74: the block ends
+// before the task's thread starts. GLib 2.84: a first task starts the spawner thread unblocked.
 BrokenRtmpsPipe::BrokenRtmpsPipe(GstElement *source)
     : m_streamStatus(OnStreamingThread(source, [this](GstStreamStatusType type) {
           if (type == GST_STREAM_STATUS_TYPE_CREATE) {

@@ -3,11 +3,12 @@
 // connects them: no socket of the host is ever touched.
 #pragma once
 
-#include <gio/gio.h>
+#include "framework/ConnectionEvents.h"
 
 #include <functional>
 #include <list>
 #include <mutex>
+#include <optional>
 
 namespace GSTREAMER {
 
@@ -17,7 +18,7 @@ class ClientSockets {
 
     // While this lives, `is_own` is asked on each thread of the process that connects by GIO.
     // It must be quick and must not use this object.
-    explicit ClientSockets(std::function<bool()> is_own);
+    explicit ClientSockets(const std::function<bool()> &is_own);
     ~ClientSockets();
     ClientSockets(const ClientSockets &) = delete;
     ClientSockets &operator=(const ClientSockets &) = delete;
@@ -29,13 +30,12 @@ class ClientSockets {
     void Shutdown();
 
   private:
-    static gboolean client_event_hook(GSignalInvocationHint *hint, guint count, const GValue *values, gpointer user);
     void _Note(GSocketClientEvent event, GObject *connection);
 
-    const std::function<bool()> m_fnIsOwn;
     mutable std::mutex m_mtx;
     Stage m_stage = Stage::None;        // guarded by m_mtx
     std::list<GWeakRef> m_listSockets;  // guarded by m_mtx; in a list, since weak references must not move
+    std::optional<ConnectionEvents> m_events;
 };
 
 }  // namespace GSTREAMER

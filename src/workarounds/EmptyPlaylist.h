@@ -11,7 +11,7 @@ namespace GSTREAMER {
 
 class EmptyPlaylist final : public Workaround {
   public:
-    // `source` fetches the playlist and outlives this.
+    // `source` fetches the playlist. It is not touched after AfterStop.
     explicit EmptyPlaylist(GstElement *source) : m_pSource(source) {}
 
     void Attach(GstElement *pipeline) override;

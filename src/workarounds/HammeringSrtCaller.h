@@ -1,9 +1,6 @@
-// Symptom: a refused SRT caller asks again 65 to 95 times a second,
-// which now and then stops SRT in the whole process.
-// Seen: srtsrc of GStreamer 1.22.0 with libsrt 1.5.1, which uses a socket after its end.
-// Not with 1.26.2, where a refusal is an error.
-// Done: after two refusals in a row the streaming thread waits
-// before it asks again, 0.1 s at first and up to 1 s.
+// Symptom: a refused SRT caller asks again 65 to 95 times a second, which can stop SRT in the process.
+// Seen: srtsrc of GStreamer 1.22.0 with libsrt 1.5.1. With 1.26.2 a refusal is an error.
+// Done: after two refusals in a row the streaming thread waits 0.1 s, then longer, up to 1 s.
 // Cost: a peer that stops refusing is reached up to 1 s later.
 // Test: Srt.RefusedCallerDoesNotHammer.
 #pragma once

@@ -10,34 +10,34 @@ namespace GSTREAMER {
 
 namespace {
 
-// What a stop takes until it has cancelled everything, and what a session may take until it rests.
-constexpr std::chrono::milliseconds kRest{30};
-constexpr std::chrono::milliseconds kRestBound{100};
+// Longer than a stop takes to cancel all requests; how long a stop waits for the pause to begin.
+constexpr std::chrono::milliseconds kPause{30};
+constexpr std::chrono::milliseconds kPauseBound{100};
 
 // Shared by the waiting thread and the session's.
-struct Resting {
+struct Pause {
     std::mutex mutex;
     std::condition_variable cond;
-    bool begun = false;  // guarded by mutex
-    bool given = false;  // nobody waits for it any more; guarded by mutex
+    bool begun = false;      // guarded by mutex
+    bool cancelled = false;  // nobody waits for it any more; guarded by mutex
 };
 
-gboolean RestAwhile(gpointer user_data) {
-    Resting &resting = **static_cast<std::shared_ptr<Resting> *>(user_data);
+gboolean PauseSession(gpointer user_data) {
+    Pause &pause = **static_cast<std::shared_ptr<Pause> *>(user_data);
     {
-        const std::lock_guard<std::mutex> lock(resting.mutex);
-        if (resting.given) {
+        const std::lock_guard<std::mutex> lock(pause.mutex);
+        if (pause.cancelled) {
             return G_SOURCE_REMOVE;
         }
-        resting.begun = true;
+        pause.begun = true;
     }
-    resting.cond.notify_all();
-    std::this_thread::sleep_for(kRest);
+    pause.cond.notify_all();
+    std::this_thread::sleep_for(kPause);
     return G_SOURCE_REMOVE;
 }
 
-void ForgetRest(gpointer user_data) {
-    delete static_cast<std::shared_ptr<Resting> *>(user_data);
+void ReleasePause(gpointer user_data) {
+    delete static_cast<std::shared_ptr<Pause> *>(user_data);
 }
 
 }  // namespace
@@ -72,12 +72,12 @@ void HiddenPlaylistRequests::BeforeStop() {
     if (context == nullptr) {
         return;
     }
-    const auto resting = std::make_shared<Resting>();
+    const auto pause = std::make_shared<Pause>();
     // Of low priority: whatever has been answered is handed on first.
-    g_main_context_invoke_full(context, G_PRIORITY_LOW, RestAwhile, new std::shared_ptr<Resting>(resting), ForgetRest);
+    g_main_context_invoke_full(context, G_PRIORITY_LOW, PauseSession, new std::shared_ptr<Pause>(pause), ReleasePause);
     {
-        std::unique_lock<std::mutex> lock(resting->mutex);
-        resting->given = !resting->cond.wait_for(lock, kRestBound, [&] { return resting->begun; });
+        std::unique_lock<std::mutex> lock(pause->mutex);
+        pause->cancelled = !pause->cond.wait_for(lock, kPauseBound, [&] { return pause->begun; });
     }
     g_main_context_unref(context);
 }

@@ -14,7 +14,7 @@ namespace GSTREAMER {
 
 class HiddenPlaylistRequests final : public Workaround {
   public:
-    // `source` fetches the playlist and outlives this.
+    // `source` fetches the playlist. It is not touched after AfterStop.
     explicit HiddenPlaylistRequests(GstElement *source)
         : m_answers("sync-message::element", source, [this](GstMessage *message) { _NoteContext(message); }) {}
     ~HiddenPlaylistRequests() override;
@@ -28,7 +28,7 @@ class HiddenPlaylistRequests final : public Workaround {
 
     SyncMessages m_answers;  // not of the segments, which have sessions of their own
     std::mutex m_mtx;
-    GMainContext *m_pContext = nullptr;  // owned; guarded by m_mtx; until the session has rested
+    GMainContext *m_pContext = nullptr;  // owned; guarded by m_mtx; until the session has paused
 };
 
 }  // namespace GSTREAMER

@@ -1,6 +1,5 @@
 // Symptom: closing an HLS source while hlsdemux begins to request a segment ends the process, in libsoup.
-// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2.
-// UnansweredHttpRequests sees only requests that have begun.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2, in a request that has not begun at the stop.
 // Done: once the pipeline is being stopped, a segment source finds its pad flushing before a request.
 // Cost: none.
 // Test: ClosingHls.WhileSegmentFollowsSegment.

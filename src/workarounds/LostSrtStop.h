@@ -1,6 +1,5 @@
 // Symptom: closing an SRT caller that has no peer never ends.
-// Seen: srtsrc of GStreamer 1.26.2. A stop in the microseconds in which it begins
-// its first read is lost, and the read never ends.
+// Seen: srtsrc of GStreamer 1.26.2. A stop within microseconds of its first read is lost.
 // Done: after 2 s the element is unlocked again, and every 10 ms from then on, until it has stopped.
 // Cost: such a close takes 2 s. One thread for the time of each stop.
 // Test: SrtStop.LostStopIsGivenAgain; cycles-srt meets it with the element itself.

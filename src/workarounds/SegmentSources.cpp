@@ -10,7 +10,7 @@ namespace GSTREAMER {
 namespace {
 
 using Found = std::function<void(GstElement *)>;
-using Asks = std::function<void(GstPad *)>;
+using BeforeRequest = std::function<void(GstPad *)>;
 
 void deep_element_added_handler(GstBin * /*pipeline*/, GstBin * /*bin*/, GstElement *element, gpointer found) {
     GstElementFactory *factory = gst_element_get_factory(element);
@@ -23,16 +23,16 @@ void release_found(gpointer found, GClosure * /*closure*/) {
     delete static_cast<Found *>(found);
 }
 
-GstPadProbeReturn request_probe(GstPad *pad, GstPadProbeInfo *info, gpointer asks) {
+GstPadProbeReturn request_probe(GstPad *pad, GstPadProbeInfo *info, gpointer handler) {
     // What a source sends before its first read, which makes the request.
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_STREAM_START) {
-        (*static_cast<Asks *>(asks))(pad);
+        (*static_cast<BeforeRequest *>(handler))(pad);
     }
     return GST_PAD_PROBE_OK;
 }
 
-void release_asks(gpointer asks) {
-    delete static_cast<Asks *>(asks);
+void release_handler(gpointer handler) {
+    delete static_cast<BeforeRequest *>(handler);
 }
 
 }  // namespace
@@ -42,11 +42,11 @@ void OnSegmentSource(GstElement *pipeline, Found found) {
                           release_found, static_cast<GConnectFlags>(0));
 }
 
-void BeforeEachRequest(GstElement *source, Asks asks) {
+void BeforeEachRequest(GstElement *source, BeforeRequest handler) {
     const PadPtr pad(gst_element_get_static_pad(source, "src"));
-    auto *const kept = new Asks(std::move(asks));
-    if (!pad || gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, request_probe, kept, release_asks) == 0) {
-        release_asks(kept);
+    auto *const kept = new BeforeRequest(std::move(handler));
+    if (!pad || gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, request_probe, kept, release_handler) == 0) {
+        release_handler(kept);
     }
 }
 

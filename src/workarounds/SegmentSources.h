@@ -10,7 +10,7 @@ namespace GSTREAMER {
 // Calls `found` with each HTTP source that is put into the pipeline from now on. Streaming thread.
 void OnSegmentSource(GstElement *pipeline, std::function<void(GstElement *source)> found);
 
-// Calls `asks` before each request of the source. Its streaming thread.
-void BeforeEachRequest(GstElement *source, std::function<void(GstPad *pad)> asks);
+// Calls `handler` before each request of the source. Its streaming thread.
+void BeforeEachRequest(GstElement *source, std::function<void(GstPad *pad)> handler);
 
 }  // namespace GSTREAMER

@@ -13,7 +13,7 @@ constexpr std::chrono::seconds kPatience{2};
 
 void SleepingJitterBuffers::Wake(GstElement *pipeline) {
     GstIterator *const buffers = gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "rtpjitterbuffer");
-    // A source that is changing its elements is looked into the next time.
+    // A bin that changes ends the iteration. The next call comes 10 ms later.
     gst_iterator_foreach(
         buffers,
         [](const GValue *value, gpointer /*user*/) {

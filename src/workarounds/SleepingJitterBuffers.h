@@ -1,8 +1,6 @@
 // Symptom: closing an RTSP source right after its server has gone never ends.
-// Seen: rtpjitterbuffer of GStreamer 1.22.0 and 1.26.2. At the end of a stream two of its
-// threads wait on one condition, and a stop wakes one.
-// Done: after 2 s each jitter buffer gets a flush-start event, which
-// signals the condition, and every 10 ms from then on.
+// Seen: rtpjitterbuffer of GStreamer 1.22.0 and 1.26.2. Two threads wait, and a stop wakes one.
+// Done: after 2 s each jitter buffer gets a flush-start event, which wakes the other, every 10 ms.
 // Cost: such a close takes 2 s. One thread for the time of each stop.
 // Test: JitterBuffers.AreWokenWhereverTheySit; cycles-rtsp meets it with real servers.
 #pragma once
@@ -22,7 +20,7 @@ class SleepingJitterBuffers final : public Workaround {
     static void Wake(GstElement *pipeline);
 
   private:
-    GstElement *m_pPipeline = nullptr;  // outlives this
+    GstElement *m_pPipeline = nullptr;  // not touched after AfterStop
     StopHelp m_help;
 };
 

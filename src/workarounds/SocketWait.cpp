@@ -73,7 +73,7 @@ bool IsNetworkSocket(int descriptor) {
 bool IsStandardStream(int descriptor) {
     struct stat is {};
     if (fstat(descriptor, &is) != 0) {
-        return true;  // whatever it is
+        return true;  // unknown: left alone
     }
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         struct stat other {};
@@ -124,8 +124,7 @@ bool EndSocketWait(pid_t thread) {
     } else if (IsSocketCall(number) && fields >> fd) {
         descriptors = {fd};
     }
-    // Numbers of their own for the sockets, and then a second look: if the
-    // thread is still at it, these are the sockets.
+    // Duplicate the descriptors, then read the system call again: if it is unchanged, these are its sockets.
     std::vector<int> own;
     for (const int descriptor : descriptors) {
         const int copy = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);

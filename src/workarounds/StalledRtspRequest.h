@@ -1,9 +1,6 @@
-// Symptom: closing an RTSP source waits for a server that does not answer: until
-// the connection time-out, for ever without one.
-// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2. It does not leave an answer that it has begun to
-// read; a stop right before it connects is lost.
-// Done: after 2 s the sockets that it has connected are shut down, and
-// every 10 ms from then on, until it has stopped.
+// Symptom: closing an RTSP source waits for a silent server until the time-out, without one for ever.
+// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2, within an answer, or stopped before it connects.
+// Done: after 2 s the sockets that it has connected are shut down, every 10 ms until it has stopped.
 // Cost: such a close takes 2 s. One thread for the time of each stop.
 // Test: Closing.PeersThatStall (CRtspSource, half a handshake), ClosingRtsp.JustBeforeTheConnectionIsMade.
 #pragma once

@@ -1,6 +1,5 @@
 // Symptom: an RTSP source stays "connected" for ever after its server has closed the connection.
-// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2. The end of the streams is lost without a pad yet, or
-// in a jitter buffer; a warning is all there is.
+// Seen: rtspsrc of GStreamer 1.22.0 and 1.26.2. The end is lost without a pad or in a jitter buffer.
 // Done: when nothing has come for 3 s and the latency after that warning, an error ends the session.
 // Cost: none.
 // Test: SourceTest.RtspServerThatHasLeftForGoodEndsTheSession.

@@ -9,8 +9,7 @@ namespace GSTREAMER {
 
 namespace {
 
-// A server takes milliseconds for its answer, or longer than a close may last.
-constexpr int kLooks = 500;
+constexpr std::chrono::milliseconds kBound{500};
 constexpr std::chrono::milliseconds kLookPause{1};
 // Far more than hlsdemux takes to deal with a segment that has been refused.
 constexpr std::chrono::milliseconds kRefusalPause{30};
@@ -38,13 +37,14 @@ void CountRequest(GstElement *source, Requests &requests) {
 Requests CountRequests(GstElement *pipeline) {
     Requests requests;
     GstIterator *const sources = gst_bin_iterate_all_by_element_factory_name(GST_BIN(pipeline), "souphttpsrc");
-    // Elements that come or go meanwhile are counted the next time.
-    gst_iterator_foreach(
-        sources,
-        [](const GValue *value, gpointer user) {
-            CountRequest(static_cast<GstElement *>(g_value_get_object(value)), *static_cast<Requests *>(user));
-        },
-        &requests);
+    const GstIteratorForeachFunction count = [](const GValue *value, gpointer user) {
+        CountRequest(static_cast<GstElement *>(g_value_get_object(value)), *static_cast<Requests *>(user));
+    };
+    // A bin that changes ends the iteration: all are counted again.
+    while (gst_iterator_foreach(sources, count, &requests) == GST_ITERATOR_RESYNC) {
+        gst_iterator_resync(sources);
+        requests = Requests();
+    }
     gst_iterator_free(sources);
     return requests;
 }
@@ -52,11 +52,9 @@ Requests CountRequests(GstElement *pipeline) {
 }  // namespace
 
 void UnansweredHttpRequests::BeforeStop() {
-    if (m_pPipeline == nullptr) {
-        return;  // an open that ran out of memory has nothing attached
-    }
+    const auto until = std::chrono::steady_clock::now() + kBound;
     Requests last;
-    for (int look = 0; look < kLooks; ++look) {
+    while (std::chrono::steady_clock::now() < until) {
         const Requests now = CountRequests(m_pPipeline);
         if (now.waiting == 0 && (last.waiting == 0 || now.answered > last.answered)) {
             break;

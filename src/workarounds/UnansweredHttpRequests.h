@@ -15,7 +15,7 @@ class UnansweredHttpRequests final : public Workaround {
     void BeforeStop() override;
 
   private:
-    GstElement *m_pPipeline = nullptr;  // outlives this
+    GstElement *m_pPipeline = nullptr;  // not touched after AfterStop
 };
 
 }  // namespace GSTREAMER

@@ -25,7 +25,7 @@ class UnsafeRtmpsStop final : public Workaround {
     bool _IsStreaming() const;
     void _EndRead();
 
-    GstElement *const m_pSource;  // borrowed; in the pipeline for as long as this lives
+    GstElement *const m_pSource;  // borrowed; not touched after AfterStop
     std::mutex m_mtx;
     // Guarded by m_mtx. The streaming thread from its beginning to its end, which takes the lock; else 0.
     pid_t m_nThread = 0;

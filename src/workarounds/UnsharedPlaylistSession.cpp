@@ -8,11 +8,17 @@ namespace {
 
 constexpr guint kDefaultTimeout = 15;  // s
 
+// What souphttpsrc has set itself when it was made.
+std::string ProxyOfEnvironment() {
+    const gchar *const proxy = g_getenv("http_proxy");
+    return proxy != nullptr ? proxy : "";
+}
+
 }  // namespace
 
 UnsharedPlaylistSession::UnsharedPlaylistSession(GstElement *source, std::string proxy)
     : m_pSource(source),
-      m_strProxy(std::move(proxy)),
+      m_strProxy(proxy.empty() ? ProxyOfEnvironment() : std::move(proxy)),
       m_stateChanges("sync-message::state-changed", source,
                      [this](GstMessage *message) {
                          GstState now = GST_STATE_VOID_PENDING;
@@ -23,7 +29,7 @@ UnsharedPlaylistSession::UnsharedPlaylistSession(GstElement *source, std::string
                              g_object_set(m_pSource, "timeout", kDefaultTimeout, "proxy", nullptr, nullptr);
                          }
                      }),
-      // It asks for a session between its decision and the making of its own.
+      // need-context comes after souphttpsrc decided to share, before it makes the session.
       m_needs("sync-message::need-context", source, [this](GstMessage * /*message*/) {
           g_object_set(m_pSource, "timeout", m_nTimeout, "proxy", m_strProxy.c_str(), nullptr);
       }) {}

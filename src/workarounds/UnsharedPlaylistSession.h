@@ -1,6 +1,5 @@
 // Symptom: with a time-out other than 15 s, or a proxy, HLS reloads, variants and keys go without any option.
-// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2. It offers
-// its HTTP session to others only at its defaults.
+// Seen: souphttpsrc of GStreamer 1.22.0 and 1.26.2 shares its HTTP session at its defaults only.
 // Done: the playlist's source has the defaults while it decides, and its options before it makes the session.
 // Cost: none.
 // Test: Hls.EveryRequestComesThroughTheProxy, HlsPlays.FramesEqualTheMaterial/requests.
@@ -16,7 +15,7 @@ namespace GSTREAMER {
 
 class UnsharedPlaylistSession final : public Workaround {
   public:
-    // `source` fetches the playlist and outlives this. It does not give back a password in its `proxy`.
+    // `source` fetches the playlist. It is not touched after AfterStop. It does not give back a password in its `proxy`.
     UnsharedPlaylistSession(GstElement *source, std::string proxy);
 
     void Attach(GstElement *pipeline) override;

@@ -2,9 +2,8 @@
 // the symptom, the element and the versions in which it was seen, what is done, what that costs, and the test
 // that fails without it. docs/workarounds.md is the same as one table.
 //
-// A protocol class makes its workarounds with the pipeline that they are for, and calls the
-// hooks at the fixed places below. A workaround goes right after its pipeline has been
-// released; it holds no reference of an element by then.
+// A protocol class makes its workarounds with the pipeline that they are for, and calls the hooks at the
+// fixed places below. A workaround is destroyed right after its pipeline has been released.
 #pragma once
 
 #include <gst/gst.h>

@@ -899,4 +899,19 @@ TEST_F(Options, HlsSharesThePlaylistsSessionWhateverItsOptions) {
     }
 }
 
+// souphttpsrc takes a proxy from the environment when it is made.
+TEST_F(Options, HlsKeepsTheProxyOfTheEnvironment) {
+    const std::string url = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/a.m3u8";
+    const std::string proxy = "http://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/";
+    setenv("http_proxy", proxy.c_str(), 1);
+    m_source.reset(CHLSSource::CreateNew(&m_buffer, kChannel, kStream));
+    m_faults.SetPlay(Play::Real);
+    m_faults.SleepReally();
+    const bool opened =
+        static_cast<CHLSSource &>(*m_source).OpenLiveStream(url.c_str(), 200, false, 10, 3, "", "", "", "", "", "");
+    ASSERT_TRUE(opened && m_log.WaitFor(Raw("~~~~~~~_PipelinePlay 4")));
+    unsetenv("http_proxy");
+    ExpectHeld("Souphttpsrc", {"timeout=10", "proxy=" + proxy});
+}
+
 }  // namespace unit

@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 namespace unit {
@@ -264,6 +265,17 @@ TEST_P(Lifecycle, WorkerThatCannotStart) {
     EXPECT_STREQ("", SourceProbe::Status(Source()).state);
     Source().CloseLiveStream();
     EXPECT_EQ(Row().IdleCloseLines(Url()), m_log.Take());
+}
+
+TEST_P(Lifecycle, WorkerThatFailsIsLeftForTheClose) {
+    SourceProbe::SetUrl(Source(), Url());
+    const std::string tag = Row().Tag();
+    ASSERT_TRUE(SourceProbe::StartWorker(Source(), tag.c_str(), [] { throw std::runtime_error("no memory"); }));
+    EXPECT_TRUE(m_log.WaitFor(Err(tag + " The worker thread has failed!!! no memory URL=" + Url())));
+    ExpectAlreadyLive(Url());
+    EXPECT_TRUE(Source().CloseLiveStream());
+    EXPECT_EQ("stop", SourceProbe::StateText(Source()));
+    Open();
 }
 
 // ---- Session ends and rebuilds ----------------------------------------------------------------------------------------------
@@ -647,6 +659,24 @@ std::string DeadLocation(const SourceClass &row) {
 }
 
 }  // namespace
+
+TEST_F(SourceTest, RefusedOpenLeavesTheOptions) {
+    const SourceClass &row = ClassOf(SOURCE_TYPE_UDP);
+    m_faults.SetPlay(Play::Pretend);
+    auto &source = static_cast<Tessaro::CUDPSource &>(Make(row));
+    ASSERT_TRUE(source.OpenLiveStream(row.url.c_str(), 200, 300, 2000));
+    EXPECT_FALSE(source.OpenLiveStream("udp://127.0.0.1:9", 0, 400, 3000));
+    m_faults.ForgetPlays();
+    Post(gst_message_new_eos(nullptr));
+    ASSERT_TRUE(Eventually([&] { return m_faults.Plays() > 0; })) << "a new pipeline";
+    gint latency = 0;
+    guint mtu = 0;
+    g_object_get(Element(source, "Tsdemux"), "latency", &latency, nullptr);
+    g_object_get(Element(source, "Udpsrc"), "mtu", &mtu, nullptr);
+    EXPECT_EQ(300, latency);
+    EXPECT_EQ(2000U, mtu);
+    EXPECT_EQ(row.url, source.GetURL());
+}
 
 // rtspsrc ends its streams when the server leaves, and that end can get lost on its way.
 TEST_F(SourceTest, RtspServerThatHasLeftForGoodEndsTheSession) {

@@ -261,6 +261,25 @@ TEST_F(Races, BuildersAgainstHandlers) {
     }
 }
 
+// rtspsrc adds the pads of its streams on a thread each.
+TEST_F(Races, PadsOfOneMediumAtOnce) {
+    constexpr int kTurns = 50;
+    const SourceClass &row = ClassOf(SOURCE_TYPE_RTSP);
+    for (int turn = 0; turn < kTurns; ++turn) {
+        CBaseSource &source = Make(row);
+        SourceProbe::SetUrl(source, row.url);
+        ASSERT_TRUE(row.build(source));
+        const int front = GST_BIN_NUMCHILDREN(GST_BIN(SourceProbe::Pipeline(source)));
+        const char *const caps = "application/x-rtp, media=video, encoding-name=H264, clock-rate=90000";
+        const TestPad pads[] = {MakePad("video_0", caps), MakePad("video_1", caps)};
+        const auto add = [&](const TestPad &pad) { row.padAdded(nullptr, pad.get(), &source); };
+        Together({[&] { add(pads[0]); }, [&] { add(pads[1]); }});
+        EXPECT_EQ(front + 5, GST_BIN_NUMCHILDREN(GST_BIN(SourceProbe::Pipeline(source)))) << "one branch";
+        EXPECT_NE(gst_pad_is_linked(pads[0].get()), gst_pad_is_linked(pads[1].get()));
+        m_source.reset();
+    }
+}
+
 // ---- Close against the worker -----------------------------------------------------------------------------------------------
 
 TEST_F(Races, CloseAgainstTheWorker) {

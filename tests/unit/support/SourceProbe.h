@@ -8,8 +8,10 @@
 #include "CUDPSource.h"
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Tessaro {
@@ -98,6 +100,10 @@ struct SourceProbe {
     static std::atomic<bool> &Exit(CBaseSource &source) { return source.m_bExit; }
     static std::atomic<bool> &Reconnect(CBaseSource &source) { return source.m_bReconnect; }
     static bool ElementsCreated(CBaseSource &source) { return source.m_bElementsCreated; }
+    static bool StartWorker(CBaseSource &source, const char *tag, std::function<void()> body) {
+        return source._StartWorker(tag, std::move(body));
+    }
+    static void JoinWorker(CBaseSource &source) { source._JoinWorker(); }
     static bool Joinable(CBaseSource &source) { return source.m_nLoopPthread.joinable(); }
     static void SetUrl(CBaseSource &source, const std::string &url) { source.m_strURL = url; }
     static unsigned int &Caching(CBaseSource &source) { return source.m_nCaching; }

@@ -67,9 +67,9 @@ coverage_checks() {
     find "$root/build/coverage" -name '*.gcda' -delete
     # The tracer's runs of the same programs take no branch more.
     run coverage --suite unit --suite faults --no-suite leaks
-    # What rtmp2src leaves behind and the segment requests of hlsdemux take servers, and a source without threads takes a program of
-    # its own.
-    run coverage registry hls rtmp exhaustion
+    # What rtmp2src leaves behind, the segment requests of hlsdemux and the causes of a failure take servers. A source without threads
+    # takes a program of its own.
+    run coverage registry hls rtmp causes exhaustion
     note 'counting ...'
     quietly gcovr "${coverage_options[@]}" --json "$counts" "$root/build/coverage" || fail 'gcovr could not count'
     gcovr --root "$root" --add-tracefile "$counts"

@@ -575,9 +575,13 @@ void CBaseSource::_LogReason(const GSTREAMER::Reason &reason) {
         return;
     }
     unsigned repeats = 0;
-    if (!_IsRepeated(line, repeats)) {
-        LOG_WARN("[GSTREAMER] " << line << (repeats > 0 ? ", " + std::to_string(repeats) + " times more" : "")
-                                << ". URL=" << url);
+    if (_IsRepeated(line, repeats)) {
+        return;
+    }
+    if (repeats > 0) {
+        LOG_WARN("[GSTREAMER] " << line << ", " << repeats << " times more. URL=" << url);
+    } else {
+        LOG_WARN("[GSTREAMER] " << line << ". URL=" << url);
     }
 }
 

@@ -19,12 +19,6 @@ bool Convert(GParamSpec *property, gint64 number, GValue *value) {
             g_value_set_uint(value, static_cast<guint>(number));
             return number >= gint64{limits->minimum} && number <= gint64{limits->maximum};
         }
-        case G_TYPE_UINT64: {
-            const auto *const limits = G_PARAM_SPEC_UINT64(property);
-            const auto whole = static_cast<guint64>(number);
-            g_value_set_uint64(value, whole);
-            return number >= 0 && whole >= limits->minimum && whole <= limits->maximum;
-        }
         case G_TYPE_ENUM: {
             const auto one = static_cast<gint>(number);
             g_value_set_enum(value, one);

@@ -161,8 +161,11 @@ std::optional<Reason> ReasonOfElementMessage(GstMessage *message) {
         const char *name = GST_MESSAGE_SRC(message) != nullptr ? GST_MESSAGE_SRC_NAME(message) : "";
         guint64 time = 0;
         gst_structure_get_uint64(structure, "timeout", &time);
-        const std::string span = udp && time >= GST_SECOND ? " for " + std::to_string(time / GST_SECOND) + " s" : "";
-        return Reason{true, name, "No data came" + span, "timeout", false};
+        Reason reason{true, name, "No data came", "timeout", false};
+        if (udp && time >= GST_SECOND) {
+            reason.text += " for " + std::to_string(time / GST_SECOND) + " s";
+        }
+        return reason;
     }
     return gst_structure_has_name(structure, "http-headers") != FALSE ? ReasonOfHeaders(message, structure) : std::nullopt;
 }
@@ -226,8 +229,12 @@ std::size_t MaskUrl(std::string &text, std::size_t begin) {
 }  // namespace
 
 std::string Reason::Line() const {
-    return std::string(ends ? "Error" : "Warning") + " from \"" + element + "\": " + text +
-           (code.empty() ? "" : " (" + code + ")");
+    std::string line = ends ? "Error" : "Warning";
+    line += " from \"" + element + "\": " + text;
+    if (!code.empty()) {
+        line += " (" + code + ")";
+    }
+    return line;
 }
 
 const char *CodeOf(const char *text) {

@@ -1,6 +1,7 @@
 // Standard output that takes nothing: it belongs to the host, and the library does not wait for it.
 #include "gst_source_api.h"
 #include "Logger.h"
+#include "support/EndChild.h"
 #include "support/FewDescriptors.h"
 #include "support/Fixture.h"
 #include "support/OutputPipe.h"
@@ -671,7 +672,7 @@ TEST_F(ClosedOutput, IsRememberedByTheFirstSource) {
             const bool stays = IsClosed();
             const int result = WriteToNextOwner();
             gst_source_destroy(source);
-            _exit(stays ? result : 3);
+            EndChild(stays ? result : 3);
         },
         testing::ExitedWithCode(0), "");
 }
@@ -683,7 +684,7 @@ TEST_F(ClosedOutput, IsRememberedByTheFirstLine) {
             close(STDOUT_FILENO);
             Log("lost");
             const bool stays = IsClosed();
-            _exit(stays ? WriteToNextOwner() : 3);
+            EndChild(stays ? WriteToNextOwner() : 3);
         },
         testing::ExitedWithCode(0), "");
 }
@@ -696,7 +697,7 @@ TEST_F(ClosedOutput, ThatIsOpenForReadingCountsAsClosed) {
             const bool reads = open("/dev/zero", O_RDONLY | O_CLOEXEC) == STDOUT_FILENO;
             Log("lost");
             close(STDOUT_FILENO);
-            _exit(reads ? WriteToNextOwner() : 3);
+            EndChild(reads ? WriteToNextOwner() : 3);
         },
         testing::ExitedWithCode(0), "");
 }

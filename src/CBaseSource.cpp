@@ -155,7 +155,8 @@ int CBaseSource::DoBusMessage(GstMessage *msg) {
                 result = BUS_MSG_TIMEOUT;
             }
             const GSTREAMER::TextPtr text(gst_structure_to_string(structure));
-            LOG_INFO("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" << (text ? text.get() : ""));
+            const char *const shown = text ? text.get() : "";
+            LOG_INFO("[CBaseSource] ~~~~~(GST_MESSAGE_ELEMENT) Info :" << shown);
             break;
         }
         case GST_MESSAGE_LATENCY:
@@ -557,7 +558,7 @@ void CBaseSource::_LogReason(GstMessage *message) {
 
 void CBaseSource::_ExplainByContact(GstMessage *message, GSTREAMER::Reason &reason) const {
     GstObject *const element = GST_MESSAGE_SRC(message);
-    if (!reason.unexplained || !m_pContact || element == nullptr || !GST_IS_ELEMENT(element) ||
+    if (!reason.unexplained || !m_pContact || !GSTREAMER::IsA(element, GST_TYPE_ELEMENT) ||
         !GST_OBJECT_FLAG_IS_SET(element, GST_ELEMENT_FLAG_SOURCE) || _HasMedia()) {
         return;
     }
@@ -719,16 +720,17 @@ CBaseSource::PadCaps CBaseSource::_InspectPad(const char *tag, const char *eleme
 
 bool CBaseSource::_TakesPad(const char *tag, Medium medium, const char *encode) {
     const bool video = medium == Medium::Video;
+    const char *const name = video ? "video" : "audio";
+    const char *const title = video ? "Video" : "Audio";
     const std::string taken = (video ? m_strVideoEncode : m_strAudioEncode).Get();
     if (taken.empty()) {
         return true;
     }
     if (taken != encode) {
-        LOG_WARN(tag << (video ? " Video" : " Audio") << " media data chanage !!!  new encode= " << encode
-                     << ", url=" << m_strURL);
+        LOG_WARN(tag << " " << title << " media data chanage !!!  new encode= " << encode << ", url=" << m_strURL);
         m_bMediaChanged = true;
     } else {
-        LOG_WARN(tag << " Multiple " << (video ? "video" : "audio") << " media data ???  url=" << m_strURL);
+        LOG_WARN(tag << " Multiple " << name << " media data ???  url=" << m_strURL);
     }
     return false;
 }

@@ -38,6 +38,10 @@ class GuardedText {
         m_str = text;
     }
     void Clear() { Set(std::string()); }
+    bool IsEmpty() const {
+        const std::lock_guard<std::mutex> lock(m_mtx);
+        return m_str.empty();
+    }
 
   private:
     mutable std::mutex m_mtx;
@@ -233,7 +237,7 @@ class CBaseSource {
     // For a source element that says no more than that it failed: by how far its connection has come.
     void _ExplainByContact(GstMessage *message, GSTREAMER::Reason &reason) const;
     bool _IsRepeated(const std::string &line, unsigned &repeats);
-    bool _HasMedia() const { return !m_strVideoEncode.Get().empty() || !m_strAudioEncode.Get().empty(); }
+    bool _HasMedia() const { return !m_strVideoEncode.IsEmpty() || !m_strAudioEncode.IsEmpty(); }
     void _UpdateVideoMediaInfo(const std::string &code, int width, int height, float fps, const std::string &scan_type,
                                int ref_frames);
     void _UpdateAudioMediaInfo(const std::string &code, int sample_rate, int channels, int no_samples, int extra);

@@ -1,5 +1,7 @@
 #include "framework/ConnectionEvents.h"
 
+#include "framework/Ownership.h"
+
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -52,8 +54,8 @@ gboolean ConnectionEvents::client_event_hook(GSignalInvocationHint * /*hint*/, g
                                              gpointer /*user*/) {
     constexpr guint kArguments = 4;
     // Network addresses only: GLib's proxy look-up opens the process's D-Bus connection on these threads.
-    auto *const server = count == kArguments ? static_cast<GObject *>(g_value_get_object(values + 2)) : nullptr;
-    if (server == nullptr || !G_IS_NETWORK_ADDRESS(server)) {
+    gpointer const server = count == kArguments ? g_value_get_object(values + 2) : nullptr;
+    if (!IsA(server, G_TYPE_NETWORK_ADDRESS)) {
         return TRUE;
     }
     const auto event = static_cast<GSocketClientEvent>(g_value_get_enum(values + 1));
@@ -61,7 +63,7 @@ gboolean ConnectionEvents::client_event_hook(GSignalInvocationHint * /*hint*/, g
     Registry &registry = TheRegistry();
     const std::lock_guard<std::mutex> lock(registry.mutex);
     for (const ConnectionEvents *events : registry.all) {
-        events->m_fnHandler(event, G_NETWORK_ADDRESS(server), connection);
+        events->m_fnHandler(event, static_cast<GNetworkAddress *>(server), connection);
     }
     return TRUE;
 }

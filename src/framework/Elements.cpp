@@ -113,6 +113,11 @@ void TakeOut(GstElement *bin, const Chain &chain) {
     }
 }
 
+void PostReadError(GstElement *element, const char *text) {
+    gst_element_message_full(element, GST_MESSAGE_ERROR, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ, g_strdup(text), nullptr,
+                             __FILE__, __func__, __LINE__);
+}
+
 PadLink LinkToSinkPad(GstPad *source, GstElement *element) {
     const PadPtr sink_pad(element != nullptr ? gst_element_get_static_pad(element, "sink") : nullptr);
     if (!sink_pad) {

@@ -47,6 +47,9 @@ void AddAndSync(GstElement *bin, const Chain &chain);
 // before the next. Nothing for one that is not in it.
 void TakeOut(GstElement *bin, const Chain &chain);
 
+// Posts an error on the bus, as an element does whose stream cannot be read.
+void PostReadError(GstElement *element, const char *text);
+
 enum class PadLink { Done, Failed, TakenAlready };
 
 // Links `source` to the static pad "sink" of `element` when that pad is free.

@@ -41,14 +41,13 @@ void log_handler(GstDebugCategory * /*category*/, GstDebugLevel level, const gch
     t_cause.named = named;
 }
 
-GQuark CauseQuark() {
-    static const GQuark quark = g_quark_from_static_string("gst-source-cause");
-    return quark;
-}
+// Of the cause on a message. Written before the first pipeline of the process.
+GQuark g_cause = 0;
 
 }  // namespace
 
 void WatchFrameworkLog() {
+    g_cause = g_quark_from_static_string("gst-source-cause");
     // Without the macro, which compares the function to a data pointer.
     (gst_debug_add_log_function)(log_handler, nullptr, nullptr);
 }
@@ -69,13 +68,13 @@ std::string TakeThreadCause() {
 
 void AttachCause(GstMessage *message) {
     if (IsFresh()) {
-        gst_mini_object_set_qdata(GST_MINI_OBJECT_CAST(message), CauseQuark(), g_strdup(t_cause.text), g_free);
+        gst_mini_object_set_qdata(GST_MINI_OBJECT_CAST(message), g_cause, g_strdup(t_cause.text), g_free);
     }
     ForgetThreadCause();
 }
 
 std::string CauseOf(GstMessage *message) {
-    const auto *cause = static_cast<const gchar *>(gst_mini_object_get_qdata(GST_MINI_OBJECT_CAST(message), CauseQuark()));
+    const auto *cause = static_cast<const gchar *>(gst_mini_object_get_qdata(GST_MINI_OBJECT_CAST(message), g_cause));
     return cause != nullptr ? cause : "";
 }
 

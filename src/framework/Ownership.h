@@ -29,6 +29,11 @@ using CapsPtr = std::unique_ptr<GstCaps, CapsUnref>;
 using MessagePtr = std::unique_ptr<GstMessage, MessageUnref>;
 using TextPtr = std::unique_ptr<gchar, TextFree>;
 
+// Whether the object is of the type or of one derived from it. False for null.
+inline bool IsA(gpointer object, GType type) {
+    return g_type_check_instance_is_a(static_cast<GTypeInstance *>(object), type) != FALSE;
+}
+
 // One reference of an element, beside those that others hold: a bin takes its own when the element is added.
 class ElementRef {
   public:

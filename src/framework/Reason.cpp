@@ -143,7 +143,7 @@ std::optional<Reason> ReasonOfHeaders(GstMessage *message, const GstStructure *s
     GstObject *source = GST_MESSAGE_SRC(message);
     const std::unique_ptr<GstObject, ObjectUnref> bin(source != nullptr ? gst_object_get_parent(source) : nullptr);
     if (gst_structure_get_uint(structure, "http-status-code", &status) == FALSE || status < kFirstRefusal || !bin ||
-        GST_IS_PIPELINE(bin.get())) {
+        IsA(bin.get(), GST_TYPE_PIPELINE)) {
         return std::nullopt;
     }
     const gchar *location = gst_structure_get_string(structure, "uri");
@@ -161,7 +161,10 @@ std::optional<Reason> ReasonOfElementMessage(GstMessage *message) {
         const char *name = GST_MESSAGE_SRC(message) != nullptr ? GST_MESSAGE_SRC_NAME(message) : "";
         guint64 time = 0;
         gst_structure_get_uint64(structure, "timeout", &time);
-        Reason reason{true, name, "No data came", "timeout", false};
+        Reason reason;
+        reason.element = name;
+        reason.text = "No data came";
+        reason.code = "timeout";
         if (udp && time >= GST_SECOND) {
             reason.text += " for " + std::to_string(time / GST_SECOND) + " s";
         }
@@ -314,7 +317,9 @@ std::optional<Reason> ReasonOf(GstMessage *message) {
 }
 
 Reason ReasonOfFailedStart(GstElement *pipeline) {
-    Reason reason{true, "pipeline", Tidy(MaskSecrets(TakeThreadCause())), "", false};
+    Reason reason;
+    reason.element = "pipeline";
+    reason.text = Tidy(MaskSecrets(TakeThreadCause()));
     reason.code = CodeOf(reason.text.c_str());
     if (reason.text.empty()) {
         reason.text = "It could not be started";

@@ -1,7 +1,11 @@
 #include "framework/ServerContact.h"
 
+#include "framework/Ownership.h"
+
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <memory>
 
 namespace GSTREAMER {
 
@@ -24,16 +28,15 @@ bool HasRoute(const sockaddr_storage &to, gssize size) {
 
 // Where the connection goes. The size, 0 when that is not known.
 gssize AddressOf(GObject *connection, sockaddr_storage &to) {
-    GSocketAddress *const address = connection != nullptr && G_IS_SOCKET_CONNECTION(connection)
-                                        ? g_socket_connection_get_remote_address(G_SOCKET_CONNECTION(connection), nullptr)
-                                        : nullptr;
-    if (address == nullptr) {
+    if (!IsA(connection, G_TYPE_SOCKET_CONNECTION)) {
         return 0;
     }
-    const gssize size = g_socket_address_get_native_size(address);
-    const bool known = g_socket_address_to_native(address, &to, sizeof to, nullptr) != FALSE;
-    g_object_unref(address);
-    return known ? size : 0;
+    const std::unique_ptr<GSocketAddress, GObjectUnref> address(
+        g_socket_connection_get_remote_address(static_cast<GSocketConnection *>(static_cast<gpointer>(connection)), nullptr));
+    if (!address || g_socket_address_to_native(address.get(), &to, sizeof to, nullptr) == FALSE) {
+        return 0;
+    }
+    return g_socket_address_get_native_size(address.get());
 }
 
 }  // namespace

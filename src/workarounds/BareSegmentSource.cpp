@@ -14,7 +14,7 @@ bool IsFor(GstElement *source, const std::string &location) {
     gchar *text = nullptr;
     g_object_get(source, "location", &text, nullptr);
     const TextPtr owner(text);
-    return text != nullptr && IsSameServer(text, location);
+    return IsSameServer(text, location.c_str());
 }
 
 const gchar *TextOrNull(const std::string &text) {

@@ -1,5 +1,7 @@
 #include "workarounds/ClientSockets.h"
 
+#include "framework/Ownership.h"
+
 #include <utility>
 
 namespace GSTREAMER {
@@ -31,10 +33,10 @@ void ClientSockets::_Note(GSocketClientEvent event, GObject *connection) {
             m_stage = Stage::Connecting;
             break;
     }
-    if (connection == nullptr || !G_IS_SOCKET_CONNECTION(connection)) {
+    if (!IsA(connection, G_TYPE_SOCKET_CONNECTION)) {
         return;
     }
-    GSocket *const socket = g_socket_connection_get_socket(G_SOCKET_CONNECTION(connection));
+    GSocket *const socket = g_socket_connection_get_socket(static_cast<GSocketConnection *>(static_cast<gpointer>(connection)));
     // Each event reports the same socket again. References to freed sockets are removed.
     bool known = false;
     for (auto place = m_listSockets.begin(); place != m_listSockets.end();) {

@@ -1,6 +1,6 @@
 #include "workarounds/EmptyPlaylist.h"
 
-#include "framework/Ownership.h"
+#include "framework/Elements.h"
 
 namespace GSTREAMER {
 
@@ -20,8 +20,7 @@ GstPadProbeReturn EmptyPlaylist::playlist_probe(GstPad *pad, GstPadProbeInfo *in
     if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) {
         return GST_PAD_PROBE_OK;
     }
-    GstElement *source = GST_PAD_PARENT(pad);
-    GST_ELEMENT_ERROR(source, RESOURCE, READ, ("The playlist is empty."), (nullptr));
+    PostReadError(GST_PAD_PARENT(pad), "The playlist is empty.");
     return GST_PAD_PROBE_REMOVE;
 }
 

@@ -12,7 +12,7 @@ constexpr std::chrono::seconds kPatience{2};
 }  // namespace
 
 void LostSrtStop::Unlock(GstElement *source) {
-    if (source == nullptr || !GST_IS_BASE_SRC(source)) {
+    if (!IsA(source, GST_TYPE_BASE_SRC)) {
         return;
     }
     if (const auto unlock = GST_BASE_SRC_GET_CLASS(source)->unlock; unlock != nullptr) {

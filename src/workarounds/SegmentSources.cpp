@@ -2,7 +2,6 @@
 
 #include "framework/Ownership.h"
 
-#include <string>
 #include <utility>
 
 namespace GSTREAMER {
@@ -14,7 +13,7 @@ using BeforeRequest = std::function<void(GstPad *)>;
 
 void deep_element_added_handler(GstBin * /*pipeline*/, GstBin * /*bin*/, GstElement *element, gpointer found) {
     GstElementFactory *factory = gst_element_get_factory(element);
-    if (factory != nullptr && std::string("souphttpsrc") == GST_OBJECT_NAME(factory)) {
+    if (factory != nullptr && g_strcmp0(GST_OBJECT_NAME(factory), "souphttpsrc") == 0) {
         (*static_cast<Found *>(found))(element);
     }
 }

@@ -1,5 +1,7 @@
 #include "workarounds/UnannouncedRtspEnd.h"
 
+#include "framework/Elements.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -37,8 +39,7 @@ void UnannouncedRtspEnd::AfterPoll(GstMessage *message) {
     // Over UDP the media may well go on.
     if (m_nServerLeft != 0 && g_get_monotonic_time() - std::max(m_nServerLeft, m_fnLastReport()) > m_nPatienceUs) {
         m_nServerLeft = 0;
-        GST_ELEMENT_ERROR(m_source.Get(), RESOURCE, READ, ("The server has closed the connection, and no media came since."),
-                          (nullptr));
+        PostReadError(m_source, "The server has closed the connection, and no media came since.");
     }
 }
 

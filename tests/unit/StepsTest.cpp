@@ -245,6 +245,7 @@ TEST(Uri, SameServer) {
         EXPECT_FALSE(GSTREAMER::IsSameServer(other, "http://host/a")) << other;
     }
     EXPECT_FALSE(GSTREAMER::IsSameServer("http:///a", "http:///a"));
+    EXPECT_FALSE(GSTREAMER::IsSameServer(nullptr, nullptr));
 }
 
 // ---- Retries of an HTTP source ----------------------------------------------------------------------------------------------

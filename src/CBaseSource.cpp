@@ -264,8 +264,9 @@ void CBaseSource::_UpdateVideoMediaInfo(const std::string &code, int width, int 
         // The scan type is left out on purpose: its change alone is not reported.
         const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
         const video_params_t &known = m_stVideoInfo.params.video;
-        changed = code != ReadBounded(m_stVideoInfo.code) || width != known.width || height != known.height ||
-                  ref_frames != known.ref_frames || fps != known.fps;
+        const std::string known_code = ReadBounded(m_stVideoInfo.code);
+        changed = code != known_code || width != known.width || height != known.height || ref_frames != known.ref_frames ||
+                  fps != known.fps;
     }
     if (!changed) {
         return;
@@ -311,7 +312,8 @@ void CBaseSource::_UpdateAudioMediaInfo(const std::string &code, int sample_rate
         // The sample count and the extra value are left out on purpose: their change alone is not reported.
         const std::lock_guard<std::mutex> lock(m_mtxMediaInfo);
         const audio_params_t &known = m_stAudioInfo.params.audio;
-        changed = code != ReadBounded(m_stAudioInfo.code) || sample_rate != known.sample_rate || channels != known.channels;
+        const std::string known_code = ReadBounded(m_stAudioInfo.code);
+        changed = code != known_code || sample_rate != known.sample_rate || channels != known.channels;
     }
     if (!changed) {
         return;

@@ -89,8 +89,10 @@ inline const VideoCodec *FindVideoCodec(const std::string &encode) {
 // Row of a table, or its value type's zero ("" or 0) when the name is absent.
 template <typename Value>
 Value Lookup(const std::map<std::string, Value> &table, const std::string &encode) {
-    const auto row = table.find(encode);
-    return row != table.end() ? row->second : Value();
+    if (const auto row = table.find(encode); row != table.end()) {
+        return row->second;
+    }
+    return Value();
 }
 
 // AAC in any of its transports: brought into ADTS framing by a caps filter behind the parser.

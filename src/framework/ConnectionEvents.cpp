@@ -54,7 +54,7 @@ gboolean ConnectionEvents::client_event_hook(GSignalInvocationHint * /*hint*/, g
                                              gpointer /*user*/) {
     constexpr guint kArguments = 4;
     // Network addresses only: GLib's proxy look-up opens the process's D-Bus connection on these threads.
-    gpointer const server = count == kArguments ? g_value_get_object(values + 2) : nullptr;
+    void *const server = count == kArguments ? g_value_get_object(values + 2) : nullptr;
     if (!IsA(server, G_TYPE_NETWORK_ADDRESS)) {
         return TRUE;
     }

@@ -119,8 +119,11 @@ void Describe(GstMessage *message, Reason &reason) {
     // Of log line and debug text, the first one with a code.
     for (const std::string *other : {&cause, &detail}) {
         if (const char *code = CodeOf(other->c_str()); code[0] != '\0') {
-            reason.text = other->find("Got EOS before any data") != std::string::npos ? kEndedEarly : *other;
+            reason.text = *other;
             reason.code = code;
+            if (other->find("Got EOS before any data") != std::string::npos) {
+                reason.text = kEndedEarly;
+            }
             return;
         }
     }

@@ -74,8 +74,8 @@ Count ThreadsOfUser() {
          entry = readdir(all)) {  // NOLINT(concurrency-mt-unsafe): its own stream
         std::array<char, 64> path{};
         struct stat tasks {};
+        std::snprintf(path.data(), path.size(), "%.20s/task", entry->d_name);
         if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0 ||
-            std::snprintf(path.data(), path.size(), "%.20s/task", entry->d_name) < 0 ||
             fstatat(dirfd(all), path.data(), &tasks, 0) != 0 || tasks.st_uid != geteuid()) {
             continue;
         }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <functional>
 #include <sstream>
@@ -21,7 +22,7 @@ using Args = std::vector<std::string>;
 // The peers of one group of causes, and what a row needs of them.
 struct Stage {
     Scene *scene = nullptr;
-    std::string http, https, silent, closing, emptyRtsp, rtsp, rtspAuth, rtspTls, rtspUdp, rtmp, srt, udpTaken;
+    std::string http, https, silent, closing, emptyRtsp, rtsp, rtspAuth, rtspTls, rtspUdp, rtmp, srt, udpTaken, blackHole;
     std::string refused;  // "127.0.0.1:PORT" of nobody
     const Material *material = nullptr;
     Args launcher;  // what starts the tool, empty for nothing
@@ -92,12 +93,43 @@ void ExpectNamed(const Stage &stage, const Row &row) {
     tool->Stop();
 }
 
+// A listener that takes no connection any more: the next one stays without an answer.
+class FullListener {
+  public:
+    FullListener() {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto *const place = static_cast<sockaddr *>(static_cast<void *>(&address));
+        socklen_t size = sizeof address;
+        bind(sockets_[0], place, size);
+        listen(sockets_[0], 0);
+        getsockname(sockets_[0], place, &size);
+        port_ = ntohs(address.sin_port);
+        // One waits to be accepted. What comes behind it waits for room.
+        for (size_t i = 1; i < sockets_.size(); ++i) {
+            connect(sockets_[i], place, size);
+        }
+    }
+    ~FullListener() { std::for_each(sockets_.begin(), sockets_.end(), close); }
+    FullListener(const FullListener &) = delete;
+    FullListener &operator=(const FullListener &) = delete;
+    uint16_t Port() const { return port_; }
+
+  private:
+    static int Socket(int flags) { return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0); }
+
+    const std::array<int, 4> sockets_{Socket(0), Socket(SOCK_NONBLOCK), Socket(SOCK_NONBLOCK), Socket(SOCK_NONBLOCK)};
+    uint16_t port_ = 0;
+};
+
 class Causes : public PeerTest, public Scene {
   protected:
     Causes() {
         stage.scene = this;
         stage.refused = Local(FreeTcpPort());
         stage.material = &GetMaterial("h264_aac");
+        stage.blackHole = Local(full.Port());
     }
 
     void Play(const std::vector<Row> &rows) {
@@ -116,6 +148,7 @@ class Causes : public PeerTest, public Scene {
     }
 
     Stage stage;
+    const FullListener full;
     std::vector<std::unique_ptr<Process>> servers;
 };
 
@@ -150,6 +183,11 @@ TEST_F(Causes, Rtsp) {
          "Error", "Rtspsrc", "Timeout", "timeout"},
         {"closed", [](const Stage &s) { return Args{"rtsp://" + s.closing + "/stream"}; }, "Error", "Rtspsrc", "closed",
          "closed"},
+        {"black hole",
+         [](const Stage &s) {
+             return Args{"rtsp://" + s.blackHole + "/stream", "--rtsp-contimeout", "2"};
+         },
+         "Error", "Rtspsrc", "timed out", "timeout"},
         {"transport refused",
          [](const Stage &s) {
              return Args{"rtsp://" + s.rtspUdp + "/stream", "--protocols", "4"};
@@ -182,6 +220,11 @@ TEST_F(Causes, Rtmp) {
         {"silence",
          [](const Stage &s) {
              return Args{"rtmp://" + s.silent + "/live/a", "--rtmp-contimeout", "2"};
+         },
+         "Error", "Rtmp2src", "timed out", "timeout"},
+        {"black hole",
+         [](const Stage &s) {
+             return Args{"rtmp://" + s.blackHole + "/live/a", "--rtmp-contimeout", "2"};
          },
          "Error", "Rtmp2src", "timed out", "timeout"},
         {"no TLS", [](const Stage &s) { return Args{"rtmps://" + s.closing + "/live/a"}; }, "Error", "Rtmpsrc", "TLS", "tls"},
@@ -317,6 +360,11 @@ TEST_F(Causes, Hls) {
              return Args{"http://" + s.silent + "/a.m3u8", "--hls-timeout", "2", "--retries", "0"};
          },
          "Error", "Souphttpsrc", "does not answer", "timeout"},
+        {"black hole",
+         [](const Stage &s) {
+             return Args{"http://" + s.blackHole + "/a.m3u8", "--hls-timeout", "2", "--retries", "0"};
+         },
+         "Error", "Souphttpsrc", "No answer to the connection request", "timeout"},
         {"closed", [](const Stage &s) { return Args{"http://" + s.closing + "/a.m3u8"}; }, "Error", "Souphttpsrc", "closed",
          "closed"},
         {"web page", [](const Stage &s) { return Args{s.http + "/page.m3u8"}; }, "Error", "Hlsdemux", "Invalid playlist",

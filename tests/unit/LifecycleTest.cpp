@@ -646,6 +646,11 @@ TEST_F(SourceTest, RemoveManyDropsOneReferenceOfEach) {
     EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(second_shared.Get()));
     SourceProbe::RemoveMany({&first});
     SourceProbe::RemoveMany({});
+    // To itself: nothing is dropped.
+    ElementRef kept = ElementRef::Share(first_shared);
+    ElementRef &same = kept;
+    kept = std::move(same);
+    EXPECT_EQ(first_shared.Get(), kept.Get());
 }
 
 // ---- All five for real, at the same time ------------------------------------------------------------------------------------

@@ -670,6 +670,7 @@ TEST_F(SourceTest, RefusedOpenLeavesTheOptions) {
     m_faults.SetPlay(Play::Pretend);
     auto &source = static_cast<Tessaro::CUDPSource &>(Make(row));
     ASSERT_TRUE(source.OpenLiveStream(row.url.c_str(), 200, 300, 2000));
+    ASSERT_TRUE(Eventually([&] { return m_faults.Plays() > 0; }));
     EXPECT_FALSE(source.OpenLiveStream("udp://127.0.0.1:9", 0, 400, 3000));
     m_faults.ForgetPlays();
     Post(gst_message_new_eos(nullptr));

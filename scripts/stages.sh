@@ -53,7 +53,8 @@ fuzz_dir() {
     CC=clang CXX=clang++ configure fuzz -Db_sanitize=address,undefined -Db_lundef=false -Doptimization=1 -Dtest_parts=unit,fuzz
 }
 
-# What the compiler makes for exceptions is left out, a log statement's way out of memory included; one with a condition in it counts.
+# What the compiler makes for exceptions is left out, a log statement's way out of memory included.
+# A log statement with a condition in it counts.
 coverage_options=(--root "$root" --filter "$root/src/" --exclude-throw-branches --exclude-unreachable-branches
     --exclude-branches-by-pattern '.*LOG_(FATAL|ERR|WARN|INFO|DEBUG)\((?!.* \? )')
 # What has been reached; the branches that remain are listed in docs/reliability.md.
@@ -67,8 +68,8 @@ coverage_checks() {
     find "$root/build/coverage" -name '*.gcda' -delete
     # The tracer's runs of the same programs take no branch more.
     run coverage --suite unit --suite faults --no-suite leaks
-    # What rtmp2src leaves behind, the segment requests of hlsdemux and the causes of a failure take servers. A source without threads
-    # takes a program of its own.
+    # What rtmp2src leaves behind, the segment requests of hlsdemux and the causes of a failure take servers.
+    # A source without threads takes a program of its own.
     run coverage registry hls rtmp causes exhaustion
     note 'counting ...'
     quietly gcovr "${coverage_options[@]}" --json "$counts" "$root/build/coverage" || fail 'gcovr could not count'

@@ -426,7 +426,7 @@ bool CBaseSource::_StartWorker(const char *tag, std::function<void()> body) {
             try {
                 body();
             } catch (const std::exception &error) {
-                // It takes as much as a rebuild whose elements cannot be made: the next close.
+                // As after a rebuild whose elements cannot be made, the source waits for its close.
                 LOG_ERR(tag << " The worker thread has failed!!! " << error.what() << " URL=" << m_strURL);
             }
         });

@@ -506,7 +506,7 @@ TEST_F(HostileHls, ListsAndSegmentsThatAreNone) {
     });
 }
 
-// hlsdemux of GStreamer 1.22 now and then lets go of a segment source that it has not stopped, when
+// hlsdemux of GStreamer 1.22 sometimes releases a segment source that it has not stopped, when
 // segments of no known type end the session ("Trying to dispose element srcbin-src_0, but it is in
 // READY"), and goes on, which the harness lets pass.
 TEST_F(HostileHls, SegmentsOfNoKnownType) {

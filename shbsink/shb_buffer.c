@@ -220,9 +220,9 @@ static int make_files(shb_buffer_t *buffer, mode_t mode, const gid_t *group) {
         result = publish_buffer(buffer);
         if (result != SHB_OK) {
             int saved = errno;
-            unlink(buffer->waiters_path);
             if (buffer->listener >= 0)
                 unlink(buffer->socket_path);
+            unlink(buffer->waiters_path);
             shb_bell_close(buffer);
             munmap(buffer->waiters, (size_t)places->waiters_bytes);
             errno = saved;
@@ -233,13 +233,16 @@ static int make_files(shb_buffer_t *buffer, mode_t mode, const gid_t *group) {
     return result;
 }
 
-/* A name that another creator has taken in the meantime is no longer ours to remove. */
+/*
+ * A name that another creator has taken in the meantime is no longer ours to remove. The waiters go last: by their name the socket of
+ * a creator that died half-way is found.
+ */
 static void remove_files(const shb_buffer_t *buffer) {
     struct stat file;
     if (stat(buffer->path, &file) == 0 && file.st_dev == buffer->device && file.st_ino == buffer->inode)
         unlink(buffer->path);
-    unlink(buffer->waiters_path);
     unlink(buffer->socket_path);
+    unlink(buffer->waiters_path);
 }
 
 /* Group and others may read at most: whoever may write can spoil the buffer. */

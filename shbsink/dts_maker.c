@@ -4,6 +4,8 @@
 
 /* Taken where nothing states the duration of a frame. */
 #define USUAL_DURATION (40 * GST_MSECOND)
+/* While a new depth comes into force. Containers that count in milliseconds still see it rise. */
+#define SMALLEST_STEP GST_MSECOND
 
 void shb_dts_maker_init(ShbDtsMaker *maker) {
     memset(maker, 0, sizeof *maker);
@@ -20,11 +22,14 @@ void shb_dts_maker_restart(ShbDtsMaker *maker) {
     maker->last_dts = GST_CLOCK_TIME_NONE;
 }
 
-/* No reordering reaches further than this; time stamps that do are those of another time line. */
+/* Frames that are shown between one and the next to be decoded: no encoder puts more B frames in a row. */
+#define LONGEST_REACH 32
+
+/* Whether `pts` is of another time line, and not only of frames in another order. */
 static gboolean is_jump(const ShbDtsMaker *maker, GstClockTime pts, GstClockTime duration, gboolean discont) {
     if (maker->held == 0)
         return FALSE;
-    GstClockTime reach = MAX(GST_SECOND, SHB_DTS_DEPTH_MAX * MIN(duration, GST_SECOND));
+    GstClockTime reach = MAX(GST_SECOND, LONGEST_REACH * MIN(duration, GST_SECOND));
     GstClockTime newest = maker->latest[maker->held - 1];
     if (pts < newest)
         return newest - pts > reach;
@@ -83,12 +88,12 @@ GstClockTime shb_dts_maker_next(ShbDtsMaker *maker, GstClockTime pts, GstClockTi
         }
         maker->last_pts = pts;
     }
+    if (GST_CLOCK_TIME_IS_VALID(maker->last_dts) && made <= maker->last_dts)
+        made = maker->last_dts + SMALLEST_STEP;
+    if (made > pts)
+        made = GST_CLOCK_TIME_NONE;
     if (GST_CLOCK_TIME_IS_VALID(dts))
         made = dts;
-    else if (GST_CLOCK_TIME_IS_VALID(maker->last_dts) && made <= maker->last_dts)
-        made = GST_CLOCK_TIME_NONE;
-    else if (made > pts)
-        made = GST_CLOCK_TIME_NONE;
     if (GST_CLOCK_TIME_IS_VALID(made))
         maker->last_dts = made;
     return made;

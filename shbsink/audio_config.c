@@ -34,6 +34,14 @@ static GBytes *stream_header(const GstStructure *caps, guint index) {
 
 /* ---- AAC ---------------------------------------------------------------------------------------------------------- */
 
+static void take_aac(ShbAudioConfig *config, GBytes *codec_data) {
+    gsize size;
+    const guint8 *data = g_bytes_get_data(codec_data, &size);
+    config->codec_data = codec_data;
+    config->rate = (gint)gst_codec_utils_aac_get_sample_rate(data, (guint)size);
+    config->channels = (gint)gst_codec_utils_aac_get_channels(data, (guint)size);
+}
+
 static void aac_from_caps(ShbAudioConfig *config, const GstStructure *caps) {
     const gchar *format = gst_structure_get_string(caps, "stream-format");
     g_strlcpy(config->format, format != NULL ? format : "", sizeof config->format);
@@ -42,7 +50,7 @@ static void aac_from_caps(ShbAudioConfig *config, const GstStructure *caps) {
     const GValue *codec_data = gst_structure_get_value(caps, "codec_data");
     if (g_str_equal(config->format, "raw") && codec_data != NULL && GST_VALUE_HOLDS_BUFFER(codec_data) &&
         gst_value_get_buffer(codec_data) != NULL)
-        config->codec_data = bytes_of(gst_value_get_buffer(codec_data));
+        take_aac(config, bytes_of(gst_value_get_buffer(codec_data)));
 }
 
 /* The AudioSpecificConfig of the frames behind an ADTS header. */
@@ -57,7 +65,7 @@ static void read_adts(ShbAudioConfig *config, const guint8 *data, gsize size) {
     if (channels == 0)
         return;
     const guint8 made[2] = {(guint8)(object_type << 3 | rate_index >> 1), (guint8)((rate_index & 1) << 7 | channels << 3)};
-    config->codec_data = g_bytes_new(made, sizeof made);
+    take_aac(config, g_bytes_new(made, sizeof made));
 }
 
 /* ---- Opus --------------------------------------------------------------------------------------------------------- */
@@ -94,7 +102,7 @@ static void opus_from_caps(ShbAudioConfig *config, GstCaps *caps, const GstStruc
 
 /* The first byte of the headers, in their order; it is even in frames of sound. */
 static const guint8 vorbis_types[SHB_VORBIS_HEADERS] = {1, 3, 5};
-enum { VORBIS_COMMENTS = 1, VORBIS_SETUP = 2 };
+enum { VORBIS_COMMENTS = 1, VORBIS_SETUP = 2, VORBIS_FIRST_SIZE = 30 };
 
 static gboolean is_vorbis_header(const guint8 *data, gsize size, guint *index) {
     if (size < 1 + strlen("vorbis") || memcmp(data + 1, "vorbis", strlen("vorbis")) != 0)
@@ -128,6 +136,12 @@ static void lace_vorbis(ShbAudioConfig *config) {
     for (guint i = 0; i < SHB_VORBIS_HEADERS; i++)
         if (config->headers[i] == NULL)
             return;
+    gsize size;
+    const guint8 *first = g_bytes_get_data(config->headers[0], &size);
+    if (size >= VORBIS_FIRST_SIZE) {
+        config->channels = first[11];
+        config->rate = (gint)MIN(GST_READ_UINT32_LE(first + 12), (guint32)G_MAXINT);
+    }
     g_clear_pointer(&config->codec_data, g_bytes_unref);
     config->codec_data = lace(config->headers);
     if (g_bytes_get_size(config->codec_data) <= SHB_CODEC_DATA_MAX)

@@ -18,6 +18,8 @@ typedef struct {
     GBytes *codec_data; /* null: none, or not yet */
     ShbInBand in_band;  /* what the frames have to tell */
     gboolean complete;  /* nothing more is read from frames */
+    gint rate;          /* that the codec data state, Hz; 0: they do not */
+    gint channels;      /* the same */
     GBytes *headers[SHB_VORBIS_HEADERS];
 } ShbAudioConfig;
 

@@ -496,6 +496,11 @@ static gboolean describe_video(GstShbSink *self, const ShbVideoReport *report) {
 
 static gboolean describe_audio(GstShbSink *self, gsize size, GstClockTime duration, gboolean header) {
     ShbAudioReport *audio = &self->audio;
+    /* Depayloaders without a parser behind them leave these out of the caps. */
+    if (audio->sample_rate == 0)
+        audio->sample_rate = self->audio_config.rate;
+    if (audio->channels == 0)
+        audio->channels = self->audio_config.channels;
     if (audio->samples_per_frame == 0 && !header)
         shb_audio_report_from_frame(audio, size, duration);
     if (audio->samples_per_frame == 0 || audio->sample_rate == 0 || audio->channels == 0 || self->code == NULL)

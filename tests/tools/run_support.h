@@ -37,7 +37,7 @@ class Sender : public Child {
     explicit Sender(const std::string &url, bool video = true);
 };
 
-// The buffer or its second file, whose name goes on behind a "+".
+// The buffer or one of its further files, whose names go on behind a "+".
 bool MemoryLeft(const std::string &name);
 
 // One that no other run has.

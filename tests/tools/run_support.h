@@ -37,7 +37,8 @@ class Sender : public Child {
     explicit Sender(const std::string &url, bool video = true);
 };
 
-// The buffer or one of its further files, whose names go on behind a "+".
+// The files of a buffer: one of its name, and others whose names go on behind a "+".
+std::vector<std::string> MemoryOf(const std::string &name);
 bool MemoryLeft(const std::string &name);
 
 // One that no other run has.

@@ -91,9 +91,9 @@ int RunList(const Options &options) {
         Complain("no shared buffers on this machine");
     } else {
         static const std::vector<tool::ColumnStyle> styles{
-            {"NAME", false, 0, 100}, {"STATE", false, 0, 90}, {"OWNER", false, 0, 65}, {"CREATOR", true, 0, 80},
-            {"HEARTBEAT", true, 0, 60}, {"SIZE", true, 0, 70},   {"TRACKS", true, 0, 50},
-            {"VIDEO", true, 0, 40},     {"AUDIO", true, 0, 30},  {"VERSION", true, 0, 20}};
+            {"NAME", false, 0, 100},    {"STATE", false, 0, 90}, {"OWNER", false, 0, 65}, {"CREATOR", true, 0, 80},
+            {"HEARTBEAT", true, 0, 60}, {"SIZE", true, 0, 70},   {"TRACKS", true, 0, 50}, {"VIDEO", true, 0, 40},
+            {"AUDIO", true, 0, 30},     {"VERSION", true, 0, 20}};
         std::vector<tool::Row> rows(buffers.size());
         std::transform(buffers.begin(), buffers.end(), rows.begin(), BufferRow);
         const size_t width = isatty(STDOUT_FILENO) != 0 ? tool::WindowOf(STDOUT_FILENO).columns : tool::Layout::kAnyWidth;

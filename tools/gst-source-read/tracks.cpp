@@ -63,7 +63,8 @@ tool::Record TrackRecord(const shb_info_t &info, const Track &track, const std::
     record["height_px"] = tool::NumberOrNull(media.height);
     record["scan"] = media.width > 0 ? tool::Record(tool::ScanName(media.scan_type)) : tool::Record(nullptr);
     record["announced_fps"] = tool::NumberOrNull(tool::Rounded(AnnouncedFps(media)));
-    record["reorder_frames"] = known && track.kind == SHB_VIDEO ? tool::CountOrNull(media.reorder_frames) : tool::Record(nullptr);
+    record["reorder_frames"] =
+        known && track.kind == SHB_VIDEO ? tool::CountOrNull(media.reorder_frames) : tool::Record(nullptr);
     record["sample_rate_hz"] = tool::NumberOrNull(media.sample_rate);
     record["audio_channels"] = tool::NumberOrNull(media.channels);
     record["measured_fps"] = tool::Rounded(MeasuredFps(stats));
@@ -139,8 +140,8 @@ tool::Row TrackRow(const Track &track) {
 std::string HeadLine(const shb_info_t &info, const std::string &note, size_t columns, const tool::Painter &paint) {
     const std::string state = StateOf(info);
     const std::string left = NameOf(info) + "  ";
-    std::string right = ", made by process " + CreatorOf(info) + ", heartbeat " +
-                        tool::FormatAge(info.heartbeat_age_ns) + " ago, " + tool::FormatBytes(info.total_bytes) + note;
+    std::string right = ", made by process " + CreatorOf(info) + ", heartbeat " + tool::FormatAge(info.heartbeat_age_ns) +
+                        " ago, " + tool::FormatBytes(info.total_bytes) + note;
     if (left.size() + state.size() >= columns) {
         return tool::Cut(left + state, columns);
     }

@@ -51,6 +51,11 @@ std::vector<std::string> MemoryOf(const std::string &name) {
         const std::string file = entry.path().filename();
         if (file == name || file.rfind(name + "+", 0) == 0) {
             paths.push_back(entry.path());
+            const size_t token = file.find('+');
+            const std::filesystem::path socket = "/dev/shm/" + file.substr(std::min(token, file.size()));
+            if (token != std::string::npos && std::filesystem::exists(socket)) {
+                paths.push_back(socket);
+            }
         }
     }
     return paths;

@@ -37,7 +37,7 @@ class Sender : public Child {
     explicit Sender(const std::string &url, bool video = true);
 };
 
-// The files of a buffer: one of its name, and others whose names go on behind a "+".
+// The files of a buffer: one of its name, one whose name goes on behind a "+", and one of what stands there.
 std::vector<std::string> MemoryOf(const std::string &name);
 bool MemoryLeft(const std::string &name);
 

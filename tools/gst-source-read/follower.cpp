@@ -21,9 +21,8 @@ uint64_t EpochInForce(const shb_map_t *map, const Options &options) {
 
 Follower::Follower(const Options &options, std::string name, Tell tell)
     : m_options(options), m_name(std::move(name)), m_tell(std::move(tell)), m_data(kFirstCapacity) {
-    if (!m_options.follow) {
-        // Nothing is waited for: what is wrong with the buffer ends the run.
-        const Map map = Attach(m_name);
+    // What following would wait for without end, or what is not waited for, is said here.
+    if (const Map map = m_options.follow ? TryAttachLive(m_name) : Attach(m_name)) {
         m_host = InfoOf(map.get());
         m_home = EpochInForce(map.get(), m_options);
     }

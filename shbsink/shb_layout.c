@@ -1,24 +1,12 @@
 #include "shb_layout.h"
 
 #include <ctype.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <linux/futex.h>
-#include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/syscall.h>
-#include <time.h>
-#include <unistd.h>
 
 #include "shb_internal.h"
 
 _Static_assert(ATOMIC_LLONG_LOCK_FREE == 2 && ATOMIC_INT_LOCK_FREE == 2, "a lock of one process does not hold for another");
-
-#define IDENTITY_PID_BITS 22
-#define NS_PER_S UINT64_C(1000000000)
 
 const char *shb_strerror(int result) {
     switch (result) {
@@ -48,9 +36,44 @@ const char *shb_strerror(int result) {
             return "buffer closed by its creator";
         case SHB_ERR_OVERRUN:
             return "frame overwritten while in use";
+        case SHB_ERR_OWNER:
+            return "buffer belongs to another user";
         default:
             return "unknown result";
     }
+}
+
+uint32_t shb_version(void) {
+    return SHB_VERSION_NUMBER;
+}
+
+/* ---- Structs with a size ------------------------------------------------------------------------------------------ */
+
+bool shb_take_struct(const void *given, void *out, size_t size) {
+    uint32_t given_size;
+    memcpy(&given_size, given, sizeof given_size);
+    if (given_size < size)
+        return false;
+    /* What a later version of the caller's header has added must not be passed over in silence. */
+    for (size_t at = size; at < given_size; at++)
+        if (((const unsigned char *)given)[at] != 0)
+            return false;
+    memcpy(out, given, size);
+    return true;
+}
+
+bool shb_can_give(const void *given, size_t size) {
+    uint32_t given_size;
+    memcpy(&given_size, given, sizeof given_size);
+    return given_size >= size;
+}
+
+void shb_give_struct(void *given, const void *from, size_t size) {
+    uint32_t given_size;
+    memcpy(&given_size, given, sizeof given_size);
+    memcpy((unsigned char *)given + sizeof given_size, (const unsigned char *)from + sizeof given_size,
+           size - sizeof given_size);
+    memset((unsigned char *)given + size, 0, given_size - size);
 }
 
 /* ---- Places ------------------------------------------------------------------------------------------------------- */
@@ -64,9 +87,10 @@ static uint64_t round_to_pages(uint64_t bytes) {
 }
 
 bool shb_places_from_geometry(const shb_geometry_t *geometry, shb_places_t *out) {
-    shb_geometry_t g = {0};
-    if (geometry != NULL)
-        g = *geometry;
+    shb_geometry_t g = SHB_INIT(shb_geometry_t);
+    if (geometry != NULL && !shb_take_struct(geometry, &g, sizeof g))
+        return false;
+    g.struct_size = sizeof g;
     if (g.channels == 0)
         g.channels = 1;
     if (g.streams == 0)
@@ -91,8 +115,25 @@ bool shb_places_from_geometry(const shb_geometry_t *geometry, shb_places_t *out)
     /* At most 2^16 pairs of tracks of little more than 2^31 bytes: this cannot overflow. */
     uint64_t pairs = (uint64_t)g.channels * g.streams;
     out->total_bytes = SHB_PAGE_BYTES + pairs * (out->track_bytes[SHB_VIDEO] + out->track_bytes[SHB_AUDIO]);
-    out->waiters_bytes = sizeof(shb_waiters_header_t) + pairs * 2 * sizeof(shb_waiters_t);
+    out->tracks = pairs * 2;
+    out->waiters_bytes = sizeof(shb_waiters_header_t) + out->tracks * sizeof(shb_waiters_t);
     return out->total_bytes <= (uint64_t)PTRDIFF_MAX;
+}
+
+void shb_track_by_number(const shb_places_t *places, void *base, uint64_t number, shb_track_view_t *out) {
+    const shb_geometry_t *g = &places->geometry;
+    bool audio = number % 2 != 0;
+    uint64_t offset = SHB_PAGE_BYTES + number / 2 * (places->track_bytes[SHB_VIDEO] + places->track_bytes[SHB_AUDIO]);
+    if (audio)
+        offset += places->track_bytes[SHB_VIDEO];
+    void *track = (char *)base + offset;
+    out->number = number;
+    out->head = track;
+    out->frames = audio ? g->audio_frames : g->video_frames;
+    out->bytes = audio ? g->audio_bytes : g->video_bytes;
+    void *descriptors = (char *)track + sizeof(shb_track_t);
+    out->descriptors = descriptors;
+    out->payload = (unsigned char *)descriptors + out->frames * sizeof(shb_descriptor_t);
 }
 
 bool shb_track_at(const shb_places_t *places, void *base, uint32_t channel, uint32_t stream, shb_kind_t kind,
@@ -100,18 +141,7 @@ bool shb_track_at(const shb_places_t *places, void *base, uint32_t channel, uint
     const shb_geometry_t *g = &places->geometry;
     if (channel >= g->channels || stream >= g->streams || (kind != SHB_VIDEO && kind != SHB_AUDIO))
         return false;
-    uint64_t pair = (uint64_t)channel * g->streams + stream;
-    uint64_t offset = SHB_PAGE_BYTES + pair * (places->track_bytes[SHB_VIDEO] + places->track_bytes[SHB_AUDIO]);
-    if (kind == SHB_AUDIO)
-        offset += places->track_bytes[SHB_VIDEO];
-    void *track = (char *)base + offset;
-    out->number = pair * 2 + (uint64_t)kind;
-    out->head = track;
-    out->frames = kind == SHB_VIDEO ? g->video_frames : g->audio_frames;
-    out->bytes = kind == SHB_VIDEO ? g->video_bytes : g->audio_bytes;
-    void *descriptors = (char *)track + sizeof(shb_track_t);
-    out->descriptors = descriptors;
-    out->payload = (unsigned char *)descriptors + out->frames * sizeof(shb_descriptor_t);
+    shb_track_by_number(places, base, ((uint64_t)channel * g->streams + stream) * 2 + (uint64_t)kind, out);
     return true;
 }
 
@@ -119,6 +149,7 @@ int shb_check_header(const shb_header_t *header, uint64_t mapped, shb_places_t *
     if (mapped < SHB_PAGE_BYTES || header->magic != SHB_LAYOUT_MAGIC || header->version != SHB_LAYOUT_VERSION)
         return SHB_ERR_VERSION;
     const shb_geometry_t geometry = {
+        .struct_size = sizeof geometry,
         .channels = header->channels,
         .streams = header->streams,
         .video_bytes = header->video_bytes,
@@ -165,113 +196,13 @@ void shb_path(const char *full, char *out) {
     snprintf(out, SHB_PATH_MAX, "%s%s", SHB_PATH_PREFIX, full);
 }
 
-/* "+" stands in no name of a buffer. */
+/* "+" stands in no name of a buffer. The path of a socket may be no longer than 107 characters, so the name is not in it. */
+void shb_socket_path(uint64_t token, char *out) {
+    snprintf(out, SHB_PATH_MAX, "%s/+%016llx", SHB_PATH_PREFIX, (unsigned long long)token);
+}
+
 void shb_waiters_path(const char *full, uint64_t token, char *out) {
     snprintf(out, SHB_PATH_MAX, "%s%s+%016llx", SHB_PATH_PREFIX, full, (unsigned long long)token);
-}
-
-/* ---- Processes ---------------------------------------------------------------------------------------------------- */
-
-enum process_state { PROCESS_GONE, PROCESS_HIDDEN, PROCESS_THERE };
-
-static enum process_state process_start_time(pid_t pid, uint64_t *start) {
-    char text[1024];
-    snprintf(text, sizeof text, "/proc/%ld/stat", (long)pid);
-    int fd = open(text, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return kill(pid, 0) == 0 || errno == EPERM ? PROCESS_HIDDEN : PROCESS_GONE;
-    ssize_t got = read(fd, text, sizeof text - 1);
-    close(fd);
-    if (got <= 0)
-        return PROCESS_GONE;
-    text[got] = '\0';
-    /* The second field is the program's name in brackets and may itself hold blanks and brackets: count from the last one. */
-    const char *at = strrchr(text, ')');
-    if (at == NULL || at[1] != ' ')
-        return PROCESS_HIDDEN;
-    at += 2;
-    if (*at == 'Z' || *at == 'X')
-        return PROCESS_GONE;
-    for (int field = 3; field < 22; field++) {
-        at = strchr(at, ' ');
-        if (at == NULL)
-            return PROCESS_HIDDEN;
-        at++;
-    }
-    *start = strtoull(at, NULL, 10);
-    return PROCESS_THERE;
-}
-
-static uint64_t identity_of(pid_t pid, uint64_t start) {
-    return start << IDENTITY_PID_BITS | ((uint64_t)pid & ((UINT64_C(1) << IDENTITY_PID_BITS) - 1));
-}
-
-uint64_t shb_identity_self(void) {
-    uint64_t start = 0;
-    /* Without /proc the start time stays 0, which shb_identity_alive takes for "by id only". */
-    if (process_start_time(getpid(), &start) != PROCESS_THERE)
-        start = 0;
-    return identity_of(getpid(), start);
-}
-
-pid_t shb_identity_pid(uint64_t identity) {
-    return (pid_t)(identity & ((UINT64_C(1) << IDENTITY_PID_BITS) - 1));
-}
-
-bool shb_identity_alive(uint64_t identity) {
-    pid_t pid = shb_identity_pid(identity);
-    if (pid <= 0)
-        return false;
-    uint64_t start = 0;
-    switch (process_start_time(pid, &start)) {
-        case PROCESS_GONE:
-            return false;
-        case PROCESS_HIDDEN:
-            return true;
-        case PROCESS_THERE:
-            break;
-    }
-    return identity >> IDENTITY_PID_BITS == 0 || identity_of(pid, start) == identity;
-}
-
-/* ---- Time and waiting --------------------------------------------------------------------------------------------- */
-
-uint64_t shb_now_ns(void) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return (uint64_t)now.tv_sec * NS_PER_S + (uint64_t)now.tv_nsec;
-}
-
-/* Readers map read-only: waiting on such a page is allowed as long as the futex is not process-private. */
-void shb_wait(SHB_ATOMIC(uint32_t) * word, uint32_t seen, uint64_t timeout_ns) {
-    const struct timespec timeout = {.tv_sec = (time_t)(timeout_ns / NS_PER_S), .tv_nsec = (long)(timeout_ns % NS_PER_S)};
-    syscall(SYS_futex, word, FUTEX_WAIT, seen, &timeout, NULL, 0);
-}
-
-void shb_wake(SHB_ATOMIC(uint32_t) * word) {
-    atomic_fetch_add_explicit(word, 1, memory_order_release);
-    syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, NULL, NULL, 0);
-}
-
-void shb_announce(shb_waiters_t *waiters) {
-    if (atomic_load_explicit(&waiters->waiting, memory_order_seq_cst) == 0)
-        atomic_store_explicit(&waiters->waiting, 1, memory_order_seq_cst);
-}
-
-/*
- * The word changes before the announcement is looked at, and a waiter announces itself before the kernel compares the word: one of the
- * two sees the other. The announcement is taken back before the word changes once more, so that a waiter whose announcement was
- * taken finds the word changed if it is not yet asleep.
- */
-void shb_wake_waiting(SHB_ATOMIC(uint32_t) * word, shb_waiters_t *waiters, bool always) {
-    atomic_fetch_add_explicit(word, 1, memory_order_seq_cst);
-    bool announced = waiters != NULL && atomic_load_explicit(&waiters->waiting, memory_order_seq_cst) != 0;
-    if (announced) {
-        atomic_store_explicit(&waiters->waiting, 0, memory_order_seq_cst);
-        shb_wake(word);
-    } else if (always) {
-        syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, NULL, NULL, 0);
-    }
 }
 
 /* ---- Copying ------------------------------------------------------------------------------------------------------ */
@@ -336,36 +267,42 @@ void shb_fence_acquire(void) {
 
 /* ---- Statistics and descriptions ---------------------------------------------------------------------------------- */
 
-void shb_track_stats(const shb_track_view_t *view, shb_stats_t *out) {
+void shb_track_stats(const shb_track_view_t *view, uint64_t now, bool creator_lives, uint64_t creator, shb_stats_t *out) {
     shb_track_t *track = view->head;
-    shb_stats_t s;
+    shb_stats_t s = SHB_INIT(shb_stats_t);
     /* A new writer resets the counters one by one: take them again if that happened meanwhile. A writer that died in the middle leaves
      * the lock odd for good, so this ends in any case. */
     for (int attempt = 0; attempt < 1000; attempt++) {
         uint64_t lock = atomic_load_explicit(&track->epoch_lock, memory_order_acquire);
-        memset(&s, 0, sizeof s);
         s.epoch = atomic_load_explicit(&track->epoch, memory_order_relaxed);
         uint64_t epoch_head = atomic_load_explicit(&track->epoch_head, memory_order_relaxed);
         uint64_t epoch_bytes = atomic_load_explicit(&track->epoch_bytes, memory_order_relaxed);
+        uint64_t epoch_left_out = atomic_load_explicit(&track->epoch_left_out, memory_order_relaxed);
         s.total_bytes = atomic_load_explicit(&track->total_bytes, memory_order_relaxed);
         s.total_frames = atomic_load_explicit(&track->head, memory_order_relaxed);
+        s.total_left_out = atomic_load_explicit(&track->left_out, memory_order_relaxed);
         s.frames = s.total_frames - epoch_head;
         s.bytes = s.total_bytes - epoch_bytes;
+        s.left_out = s.total_left_out - epoch_left_out;
         s.key_frames = atomic_load_explicit(&track->key_frames, memory_order_relaxed);
-        s.left_out = atomic_load_explicit(&track->left_out, memory_order_relaxed);
         uint64_t tail = atomic_load_explicit(&track->tail, memory_order_relaxed);
         s.held = s.total_frames > tail ? s.total_frames - tail : 0;
         s.bitrate = atomic_load_explicit(&track->bitrate, memory_order_relaxed);
         s.fps_milli = atomic_load_explicit(&track->fps_milli, memory_order_relaxed);
+        s.clock_offset = atomic_load_explicit(&track->clock_offset, memory_order_relaxed);
         uint64_t last = atomic_load_explicit(&track->last_ns, memory_order_relaxed);
-        uint64_t now = shb_now_ns();
         s.age_ns = last == 0 ? SHB_TIME_NONE : now > last ? now - last : 0;
         shb_fence_acquire();
         if (lock % 2 == 0 && atomic_load_explicit(&track->epoch_lock, memory_order_relaxed) == lock)
             break;
     }
+    if (s.epoch == 0)
+        s.clock_offset = SHB_OFFSET_NONE;
+    uint32_t presence = atomic_load_explicit(&track->presence, memory_order_relaxed);
+    s.presence = presence <= SHB_PRESENCE_ABSENT ? presence : SHB_PRESENCE_UNKNOWN;
+    /* A writer is part of the creator, but for a process that was forked from it. */
     uint64_t owner = atomic_load_explicit(&track->owner, memory_order_acquire);
-    if (owner != 0 && shb_identity_alive(owner))
+    if (owner != 0 && (owner == creator ? creator_lives : shb_identity_alive(owner)))
         s.writer_pid = (int32_t)shb_identity_pid(owner);
     *out = s;
 }
@@ -375,36 +312,47 @@ static void terminate_texts(shb_description_t *description) {
     description->code[sizeof description->code - 1] = '\0';
     description->profile[sizeof description->profile - 1] = '\0';
     description->level[sizeof description->level - 1] = '\0';
+    description->format[sizeof description->format - 1] = '\0';
 }
 
-/* One slot, as a whole or not at all. */
-static bool read_slot(shb_description_slot_t *slot, uint64_t *epoch, shb_description_t *out) {
-    uint64_t words[SHB_DESCRIPTION_WORDS];
-    /* The lock is held for some fifty stores; a slot that stays locked has lost its writer half-way. */
+/* One slot, as a whole or not at all; `data` may be null, otherwise it holds SHB_CODEC_DATA_MAX bytes. */
+static bool read_slot(shb_description_slot_t *slot, uint64_t *epoch, shb_description_t *out, uint64_t *data) {
+    enum { WORDS = sizeof *out / sizeof(uint64_t) };
+    uint64_t words[WORDS];
+    /* The lock is held for some thousand stores at most; a slot that stays locked has lost its writer half-way. */
     for (int attempt = 0; attempt < 1000; attempt++) {
         uint64_t lock = atomic_load_explicit(&slot->lock, memory_order_acquire);
         if (lock % 2 != 0)
             continue;
         *epoch = atomic_load_explicit(&slot->epoch, memory_order_relaxed);
-        for (size_t i = 0; i < SHB_DESCRIPTION_WORDS; i++)
+        uint64_t bytes = atomic_load_explicit(&slot->data_bytes, memory_order_relaxed);
+        if (bytes > SHB_CODEC_DATA_MAX)
+            bytes = 0;
+        for (size_t i = 0; i < WORDS; i++)
             words[i] = atomic_load_explicit(&slot->words[i], memory_order_relaxed);
+        for (size_t i = 0; data != NULL && i < (bytes + 7) / 8; i++)
+            data[i] = atomic_load_explicit(&slot->codec_data[i], memory_order_relaxed);
         shb_fence_acquire();
         if (atomic_load_explicit(&slot->lock, memory_order_relaxed) != lock)
             continue;
         memcpy(out, words, sizeof *out);
+        out->struct_size = sizeof *out;
+        out->codec_data_bytes = (uint32_t)bytes;
         terminate_texts(out);
         return true;
     }
     return false;
 }
 
-int shb_track_description(const shb_track_view_t *view, uint64_t epoch, uint32_t serial, shb_description_t *out) {
+int shb_track_description(const shb_track_view_t *view, uint64_t epoch, uint32_t serial, shb_description_t *out,
+                          uint64_t *data) {
     if (serial == 0)
         return SHB_ERR_NOT_FOUND;
     for (size_t i = 0; i < SHB_DESCRIPTION_SLOTS; i++) {
         shb_description_t found;
         uint64_t found_epoch;
-        if (read_slot(&view->head->description[i], &found_epoch, &found) && found_epoch == epoch && found.serial == serial) {
+        if (read_slot(&view->head->description[i], &found_epoch, &found, data) && found_epoch == epoch &&
+            found.serial == serial) {
             *out = found;
             return SHB_OK;
         }
@@ -412,14 +360,14 @@ int shb_track_description(const shb_track_view_t *view, uint64_t epoch, uint32_t
     return SHB_ERR_NOT_FOUND;
 }
 
-int shb_track_newest_description(const shb_track_view_t *view, shb_description_t *out) {
+int shb_track_newest_description(const shb_track_view_t *view, shb_description_t *out, uint64_t *data) {
     for (int attempt = 0; attempt < 100; attempt++) {
         uint64_t count = atomic_load_explicit(&view->head->descriptions, memory_order_acquire);
         if (count == 0)
             return SHB_ERR_NOT_FOUND;
         uint64_t epoch;
         shb_description_t found;
-        if (!read_slot(&view->head->description[(count - 1) % SHB_DESCRIPTION_SLOTS], &epoch, &found))
+        if (!read_slot(&view->head->description[(count - 1) % SHB_DESCRIPTION_SLOTS], &epoch, &found, data))
             continue;
         if (atomic_load_explicit(&view->head->descriptions, memory_order_acquire) != count)
             continue;

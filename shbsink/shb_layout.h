@@ -1,5 +1,5 @@
 /*
- * Layout of the mapping, version 2. Everything stands at an offset that both sides compute from the geometry; nothing in the
+ * Layout of the mapping, version 3. Everything stands at an offset that both sides compute from the geometry; nothing in the
  * mapping is a pointer or an offset into it, so a reader that has checked the geometry once cannot be led astray.
  *
  * Private to the library and to its tests.
@@ -23,7 +23,7 @@
 #endif
 
 #define SHB_LAYOUT_MAGIC UINT64_C(0x3155425242485321) /* "!SHBRBU1" */
-#define SHB_LAYOUT_VERSION 2u
+#define SHB_LAYOUT_VERSION 3u
 #define SHB_WAITERS_MAGIC UINT64_C(0x3152455449415721) /* "!WAITER1" */
 
 #define SHB_PAGE_BYTES 4096u
@@ -34,34 +34,50 @@
 enum { SHB_STATE_OPEN = 1, SHB_STATE_DESTROYED = 2 };
 
 /*
- * The first page. All but `state` and `heartbeat_ns` is written before the name appears and never again. The first four fields keep their
- * places in all versions, so that any version can tell whose a buffer is and whether that process lives.
+ * Who made a file. A process id and a start time mean something only in their own namespaces; `pid_ns` and `time_ns` (inodes of
+ * /proc/self/ns/, 0: not known) say whether a process that looks is in the same ones.
+ */
+typedef struct shb_origin {
+    uint64_t creator; /* identity of the creating process, see shb_identity_self */
+    uint64_t pid_ns;
+    uint64_t time_ns;
+} shb_origin_t;
+
+/*
+ * The first page. All but `state` and the heartbeat is written before the name appears and never again. The first four fields, and
+ * heartbeat_ns since version 2, keep their places in all versions, so that any version can tell whose a buffer is and whether that
+ * process lives.
  */
 typedef struct shb_header {
     uint64_t magic;
     uint32_t version;
     uint32_t header_bytes;
     uint64_t total_bytes;
-    uint64_t creator; /* identity of the creating process, see shb_identity_self */
+    uint64_t creator; /* as in shb_origin_t */
     uint32_t channels;
     uint32_t streams;
     uint64_t video_bytes;
     uint64_t audio_bytes;
     uint32_t video_frames;
     uint32_t audio_frames;
-    uint64_t waiters; /* random; part of the name of the file of waiters, and repeated in it */
-    uint64_t reserved0[7];
+    uint64_t token; /* random; part of the names of the file of waiters and of the socket */
+    uint64_t pid_ns;
+    uint64_t time_ns;
+    uint64_t reserved0[5];
     /* line 2 */
     SHB_ATOMIC(uint32_t) state;
     uint32_t reserved1[15];
     /* line 3: renewed four times a second while the creator runs */
-    SHB_ATOMIC(uint64_t) heartbeat_ns; /* CLOCK_MONOTONIC */
-    uint64_t reserved2[7];
+    SHB_ATOMIC(uint64_t) heartbeat_ns;      /* CLOCK_MONOTONIC, which differs between time namespaces */
+    SHB_ATOMIC(uint64_t) heartbeat_wall_ns; /* CLOCK_REALTIME, which may jump */
+    uint64_t reserved2[6];
 } shb_header_t;
 
 /*
- * The file of waiters, "NAME+TOKEN" beside the buffer: the one thing that readers write. It holds nothing but hints, is open to the
- * creator's user alone, and never holds up a writer: a word that is 1 costs it one system call, after which the word is 0 again.
+ * The file of waiters, "NAME+TOKEN" beside the buffer, is open to the creator's user alone. Its readers sleep there: whoever may map
+ * the word that somebody sleeps on may also take that sleeper away. It is the one thing that readers write, holds nothing but
+ * hints, and never holds up a writer: `waiting` costs it one system call, after which it is 0 again. It is also what is locked
+ * while a buffer is removed.
  */
 typedef struct shb_waiters_header {
     uint64_t magic;
@@ -69,27 +85,43 @@ typedef struct shb_waiters_header {
     uint32_t header_bytes;
     uint64_t total_bytes;
     uint64_t creator;
-    uint64_t token; /* `waiters` of the buffer */
-    uint64_t reserved[3];
+    uint64_t token; /* of the buffer */
+    uint64_t pid_ns;
+    uint64_t time_ns;
+    uint64_t reserved;
 } shb_waiters_header_t;
 
 typedef struct shb_waiters {
-    SHB_ATOMIC(uint32_t) waiting; /* 1: somebody sleeps, or is about to, until the track's futex word changes */
-    uint32_t reserved[15];
+    SHB_ATOMIC(uint32_t) wake;    /* futex word, changes with every frame and at the end */
+    SHB_ATOMIC(uint32_t) waiting; /* 1: somebody sleeps, or is about to, until `wake` changes */
+    uint32_t reserved[14];
 } shb_waiters_t;
 
-#define SHB_DESCRIPTION_WORDS UINT64_C(13)
+/*
+ * What goes over the socket "+TOKEN" of the buffer (seqpacket): a reader that wants to be woken sends this, and gets one byte when
+ * `head` of the track is no longer `seen`. The connection ends with the creator.
+ */
+typedef struct shb_call {
+    uint64_t track; /* number */
+    uint64_t seen;
+} shb_call_t;
+
+#define SHB_DESCRIPTION_WORDS UINT64_C(24)
 #define SHB_DESCRIPTION_SLOTS UINT64_C(8)
+#define SHB_CODEC_DATA_WORDS (SHB_CODEC_DATA_MAX / 8)
 
 /*
- * One description under a sequence lock (odd while it is being written). The slots are used in turn; before one is used again, the tail
- * is raised past the frames that belong to what it held, so that every intact frame has its description.
+ * One description under a sequence lock (odd while it is being written). The slots are used in turn; before one is used again, the
+ * tail is raised past the frames that belong to what it held, so that every intact frame has its description.
  */
 typedef struct shb_description_slot {
     SHB_ATOMIC(uint64_t) lock;
     SHB_ATOMIC(uint64_t) epoch;
-    SHB_ATOMIC(uint64_t) words[SHB_DESCRIPTION_WORDS];
-    SHB_ATOMIC(uint64_t) first; /* index of the first frame that can belong to it */
+    SHB_ATOMIC(uint64_t) first;      /* index of the first frame that can belong to it */
+    SHB_ATOMIC(uint64_t) data_bytes; /* of codec_data in use */
+    uint64_t reserved[4];
+    SHB_ATOMIC(uint64_t) words[SHB_DESCRIPTION_WORDS]; /* shb_description_t, then zeros */
+    SHB_ATOMIC(uint64_t) codec_data[SHB_CODEC_DATA_WORDS];
 } shb_description_slot_t;
 
 /*
@@ -102,28 +134,30 @@ typedef struct shb_description_slot {
 typedef struct shb_track {
     /* line 0: what changes when a writer comes or goes */
     SHB_ATOMIC(uint64_t) owner;      /* identity of the writing process, 0 when no writer has the track open */
-    SHB_ATOMIC(uint64_t) epoch_lock; /* sequence lock of this line, odd while a new epoch is being set up */
+    SHB_ATOMIC(uint64_t) epoch_lock; /* sequence lock of what a new epoch resets, odd while one is being set up */
     SHB_ATOMIC(uint64_t) epoch;
-    SHB_ATOMIC(uint64_t) epoch_head;   /* head when the epoch began */
-    SHB_ATOMIC(uint64_t) epoch_bytes;  /* total_bytes when the epoch began */
-    SHB_ATOMIC(uint64_t) descriptions; /* descriptions ever written, over all epochs */
-    uint64_t reserved0[2];
+    SHB_ATOMIC(uint64_t) epoch_head;     /* head when the epoch began */
+    SHB_ATOMIC(uint64_t) epoch_bytes;    /* total_bytes when the epoch began */
+    SHB_ATOMIC(uint64_t) epoch_left_out; /* left_out when the epoch began */
+    SHB_ATOMIC(uint64_t) descriptions;   /* descriptions ever written, over all epochs */
+    SHB_ATOMIC(uint32_t) presence;       /* shb_presence_t */
+    uint32_t reserved0;
     /* line 1: announced before each overwrite */
     SHB_ATOMIC(uint64_t) tail;
     uint64_t reserved1[7];
     /* line 2: published after each frame */
     SHB_ATOMIC(uint64_t) head;
     SHB_ATOMIC(uint64_t) newest_key; /* index + 1 of the newest key frame, 0 when there never was one */
-    SHB_ATOMIC(uint32_t) wake;       /* futex word, changes with every frame and at the end */
-    uint32_t reserved2[11];
+    uint64_t reserved2[6];
     /* line 3: statistics */
     SHB_ATOMIC(uint64_t) total_bytes;
     SHB_ATOMIC(uint64_t) key_frames;
     SHB_ATOMIC(uint64_t) last_ns; /* CLOCK_MONOTONIC of the last frame of this epoch, 0 when there is none */
     SHB_ATOMIC(uint32_t) bitrate;
     SHB_ATOMIC(uint32_t) fps_milli;
-    SHB_ATOMIC(uint64_t) left_out; /* frames of this epoch that were larger than the track */
-    uint64_t reserved3[3];
+    SHB_ATOMIC(uint64_t) left_out; /* frames of all epochs that were larger than the track */
+    SHB_ATOMIC(int64_t) clock_offset;
+    uint64_t reserved3[2];
     shb_description_slot_t description[SHB_DESCRIPTION_SLOTS];
 } shb_track_t;
 
@@ -138,37 +172,50 @@ typedef struct shb_descriptor {
     SHB_ATOMIC(uint32_t) size;
     SHB_ATOMIC(uint32_t) flags;
     SHB_ATOMIC(uint32_t) description;
-    uint32_t reserved;
+    uint32_t reserved0;
+    SHB_ATOMIC(uint64_t) arrival_ns; /* CLOCK_MONOTONIC */
+    SHB_ATOMIC(uint64_t) wall_ns;    /* CLOCK_REALTIME */
+    SHB_ATOMIC(int64_t) clock_offset;
+    SHB_ATOMIC(uint64_t) left_out; /* of the track, when this frame was written */
+    uint64_t reserved1[4];
 } shb_descriptor_t;
 
-SHB_STATIC_ASSERT(sizeof(shb_description_t) == SHB_DESCRIPTION_WORDS * 8, "a description is copied by words");
-SHB_STATIC_ASSERT(sizeof(shb_header_t) == 4 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, version) == 8, "all layout versions");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, total_bytes) == 16, "all layout versions");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, creator) == 24, "all layout versions");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, video_bytes) == 40, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, video_frames) == 56, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, waiters) == 64, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, state) == 2 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_header_t, heartbeat_ns) == 3 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(sizeof(shb_waiters_header_t) == SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_waiters_header_t, creator) == 24, "all layout versions");
-SHB_STATIC_ASSERT(offsetof(shb_waiters_header_t, token) == 32, "layout version 2");
-SHB_STATIC_ASSERT(sizeof(shb_waiters_t) == SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(sizeof(shb_description_slot_t) == 2 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_description_slot_t, first) == 120, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, epoch_head) == 24, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, tail) == 1 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, head) == 2 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, newest_key) == 2 * SHB_LINE_BYTES + 8, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, wake) == 2 * SHB_LINE_BYTES + 16, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, total_bytes) == 3 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, left_out) == 3 * SHB_LINE_BYTES + 32, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_track_t, description) == 4 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(sizeof(shb_track_t) == 20 * SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(sizeof(shb_descriptor_t) == SHB_LINE_BYTES, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_descriptor_t, position) == 40, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_descriptor_t, size) == 48, "layout version 2");
-SHB_STATIC_ASSERT(offsetof(shb_descriptor_t, description) == 56, "layout version 2");
+#define SHB_V3(condition) SHB_STATIC_ASSERT(condition, "layout version 3")
+#define SHB_ALL(condition) SHB_STATIC_ASSERT(condition, "all layout versions")
+SHB_STATIC_ASSERT(sizeof(shb_description_t) <= SHB_DESCRIPTION_WORDS * 8, "a description is copied by words");
+SHB_STATIC_ASSERT(sizeof(shb_description_t) % 8 == 0, "a description is copied by words");
+SHB_ALL(offsetof(shb_header_t, version) == 8);
+SHB_ALL(offsetof(shb_header_t, total_bytes) == 16);
+SHB_ALL(offsetof(shb_header_t, creator) == 24);
+SHB_ALL(offsetof(shb_header_t, heartbeat_ns) == 3 * SHB_LINE_BYTES);
+SHB_ALL(offsetof(shb_waiters_header_t, creator) == 24);
+SHB_V3(sizeof(shb_header_t) == 4 * SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_header_t, video_bytes) == 40);
+SHB_V3(offsetof(shb_header_t, video_frames) == 56);
+SHB_V3(offsetof(shb_header_t, token) == 64);
+SHB_V3(offsetof(shb_header_t, pid_ns) == 72);
+SHB_V3(offsetof(shb_header_t, state) == 2 * SHB_LINE_BYTES);
+SHB_V3(sizeof(shb_waiters_header_t) == SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_waiters_header_t, token) == 32);
+SHB_V3(offsetof(shb_waiters_header_t, pid_ns) == 40);
+SHB_V3(sizeof(shb_waiters_t) == SHB_LINE_BYTES);
+SHB_V3(sizeof(shb_call_t) == 16);
+SHB_V3(offsetof(shb_description_slot_t, words) == SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_description_slot_t, codec_data) == 4 * SHB_LINE_BYTES);
+SHB_V3(sizeof(shb_description_slot_t) == 4 * SHB_LINE_BYTES + SHB_CODEC_DATA_MAX);
+SHB_V3(offsetof(shb_track_t, epoch_head) == 24);
+SHB_V3(offsetof(shb_track_t, descriptions) == 48);
+SHB_V3(offsetof(shb_track_t, tail) == 1 * SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_track_t, head) == 2 * SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_track_t, newest_key) == 2 * SHB_LINE_BYTES + 8);
+SHB_V3(offsetof(shb_track_t, total_bytes) == 3 * SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_track_t, left_out) == 3 * SHB_LINE_BYTES + 32);
+SHB_V3(offsetof(shb_track_t, description) == 4 * SHB_LINE_BYTES);
+SHB_V3(sizeof(shb_descriptor_t) == 2 * SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_descriptor_t, position) == 40);
+SHB_V3(offsetof(shb_descriptor_t, size) == 48);
+SHB_V3(offsetof(shb_descriptor_t, description) == 56);
+SHB_V3(offsetof(shb_descriptor_t, arrival_ns) == SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_descriptor_t, left_out) == SHB_LINE_BYTES + 24);
 
 #endif /* SHB_LAYOUT_H */

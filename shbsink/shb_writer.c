@@ -61,6 +61,8 @@ int shb_writer_open(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb
     writer->tail = atomic_load_explicit(&track->tail, memory_order_relaxed);
     writer->epoch_head = writer->head;
     writer->total_bytes = atomic_load_explicit(&track->total_bytes, memory_order_relaxed);
+    writer->left_out = atomic_load_explicit(&track->left_out, memory_order_relaxed);
+    writer->clock_offset = SHB_OFFSET_NONE;
     if (writer->head > 0) {
         shb_descriptor_t *last = descriptor_of(&writer->view, writer->head - 1);
         writer->position = align_frame(atomic_load_explicit(&last->position, memory_order_relaxed) +
@@ -79,7 +81,9 @@ int shb_writer_open(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb
     atomic_store_explicit(&track->last_ns, 0, memory_order_relaxed);
     atomic_store_explicit(&track->bitrate, 0, memory_order_relaxed);
     atomic_store_explicit(&track->fps_milli, 0, memory_order_relaxed);
-    atomic_store_explicit(&track->left_out, 0, memory_order_relaxed);
+    atomic_store_explicit(&track->epoch_left_out, writer->left_out, memory_order_relaxed);
+    atomic_store_explicit(&track->clock_offset, SHB_OFFSET_NONE, memory_order_relaxed);
+    atomic_store_explicit(&track->presence, SHB_PRESENCE_EXPECTED, memory_order_relaxed);
     atomic_store_explicit(&track->epoch_lock, lock + 1, memory_order_release);
     shb_pulse_add_writer(writer);
     *out = writer;
@@ -104,8 +108,12 @@ void shb_writer_close(shb_writer_t *writer) {
     free(writer);
 }
 
-static bool equal_but_for_serial(const shb_description_t *a, const shb_description_t *b) {
-    return memcmp((const char *)a + sizeof a->serial, (const char *)b + sizeof b->serial, sizeof *a - sizeof a->serial) == 0;
+/* But for the serial, which the caller does not know. */
+static bool is_as_before(const shb_writer_t *writer, const shb_description_t *next, const void *codec_data) {
+    const size_t from = offsetof(shb_description_t, media);
+    return writer->description.serial != 0 &&
+           memcmp((const char *)next + from, (const char *)&writer->description + from, sizeof *next - from) == 0 &&
+           (next->codec_data_bytes == 0 || memcmp(codec_data, writer->codec_data, next->codec_data_bytes) == 0);
 }
 
 /* What stands behind the NUL of a text is not part of it and must not count as a change. */
@@ -120,40 +128,71 @@ static void raise_tail(shb_writer_t *writer, uint64_t tail) {
     if (tail <= writer->tail)
         return;
     writer->tail = tail;
-    atomic_store_explicit(&writer->view.head->tail, tail, memory_order_relaxed);
+    /* With release: whoever sees this tail sees a head that is not behind it. */
+    atomic_store_explicit(&writer->view.head->tail, tail, memory_order_release);
     shb_fence_full();
 }
 
-int shb_writer_describe(shb_writer_t *writer, const shb_description_t *description) {
-    if (writer == NULL || description == NULL)
-        return SHB_ERR_ARG;
-    shb_description_t next = *description;
-    take_text(next.code, description->code, sizeof next.code);
-    take_text(next.profile, description->profile, sizeof next.profile);
-    take_text(next.level, description->level, sizeof next.level);
-    if (writer->description.serial != 0 && equal_but_for_serial(&next, &writer->description))
-        return SHB_OK;
-    next.serial = writer->description.serial + 1;
-    writer->description = next;
-
-    uint64_t words[SHB_DESCRIPTION_WORDS];
-    memcpy(words, &next, sizeof words);
+/* The slot that the next description takes, with nothing in it any more that an intact frame belongs to. */
+static shb_description_slot_t *clear_slot(shb_writer_t *writer, uint64_t count) {
     shb_track_t *track = writer->view.head;
-    uint64_t count = atomic_load_explicit(&track->descriptions, memory_order_relaxed);
-    shb_description_slot_t *slot = &track->description[count % SHB_DESCRIPTION_SLOTS];
     if (count >= SHB_DESCRIPTION_SLOTS) {
         const shb_description_slot_t *later = &track->description[(count + 1) % SHB_DESCRIPTION_SLOTS];
         raise_tail(writer, atomic_load_explicit(&later->first, memory_order_relaxed));
     }
+    return &track->description[count % SHB_DESCRIPTION_SLOTS];
+}
+
+int shb_writer_describe(shb_writer_t *writer, const shb_description_t *description, const void *codec_data,
+                        size_t codec_data_bytes) {
+    shb_description_t next;
+    if (writer == NULL || description == NULL || (codec_data == NULL && codec_data_bytes > 0) ||
+        !shb_take_struct(description, &next, sizeof next))
+        return SHB_ERR_ARG;
+    if (codec_data_bytes > SHB_CODEC_DATA_MAX)
+        return SHB_ERR_TOO_BIG;
+    next.struct_size = sizeof next;
+    next.codec_data_bytes = (uint32_t)codec_data_bytes;
+    take_text(next.code, description->code, sizeof next.code);
+    take_text(next.profile, description->profile, sizeof next.profile);
+    take_text(next.level, description->level, sizeof next.level);
+    take_text(next.format, description->format, sizeof next.format);
+    if (is_as_before(writer, &next, codec_data))
+        return SHB_OK;
+    next.serial = writer->description.serial + 1;
+    writer->description = next;
+    memset(writer->codec_data, 0, sizeof writer->codec_data);
+    if (codec_data_bytes > 0)
+        memcpy(writer->codec_data, codec_data, codec_data_bytes);
+
+    uint64_t words[SHB_DESCRIPTION_WORDS] = {0};
+    memcpy(words, &next, sizeof next);
+    shb_track_t *track = writer->view.head;
+    uint64_t count = atomic_load_explicit(&track->descriptions, memory_order_relaxed);
+    shb_description_slot_t *slot = clear_slot(writer, count);
     uint64_t lock = atomic_load_explicit(&slot->lock, memory_order_relaxed) | 1;
     atomic_store_explicit(&slot->lock, lock, memory_order_relaxed);
     shb_fence_release();
     atomic_store_explicit(&slot->epoch, writer->epoch, memory_order_relaxed);
     for (size_t i = 0; i < SHB_DESCRIPTION_WORDS; i++)
         atomic_store_explicit(&slot->words[i], words[i], memory_order_relaxed);
+    for (size_t i = 0; i < (codec_data_bytes + 7) / 8; i++) {
+        uint64_t word;
+        memcpy(&word, writer->codec_data + i * sizeof word, sizeof word);
+        atomic_store_explicit(&slot->codec_data[i], word, memory_order_relaxed);
+    }
+    atomic_store_explicit(&slot->data_bytes, codec_data_bytes, memory_order_relaxed);
     atomic_store_explicit(&slot->first, writer->head, memory_order_relaxed);
     atomic_store_explicit(&slot->lock, lock + 1, memory_order_release);
     atomic_store_explicit(&track->descriptions, count + 1, memory_order_release);
+    return SHB_OK;
+}
+
+int shb_writer_set_clock(shb_writer_t *writer, int64_t offset) {
+    if (writer == NULL)
+        return SHB_ERR_ARG;
+    writer->clock_offset = offset;
+    atomic_store_explicit(&writer->view.head->clock_offset, offset, memory_order_relaxed);
     return SHB_OK;
 }
 
@@ -177,6 +216,7 @@ int shb_writer_write(shb_writer_t *writer, const void *data, size_t size, uint64
     shb_track_t *track = view->head;
     if (size > view->bytes) {
         atomic_store_explicit(&track->left_out, ++writer->left_out, memory_order_relaxed);
+        writer->gap = true;
         return SHB_ERR_TOO_BIG;
     }
 
@@ -198,20 +238,27 @@ int shb_writer_write(shb_writer_t *writer, const void *data, size_t size, uint64
     atomic_store_explicit(&descriptor->duration, duration, memory_order_relaxed);
     atomic_store_explicit(&descriptor->position, start, memory_order_relaxed);
     atomic_store_explicit(&descriptor->size, (uint32_t)size, memory_order_relaxed);
-    atomic_store_explicit(&descriptor->flags, flags, memory_order_relaxed);
+    atomic_store_explicit(&descriptor->flags, writer->gap ? flags | SHB_FRAME_DISCONT : flags, memory_order_relaxed);
     atomic_store_explicit(&descriptor->description, writer->description.serial, memory_order_relaxed);
+    uint64_t now = shb_now_ns();
+    atomic_store_explicit(&descriptor->arrival_ns, now, memory_order_relaxed);
+    atomic_store_explicit(&descriptor->wall_ns, shb_wall_ns(), memory_order_relaxed);
+    atomic_store_explicit(&descriptor->clock_offset, writer->clock_offset, memory_order_relaxed);
+    atomic_store_explicit(&descriptor->left_out, writer->left_out, memory_order_relaxed);
+    writer->gap = false;
 
     writer->position = end;
     writer->head++;
     writer->total_bytes += size;
     atomic_store_explicit(&track->total_bytes, writer->total_bytes, memory_order_relaxed);
-    atomic_store_explicit(&track->last_ns, shb_now_ns(), memory_order_relaxed);
+    atomic_store_explicit(&track->last_ns, now, memory_order_relaxed);
     if ((flags & SHB_FRAME_KEY) != 0) {
         atomic_store_explicit(&track->key_frames, ++writer->key_frames, memory_order_relaxed);
         atomic_store_explicit(&track->newest_key, writer->head, memory_order_relaxed);
     }
     atomic_store_explicit(&track->head, writer->head, memory_order_release);
-    shb_wake_waiting(&track->wake, writer->waiters, atomic_load_explicit(&writer->buffer->always_wake, memory_order_relaxed));
+    shb_wake_waiting(writer->waiters);
+    shb_bell_ring(writer->buffer, view->number);
     return SHB_OK;
 }
 

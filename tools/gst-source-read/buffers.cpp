@@ -106,7 +106,11 @@ Map TryAttachLive(const std::string &name) {
 
 shb_info_t InfoOf(const shb_map_t *map) {
     shb_info_t info{};
-    const int result = shb_map_info(map, &info);
+    int result = shb_map_info(map, &info);
+    // What was attached has had a geometry: its file has been cut short.
+    if (result == SHB_OK && !Readable(info)) {
+        result = SHB_ERR_CORRUPT;
+    }
     if (result != SHB_OK) {
         throw std::runtime_error(std::string("the shared buffer cannot be read: ") + Reason(result));
     }

@@ -62,10 +62,13 @@ Follower::Got Follower::Next(int timeout_ms) {
         uint32_t events = 0;
         const int result =
             shb_follow_read(m_follow.get(), m_data.data(), m_data.size(), ending ? 0 : timeout_ms, &m_frame, &events);
+        if (result != SHB_OK && result != SHB_ERR_TIMEOUT && result != SHB_ERR_TOO_BIG) {
+            Fail(result);
+        }
         if (!TellOfHost(events)) {
             return Got::kEnd;
         }
-        if (result == SHB_ERR_TOO_BIG && m_frame.size > m_data.size()) {
+        if (result == SHB_ERR_TOO_BIG) {
             m_data.resize(m_frame.size);
             continue;
         }
@@ -75,9 +78,6 @@ Follower::Got Follower::Next(int timeout_ms) {
                 return Got::kEnd;
             }
             return Got::kNothing;
-        }
-        if (result != SHB_OK) {
-            Fail(result);
         }
         if (!m_options.follow && m_frame.epoch > m_home) {
             if (m_frame.lost_before > 0) {

@@ -28,13 +28,13 @@ static int open_listener(const char *path, mode_t mode, const gid_t *group) {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return -1;
-    /* Connecting takes the right to write. The mode of the socket is that of its file from the first moment on. */
-    mode_t connect_mode = mode | (mode & 0444) >> 1;
-    if (fchmod(fd, connect_mode) != 0 || bind(fd, (struct sockaddr *)&address, sizeof address) != 0) {
+    if (bind(fd, (struct sockaddr *)&address, sizeof address) != 0) {
         close(fd);
         return -1;
     }
-    if ((group != NULL && chown(path, (uid_t)-1, *group) != 0) || listen(fd, BACKLOG) != 0) {
+    /* Connecting takes the right to write, which the umask would take from everybody else. Nobody gets in before listen(). */
+    mode_t connect_mode = mode | (mode & 0444) >> 1;
+    if ((group != NULL && chown(path, (uid_t)-1, *group) != 0) || chmod(path, connect_mode) != 0 || listen(fd, BACKLOG) != 0) {
         close(fd);
         unlink(path);
         return -1;

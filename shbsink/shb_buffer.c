@@ -93,10 +93,13 @@ static int reserve(int fd, uint64_t bytes) {
     return SHB_OK;
 }
 
-/* Gives the finished file its name, which is the moment from which readers can see it. */
+/*
+ * Gives the finished file its name, which is the moment from which readers can see it. By the thread's own entry: that of a process
+ * whose main thread has ended shows no files.
+ */
 static int publish(int fd, const char *path) {
     char self[64];
-    snprintf(self, sizeof self, "/proc/self/fd/%d", fd);
+    snprintf(self, sizeof self, "/proc/thread-self/fd/%d", fd);
     return linkat(AT_FDCWD, self, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0 ? SHB_OK
            : errno == EEXIST                                              ? SHB_ERR_EXISTS
                                                                           : SHB_ERR_SYSTEM;
@@ -217,9 +220,9 @@ static int make_files(shb_buffer_t *buffer, mode_t mode, const gid_t *group) {
         result = publish_buffer(buffer);
         if (result != SHB_OK) {
             int saved = errno;
-            unlink(buffer->waiters_path);
             if (buffer->listener >= 0)
                 unlink(buffer->socket_path);
+            unlink(buffer->waiters_path);
             shb_bell_close(buffer);
             munmap(buffer->waiters, (size_t)places->waiters_bytes);
             errno = saved;
@@ -230,13 +233,16 @@ static int make_files(shb_buffer_t *buffer, mode_t mode, const gid_t *group) {
     return result;
 }
 
-/* A name that another creator has taken in the meantime is no longer ours to remove. */
+/*
+ * A name that another creator has taken in the meantime is no longer ours to remove. The waiters go last: by their name the socket of
+ * a creator that died half-way is found.
+ */
 static void remove_files(const shb_buffer_t *buffer) {
     struct stat file;
     if (stat(buffer->path, &file) == 0 && file.st_dev == buffer->device && file.st_ino == buffer->inode)
         unlink(buffer->path);
-    unlink(buffer->waiters_path);
     unlink(buffer->socket_path);
+    unlink(buffer->waiters_path);
 }
 
 /* Group and others may read at most: whoever may write can spoil the buffer. */

@@ -111,15 +111,16 @@ int shb_remove_file(const char *full, bool force) {
     if (stat(path, &named) == 0 && is_same(&named, &opened) && unlink(path) != 0 && errno != ENOENT)
         result = SHB_ERR_SYSTEM;
     int saved = errno;
+    /* The socket before the waiters: by their name it is found by whoever goes on where this one died. */
+    if (result == SHB_OK && header.version == SHB_LAYOUT_VERSION) {
+        shb_socket_path(header.token, socket_path);
+        unlink(socket_path);
+    }
     if (result == SHB_OK || lock >= 0) {
         struct stat locked;
         /* With a buffer that could not be removed, what belongs to it stays, but for a lock that was made for this. */
         if (result == SHB_OK || (fstat(lock, &locked) == 0 && locked.st_size == 0))
             unlink(lock_path);
-    }
-    if (result == SHB_OK && header.version == SHB_LAYOUT_VERSION) {
-        shb_socket_path(header.token, socket_path);
-        unlink(socket_path);
     }
     if (lock >= 0)
         close(lock);

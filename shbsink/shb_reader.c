@@ -304,9 +304,10 @@ static bool creator_gone(shb_reader_t *reader) {
         reader->beat = beat;
         reader->beat_at = age < now ? now - age : now;
         reader->checked_ns = 0;
+        reader->gone = false;
     }
     uint64_t age = now > reader->beat_at ? now - reader->beat_at : 0;
-    if (age < SHB_FRESH_NS && !reader->suspect)
+    if (age < SHB_FRESH_NS && !reader->suspect && !reader->gone)
         return false;
     if (reader->checked_ns == 0 || now - reader->checked_ns >= SHB_LIVENESS_NS || reader->suspect) {
         reader->checked_ns = now;

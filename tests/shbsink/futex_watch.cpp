@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <linux/futex.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -16,7 +17,8 @@ namespace futex_watch {
 
 std::atomic<uint64_t> woken{0};
 std::atomic<uint64_t> forgotten{0};
-std::atomic<int64_t> last_limit_ns{0};
+std::atomic<bool> poll_ran_out{false};
+std::atomic<uint64_t> looks{0};
 std::atomic<bool> wakes_are_slow{false};
 thread_local Gate *gate_of_this_thread = nullptr;
 
@@ -32,7 +34,9 @@ bool Gate::Asleep() const {
 namespace {
 
 // Found when the program starts, so that nobody has to wait for it later.
-const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));  // NOLINT(cert-err58-cpp)
+const auto real = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));               // NOLINT(cert-err58-cpp)
+const auto real_ppoll = reinterpret_cast<decltype(&ppoll)>(dlsym(RTLD_NEXT, "ppoll"));              // NOLINT(cert-err58-cpp)
+const auto real_nanosleep = reinterpret_cast<decltype(&nanosleep)>(dlsym(RTLD_NEXT, "nanosleep"));  // NOLINT(cert-err58-cpp)
 
 void StandAtTheGate(Gate &gate) {
     gate.waiting = true;
@@ -44,7 +48,7 @@ void StandAtTheGate(Gate &gate) {
 }  // namespace
 }  // namespace futex_watch
 
-// The library's door to futexes: the definition in the executable comes before that of the C library.
+// The library's doors to the kernel: the definitions in the executable come before those of the C library.
 extern "C" long syscall(long number, ...) noexcept {
     using namespace futex_watch;
     long a[6];
@@ -62,9 +66,7 @@ extern "C" long syscall(long number, ...) noexcept {
     const long result = real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
     const int saved = errno;
     if (a[1] == FUTEX_WAIT) {
-        const auto *limit = reinterpret_cast<const timespec *>(a[3]);
         const auto *word = reinterpret_cast<const std::atomic<uint32_t> *>(a[0]);
-        last_limit_ns = int64_t{limit->tv_sec} * 1'000'000'000 + limit->tv_nsec;
         woken += result == 0;
         if (result == -1 && saved == ETIMEDOUT && *word != static_cast<uint32_t>(a[2])) {
             forgotten++;
@@ -74,4 +76,16 @@ extern "C" long syscall(long number, ...) noexcept {
     }
     errno = saved;
     return result;
+}
+
+extern "C" int ppoll(pollfd *descriptors, nfds_t count, const timespec *limit, const sigset_t *mask) {
+    const int result = futex_watch::real_ppoll(descriptors, count, limit, mask);
+    futex_watch::woken += result > 0;
+    futex_watch::poll_ran_out = result == 0;
+    return result;
+}
+
+extern "C" int nanosleep(const timespec *pause, timespec *left) {
+    futex_watch::looks++;
+    return futex_watch::real_nanosleep(pause, left);
 }

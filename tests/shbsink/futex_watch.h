@@ -10,8 +10,9 @@ namespace futex_watch {
 
 extern std::atomic<uint64_t> woken;      // waits that a wake has ended
 extern std::atomic<uint64_t> forgotten;  // waits that the time limit has ended although the word had changed: the wake was lost
-extern std::atomic<int64_t> last_limit_ns;  // time limit of the last wait
-extern std::atomic<bool> wakes_are_slow;    // gives others room between the change of the word and the wake
+extern std::atomic<bool> poll_ran_out;   // the time limit has ended the last wait at a socket
+extern std::atomic<uint64_t> looks;      // waits of somebody whom nobody wakes
+extern std::atomic<bool> wakes_are_slow;  // gives others room between the change of the word and the wake
 
 // Holds one thread up right before it lies down.
 struct Gate {

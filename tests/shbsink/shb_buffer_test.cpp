@@ -78,30 +78,49 @@ TEST(ShbBuffer, LeavesNothingBehind) {
     const std::string name = UniqueName();
     Buffer buffer = Create(name, SmallGeometry());
     ASSERT_TRUE(buffer);
+    EXPECT_EQ(3u, FilesOf(name).size());
     struct stat file;
-    ASSERT_EQ(0, stat(("/dev/shm/" + name).c_str(), &file));
-    EXPECT_EQ(0644u, file.st_mode & 0777u);
-    EXPECT_GE(static_cast<uint64_t>(file.st_blocks) * 512, static_cast<uint64_t>(file.st_size)) << "not reserved";
+    for (unsigned index = 0; index < 3; index++) {
+        ASSERT_EQ(0, stat(shb_file(buffer.get(), index), &file)) << index;
+        EXPECT_EQ(0600u, file.st_mode & 0777u) << index;
+        EXPECT_EQ(index == 2, S_ISSOCK(file.st_mode));
+        EXPECT_GE(static_cast<uint64_t>(file.st_blocks) * 512, static_cast<uint64_t>(file.st_size)) << "not reserved";
+    }
     Map map = Attach(name);
     ASSERT_TRUE(map);
     EXPECT_EQ(1, shb_map_alive(map.get()));
     buffer.reset();
-    EXPECT_FALSE(SegmentExists(name));
+    EXPECT_TRUE(FilesOf(name).empty());
     EXPECT_EQ(0, shb_map_alive(map.get()));
     int result;
     Attach(name, &result);
     EXPECT_EQ(SHB_ERR_NOT_FOUND, result);
 }
 
-TEST(ShbBuffer, ModeDoesNotDependOnTheUmask) {
-    const std::string name = UniqueName();
-    mode_t before = umask(0077);
-    Buffer buffer = Create(name, SmallGeometry());
-    umask(before);
-    ASSERT_TRUE(buffer);
-    struct stat file;
-    ASSERT_EQ(0, stat(("/dev/shm/" + name).c_str(), &file));
-    EXPECT_EQ(0644u, file.st_mode & 0777u);
+// Whoever may read the buffer may connect to the socket, which takes the right to write; the waiters are for their user alone.
+TEST(ShbBuffer, UmaskIsTakenOffTheMode) {
+    const struct {
+        mode_t umask;
+        uint32_t asked, buffer, socket;
+    } modes[] = {{0, 0644, 0644, 0666},   {022, 0644, 0644, 0666}, {027, 0644, 0640, 0660},
+                 {077, 0644, 0600, 0600}, {022, 0640, 0640, 0660}, {0, 0, 0600, 0600}};
+    for (const auto &mode : modes) {
+        const mode_t before = umask(mode.umask);
+        Buffer buffer = CreateFor(UniqueName(), SmallGeometry(), mode.asked);
+        umask(before);
+        ASSERT_TRUE(buffer);
+        const uint32_t expected[] = {mode.buffer, 0600, mode.socket};
+        for (unsigned index = 0; index < 3; index++) {
+            struct stat file;
+            ASSERT_EQ(0, stat(shb_file(buffer.get(), index), &file));
+            EXPECT_EQ(expected[index], file.st_mode & 0777u) << "umask " << mode.umask << ", file " << index;
+        }
+    }
+    for (const uint32_t mode : {0666u, 0620u, 0755u, 0400u, 0044u, 01644u}) {
+        int result;
+        CreateFor(UniqueName(), SmallGeometry(), mode, &result);
+        EXPECT_EQ(SHB_ERR_ARG, result) << mode;
+    }
 }
 
 TEST(ShbBuffer, NameOfALivingCreatorIsTaken) {
@@ -159,7 +178,8 @@ TEST_P(StaleBuffer, OfADeadCreatorIsReplaced) {
         creator.KillOnly();
     else
         creator.Kill();
-    ASSERT_EQ(0, shb_map_alive(map.get()));
+    // Its last heartbeat is young: nobody asks the system yet.
+    ASSERT_TRUE(Eventually([&] { return shb_map_alive(map.get()) == 0; }));
     shb_stats_t stats;
     ASSERT_EQ(SHB_OK, shb_map_stats(map.get(), 0, 0, SHB_VIDEO, &stats));
     EXPECT_EQ(0, stats.writer_pid);
@@ -293,6 +313,9 @@ TEST(ShbBuffer, ForeignPointersAreNotFollowed) {
         EXPECT_EQ(SHB_ERR_ARG, shb_buffer_stats(foreign, 0, 0, SHB_VIDEO, &stats));
         EXPECT_EQ(SHB_ERR_ARG, shb_buffer_description(foreign, 0, 0, SHB_VIDEO, &description));
         EXPECT_EQ(SHB_ERR_ARG, shb_writer_open(foreign, 0, 0, SHB_VIDEO, &writer));
+        EXPECT_EQ(SHB_ERR_ARG, shb_set_presence(foreign, 0, 0, SHB_VIDEO, SHB_PRESENCE_ABSENT));
+        EXPECT_EQ(SHB_ERR_ARG, shb_set_stall_watch(foreign, 1));
+        EXPECT_EQ(0u, shb_get_stall_watch(foreign));
         shb_destroy(foreign);
     }
 }
@@ -352,7 +375,7 @@ TEST(ShbBuffer, ChecksArguments) {
 }
 
 TEST(ShbBuffer, EveryResultHasAText) {
-    for (int result = 0; result >= SHB_ERR_OVERRUN; result--)
+    for (int result = 0; result >= SHB_ERR_OWNER; result--)
         EXPECT_STRNE("unknown result", shb_strerror(result)) << result;
     EXPECT_STREQ("unknown result", shb_strerror(-100));
     EXPECT_STREQ("unknown result", shb_strerror(1));

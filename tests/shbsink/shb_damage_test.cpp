@@ -1,6 +1,7 @@
 // A reader and a mapping that lies: whatever stands there, the reader answers and stays inside.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -24,6 +25,8 @@ class ShbDamage : public ::testing::Test {
           buffer_(Create(name_, SmallGeometry())),
           writer_(OpenWriter(buffer_)),
           segment_("/dev/shm/" + name_) {
+        const shb_description_t description{};
+        shb_writer_describe(writer_.get(), &description, "data", 4);
         for (uint64_t i = 0; i < 10; i++)
             WritePattern(writer_, 1, i, 1000, i % 4 == 0 ? uint32_t{SHB_FRAME_KEY} : 0u);
     }
@@ -50,7 +53,7 @@ TEST_F(ShbDamage, ForeignVersionIsRefused) {
 TEST_F(ShbDamage, EveryWrongHeaderByteIsNoticed) {
     for (size_t i = 0; i < sizeof(shb_header_t); i++) {
         if ((i >= offsetof(shb_header_t, creator) && i < offsetof(shb_header_t, channels)) ||
-            i >= offsetof(shb_header_t, waiters))
+            i >= offsetof(shb_header_t, token))
             continue;
         for (int bit = 0; bit < 8; bit++) {
             segment_.bytes[i] ^= static_cast<uint8_t>(1 << bit);
@@ -119,26 +122,35 @@ TEST_F(ShbDamage, WrongDescriptorIsNoticed) {
 TEST_F(ShbDamage, TextsAlwaysEnd) {
     shb_description_t description{};
     strcpy(description.code, "H264");
-    shb_writer_describe(writer_.get(), &description);
-    const size_t slot = kTrack + offsetof(shb_track_t, description) + offsetof(shb_description_slot_t, words);
-    memset(segment_.bytes + slot + offsetof(shb_description_t, code), 'x', 16 + 24 + 16);
+    shb_writer_describe(writer_.get(), &description, nullptr, 0);
+    // The second one.
+    const size_t slot =
+        kTrack + offsetof(shb_track_t, description) + sizeof(shb_description_slot_t) + offsetof(shb_description_slot_t, words);
+    memset(segment_.bytes + slot + offsetof(shb_description_t, code), 'x', 16 + 24 + 16 + 16);
     Map map = Attach(name_);
     ASSERT_EQ(SHB_OK, shb_map_description(map.get(), 0, 0, SHB_VIDEO, &description));
     EXPECT_EQ(15u, strlen(description.code));
     EXPECT_EQ(23u, strlen(description.profile));
     EXPECT_EQ(15u, strlen(description.level));
+    EXPECT_EQ(15u, strlen(description.format));
 }
 
 TEST_F(ShbDamage, NoiseNeverLeadsOutside) {
     Map map = Attach(name_);
     std::mt19937_64 random(3);  // NOLINT(cert-msc32-c,cert-msc51-cpp): every run the same
     const std::vector<uint8_t> saved(segment_.bytes + kTrack, segment_.bytes + kDescriptors + 16 * sizeof(shb_descriptor_t));
+    std::vector<uint8_t> data(SHB_CODEC_DATA_MAX);
+    size_t size = 0;
     int good = 0, corrupt = 0;
     for (int round = 0; round < 20000; round++) {
         memcpy(segment_.bytes + kTrack, saved.data(), saved.size());
         // The owner is left out: it names a process whose files would be asked for.
         for (int i = static_cast<int>(1 + random() % 3); i > 0; i--) {
-            const size_t at = 8 + random() % (saved.size() - 16);
+            // Most of the bytes are codec data, of no interest most of the time.
+            const size_t descriptors = kDescriptors - kTrack;
+            const size_t at = std::array{8 + random() % (offsetof(shb_track_t, description) - 16),
+                                         descriptors + random() % (saved.size() - descriptors - 8),
+                                         8 + random() % (saved.size() - 16)}[random() % 3];
             const uint64_t values[] = {random(), 0, UINT64_MAX, random() % 100, uint64_t{1} << (random() % 64)};
             segment_.Put<uint64_t>(kTrack + (random() % 2 == 0 ? at / 8 * 8 : at), values[random() % 5]);
         }
@@ -158,6 +170,8 @@ TEST_F(ShbDamage, NoiseNeverLeadsOutside) {
                 ASSERT_LE(got.frame.size, 65536u);
                 shb_description_t description;
                 shb_reader_description(reader.get(), &description);
+                shb_reader_codec_data(reader.get(), data.data(), data.size(), &size);
+                ASSERT_LE(size, data.size());
             } else {
                 corrupt += got.result == SHB_ERR_CORRUPT;
                 break;

@@ -35,7 +35,7 @@ struct Frame {
     static bool IsKey(uint64_t sequence) { return sequence % 5 == 2; }
     int Write(const Writer &writer) const {
         if (sequence % 2 == 0)
-            shb_writer_describe(writer.get(), &description);
+            shb_writer_describe(writer.get(), &description, nullptr, 0);
         return shb_writer_write(writer.get(), bytes.data(), bytes.size(), sequence, sequence, 1,
                                 IsKey(sequence) ? uint32_t{SHB_FRAME_KEY} : 0u);
     }
@@ -277,7 +277,7 @@ TEST(ShbKillCreator, NextOneOfTheNameTakesOverWhereverItDied) {
         int result;
         Buffer next = Create(name, SmallGeometry(), &result);
         EXPECT_EQ(SHB_OK, result);
-        EXPECT_EQ(2u, FilesOf(name).size()) << "the dead one's files are still there";
+        EXPECT_EQ(3u, FilesOf(name).size()) << "the dead one's files are still there";
         Map map = Attach(name);
         EXPECT_EQ(1, shb_map_alive(map.get()));
         next.reset();
@@ -285,6 +285,33 @@ TEST(ShbKillCreator, NextOneOfTheNameTakesOverWhereverItDied) {
     }
     EXPECT_GT(kills, 20);
     EXPECT_GT(left, 0) << "it never died with anything to leave";
+}
+
+TEST(ShbKillCreator, NothingIsLeftForGoodWhereverItDiedAtTheEnd) {
+    const std::string name = UniqueName();
+    int kills = 0, left = 0;
+    for (bool over = false; !over && !::testing::Test::HasFailure(); kills += kSanitized ? 3 : 1) {
+        SCOPED_TRACE("system call stop " + std::to_string(kills));
+        shb_buffer_t *made = nullptr;
+        Traced traced(
+            [&] {
+                const shb_geometry_t geometry = SmallGeometry();
+                shb_create(name.c_str(), &geometry, &made);
+            },
+            [&] { shb_destroy(made); });
+        if (!traced.Able())
+            GTEST_SKIP() << "no right to trace a child";
+        EXPECT_EQ(3u, FilesOf(name).size());
+        for (int i = 0; i < kills && !over; i++)
+            over = !traced.StepCall();
+        traced.Kill();
+        left += !FilesOf(name).empty();
+        // Without a buffer of the name there is nothing to find, but what the dead have left goes.
+        const bool whole = SegmentExists(name);
+        EXPECT_EQ(whole ? SHB_OK : SHB_ERR_NOT_FOUND, shb_remove(name.c_str(), 0));
+        EXPECT_TRUE(FilesOf(name).empty());
+    }
+    EXPECT_GT(left, 2) << "it never died with only some of the files gone";
 }
 
 TEST(ShbKillCreator, ReadersSurviveAtAnyMoment) {
@@ -323,18 +350,19 @@ TEST(ShbKillCreator, ReadersSurviveAtAnyMoment) {
         EXPECT_EQ(SIGKILL, creator.WaitSignal());
         if (orphan.reader) {
             frames += ReadAll(orphan.reader).frames;
-            EXPECT_EQ(0, shb_map_alive(orphan.map.get()));
-            shb_stats_t stats{};
-            EXPECT_EQ(SHB_OK, shb_map_stats(orphan.map.get(), 0, 0, SHB_VIDEO, &stats));
-            EXPECT_EQ(0, stats.writer_pid);
             orphans.push_back(std::move(orphan));
         }
     }
     // The last heartbeats have been so long ago now, or soon
     // will be, that each reader asks after its creator.
     EXPECT_GT(orphans.size(), size_t{kRounds} / 4);
-    for (const Orphan &orphan : orphans)
+    for (const Orphan &orphan : orphans) {
         EXPECT_EQ(SHB_ERR_CLOSED, Read(orphan.reader, 60'000, 65536).result);
+        EXPECT_EQ(0, shb_map_alive(orphan.map.get()));
+        shb_stats_t stats{};
+        EXPECT_EQ(SHB_OK, shb_map_stats(orphan.map.get(), 0, 0, SHB_VIDEO, &stats));
+        EXPECT_EQ(0, stats.writer_pid);
+    }
     EXPECT_GT(frames, uint64_t{kRounds});
     RecordProperty("frames", static_cast<int>(frames));
     EXPECT_EQ(SHB_OK, Create(name, SmallGeometry()) ? SHB_OK : SHB_ERR_EXISTS);

@@ -124,7 +124,8 @@ void Read(const std::string &name, const Kind &kind, Tally &tally) {
     shb_reader_stats_t stats{};
     shb_reader_get_stats(reader.get(), &stats);
     tally.unread = stats.waiting;
-    tally.wrong += stats.frames != tally.delivered || stats.lost != tally.lost;
+    tally.wrong += stats.frames != tally.delivered || stats.lost != tally.lost ||
+                   stats.offered != stats.frames + stats.lost + stats.waiting;
 }
 
 // The creator: writes until it is told to stop.
@@ -163,7 +164,7 @@ int Soak(uint64_t frames, unsigned seconds) {
     Shared<Common> common;
     Pipe made;
     Child writer([&] { return Write(name, *common, made); });
-    if (!made.Await())
+    if (!made.Await() || FilesOf(name).size() != 3)
         return 1;
     std::vector<std::unique_ptr<Child>> readers;
     for (size_t i = 0; i < kReaders; i++)

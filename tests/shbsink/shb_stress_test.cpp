@@ -38,7 +38,7 @@ Tally ReadAll(const std::string &name, shb_start_t start, bool dawdles) {
         if (epoch == frame.epoch)
             tally.wrong += frame.sequence != next + frame.lost;
         else
-            tally.wrong += frame.epoch < epoch || frame.lost > frame.sequence;
+            tally.wrong += frame.epoch < epoch || (epoch != 0 && frame.sequence != frame.lost - frame.lost_before);
         epoch = frame.epoch;
         next = frame.sequence + 1;
         tally.read++;

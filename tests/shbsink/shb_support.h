@@ -68,6 +68,17 @@ inline Buffer Create(const std::string &name, const shb_geometry_t &geometry, in
     return Buffer(r == SHB_OK ? buffer : nullptr);
 }
 
+// The same for readers whom `mode` lets in.
+inline Buffer CreateFor(const std::string &name, const shb_geometry_t &geometry, uint32_t mode, int *result = nullptr) {
+    shb_create_options_t options{};
+    options.mode = mode;
+    shb_buffer_t *buffer = nullptr;
+    int r = shb_create_with(name.c_str(), &geometry, &options, &buffer);
+    if (result != nullptr)
+        *result = r;
+    return Buffer(r == SHB_OK ? buffer : nullptr);
+}
+
 inline Writer OpenWriter(const Buffer &buffer, shb_kind_t kind = SHB_VIDEO, int *result = nullptr) {
     shb_writer_t *writer = nullptr;
     int r = shb_writer_open(buffer.get(), 0, 0, kind, &writer);
@@ -208,7 +219,8 @@ inline bool Eventually(const std::function<bool()> &holds) {
     return true;
 }
 
-// Names in /dev/shm that begin so.
+// What stands in /dev/shm for the buffers whose names begin so. A socket has no name of a buffer in its own: it is found by the
+// token in that of the file of waiters, also when that file is gone but was seen by an earlier call.
 std::vector<std::string> FilesOf(const std::string &prefix);
 
 // Path of the file of waiters that belongs to a buffer, empty when there is none.

@@ -223,8 +223,18 @@ TEST_F(ShbTrack, FrameLargerThanTheTrackChangesNothing) {
         EXPECT_EQ(i, got.frame.sequence);
         EXPECT_TRUE(got.Whole());
     }
+    // The next frame tells of it.
     Write(1, 65536);
-    EXPECT_TRUE(Read(reader).Whole());
+    ReadFrame got = Read(reader);
+    EXPECT_TRUE(got.Whole());
+    EXPECT_EQ(1u, got.frame.left_out);
+    EXPECT_EQ(uint32_t{SHB_FRAME_DISCONT}, got.frame.flags);
+    EXPECT_EQ(0u, got.frame.lost);
+    EXPECT_EQ(1u, Stats().left_out);
+    Write(1, 10);
+    got = Read(reader);
+    EXPECT_EQ(0u, got.frame.left_out);
+    EXPECT_EQ(0u, got.frame.flags);
 }
 
 TEST_F(ShbTrack, OneWriterATrack) {
@@ -292,14 +302,27 @@ TEST_F(ShbTrack, EpochsFollowOneAnother) {
         EXPECT_EQ(0u, got.frame.lost);
         EXPECT_TRUE(got.Whole());
     }
-    // Losses are those of the frame's own epoch.
+    // Losses are those of all epochs since the frame before.
     Write(4, 100);
     NextEpoch();
     Write(20, 100);
     ReadFrame got = Read(reader);
     EXPECT_EQ(3u, got.frame.epoch);
     EXPECT_EQ(4u, got.frame.sequence);
-    EXPECT_EQ(4u, got.frame.lost);
+    EXPECT_EQ(8u, got.frame.lost);
+    EXPECT_EQ(4u, got.frame.lost_before);
+    // Of an epoch that is gone as a whole, too.
+    Write(1, 100);
+    NextEpoch();
+    Write(3, 100);
+    NextEpoch();
+    Write(18, 100);
+    got = Read(reader);
+    EXPECT_EQ(5u, got.frame.epoch);
+    EXPECT_EQ(2u, got.frame.sequence);
+    EXPECT_EQ(15u + 1 + 3 + 2, got.frame.lost);
+    EXPECT_EQ(15u + 1 + 3, got.frame.lost_before);
+    EXPECT_EQ(3u, Read(reader).frame.sequence);
 }
 
 TEST_F(ShbTrack, KeyReaderStartsEachEpochAtAKeyFrame) {
@@ -314,6 +337,7 @@ TEST_F(ShbTrack, KeyReaderStartsEachEpochAtAKeyFrame) {
     EXPECT_EQ(2u, got.frame.epoch);
     EXPECT_EQ(2u, got.frame.sequence);
     EXPECT_EQ(2u, got.frame.lost);
+    EXPECT_EQ(0u, got.frame.lost_before);
     EXPECT_EQ(3u, Read(key).frame.sequence);
 }
 
@@ -377,7 +401,7 @@ TEST_F(ShbTrack, DescriptionsComeInOrder) {
     Write(1, 10);
     for (int width : {640, 640, 1280, 1920}) {
         const shb_description_t next = Described(width);
-        ASSERT_EQ(SHB_OK, shb_writer_describe(writer_.get(), &next));
+        ASSERT_EQ(SHB_OK, shb_writer_describe(writer_.get(), &next, nullptr, 0));
         Write(1, 10);
     }
     const struct {
@@ -398,19 +422,19 @@ TEST_F(ShbTrack, DescriptionsComeInOrder) {
     }
     ASSERT_EQ(SHB_OK, shb_map_description(map_.get(), 0, 0, SHB_VIDEO, &description));
     EXPECT_EQ(1920, description.width);
-    EXPECT_EQ(SHB_ERR_ARG, shb_writer_describe(writer_.get(), nullptr));
+    EXPECT_EQ(SHB_ERR_ARG, shb_writer_describe(writer_.get(), nullptr, nullptr, 0));
 }
 
 TEST_F(ShbTrack, DescriptionsBelongToTheirEpoch) {
     shb_description_t next = Described(640);
-    shb_writer_describe(writer_.get(), &next);
+    shb_writer_describe(writer_.get(), &next, nullptr, 0);
     Write(1, 10);
     Reader reader = OpenReader(map_, SHB_START_OLDEST);
     NextEpoch();
     shb_description_t description;
     EXPECT_EQ(SHB_ERR_NOT_FOUND, shb_buffer_description(buffer_.get(), 0, 0, SHB_VIDEO, &description));
     next = Described(1280);
-    shb_writer_describe(writer_.get(), &next);
+    shb_writer_describe(writer_.get(), &next, nullptr, 0);
     Write(1, 10);
     // Both have serial 1.
     for (int width : {640, 1280}) {
@@ -423,15 +447,15 @@ TEST_F(ShbTrack, DescriptionsBelongToTheirEpoch) {
 
 TEST_F(ShbTrack, TextsBehindTheirEndDoNotCount) {
     shb_description_t next = Described(640);
-    shb_writer_describe(writer_.get(), &next);
+    shb_writer_describe(writer_.get(), &next, nullptr, 0);
     memset(next.code + 5, 'x', sizeof next.code - 5);
     memset(next.level + 1, 'x', sizeof next.level - 1);
-    shb_writer_describe(writer_.get(), &next);
+    shb_writer_describe(writer_.get(), &next, nullptr, 0);
     shb_description_t description;
     ASSERT_EQ(SHB_OK, shb_buffer_description(buffer_.get(), 0, 0, SHB_VIDEO, &description));
     EXPECT_EQ(1u, description.serial);
     memset(next.code, 'x', sizeof next.code);
-    shb_writer_describe(writer_.get(), &next);
+    shb_writer_describe(writer_.get(), &next, nullptr, 0);
     ASSERT_EQ(SHB_OK, shb_buffer_description(buffer_.get(), 0, 0, SHB_VIDEO, &description));
     EXPECT_EQ(2u, description.serial);
     EXPECT_EQ(std::string(15, 'x'), description.code);

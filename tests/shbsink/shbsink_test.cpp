@@ -147,7 +147,7 @@ std::string ProbeExtradata(const std::string &file) {
                       " sed -n 's/^[0-9a-f]\\{8\\}: \\(.\\{39\\}\\).*/\\1/p' | tr -d ' \\n'");
 }
 
-// Of the three headers of Vorbis, those that a decoder needs: FFmpeg and payloaders write comments of their own. Others stay as they are.
+// The Vorbis headers that a decoder needs: FFmpeg and payloaders write comments of their own.
 std::string WithoutComments(const std::string &codec_data) {
     const size_t first = codec_data.find("01766f72626973"), last = codec_data.find("05766f72626973");
     if (first == std::string::npos || last == std::string::npos)
@@ -624,7 +624,7 @@ TEST(ShbSink, DescribesWhatADepayloaderPasses) {
 
 namespace {
 
-// A transport stream whose pictures are not shown in the order in which they come; the demultiplexer tells both times.
+// A transport stream with B frames, which carries both times.
 std::string EncodeReordered(const TempDir &directory, const std::string &encoder) {
     const std::string file = directory.File("reordered.ts");
     RunCommand("ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=160x128:rate=25 -t 3 -pix_fmt yuv420p " + encoder + " '" +
@@ -1174,6 +1174,18 @@ TEST_F(ShbSinkHarness, CollectionTellsOfTheOtherTrack) {
     PushCollection({GST_STREAM_TYPE_TEXT});
     PushCollection({});
     EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_AUDIO).presence);
+}
+
+TEST_F(ShbSinkHarness, TrackThatAnotherSourceFillsIsNotAbsent) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    Writer other = OpenWriter(buffer_, SHB_AUDIO);
+    WritePattern(other, 1, 0, 10);
+    PushCollection({GST_STREAM_TYPE_VIDEO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_AUDIO).presence);
+    other.reset();
+    PushCollection({GST_STREAM_TYPE_VIDEO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_ABSENT}, Stats(SHB_AUDIO).presence);
 }
 
 TEST_F(ShbSinkHarness, CollectionBeforeTheCapsWaitsForThem) {

@@ -25,10 +25,10 @@ static GBytes *bytes_of(GstBuffer *buffer) {
 /* The header `index` that a container had, null when it had none. */
 static GBytes *stream_header(const GstStructure *caps, guint index) {
     const GValue *headers = gst_structure_get_value(caps, "streamheader");
-    if (headers == NULL || !GST_VALUE_HOLDS_ARRAY(headers) || gst_value_array_get_size(headers) <= index)
+    if (!G_VALUE_HOLDS(headers, GST_TYPE_ARRAY) || gst_value_array_get_size(headers) <= index)
         return NULL;
     const GValue *header = gst_value_array_get_value(headers, index);
-    GstBuffer *buffer = GST_VALUE_HOLDS_BUFFER(header) ? gst_value_get_buffer(header) : NULL;
+    GstBuffer *buffer = G_VALUE_HOLDS(header, GST_TYPE_BUFFER) ? gst_value_get_buffer(header) : NULL;
     return buffer != NULL ? bytes_of(buffer) : NULL;
 }
 
@@ -48,7 +48,7 @@ static void aac_from_caps(ShbAudioConfig *config, const GstStructure *caps) {
     if (g_str_equal(config->format, "adts"))
         config->in_band = SHB_IN_BAND_ADTS;
     const GValue *codec_data = gst_structure_get_value(caps, "codec_data");
-    if (g_str_equal(config->format, "raw") && codec_data != NULL && GST_VALUE_HOLDS_BUFFER(codec_data) &&
+    if (g_str_equal(config->format, "raw") && G_VALUE_HOLDS(codec_data, GST_TYPE_BUFFER) &&
         gst_value_get_buffer(codec_data) != NULL)
         take_aac(config, bytes_of(gst_value_get_buffer(codec_data)));
 }
@@ -61,7 +61,7 @@ static void read_adts(ShbAudioConfig *config, const guint8 *data, gsize size) {
     guint rate_index = data[2] >> 2 & 0xfu;
     guint channels = (data[2] & 1u) << 2 | data[3] >> 6;
     config->complete = TRUE;
-    /* Without a channel configuration the layout is in the frames alone. */
+    /* Channel configuration 0: the layout is in the frames. */
     if (channels == 0)
         return;
     const guint8 made[2] = {(guint8)(object_type << 3 | rate_index >> 1), (guint8)((rate_index & 1) << 7 | channels << 3)};
@@ -82,7 +82,7 @@ static void opus_from_caps(ShbAudioConfig *config, GstCaps *caps, const GstStruc
     guint8 channels = 0, family = 0, streams = 0, coupled = 0, mapping[256];
     if (!gst_structure_has_field_typed(structure, "channel-mapping-family", G_TYPE_INT) ||
         !gst_codec_utils_opus_parse_caps(caps, &rate, &channels, &family, &streams, &coupled, mapping)) {
-        /* Senders of one or two channels leave the rest out, and mean stereo where they say nothing. */
+        /* Caps from RTP may lack the mapping, which one or two channels do not need. Without channels: stereo. */
         gint stated = 2;
         gst_structure_get_int(structure, "channels", &stated);
         if (stated < 1 || stated > 2)
@@ -100,7 +100,7 @@ static void opus_from_caps(ShbAudioConfig *config, GstCaps *caps, const GstStruc
 
 /* ---- Vorbis ------------------------------------------------------------------------------------------------------- */
 
-/* The first byte of the headers, in their order; it is even in frames of sound. */
+/* First bytes of the three headers. In frames of sound it is even. */
 static const guint8 vorbis_types[SHB_VORBIS_HEADERS] = {1, 3, 5};
 enum { VORBIS_COMMENTS = 1, VORBIS_SETUP = 2, VORBIS_FIRST_SIZE = 30 };
 
@@ -113,7 +113,7 @@ static gboolean is_vorbis_header(const guint8 *data, gsize size, guint *index) {
     return FALSE;
 }
 
-/* In Xiph lacing: how many follow on the first, the sizes of all but the last, the headers. */
+/* Xiph lacing: number of headers - 1, sizes of all but the last, the headers. */
 static GBytes *lace(GBytes *const headers[SHB_VORBIS_HEADERS]) {
     GByteArray *laced = g_byte_array_new();
     const guint8 more = SHB_VORBIS_HEADERS - 1;
@@ -146,7 +146,7 @@ static void lace_vorbis(ShbAudioConfig *config) {
     config->codec_data = lace(config->headers);
     if (g_bytes_get_size(config->codec_data) <= SHB_CODEC_DATA_MAX)
         return;
-    /* No decoder needs the comments: no vendor, none of them, framing bit. */
+    /* No decoder needs the comments. An empty header: no vendor, no comments, framing bit. */
     static const guint8 no_comments[] = "\3vorbis\0\0\0\0\0\0\0\0\1";
     g_bytes_unref(config->headers[VORBIS_COMMENTS]);
     config->headers[VORBIS_COMMENTS] = g_bytes_new_static(no_comments, sizeof no_comments - 1);
@@ -177,12 +177,12 @@ static void vorbis_from_caps(ShbAudioConfig *config, const GstStructure *caps) {
     lace_vorbis(config);
 }
 
-/* ---- Both --------------------------------------------------------------------------------------------------------- */
+/* ---- All --------------------------------------------------------------------------------------------------------- */
 
 void shb_audio_config_from_caps(ShbAudioConfig *config, GstCaps *caps) {
     const GstStructure *structure = gst_caps_get_structure(caps, 0);
     gboolean vorbis = gst_structure_has_name(structure, "audio/x-vorbis");
-    /* Headers that came with the frames hold while caps are only renewed. */
+    /* Headers from the frames stay valid when only the caps are renewed. */
     if (!vorbis || config->in_band != SHB_IN_BAND_VORBIS)
         shb_audio_config_clear(config);
     gint version = 1;
@@ -202,7 +202,7 @@ gboolean shb_audio_config_from_frame(ShbAudioConfig *config, const guint8 *data,
     if (config->in_band != SHB_IN_BAND_VORBIS || !is_vorbis_header(data, size, &index))
         return FALSE;
     put_vorbis_header(config, g_bytes_new(data, size));
-    /* The last of them: with fewer, those of an earlier stream would be mixed in. */
+    /* The setup header is the last one. Before it, headers of two streams would mix. */
     if (index == VORBIS_SETUP)
         lace_vorbis(config);
     return TRUE;

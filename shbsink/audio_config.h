@@ -1,6 +1,5 @@
 /*
- * What an audio decoder needs before the first frame, and the form that the frames have: from the caps, or from the
- * first frames where the caps do not have it.
+ * What an audio decoder needs before the first frame, and the form of the frames: from the caps, otherwise from the frames.
  */
 #ifndef SHB_AUDIO_CONFIG_H
 #define SHB_AUDIO_CONFIG_H
@@ -16,16 +15,16 @@ typedef enum { SHB_IN_BAND_NOTHING = 0, SHB_IN_BAND_ADTS, SHB_IN_BAND_VORBIS } S
 typedef struct {
     gchar format[16];
     GBytes *codec_data; /* null: none, or not yet */
-    ShbInBand in_band;  /* what the frames have to tell */
-    gboolean complete;  /* nothing more is read from frames */
-    gint rate;          /* that the codec data state, Hz; 0: they do not */
-    gint channels;      /* the same */
+    ShbInBand in_band;  /* what is read from frames */
+    gboolean complete;  /* the ADTS header has been read */
+    gint rate;          /* Hz, from the codec data; 0: not known */
+    gint channels;      /* from the codec data; 0: not known */
     GBytes *headers[SHB_VORBIS_HEADERS];
 } ShbAudioConfig;
 
 void shb_audio_config_clear(ShbAudioConfig *config);
 void shb_audio_config_from_caps(ShbAudioConfig *config, GstCaps *caps);
-/* True when the frame is a header of the codec and no sound. */
+/* True when the frame is a header of the codec without sound. */
 gboolean shb_audio_config_from_frame(ShbAudioConfig *config, const guint8 *data, gsize size);
 
 G_END_DECLS

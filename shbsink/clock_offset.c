@@ -11,7 +11,7 @@ static gint64 monotonic_now(void) {
 }
 
 static gboolean is_monotonic(GstClock *clock) {
-    /* Subclasses have times of their own: of a sound card, of the network. */
+    /* Subclasses have times of their own: audio clocks, network clocks. */
     if (G_OBJECT_TYPE(clock) != GST_TYPE_SYSTEM_CLOCK)
         return FALSE;
     GstClockType type;
@@ -21,13 +21,13 @@ static gboolean is_monotonic(GstClock *clock) {
     return type == GST_CLOCK_TYPE_MONOTONIC && internal == external && rate_num == rate_denom;
 }
 
-/* What a time of the clock plus is the same time of CLOCK_MONOTONIC. */
+/* CLOCK_MONOTONIC minus the clock. */
 static gint64 compare(GstClock *clock) {
     enum { TRIES = 3 };
     if (is_monotonic(clock))
         return 0;
     gint64 best = 0, shortest = G_MAXINT64;
-    /* The thread may be interrupted in the middle: the quickest look is the truest. */
+    /* The thread may be interrupted in the middle. The shortest measurement has the smallest error. */
     for (int i = 0; i < TRIES; i++) {
         gint64 before = monotonic_now();
         gint64 time = (gint64)gst_clock_get_time(clock);

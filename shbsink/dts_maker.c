@@ -4,7 +4,7 @@
 
 /* Taken where nothing states the duration of a frame. */
 #define USUAL_DURATION (40 * GST_MSECOND)
-/* While a new depth comes into force. Containers that count in milliseconds still see it rise. */
+/* Between frames that have no times of their own to take. Containers that count in milliseconds still see a rise. */
 #define SMALLEST_STEP GST_MSECOND
 
 void shb_dts_maker_init(ShbDtsMaker *maker) {
@@ -22,10 +22,10 @@ void shb_dts_maker_restart(ShbDtsMaker *maker) {
     maker->last_dts = GST_CLOCK_TIME_NONE;
 }
 
-/* Frames that are shown between one and the next to be decoded: no encoder puts more B frames in a row. */
+/* Frames that a time stamp may go back. Encoders use up to 16 B frames in a row. */
 #define LONGEST_REACH 32
 
-/* Whether `pts` is of another time line, and not only of frames in another order. */
+/* True when `pts` goes further than reordering can. */
 static gboolean is_jump(const ShbDtsMaker *maker, GstClockTime pts, GstClockTime duration, gboolean discont) {
     if (maker->held == 0)
         return FALSE;
@@ -33,7 +33,7 @@ static gboolean is_jump(const ShbDtsMaker *maker, GstClockTime pts, GstClockTime
     GstClockTime newest = maker->latest[maker->held - 1];
     if (pts < newest)
         return newest - pts > reach;
-    /* Forwards, frames that are far apart are also just that. */
+    /* A slow stream also goes forward in large steps. */
     return discont && pts - newest > reach;
 }
 
@@ -67,7 +67,7 @@ static GstClockTime candidate(const ShbDtsMaker *maker, GstClockTime duration) {
     guint depth = MAX(maker->stated, MAX(maker->seen, maker->seen_before));
     if (maker->held > depth)
         return maker->latest[maker->held - 1 - depth];
-    /* What would have been shown before the first frame; in shorter steps where the time line begins too soon for that. */
+    /* Times before the first frame. Steps are shorter where there is no room for whole ones above zero. */
     guint before = depth - maker->held + 1;
     GstClockTime step = MIN(duration, maker->latest[0] / depth);
     return step > 0 ? maker->latest[0] - before * step : GST_CLOCK_TIME_NONE;
@@ -81,7 +81,7 @@ GstClockTime shb_dts_maker_next(ShbDtsMaker *maker, GstClockTime pts, GstClockTi
     if (GST_CLOCK_TIME_IS_VALID(pts)) {
         if (is_jump(maker, pts, duration, discont))
             shb_dts_maker_restart(maker);
-        /* Both fields of a frame count once: depths are in frames. */
+        /* Depths are in frames: both fields of a frame count once. */
         if (pts != maker->last_pts) {
             learn(maker, insert(maker, pts));
             made = candidate(maker, duration);

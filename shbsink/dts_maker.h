@@ -1,8 +1,7 @@
 /*
- * Decoding times for video that comes without them (RTP carries presentation times only), each at once and without delay.
+ * Makes decoding times for video that has only presentation times, as RTP carries it. Each frame gets its time at once.
  *
- * With a reorder depth of d, the decoding time of a frame is the earliest presentation time but d that the frames
- * up to it have not used: that of the frame that is shown when this one is decoded.
+ * With a reorder depth of d, frame i gets the (i - d)th smallest presentation time of the frames up to it.
  */
 #ifndef SHB_DTS_MAKER_H
 #define SHB_DTS_MAKER_H
@@ -13,7 +12,7 @@ G_BEGIN_DECLS
 
 /* The deepest reordering that H.264 and H.265 allow, frames. */
 #define SHB_DTS_DEPTH_MAX 16u
-/* After twice as many frames a depth that is no longer seen is forgotten. */
+/* A learned depth that does not occur in twice as many frames is forgotten. */
 #define SHB_DTS_MEMORY 256u
 
 typedef struct {
@@ -27,14 +26,15 @@ typedef struct {
 } ShbDtsMaker;
 
 void shb_dts_maker_init(ShbDtsMaker *maker);
-/* The depth that the stream states; below 0: it does not. */
+/* Sets the depth that the stream states; below 0: it states none. */
 void shb_dts_maker_set_depth(ShbDtsMaker *maker, gint depth);
-/* The next frame does not follow on the last: a flush, a new segment. */
+/* Begins a new run: after a flush, or with a new segment. The depth stays. */
 void shb_dts_maker_restart(ShbDtsMaker *maker);
 /*
- * The decoding time of the next frame: its own `dts` if it has one. Otherwise one that is above all before in the run and not above
- * `pts`, or GST_CLOCK_TIME_NONE when there is none such: without `pts`, for a second field with the same `pts`, or when frames are
- * reordered deeper than was known. `duration`: that of a frame, GST_CLOCK_TIME_NONE when not known.
+ * The decoding time of the next frame: `dts` if it is valid, otherwise one that is made. A time that is made is above
+ * the one before in the run, and not above `pts`. GST_CLOCK_TIME_NONE when there is no such time: `pts` is missing, is
+ * that of the frame before (the second field of a frame), or is reordered deeper than was known.
+ * `duration` of a frame may be GST_CLOCK_TIME_NONE.
  */
 GstClockTime shb_dts_maker_next(ShbDtsMaker *maker, GstClockTime pts, GstClockTime dts, GstClockTime duration,
                                 gboolean discont);

@@ -310,10 +310,10 @@ static void take_video_caps(GstShbSink *self, const GstStructure *caps, gboolean
     }
 }
 
-/* Whether the source has a stream of the other kind; its track has no sink that would know. */
+/* Reports whether the source has a stream of the other kind. Without one, that track has no sink to report it. */
 static void report_presence(GstShbSink *self) {
     gboolean video = self->kind == SHB_VIDEO;
-    /* Which kind this is, caps tell; a collection without it is of something else. */
+    /* The caps decide which kind this sink has. A collection without that kind describes something else. */
     if (!self->has_caps || !self->has_collection ||
         (self->collected & (video ? GST_STREAM_TYPE_VIDEO : GST_STREAM_TYPE_AUDIO)) == 0)
         return;
@@ -323,8 +323,13 @@ static void report_presence(GstShbSink *self) {
     guint channel = (guint)self->channel;
     guint stream = (guint)self->stream;
     GST_OBJECT_UNLOCK(self);
-    shb_set_presence(share_buffer, channel, stream, video ? SHB_AUDIO : SHB_VIDEO,
-                     other ? SHB_PRESENCE_EXPECTED : SHB_PRESENCE_ABSENT);
+    shb_kind_t kind = video ? SHB_AUDIO : SHB_VIDEO;
+    /* Another source may fill that track. */
+    shb_stats_t stats = SHB_INIT(shb_stats_t);
+    if (!other && shb_buffer_stats(share_buffer, channel, stream, kind, &stats) == SHB_OK && stats.writer_pid != 0 &&
+        stats.frames > 0)
+        return;
+    shb_set_presence(share_buffer, channel, stream, kind, other ? SHB_PRESENCE_EXPECTED : SHB_PRESENCE_ABSENT);
 }
 
 static void take_collection(GstShbSink *self, GstEvent *event) {
@@ -401,6 +406,7 @@ static gboolean event(GstBaseSink *sink, GstEvent *event) {
         }
         case GST_EVENT_STREAM_START:
             self->nominal_bitrate = 0;
+            self->has_collection = FALSE;
             shb_writer_on_stall(self->writer, stalled, self);
             break;
         case GST_EVENT_EOS:
@@ -444,7 +450,7 @@ static gboolean same_bytes(GBytes *a, GBytes *b) {
     return a == b || (a != NULL && b != NULL && g_bytes_equal(a, b));
 }
 
-/* Whether they differ in what the signals report: the form of the frames is none of it. */
+/* True when they differ in what the signals report. The signals do not report format and reorder depth. */
 static gboolean reports_differ(const shb_description_t *a, const shb_description_t *b) {
     shb_description_t other = *a;
     memcpy(other.format, b->format, sizeof other.format);
@@ -452,7 +458,7 @@ static gboolean reports_differ(const shb_description_t *a, const shb_description
     return memcmp(&other, b, sizeof other) != 0;
 }
 
-/* Makes `next` the description of the frames from here on; true when it reports something else than the last. */
+/* Makes `next` the description of the next frames. True when the host has to be told. */
 static gboolean describe(GstShbSink *self, const shb_description_t *next, GBytes *codec_data) {
     if (memcmp(next, &self->description, sizeof *next) == 0 && same_bytes(codec_data, self->codec_data))
         return FALSE;
@@ -496,7 +502,7 @@ static gboolean describe_video(GstShbSink *self, const ShbVideoReport *report) {
 
 static gboolean describe_audio(GstShbSink *self, gsize size, GstClockTime duration, gboolean header) {
     ShbAudioReport *audio = &self->audio;
-    /* Depayloaders without a parser behind them leave these out of the caps. */
+    /* rtpmp4gdepay and rtpvorbisdepay leave these out of their caps. */
     if (audio->sample_rate == 0)
         audio->sample_rate = self->audio_config.rate;
     if (audio->channels == 0)
@@ -579,13 +585,13 @@ static uint32_t examine(GstShbSink *self, GstBuffer *buffer, const GstMapInfo *m
         *changed = describe_video(self, &report);
     else if (unit.new_sets && self->description.code[0] != '\0')
         describe(self, &self->description, shb_video_reader_codec_data(self->video_reader));
-    /* Headers may have the time of the picture that follows. */
+    /* Headers may have the time of the next picture, and count as no frame. */
     if (!unit.headers_only)
         *dts = make_dts(self, buffer);
     return flags | (unit.key ? (uint32_t)SHB_FRAME_KEY : 0) | (unit.headers_only ? (uint32_t)SHB_FRAME_HEADER : 0);
 }
 
-/* Says how time stamps relate to the clock, when that is not what it was. */
+/* Writes how time stamps relate to the clock, when that has changed. */
 static void relate_clock(GstShbSink *self) {
     GST_OBJECT_LOCK(self);
     GstClock *clock = GST_ELEMENT_CLOCK(self);

@@ -6,9 +6,9 @@
 #define START_CODE_SIZE 4
 static const guint8 start_code[START_CODE_SIZE] = {0, 0, 0, 1};
 
-/* The numbers stand at the beginning of a set: behind the profile and level of at most seven layers in H.265. */
+/* Enough to reach the number of a set: in H.265 it follows profiles and levels of up to seven layers. */
 #define LONGEST_FRONT 128
-/* Far above what the fields of a set can take: longer ones are damage. */
+/* No fields of a set take as much. Longer ones are damaged. */
 #define LONGEST_SET 8192
 
 static void free_set(gpointer data) {
@@ -131,7 +131,7 @@ static void put(ShbParamSets *sets, ShbSetKind kind, guint number, const guint8 
     sets->changed = TRUE;
     if (kind != SHB_SET_SEQUENCE)
         return;
-    /* What a picture set says depends on its sequence set, which may come behind it. */
+    /* A picture set is parsed with its sequence set, which may come later. */
     for (guint i = 0; i < sets->sets->len; i++) {
         ShbParamSet *other = g_ptr_array_index(sets->sets, i);
         other->parsed &= other->kind != SHB_SET_PICTURE;

@@ -35,7 +35,7 @@ static void read_pps(H264Reader *reader, GstH264NalUnit *nalu) {
         gst_h264_pps_clear(&pps);
 }
 
-/* Parses what is new: before the first thing that cannot be read without it, since sets may come in any order. */
+/* Parses new sets, sequence sets first: in the stream they may come in any order. */
 static void read_sets(H264Reader *reader) {
     const GPtrArray *sets = reader->base.sets.sets;
     for (guint i = 0; i < sets->len; i++) {
@@ -91,12 +91,12 @@ static ShbScan scan_of(H264Reader *reader, const GstH264SPS *sps, const H264Unit
     return reader->seen_frame ? SHB_SCAN_MIXED : SHB_SCAN_INTERLACED;
 }
 
-/* max_num_reorder_frames, or what the standard infers where that is not stated and an encoder's choice does not matter. */
+/* max_num_reorder_frames if stated, 0 where the standard infers no reordering, otherwise -1. */
 static gint reorder_frames_of(const GstH264SPS *sps) {
     const GstH264VUIParams *vui = &sps->vui_parameters;
     if (sps->vui_parameters_present_flag && vui->bitstream_restriction_flag)
         return (gint)MIN(vui->num_reorder_frames, SHB_REORDER_MAX);
-    /* Shown in the order of coding, or without B slices. */
+    /* Output order is coding order, or there are no B slices. */
     if (sps->pic_order_cnt_type == 2 || sps->profile_idc == GST_H264_PROFILE_BASELINE)
         return 0;
     switch (sps->profile_idc) {

@@ -34,7 +34,7 @@ static void read_set(H265Reader *reader, GstH265NalUnit *nalu) {
     }
 }
 
-/* Parses what is new: before the first thing that cannot be read without it, since sets may come in any order. */
+/* Parses new sets, sequence sets first: in the stream they may come in any order. */
 static void read_sets(H265Reader *reader) {
     const GPtrArray *sets = reader->base.sets.sets;
     for (guint i = 0; i < sets->len; i++) {

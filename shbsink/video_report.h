@@ -30,7 +30,7 @@ typedef struct {
     gboolean key;          /* decoding can start here */
     gboolean headers_only; /* no picture in it */
     gboolean reported;     /* the report was written: the picture's parameter sets are known */
-    gboolean new_sets;     /* a picture under parameter sets that differ from those of the codec data last taken */
+    gboolean new_sets;     /* a picture, and the codec data have changed since they were last taken */
 } ShbAccessUnit;
 
 /* What the caps add: used only where the stream itself is silent. */
@@ -49,14 +49,14 @@ struct ShbVideoReader {
     ShbVideoRead read;
     void (*free)(ShbVideoReader *reader);
     ShbParamSets sets;
-    GBytes *codec_data; /* made of the sets; null before it was first asked for */
+    GBytes *codec_data; /* made of the sets; null before the first call */
     gboolean told;      /* a report was made: from then on only key pictures and new parameter sets are looked into */
 };
 
 ShbVideoReader *shb_h264_reader_new(void);
 ShbVideoReader *shb_h265_reader_new(void);
 void shb_video_reader_free(ShbVideoReader *reader);
-/* All parameter sets in force, as a decoder of byte-stream takes them. The reader's own, until the next call or the next unit. */
+/* All parameter sets in force, as byte-stream. Owned by the reader, valid until the next call. */
 GBytes *shb_video_reader_codec_data(ShbVideoReader *reader);
 
 /* For the codec readers. */

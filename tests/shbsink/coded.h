@@ -1,4 +1,4 @@
-// H.264 that is made bit by bit: parameter sets with the fields that matter here, and slices without a picture.
+// Makes H.264 bit by bit: parameter sets with a few fields to choose, and slice headers.
 #pragma once
 
 #include <cstdint>

@@ -7,6 +7,8 @@
 #include "shb_layout.h"
 #include "shb_support.h"
 
+extern "C" int shbtest_follow(const char *name, int kind, int start, shb_follow_t **out);
+
 using namespace shbtest;
 
 namespace {
@@ -187,12 +189,11 @@ TEST(ShbFollow, RefusesWhatItCannotFollow) {
     shb_follow_t *follow = nullptr;
     EXPECT_EQ(SHB_ERR_ARG, shb_follow_open("a/b", nullptr, &follow));
     EXPECT_EQ(SHB_ERR_ARG, shb_follow_open(name.c_str(), nullptr, nullptr));
+    for (const int outside : {-1, 3}) {
+        EXPECT_EQ(SHB_ERR_ARG, shbtest_follow(name.c_str(), SHB_VIDEO, outside, &follow));
+        EXPECT_EQ(SHB_ERR_ARG, shbtest_follow(name.c_str(), outside, SHB_START_KEY, &follow));
+    }
     shb_follow_options_t options{};
-    options.start = static_cast<shb_start_t>(7);
-    EXPECT_EQ(SHB_ERR_ARG, shb_follow_open(name.c_str(), &options, &follow));
-    options.start = SHB_START_KEY;
-    options.kind = static_cast<shb_kind_t>(2);
-    EXPECT_EQ(SHB_ERR_ARG, shb_follow_open(name.c_str(), &options, &follow));
     options.kind = SHB_AUDIO;
     options.stream = 3;
     const Follow outside = Open(name, &options);

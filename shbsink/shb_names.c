@@ -13,14 +13,14 @@
 
 #include "shb_internal.h"
 
-void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, bool alive, shb_info_t *out) {
-    const shb_origin_t origin = shb_origin_of(header);
+void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, bool near, bool alive,
+                          shb_info_t *out) {
     *out = SHB_INIT(shb_info_t);
     memcpy(out->name, full, strnlen(full, sizeof out->name - 1));
     out->version = header->version;
     out->creator_pid = (int32_t)shb_identity_pid(header->creator);
     /* Older layouts do not say. */
-    out->pid_is_ours = origin.pid_ns == 0 || shb_origin_is_near(&origin);
+    out->pid_is_ours = near || shb_origin_of(header).pid_ns == 0;
     out->alive = alive;
     out->owner = file->st_uid;
     out->group = file->st_gid;
@@ -254,7 +254,8 @@ int shb_list(shb_info_t *out, size_t capacity, size_t *count) {
             }
             all = more;
         }
-        shb_info_from_header(full, &header, &file, shb_creator_alive(&header), &all[found++]);
+        const shb_origin_t origin = shb_origin_of(&header);
+        shb_info_from_header(full, &header, &file, shb_origin_is_near(&origin), shb_creator_alive(&header), &all[found++]);
     }
     closedir(folder);
     if (result == SHB_OK) {

@@ -135,7 +135,7 @@ int shb_map_info(const shb_map_t *map, shb_info_t *out) {
         return SHB_ERR_ARG;
     const struct stat file = {.st_uid = map->owner, .st_gid = map->group, .st_mode = map->mode, .st_size = (off_t)map->bytes};
     shb_info_t info;
-    shb_info_from_header(map->name, map->base, &file, shb_map_alive(map) != 0, &info);
+    shb_info_from_header(map->name, map->base, &file, map->near, shb_map_alive(map) != 0, &info);
     shb_give_struct(out, &info, sizeof info);
     return SHB_OK;
 }

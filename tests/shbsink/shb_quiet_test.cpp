@@ -94,7 +94,9 @@ int BesideAWriter(const std::function<int(Looks &, const Heart &)> &body, int *s
         const Heart heart(name);
         // The loader and the sanitizers do their own when something is called for the first time.
         heart.Beat();
-        if (looks.ReadOne() != SHB_OK || looks.BorrowOne() != SHB_OK || !looks.Counters())
+        // A frame may be gone before it has been copied.
+        if (!Eventually([&] { return looks.ReadOne() == SHB_OK; }) ||
+            !Eventually([&] { return looks.BorrowOne() == SHB_OK; }) || !looks.Counters())
             return int{kWrong};
         return ForbidSystemCalls() ? EndWith(body(looks, heart)) : int{kNoRight};
     });

@@ -51,7 +51,7 @@ WAKE = [
     ("shb, any of 8", ["wake-shb", "any"], "like in place, but shb_wait_any waits for eight tracks, written in turn"),
     ("shb, set of 8 in epoll", ["wake-shb", "set"], "the same, but epoll waits for the descriptor of a set"),
     ("shb, other user", ["wake-shb", "other"], "like in place, but the reader may write nothing and is woken by a socket"),
-    ("unixfdsink/unixfdsrc", ["wake-shmsink", "unixfd"], "copied into a file of memory by unixfdsink, read where it lies"),
+    ("unixfdsink/unixfdsrc", ["wake-shmsink", "unixfd"], "copied into a pool of memory with descriptors, which unixfdsink sends, read where it lies"),
     ("shmsink/shmsrc", ["wake-shmsink"], "copied into the memory by shmsink, read where it lies"),
     ("iceoryx", ["wake-iceoryx", "copy"], "copied into a loaned chunk, read where it lies"),
     ("iceoryx, made in place", ["wake-iceoryx", "loan"], "not copied at all: what it carries was made in the loaned chunk"),

@@ -1,7 +1,8 @@
 /*
  * shmsink and shmsrc, or with the variant "unixfd" unixfdsink and unixfdsrc, at their best: the sender's buffers are made on the streaming thread itself (appsrc asks for them there),
  * the receiver gets them on the streaming thread of shmsrc (appsink's callback), and there they lie in the shared memory.
- * Nothing waits for a clock.
+ * Nothing waits for a clock. unixfdsink takes memory that has a descriptor only: the message is copied into a pool of that, made
+ * with the allocator that the sink proposes.
  */
 #include <glib/gstdio.h>
 #include <gst/app/gstappsink.h>
@@ -62,23 +63,69 @@ static void close_pipeline(void) {
     gst_object_unref(side.pipeline);
 }
 
+static gboolean by_descriptors(const wake_t *wake) {
+    return strcmp(wake_variant(wake), "unixfd") == 0;
+}
+
+/* A pool of the sink's own kind of memory. */
+static GstBufferPool *make_pool(guint size) {
+    GstPad *pad = gst_element_get_static_pad(element("sink"), "sink");
+    GstCaps *caps = gst_caps_new_empty_simple("application/x-message");
+    GstQuery *query = gst_query_new_allocation(caps, FALSE);
+    GstAllocator *allocator = NULL;
+    if (!gst_pad_query(pad, query) || gst_query_get_n_allocation_params(query) == 0)
+        bench_fail("the sink proposes no memory");
+    gst_query_parse_nth_allocation_param(query, 0, &allocator, NULL);
+    GstBufferPool *pool = gst_buffer_pool_new();
+    GstStructure *config = gst_buffer_pool_get_config(pool);
+    gst_buffer_pool_config_set_params(config, caps, size, 4, 0);
+    gst_buffer_pool_config_set_allocator(config, allocator, NULL);
+    if (!gst_buffer_pool_set_config(pool, config) || !gst_buffer_pool_set_active(pool, TRUE))
+        bench_fail("no pool of the sink's memory");
+    gst_object_unref(allocator);
+    gst_query_unref(query);
+    gst_caps_unref(caps);
+    gst_object_unref(pad);
+    return pool;
+}
+
+static GstBuffer *copy_into_pool(const void *message, size_t size) {
+    static GstBufferPool *pool;
+    static size_t of_size;
+    GstBuffer *buffer = NULL;
+    if (size == 0 || size != of_size) {
+        if (pool != NULL) {
+            gst_buffer_pool_set_active(pool, FALSE);
+            gst_object_unref(pool);
+        }
+        pool = size == 0 ? NULL : make_pool((guint)size);
+        of_size = size;
+    }
+    if (size > 0 && (gst_buffer_pool_acquire_buffer(pool, &buffer, NULL) != GST_FLOW_OK ||
+                     gst_buffer_fill(buffer, 0, message, size) != size))
+        bench_fail("no memory of the sink's");
+    return buffer;
+}
+
 static void need_data(GstAppSrc *source, guint length, gpointer user) {
     (void)length;
     (void)user;
     size_t size;
     void *message = wake_next(side.wake, &size);
     if (message == NULL) {
+        copy_into_pool(NULL, 0);
         done();
         gst_app_src_end_of_stream(source);
+        return;
+    }
+    if (by_descriptors(side.wake)) {
+        wake_stamp(message);
+        gst_app_src_push_buffer(source, copy_into_pool(message, size));
         return;
     }
     GstBuffer *buffer = gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, message, size, 0, size, NULL, NULL);
     wake_stamp(message);
     gst_app_src_push_buffer(source, buffer);
-}
-
-static gboolean by_descriptors(const wake_t *wake) {
-    return strcmp(wake_variant(wake), "unixfd") == 0;
 }
 
 static void open_sink(wake_t *wake) {

@@ -122,7 +122,6 @@ void shb_announce(shb_waiters_t *waiters);
 /* A fork must find this lock free, or its child could never take it (shb_guard.c). */
 void shb_guard_lock(void);
 void shb_guard_unlock(void);
-void shb_guard_reset(void);
 
 /* ---- Copying --------------------------------------------------------------------------------------------------------- */
 

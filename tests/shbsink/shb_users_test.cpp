@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <fstream>
 
 #include "shb_layout.h"
 #include "shb_support.h"
@@ -220,9 +221,16 @@ struct Sleeper {
     std::atomic<uint32_t> ready{0};
     std::atomic<uint32_t> asleep{0};  // how often the reader has gone to sleep
     std::atomic<uint32_t> stop{0};
+    std::atomic<uint64_t> rounds{0};  // of the thief
     std::atomic<uint64_t> got{0};
     std::atomic<uint64_t> late{0};
 };
+
+bool Sleeps(pid_t process) {
+    std::string line;
+    std::getline(std::ifstream("/proc/" + std::to_string(process) + "/stat"), line);
+    return line.find(") S ") != std::string::npos;
+}
 
 // Moves whoever sleeps on a word of the mapping to a word of its own, as fast as it can.
 int StealSleepers(const std::string &name, const Shared<Sleeper> &sleeper) {
@@ -235,7 +243,7 @@ int StealSleepers(const std::string &name, const Shared<Sleeper> &sleeper) {
     if (map == MAP_FAILED || den == MAP_FAILED)
         return 2;
     sleeper->ready++;
-    while (sleeper->stop == 0)
+    for (; sleeper->stop == 0; sleeper->rounds++)
         for (size_t at = SHB_PAGE_BYTES; at < kWatched; at += 4)
             syscall(SYS_futex, map + at, FUTEX_REQUEUE, 0, INT_MAX, den, 0);
     return 0;
@@ -272,6 +280,10 @@ TEST_F(ShbUsers, NobodyCanTakeSleepersAway) {
     const auto *words = reinterpret_cast<const shb_waiters_t *>(waiters.bytes + sizeof(shb_waiters_header_t));
     for (uint64_t i = 0; i < kFrames; i++) {
         ASSERT_TRUE(Eventually([&] { return sleeper->asleep == i + 1 && words[SHB_VIDEO].waiting != 0; }));
+        ASSERT_TRUE(Eventually([&] { return Sleeps(follower.Id()); }));
+        // Now the thief has its time.
+        const uint64_t rounds = sleeper->rounds;
+        ASSERT_TRUE(Eventually([&] { return sleeper->rounds >= rounds + 3; }));
         ASSERT_EQ(SHB_OK, WritePattern(writer, 1, i, 100));
         ASSERT_TRUE(Eventually([&] { return sleeper->got == i + 1; }));
     }

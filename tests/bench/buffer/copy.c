@@ -37,7 +37,8 @@ static void must(int result) {
 static void make_buffer(void) {
     char name[64];
     /* Descriptors enough for a ring full of the smallest frames. */
-    const shb_geometry_t geometry = {.video_bytes = RING, .audio_bytes = 65536, .video_frames = 16384, .audio_frames = 16};
+    const shb_geometry_t geometry = {
+        .struct_size = sizeof geometry, .video_bytes = RING, .audio_bytes = 65536, .video_frames = 16384, .audio_frames = 16};
     bench_name(name);
     must(shb_create(name, &geometry, &buffer));
     must(shb_writer_open(buffer, 0, 0, SHB_VIDEO, &writer));
@@ -88,7 +89,7 @@ static uint64_t copy_in(size_t size, size_t count) {
 static uint64_t read_frames(size_t size, size_t count) {
     shb_reader_t *reader;
     write_frames(size, count + 1);
-    shb_frame_t frame;
+    shb_frame_t frame = SHB_INIT(shb_frame_t);
     must(shb_reader_open(map, 0, 0, SHB_VIDEO, SHB_START_OLDEST, &reader));
     uint64_t start = bench_now_ns();
     for (size_t i = 0; i < count; i++)

@@ -50,7 +50,7 @@ static void check(const unsigned char *data, const shb_frame_t *frame, size_t si
 static void read_all(const char *name, size_t size, int ready, int results) {
     shb_map_t *map;
     shb_reader_t *reader;
-    shb_frame_t frame;
+    shb_frame_t frame = SHB_INIT(shb_frame_t);
     result_t sum = {0, 0};
     int status;
     unsigned char *data = bench_pattern(size, 0);

@@ -74,7 +74,7 @@ int main(int argc, char **argv) {
     uint64_t wall = bench_now_ns() - start;
 
     guint64 frames = rendered(sink);
-    shb_stats_t stats = {0};
+    shb_stats_t stats = SHB_INIT(shb_stats_t);
     if (buffer != NULL && (shb_buffer_stats(buffer, 0, 0, SHB_VIDEO, &stats) != SHB_OK || stats.frames != frames))
         bench_fail("the shared buffer did not get every frame");
     gst_element_set_state(pipeline, GST_STATE_NULL);

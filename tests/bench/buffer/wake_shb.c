@@ -34,7 +34,7 @@ static void close_buffer(void) {
 
 static bool take_borrowed(wake_t *wake, shb_reader_t *reader) {
     const void *data;
-    shb_frame_t frame;
+    shb_frame_t frame = SHB_INIT(shb_frame_t);
     must(shb_reader_borrow(reader, -1, &data, &frame));
     bool more = wake_take(wake, data, frame.size);
     must(shb_reader_return(reader));
@@ -42,7 +42,7 @@ static bool take_borrowed(wake_t *wake, shb_reader_t *reader) {
 }
 
 static bool take_copy(wake_t *wake, shb_reader_t *reader, void *memory) {
-    shb_frame_t frame;
+    shb_frame_t frame = SHB_INIT(shb_frame_t);
     must(shb_reader_read(reader, memory, wake_largest(wake), -1, &frame));
     return wake_take(wake, memory, frame.size);
 }

@@ -186,7 +186,16 @@ TEST(ShbHost, ATruncatedFileIsDamageForAGuardedReader) {
                 sum += static_cast<const uint8_t *>(data)[i];
             if (sum != 0 || shb_reader_return(second.get()) != SHB_ERR_CORRUPT)
                 return 3;
-            return Read(reader).result == SHB_ERR_CORRUPT && shb_reader_wait(reader.get(), 0) == SHB_ERR_CORRUPT ? 0 : 4;
+            if (Read(reader).result != SHB_ERR_CORRUPT || shb_reader_wait(reader.get(), 0) != SHB_ERR_CORRUPT)
+                return 4;
+            shb_stats_t stats{};
+            shb_info_t info{};
+            shb_description_t description{};
+            return shb_map_stats(map.get(), 0, 0, SHB_VIDEO, &stats) == SHB_ERR_CORRUPT &&
+                           shb_map_info(map.get(), &info) == SHB_ERR_CORRUPT &&
+                           shb_map_description(map.get(), 0, 0, SHB_VIDEO, &description) == SHB_ERR_CORRUPT
+                       ? 0
+                       : 5;
         });
         ASSERT_TRUE(ready.Await());
         writer.reset();

@@ -7,7 +7,10 @@
 
 #include <string.h>
 
+#include "audio_config.h"
 #include "audio_report.h"
+#include "clock_offset.h"
+#include "dts_maker.h"
 #include "rate_window.h"
 #include "shb.h"
 #include "video_report.h"
@@ -64,12 +67,22 @@ struct _GstShbSink {
     const gchar *code;
     ShbVideoReader *video_reader;
     ShbVideoHints hints;
+    ShbDtsMaker dts_maker;
     ShbAudioReport audio;
-    shb_description_t description; /* as last reported; zeroed while nothing was */
+    ShbAudioConfig audio_config;
+    shb_description_t description; /* as last written; empty while nothing was */
+    GBytes *codec_data;            /* that goes with it; null: none */
     gint nominal_bitrate;          /* from tags */
     gboolean warned_too_big;
     guint64 too_big;
-    gboolean gap; /* a frame was left out: the next one does not follow on the last written */
+    gboolean gap; /* a flush: the next frame does not follow on the last written */
+    gboolean has_collection;
+    GstStreamType collected; /* kinds of the streams in the last collection */
+    /* What `clock_offset` was made of, and with it the segment unless that is new. */
+    gboolean new_segment;
+    GstClock *clock;
+    GstClockTime base_time;
+    gint64 clock_offset; /* as last written */
     ShbRateWindow window;
 };
 
@@ -200,7 +213,7 @@ static gboolean open_track(GstShbSink *self, shb_kind_t kind) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("No shared buffer was set."), ("\"share-buffer\" is null"));
         return FALSE;
     }
-    shb_geometry_t geometry;
+    shb_geometry_t geometry = SHB_INIT(shb_geometry_t);
     if (shb_get_geometry(share_buffer, &geometry) != SHB_OK) {
         GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("The shared buffer is not known."),
                           ("\"share-buffer\" %p is not an open buffer of this process", share_buffer));
@@ -225,7 +238,10 @@ static gboolean open_track(GstShbSink *self, shb_kind_t kind) {
     self->warned_too_big = FALSE;
     self->too_big = 0;
     self->gap = FALSE;
-    memset(&self->description, 0, sizeof self->description);
+    self->description = SHB_INIT(shb_description_t);
+    g_clear_pointer(&self->codec_data, g_bytes_unref);
+    self->new_segment = TRUE;
+    self->clock_offset = SHB_OFFSET_NONE;
     shb_rate_window_reset(&self->window);
     return TRUE;
 }
@@ -240,8 +256,13 @@ static void hand_over(GstShbSink *self) {
 
 static void forget_stream(GstShbSink *self) {
     g_clear_pointer(&self->video_reader, shb_video_reader_free);
+    shb_dts_maker_init(&self->dts_maker);
     self->audio = (ShbAudioReport){0};
+    shb_audio_config_clear(&self->audio_config);
     self->hints = (ShbVideoHints){0};
+    g_clear_pointer(&self->codec_data, g_bytes_unref);
+    gst_clear_object(&self->clock);
+    self->has_collection = FALSE;
     self->has_caps = FALSE;
     self->code = NULL;
 }
@@ -284,8 +305,44 @@ static void take_video_caps(GstShbSink *self, const GstStructure *caps, gboolean
     /* Parsers renew their caps whenever a detail changes; what the reader knows of the stream stays true. */
     if (other_codec || self->video_reader == NULL) {
         g_clear_pointer(&self->video_reader, shb_video_reader_free);
+        shb_dts_maker_init(&self->dts_maker);
         self->video_reader = self->media_in_force == MEDIA_H264 ? shb_h264_reader_new() : shb_h265_reader_new();
     }
+}
+
+/* Reports whether the source has a stream of the other kind. Without one, that track has no sink to report it. */
+static void report_presence(GstShbSink *self) {
+    gboolean video = self->kind == SHB_VIDEO;
+    /* The caps decide which kind this sink has. A collection without that kind describes something else. */
+    if (!self->has_caps || !self->has_collection ||
+        (self->collected & (video ? GST_STREAM_TYPE_VIDEO : GST_STREAM_TYPE_AUDIO)) == 0)
+        return;
+    gboolean other = (self->collected & (video ? GST_STREAM_TYPE_AUDIO : GST_STREAM_TYPE_VIDEO)) != 0;
+    GST_OBJECT_LOCK(self);
+    gpointer share_buffer = self->share_buffer;
+    guint channel = (guint)self->channel;
+    guint stream = (guint)self->stream;
+    GST_OBJECT_UNLOCK(self);
+    shb_kind_t kind = video ? SHB_AUDIO : SHB_VIDEO;
+    /* Another source may fill that track. */
+    shb_stats_t stats = SHB_INIT(shb_stats_t);
+    if (!other && shb_buffer_stats(share_buffer, channel, stream, kind, &stats) == SHB_OK && stats.writer_pid != 0 &&
+        stats.frames > 0)
+        return;
+    shb_set_presence(share_buffer, channel, stream, kind, other ? SHB_PRESENCE_EXPECTED : SHB_PRESENCE_ABSENT);
+}
+
+static void take_collection(GstShbSink *self, GstEvent *event) {
+    GstStreamCollection *collection = NULL;
+    gst_event_parse_stream_collection(event, &collection);
+    if (collection == NULL)
+        return;
+    self->has_collection = TRUE;
+    self->collected = 0;
+    for (guint i = 0; i < gst_stream_collection_get_size(collection); i++)
+        self->collected |= gst_stream_get_stream_type(gst_stream_collection_get_stream(collection, i));
+    gst_object_unref(collection);
+    report_presence(self);
 }
 
 static gboolean take_caps(GstShbSink *self, GstCaps *caps) {
@@ -315,12 +372,14 @@ static gboolean take_caps(GstShbSink *self, GstCaps *caps) {
         gint samples = self->audio.samples_per_frame;
         const gchar *code = self->audio.code;
         shb_audio_report_from_caps(&self->audio, structure);
+        shb_audio_config_from_caps(&self->audio_config, caps);
         if (self->audio.samples_per_frame == 0 && g_strcmp0(code, self->audio.code) == 0)
             self->audio.samples_per_frame = samples;
         self->code = kind != NULL ? kind->code : self->audio.code;
     }
     self->log_frames = read_property(self, &self->debug) > 0;
     self->has_caps = TRUE;
+    report_presence(self);
     GST_DEBUG_OBJECT(self, "media %d, caps %" GST_PTR_FORMAT, media, (gpointer)caps);
     return TRUE;
 }
@@ -347,14 +406,24 @@ static gboolean event(GstBaseSink *sink, GstEvent *event) {
         }
         case GST_EVENT_STREAM_START:
             self->nominal_bitrate = 0;
+            self->has_collection = FALSE;
             shb_writer_on_stall(self->writer, stalled, self);
             break;
         case GST_EVENT_EOS:
             /* Nothing more is to come, and the silence is none that anybody needs to be told of. */
             shb_writer_on_stall(self->writer, NULL, NULL);
             break;
+        case GST_EVENT_STREAM_COLLECTION:
+            take_collection(self, event);
+            break;
+        case GST_EVENT_SEGMENT:
+            shb_dts_maker_restart(&self->dts_maker);
+            self->new_segment = TRUE;
+            break;
         case GST_EVENT_FLUSH_STOP:
             shb_rate_window_reset(&self->window);
+            shb_dts_maker_restart(&self->dts_maker);
+            self->new_segment = TRUE;
             self->gap = TRUE;
             break;
         default:
@@ -377,23 +446,48 @@ static const gchar *scan_text(gint scan) {
     }
 }
 
-/* Makes `next` the description of the frames from here on; true when it differs from the last. */
-static gboolean describe(GstShbSink *self, const shb_description_t *next) {
-    if (memcmp(next, &self->description, sizeof *next) == 0)
+static gboolean same_bytes(GBytes *a, GBytes *b) {
+    return a == b || (a != NULL && b != NULL && g_bytes_equal(a, b));
+}
+
+/* True when they differ in what the signals report. The signals do not report format and reorder depth. */
+static gboolean reports_differ(const shb_description_t *a, const shb_description_t *b) {
+    shb_description_t other = *a;
+    memcpy(other.format, b->format, sizeof other.format);
+    other.reorder_frames = b->reorder_frames;
+    return memcmp(&other, b, sizeof other) != 0;
+}
+
+/* Makes `next` the description of the next frames. True when the host has to be told. */
+static gboolean describe(GstShbSink *self, const shb_description_t *next, GBytes *codec_data) {
+    if (memcmp(next, &self->description, sizeof *next) == 0 && same_bytes(codec_data, self->codec_data))
         return FALSE;
+    gboolean changed = reports_differ(next, &self->description);
     self->description = *next;
-    shb_writer_describe(self->writer, next);
-    return TRUE;
+    g_clear_pointer(&self->codec_data, g_bytes_unref);
+    gsize size = 0;
+    gconstpointer data = NULL;
+    if (codec_data != NULL) {
+        self->codec_data = g_bytes_ref(codec_data);
+        data = g_bytes_get_data(codec_data, &size);
+    }
+    if (size > SHB_CODEC_DATA_MAX) {
+        GST_WARNING_OBJECT(self, "%" G_GSIZE_FORMAT " bytes of codec data, more than a description takes: left out", size);
+        data = NULL;
+        size = 0;
+    }
+    shb_writer_describe(self->writer, next, data, size);
+    return changed;
 }
 
 /* True when the stream has changed and the host is to be told. */
 static gboolean describe_video(GstShbSink *self, const ShbVideoReport *report) {
-    shb_description_t next;
-    memset(&next, 0, sizeof next);
+    shb_description_t next = SHB_INIT(shb_description_t);
     next.media = self->media_in_force;
     g_strlcpy(next.code, self->code, sizeof next.code);
     g_strlcpy(next.profile, report->profile, sizeof next.profile);
     g_strlcpy(next.level, report->level, sizeof next.level);
+    g_strlcpy(next.format, "byte-stream", sizeof next.format);
     next.width = report->width;
     next.height = report->height;
     next.fps_n = report->fps_n;
@@ -401,26 +495,33 @@ static gboolean describe_video(GstShbSink *self, const ShbVideoReport *report) {
     next.scan_type = (gint32)report->scan;
     /* Streams of intra pictures only announce none, which hosts take for "not known". */
     next.ref_frames = MAX(report->ref_frames, 1);
-    return describe(self, &next);
+    next.reorder_frames = report->reorder_frames;
+    shb_dts_maker_set_depth(&self->dts_maker, report->reorder_frames);
+    return describe(self, &next, shb_video_reader_codec_data(self->video_reader));
 }
 
 static gboolean describe_audio(GstShbSink *self, gsize size, GstClockTime duration, gboolean header) {
     ShbAudioReport *audio = &self->audio;
+    /* rtpmp4gdepay and rtpvorbisdepay leave these out of their caps. */
+    if (audio->sample_rate == 0)
+        audio->sample_rate = self->audio_config.rate;
+    if (audio->channels == 0)
+        audio->channels = self->audio_config.channels;
     if (audio->samples_per_frame == 0 && !header)
         shb_audio_report_from_frame(audio, size, duration);
     if (audio->samples_per_frame == 0 || audio->sample_rate == 0 || audio->channels == 0 || self->code == NULL)
         return FALSE;
-    shb_description_t next;
-    memset(&next, 0, sizeof next);
+    shb_description_t next = SHB_INIT(shb_description_t);
     next.media = self->media_in_force;
     g_strlcpy(next.code, self->code, sizeof next.code);
+    g_strlcpy(next.format, self->audio_config.format, sizeof next.format);
     next.sample_rate = audio->sample_rate;
     next.channels = audio->channels;
     next.samples_per_frame = audio->samples_per_frame;
     next.nominal_bitrate = audio->nominal_bitrate > 0 ? audio->nominal_bitrate : self->nominal_bitrate;
     gboolean told = self->description.code[0] != '\0' && g_str_equal(self->description.code, next.code) &&
                     self->description.sample_rate == next.sample_rate && self->description.channels == next.channels;
-    return describe(self, &next) && !told;
+    return describe(self, &next, self->audio_config.codec_data) && !told;
 }
 
 static void emit_changed(GstShbSink *self) {
@@ -447,7 +548,6 @@ static void emit_rates(GstShbSink *self, const ShbRates *rates) {
 
 static void frame_too_big(GstShbSink *self, gsize size) {
     self->too_big++;
-    self->gap = TRUE;
     GST_LOG_OBJECT(self, "frame of %" G_GSIZE_FORMAT " bytes left out", size);
     if (self->warned_too_big)
         return;
@@ -456,13 +556,24 @@ static void frame_too_big(GstShbSink *self, gsize size) {
                         ("%" G_GSIZE_FORMAT " bytes; such frames are left out", size));
 }
 
-/* Reads what a frame tells about itself and the stream. Returns its flags. */
-static uint32_t examine(GstShbSink *self, GstBuffer *buffer, const GstMapInfo *map, gboolean *changed) {
+static GstClockTime make_dts(GstShbSink *self, GstBuffer *buffer) {
+    GstClockTime duration = GST_BUFFER_DURATION(buffer);
+    const shb_description_t *d = &self->description;
+    if (!GST_CLOCK_TIME_IS_VALID(duration) && d->fps_n > 0)
+        duration = gst_util_uint64_scale_int(GST_SECOND, d->fps_d, d->fps_n);
+    return shb_dts_maker_next(&self->dts_maker, GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer), duration,
+                              GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT));
+}
+
+/* Reads what a frame tells about itself and the stream, and its decoding time. Returns its flags. */
+static uint32_t examine(GstShbSink *self, GstBuffer *buffer, const GstMapInfo *map, GstClockTime *dts, gboolean *changed) {
     uint32_t flags = 0;
+    *dts = GST_BUFFER_DTS(buffer);
     if (GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DISCONT) || self->gap)
         flags |= SHB_FRAME_DISCONT;
     if (self->kind == SHB_AUDIO) {
-        gboolean header = GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_HEADER);
+        gboolean header = shb_audio_config_from_frame(&self->audio_config, map->data, map->size) ||
+                          GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_HEADER);
         *changed = describe_audio(self, map->size, GST_BUFFER_DURATION(buffer), header);
         return flags | SHB_FRAME_KEY | (header ? (uint32_t)SHB_FRAME_HEADER : 0);
     }
@@ -472,7 +583,34 @@ static uint32_t examine(GstShbSink *self, GstBuffer *buffer, const GstMapInfo *m
     self->video_reader->read(self->video_reader, map->data, map->size, parser_says_key, &self->hints, &unit, &report);
     if (unit.reported)
         *changed = describe_video(self, &report);
+    else if (unit.new_sets && self->description.code[0] != '\0')
+        describe(self, &self->description, shb_video_reader_codec_data(self->video_reader));
+    /* Headers may have the time of the next picture, and count as no frame. */
+    if (!unit.headers_only)
+        *dts = make_dts(self, buffer);
     return flags | (unit.key ? (uint32_t)SHB_FRAME_KEY : 0) | (unit.headers_only ? (uint32_t)SHB_FRAME_HEADER : 0);
+}
+
+/* Writes how time stamps relate to the clock, when that has changed. */
+static void relate_clock(GstShbSink *self) {
+    GST_OBJECT_LOCK(self);
+    GstClock *clock = GST_ELEMENT_CLOCK(self);
+    GstClockTime base_time = (GstClockTime)GST_ELEMENT(self)->base_time;
+    gboolean same = !self->new_segment && clock == self->clock && base_time == self->base_time;
+    if (!same && clock != NULL)
+        gst_object_ref(clock);
+    GST_OBJECT_UNLOCK(self);
+    if (same)
+        return;
+    gst_clear_object(&self->clock);
+    self->clock = clock;
+    self->base_time = base_time;
+    self->new_segment = FALSE;
+    gint64 offset = shb_clock_offset(clock, base_time, &GST_BASE_SINK(self)->segment);
+    if (offset == self->clock_offset)
+        return;
+    self->clock_offset = offset;
+    shb_writer_set_clock(self->writer, offset);
 }
 
 static GstFlowReturn write_frame(GstShbSink *self, GstBuffer *buffer) {
@@ -489,9 +627,11 @@ static GstFlowReturn write_frame(GstShbSink *self, GstBuffer *buffer) {
     gboolean changed = FALSE;
     int result = SHB_ERR_ARG;
     if (size > 0) {
-        uint32_t flags = examine(self, buffer, &map, &changed);
-        result = shb_writer_write(self->writer, map.data, size, GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer),
-                                  GST_BUFFER_DURATION(buffer), flags);
+        GstClockTime dts;
+        relate_clock(self);
+        uint32_t flags = examine(self, buffer, &map, &dts, &changed);
+        result =
+            shb_writer_write(self->writer, map.data, size, GST_BUFFER_PTS(buffer), dts, GST_BUFFER_DURATION(buffer), flags);
         if (self->log_frames)
             GST_LOG_OBJECT(self, "%" G_GSIZE_FORMAT " bytes, pts %" GST_TIME_FORMAT ", flags %u: %s", size,
                            GST_TIME_ARGS(GST_BUFFER_PTS(buffer)), flags, shb_strerror(result));

@@ -317,6 +317,7 @@ SHB_API int shb_attach(const char *name, shb_map_t **out);
 SHB_API int shb_attach_with(const char *name, const shb_attach_options_t *options, shb_map_t **out);
 /* Gives the map back; readers that are still open keep it until they are closed. Null is ignored. */
 SHB_API void shb_detach(shb_map_t *map);
+/* These look at the mapping alone, without a system call while the creator's heartbeat is young. Errors: ARG; CORRUPT (shb_guard). */
 SHB_API int shb_map_geometry(const shb_map_t *map, shb_geometry_t *out);
 SHB_API int shb_map_info(const shb_map_t *map, shb_info_t *out);
 /*

@@ -89,10 +89,13 @@ static int reserve(int fd, uint64_t bytes) {
     return SHB_OK;
 }
 
-/* Gives the finished file its name, which is the moment from which readers can see it. */
+/*
+ * Gives the finished file its name, which is the moment from which readers can see it. By the thread's own entry: that of a process
+ * whose main thread has ended shows no files.
+ */
 static int publish(int fd, const char *path) {
     char self[64];
-    snprintf(self, sizeof self, "/proc/self/fd/%d", fd);
+    snprintf(self, sizeof self, "/proc/thread-self/fd/%d", fd);
     return linkat(AT_FDCWD, self, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0 ? SHB_OK
            : errno == EEXIST                                              ? SHB_ERR_EXISTS
                                                                           : SHB_ERR_SYSTEM;

@@ -84,7 +84,8 @@ static int try_attach(shb_follow_t *follow) {
                                  follow->options.start, &follow->reader);
     if (result != SHB_OK) {
         shb_detach(map);
-        return result;
+        /* One that is damaged will be replaced one day. */
+        return result == SHB_ERR_CORRUPT ? SHB_ERR_TIMEOUT : result;
     }
     follow->map = map;
     follow->events |= SHB_FOLLOW_ATTACHED | (follow->again ? (uint32_t)SHB_FOLLOW_RESTARTED : 0);

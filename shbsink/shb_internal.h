@@ -75,9 +75,9 @@ void shb_socket_path(uint64_t token, char *out);
 int shb_remove_file(const char *full, bool force);
 /* Removes the files of waiters of this name whose creators have died, and their sockets. */
 void shb_sweep_waiters(const char *full);
-/* What a header says about its buffer; `file` is what it stands in, `alive` the caller's finding about the creator. */
+/* What a header says about its buffer, but for what the system has to say of its creator; `file` is what it stands in. */
 struct stat;
-void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, bool alive, shb_info_t *out);
+void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, shb_info_t *out);
 
 /* ---- Processes ------------------------------------------------------------------------------------------------------- */
 

@@ -120,21 +120,21 @@ static uint64_t namespace_of_self(const char *path) {
 shb_origin_t shb_origin_self(void) {
     const shb_origin_t self = {
         .creator = shb_identity_self(),
-        .pid_ns = namespace_of_self("/proc/self/ns/pid"),
-        .time_ns = namespace_of_self("/proc/self/ns/time"),
+        .pid_ns = namespace_of_self("/proc/thread-self/ns/pid"),
+        .time_ns = namespace_of_self("/proc/thread-self/ns/time"),
     };
     return self;
 }
 
 bool shb_origin_is_near(const shb_origin_t *origin) {
-    return origin->pid_ns != 0 && origin->pid_ns == namespace_of_self("/proc/self/ns/pid");
+    return origin->pid_ns != 0 && origin->pid_ns == namespace_of_self("/proc/thread-self/ns/pid");
 }
 
 shb_life_t shb_origin_life(const shb_origin_t *origin) {
     bool near = shb_origin_is_near(origin);
     if (!near && origin->pid_ns != 0)
         return SHB_LIFE_UNKNOWN;
-    bool same_time = !near || origin->time_ns == namespace_of_self("/proc/self/ns/time");
+    bool same_time = !near || origin->time_ns == namespace_of_self("/proc/thread-self/ns/time");
     switch (ask(origin->creator, same_time)) {
         case PROCESS_THERE:
             return SHB_LIFE_ALIVE;

@@ -13,6 +13,7 @@ typedef struct {
 } H264Reader;
 
 #define PIC_STRUCT_NOT_TOLD (-1)
+#define CAVLC_444_INTRA 44
 
 /* What was met in one access unit. */
 typedef struct {
@@ -34,8 +35,28 @@ static void read_pps(H264Reader *reader, GstH264NalUnit *nalu) {
         gst_h264_pps_clear(&pps);
 }
 
+/* Parses new sets, sequence sets first: in the stream they may come in any order. */
+static void read_sets(H264Reader *reader) {
+    const GPtrArray *sets = reader->base.sets.sets;
+    for (guint i = 0; i < sets->len; i++) {
+        ShbParamSet *set = g_ptr_array_index(sets, i);
+        GstH264NalUnit nalu;
+        if (set->parsed)
+            continue;
+        set->parsed = TRUE;
+        if (gst_h264_parser_identify_nalu_unchecked(reader->parser, set->unit->data, 0, set->unit->len, &nalu) !=
+            GST_H264_PARSER_OK)
+            continue;
+        if (set->kind == SHB_SET_SEQUENCE)
+            read_sps(reader, &nalu);
+        else
+            read_pps(reader, &nalu);
+    }
+}
+
 static void read_sei(H264Reader *reader, GstH264NalUnit *nalu, H264Unit *unit) {
     /* The messages of interest cannot be read without the sequence they belong to. */
+    read_sets(reader);
     if (reader->parser->last_sps == NULL)
         return;
     GArray *messages = NULL;
@@ -70,6 +91,28 @@ static ShbScan scan_of(H264Reader *reader, const GstH264SPS *sps, const H264Unit
     return reader->seen_frame ? SHB_SCAN_MIXED : SHB_SCAN_INTERLACED;
 }
 
+/* max_num_reorder_frames if stated, 0 where the standard infers no reordering, otherwise -1. */
+static gint reorder_frames_of(const GstH264SPS *sps) {
+    const GstH264VUIParams *vui = &sps->vui_parameters;
+    if (sps->vui_parameters_present_flag && vui->bitstream_restriction_flag)
+        return (gint)MIN(vui->num_reorder_frames, SHB_REORDER_MAX);
+    /* Output order is coding order, or there are no B slices. */
+    if (sps->pic_order_cnt_type == 2 || sps->profile_idc == GST_H264_PROFILE_BASELINE)
+        return 0;
+    switch (sps->profile_idc) {
+        case GST_H264_PROFILE_HIGH:
+        case GST_H264_PROFILE_HIGH10:
+        case GST_H264_PROFILE_HIGH_422:
+        case GST_H264_PROFILE_HIGH_444:
+        case GST_H264_PROFILE_SCALABLE_HIGH:
+            return sps->constraint_set3_flag ? 0 : -1;
+        case CAVLC_444_INTRA:
+            return 0;
+        default:
+            return -1;
+    }
+}
+
 static void report_sps(const GstH264SPS *sps, const ShbVideoHints *hints, ShbVideoReport *report) {
     gboolean cropped = sps->frame_cropping_flag && sps->crop_rect_width > 0 && sps->crop_rect_height > 0;
     report->width = cropped ? sps->crop_rect_width : sps->width;
@@ -82,6 +125,7 @@ static void report_sps(const GstH264SPS *sps, const ShbVideoHints *hints, ShbVid
     }
     shb_video_report_set_rate(report, fps_n, fps_d, hints);
     report->ref_frames = (gint)MIN(sps->num_ref_frames, (guint32)G_MAXINT);
+    report->reorder_frames = reorder_frames_of(sps);
     const guint8 profile_and_level[3] = {
         sps->profile_idc,
         (guint8)(sps->constraint_set0_flag << 7 | sps->constraint_set1_flag << 6 | sps->constraint_set2_flag << 5 |
@@ -111,7 +155,7 @@ static void read_unit(ShbVideoReader *base, const guint8 *data, gsize size, gboo
     out->key = FALSE;
     out->reported = FALSE;
     out->headers_only = FALSE;
-    base->repeated = 0;
+    out->new_sets = FALSE;
     guint offset = 0;
     GstH264NalUnit nalu;
     /* Everything of interest stands before the first slice: the bulk of the data is not looked at. */
@@ -119,10 +163,12 @@ static void read_unit(ShbVideoReader *base, const guint8 *data, gsize size, gboo
         if (nalu.type >= GST_H264_NAL_SLICE && nalu.type <= GST_H264_NAL_SLICE_IDR) {
             /* A decoder can also start at a recovery point, and at an intra picture that brings its parameter sets. */
             out->headers_only = FALSE;
+            out->new_sets = base->sets.changed;
             out->key = nalu.type == GST_H264_NAL_SLICE_IDR || unit.recovery_point || (parser_says_key && unit.has_sps);
             if (!out->key && !unit.has_sps && base->told)
                 return;
             gboolean field_picture = FALSE;
+            read_sets(reader);
             const GstH264SPS *sps = sequence_of(reader, &nalu, &field_picture);
             if (sps == NULL)
                 return;
@@ -138,13 +184,11 @@ static void read_unit(ShbVideoReader *base, const guint8 *data, gsize size, gboo
             case GST_H264_NAL_SPS:
                 unit.has_sps = TRUE;
                 out->headers_only = TRUE;
-                if (shb_video_reader_is_news(base, nalu.data + nalu.offset, nalu.size))
-                    read_sps(reader, &nalu);
+                shb_param_sets_put_h264(&base->sets, SHB_SET_SEQUENCE, nalu.data + nalu.offset, nalu.size);
                 break;
             case GST_H264_NAL_PPS:
                 out->headers_only = TRUE;
-                if (shb_video_reader_is_news(base, nalu.data + nalu.offset, nalu.size))
-                    read_pps(reader, &nalu);
+                shb_param_sets_put_h264(&base->sets, SHB_SET_PICTURE, nalu.data + nalu.offset, nalu.size);
                 break;
             case GST_H264_NAL_SEI:
                 read_sei(reader, &nalu, &unit);

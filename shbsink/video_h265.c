@@ -34,7 +34,24 @@ static void read_set(H265Reader *reader, GstH265NalUnit *nalu) {
     }
 }
 
+/* Parses new sets, sequence sets first: in the stream they may come in any order. */
+static void read_sets(H265Reader *reader) {
+    const GPtrArray *sets = reader->base.sets.sets;
+    for (guint i = 0; i < sets->len; i++) {
+        ShbParamSet *set = g_ptr_array_index(sets, i);
+        GstH265NalUnit nalu;
+        if (set->parsed)
+            continue;
+        set->parsed = TRUE;
+        if (gst_h265_parser_identify_nalu_unchecked(reader->parser, set->unit->data, 0, set->unit->len, &nalu) !=
+            GST_H265_PARSER_OK)
+            continue;
+        read_set(reader, &nalu);
+    }
+}
+
 static gboolean has_recovery_point(H265Reader *reader, GstH265NalUnit *nalu) {
+    read_sets(reader);
     if (reader->parser->last_sps == NULL)
         return FALSE;
     GArray *messages = NULL;
@@ -76,6 +93,7 @@ static void report_sps(const GstH265SPS *sps, const ShbVideoHints *hints, ShbVid
     shb_video_report_set_rate(report, fps_n, fps_d, hints);
     guint layers = MIN(sps->max_sub_layers_minus1, GST_H265_MAX_SUB_LAYERS - 1);
     report->ref_frames = sps->max_dec_pic_buffering_minus1[layers];
+    report->reorder_frames = (gint)MIN(sps->max_num_reorder_pics[layers], SHB_REORDER_MAX);
     report->scan = scan_of(sps, hints);
 
     const GstH265ProfileTierLevel *ptl = &sps->profile_tier_level;
@@ -88,7 +106,14 @@ static void report_sps(const GstH265SPS *sps, const ShbVideoHints *hints, ShbVid
     g_strlcpy(report->level, level != NULL ? level : "", sizeof report->level);
 }
 
+static ShbSetKind set_kind(const GstH265NalUnit *nalu) {
+    if (nalu->type == GST_H265_NAL_VPS)
+        return SHB_SET_VIDEO;
+    return nalu->type == GST_H265_NAL_SPS ? SHB_SET_SEQUENCE : SHB_SET_PICTURE;
+}
+
 static gboolean report_picture(H265Reader *reader, GstH265NalUnit *nalu, const ShbVideoHints *hints, ShbVideoReport *report) {
+    read_sets(reader);
     GstH265SliceHdr *slice = g_new0(GstH265SliceHdr, 1);
     gboolean known = gst_h265_parser_parse_slice_hdr(reader->parser, nalu, slice) == GST_H265_PARSER_OK;
     if (known) {
@@ -109,13 +134,14 @@ static void read_unit(ShbVideoReader *base, const guint8 *data, gsize size, gboo
     out->key = FALSE;
     out->reported = FALSE;
     out->headers_only = FALSE;
-    base->repeated = 0;
+    out->new_sets = FALSE;
     guint offset = 0;
     GstH265NalUnit nalu;
     /* Everything of interest stands before the first slice: the bulk of the data is not looked at. */
     while (gst_h265_parser_identify_nalu_unchecked(reader->parser, data, offset, size, &nalu) == GST_H265_PARSER_OK) {
         if (nalu.type < GST_H265_NAL_VPS) {
             out->headers_only = FALSE;
+            out->new_sets = base->sets.changed;
             out->key = (nalu.type >= GST_H265_NAL_SLICE_BLA_W_LP && nalu.type <= GST_H265_NAL_SLICE_CRA_NUT) || recovery_point;
             if (out->key || has_sps || !base->told)
                 out->reported = report_picture(reader, &nalu, hints, report);
@@ -132,8 +158,8 @@ static void read_unit(ShbVideoReader *base, const guint8 *data, gsize size, gboo
                 out->headers_only = TRUE;
                 has_sps |= nalu.type == GST_H265_NAL_SPS;
                 /* Other layers' sets have numbers of their own. */
-                if (nalu.layer_id == 0 && shb_video_reader_is_news(base, nalu.data + nalu.offset, nalu.size))
-                    read_set(reader, &nalu);
+                if (nalu.layer_id == 0)
+                    shb_param_sets_put_h265(&base->sets, set_kind(&nalu), nalu.data + nalu.offset, nalu.size);
                 break;
             case GST_H265_NAL_PREFIX_SEI:
                 recovery_point |= has_recovery_point(reader, &nalu);

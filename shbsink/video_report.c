@@ -1,31 +1,26 @@
 #include "video_report.h"
 
-#include <string.h>
-
 void shb_video_reader_init(ShbVideoReader *reader, ShbVideoRead read, void (*free_reader)(ShbVideoReader *reader)) {
     reader->read = read;
     reader->free = free_reader;
-    reader->sets = g_byte_array_new();
-    reader->repeated = 0;
+    shb_param_sets_init(&reader->sets);
 }
 
 void shb_video_reader_free(ShbVideoReader *reader) {
     if (reader == NULL)
         return;
-    g_byte_array_unref(reader->sets);
+    shb_param_sets_clear(&reader->sets);
+    g_clear_pointer(&reader->codec_data, g_bytes_unref);
     reader->free(reader);
 }
 
-gboolean shb_video_reader_is_news(ShbVideoReader *reader, const guint8 *set, guint size) {
-    GByteArray *sets = reader->sets;
-    if (size <= sets->len - reader->repeated && memcmp(sets->data + reader->repeated, set, size) == 0) {
-        reader->repeated += size;
-        return FALSE;
+GBytes *shb_video_reader_codec_data(ShbVideoReader *reader) {
+    if (reader->codec_data == NULL || reader->sets.changed) {
+        g_clear_pointer(&reader->codec_data, g_bytes_unref);
+        reader->codec_data = shb_param_sets_to_bytes(&reader->sets);
+        reader->sets.changed = FALSE;
     }
-    g_byte_array_set_size(sets, reader->repeated);
-    g_byte_array_append(sets, set, size);
-    reader->repeated = sets->len;
-    return TRUE;
+    return reader->codec_data;
 }
 
 void shb_video_report_set_rate(ShbVideoReport *report, guint64 fps_n, guint64 fps_d, const ShbVideoHints *hints) {

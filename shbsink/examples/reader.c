@@ -7,13 +7,14 @@
  *
  * The frames go to standard output one behind the other; what happens to the stream is told on standard error.
  */
+#include <inttypes.h>
 #include <shb.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 static void tell_description(shb_reader_t *reader, shb_kind_t kind) {
-    shb_description_t media;
+    shb_description_t media = SHB_INIT(shb_description_t);
     if (shb_reader_description(reader, &media) != SHB_OK)
         return; /* written before its writer knew what it carries */
     if (kind == SHB_VIDEO)
@@ -26,12 +27,11 @@ static void tell_description(shb_reader_t *reader, shb_kind_t kind) {
 static int read_track(shb_reader_t *reader, shb_kind_t kind) {
     size_t capacity = (size_t)256 * 1024;
     unsigned char *data = malloc(capacity);
-    unsigned long long epoch = 0, description = 0;
+    uint64_t epoch = 0;
+    uint32_t description = 0;
+    shb_frame_t frame = SHB_INIT(shb_frame_t);
     int result = SHB_ERR_SYSTEM;
-    for (;;) {
-        shb_frame_t frame;
-        if (data == NULL)
-            break;
+    while (data != NULL) {
         result = shb_reader_read(reader, data, capacity, 1000, &frame);
         if (result == SHB_ERR_TIMEOUT)
             continue; /* nothing for a second: the source may be connecting again */
@@ -45,8 +45,9 @@ static int read_track(shb_reader_t *reader, shb_kind_t kind) {
         if (result != SHB_OK)
             break;
         if (frame.lost > 0)
-            fprintf(stderr, "%llu frames lost before frame %llu\n", (unsigned long long)frame.lost,
-                    (unsigned long long)frame.sequence);
+            fprintf(stderr, "%" PRIu64 " frames lost before frame %" PRIu64 "\n", frame.lost, frame.sequence);
+        if (frame.left_out > 0)
+            fprintf(stderr, "%" PRIu64 " frames were too large for the buffer\n", frame.left_out);
         /* A new epoch is a new writer: the source has connected again. */
         if (frame.epoch != epoch || frame.description != description)
             tell_description(reader, kind);

@@ -5,7 +5,7 @@
     ./reader.py NAME audio > stream.aac
 
 The frames go to standard output one behind the other; what happens to the stream is told on standard error. Needs nothing but the
-standard library and libshb.so.1, which SHB_LIBRARY may name by its path.
+standard library and libshb.so.2, which SHB_LIBRARY may name by its path.
 """
 
 import ctypes as c
@@ -17,25 +17,33 @@ VIDEO, AUDIO = 0, 1
 START_KEY = 2
 
 
-class Frame(c.Structure):
+class Sized(c.Structure):
+    """Every struct of the library begins with its size."""
+
+    def __init__(self):
+        super().__init__(struct_size=c.sizeof(self))
+
+
+class Frame(Sized):
     """shb_frame_t"""
 
-    _fields_ = [(name, c.c_uint64) for name in ("sequence", "epoch", "pts", "dts", "duration", "lost")] + [
-        (name, c.c_uint32) for name in ("size", "flags", "description")]
+    _fields_ = [(name, c.c_uint32) for name in ("struct_size", "size", "flags", "description")] + [
+        (name, c.c_uint64) for name in ("sequence", "epoch", "pts", "dts", "duration", "lost", "lost_before", "left_out",
+                                        "arrival_ns", "wall_ns")] + [("clock_offset", c.c_int64)]
 
 
-class Description(c.Structure):
+class Description(Sized):
     """shb_description_t"""
 
-    _fields_ = [("serial", c.c_uint32), ("media", c.c_int32), ("code", c.c_char * 16), ("profile", c.c_char * 24),
-                ("level", c.c_char * 16)] + [
-        (name, c.c_int32) for name in ("width", "height", "fps_n", "fps_d", "scan_type", "ref_frames", "sample_rate", "channels",
-                                       "samples_per_frame", "nominal_bitrate")]
+    _fields_ = [("struct_size", c.c_uint32), ("serial", c.c_uint32), ("media", c.c_int32), ("codec_data_bytes", c.c_uint32),
+                ("code", c.c_char * 16), ("profile", c.c_char * 24), ("level", c.c_char * 16), ("format", c.c_char * 16)] + [
+        (name, c.c_int32) for name in ("width", "height", "fps_n", "fps_d", "scan_type", "ref_frames", "reorder_frames",
+                                       "sample_rate", "channels", "samples_per_frame", "nominal_bitrate", "reserved")]
 
 
 def load():
     """The library with the types of what is called here."""
-    shb = c.CDLL(os.environ.get("SHB_LIBRARY", "libshb.so.1"))
+    shb = c.CDLL(os.environ.get("SHB_LIBRARY", "libshb.so.2"))
     shb.shb_strerror.restype = c.c_char_p
     shb.shb_attach.argtypes = [c.c_char_p, c.POINTER(c.c_void_p)]
     shb.shb_detach.argtypes = [c.c_void_p]
@@ -78,6 +86,8 @@ def read_track(shb, reader, kind, out):
             return result
         if frame.lost > 0:
             tell(f"{frame.lost} frames lost before frame {frame.sequence}")
+        if frame.left_out > 0:
+            tell(f"{frame.left_out} frames were too large for the buffer")
         # A new epoch is a new writer: the source has connected again.
         if known != (frame.epoch, frame.description):
             known = (frame.epoch, frame.description)

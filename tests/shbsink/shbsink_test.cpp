@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/check/gstharness.h>
+#include <gst/check/gsttestclock.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
 
@@ -15,6 +16,7 @@
 #include <numeric>
 #include <sstream>
 
+#include "coded.h"
 #include "shb_support.h"
 
 using namespace shbtest;
@@ -89,6 +91,8 @@ std::vector<ReadFrame> ReadTrack(const std::string &name, shb_kind_t kind) {
 }
 
 std::string Material(const std::string &name) {
+    if (name[0] == '/')
+        return name;
     return std::string(g_getenv("SHBSINK_MATERIALS")) + "/" + name;
 }
 
@@ -132,6 +136,88 @@ std::vector<bool> ProbeKeys(const std::string &file) {
     for (std::string line; std::getline(lines, line);)
         keys.push_back(!line.empty() && line[0] == 'K');
     return keys;
+}
+
+// The codec data that FFmpeg has for the first stream of a file, in hexadecimal.
+std::string ProbeExtradata(const std::string &file) {
+    // Frames with headers of their own have it only where the container takes those away.
+    const std::string container = g_str_has_suffix(file.c_str(), "aac") ? "-bsf:a aac_adtstoasc -f flv" : "-f matroska";
+    return RunCommand("ffmpeg -nostdin -v error -i '" + Material(file) + "' -c copy " + container +
+                      " - | ffprobe -v error -show_entries stream=extradata -show_data -of default=nk=1:nw=1 - |"
+                      " sed -n 's/^[0-9a-f]\\{8\\}: \\(.\\{39\\}\\).*/\\1/p' | tr -d ' \\n'");
+}
+
+// The Vorbis headers that a decoder needs: FFmpeg and payloaders write comments of their own.
+std::string WithoutComments(const std::string &codec_data) {
+    const size_t first = codec_data.find("01766f72626973"), last = codec_data.find("05766f72626973");
+    if (first == std::string::npos || last == std::string::npos)
+        return codec_data;
+    return codec_data.substr(first, 60) + codec_data.substr(last);
+}
+
+std::string Hex(const std::vector<uint8_t> &bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        std::array<char, 3> two{};
+        g_snprintf(two.data(), two.size(), "%02x", byte);
+        text += two.data();
+    }
+    return text;
+}
+
+// NAL units of a byte stream, without what stands between them.
+std::vector<std::vector<uint8_t>> NalUnits(const std::vector<uint8_t> &bytes) {
+    const std::array<uint8_t, 3> start{0, 0, 1};
+    std::vector<std::vector<uint8_t>> units;
+    auto at = std::search(bytes.begin(), bytes.end(), start.begin(), start.end());
+    while (at != bytes.end()) {
+        const auto begin = at + start.size();
+        at = std::search(begin, bytes.end(), start.begin(), start.end());
+        units.emplace_back(begin, at);
+        while (!units.back().empty() && units.back().back() == 0)
+            units.back().pop_back();
+    }
+    return units;
+}
+
+bool IsParameterSet(const std::vector<uint8_t> &unit, bool h264) {
+    const int type = h264 ? unit[0] & 31 : unit[0] >> 1 & 63;
+    return h264 ? type == 7 || type == 8 : type >= 32 && type <= 34;
+}
+
+// Those units that are parameter sets, or those that are not.
+std::vector<uint8_t> Filtered(const std::vector<uint8_t> &bytes, bool h264, bool sets) {
+    std::vector<uint8_t> kept;
+    for (const auto &unit : NalUnits(bytes))
+        if (IsParameterSet(unit, h264) == sets)
+            kept = coded::operator+(kept, coded::Unit({unit}));
+    return kept;
+}
+
+class TempDir {
+  public:
+    TempDir() {
+        gchar *made = g_dir_make_tmp("shbsink-XXXXXX", nullptr);
+        path_ = made != nullptr ? made : "";
+        g_free(made);
+    }
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    ~TempDir() { RunCommand("rm -r '" + path_ + "'"); }
+    std::string File(const std::string &name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+// The sums of the pictures that a decoder makes of a byte stream, one a line.
+std::string Decoded(const std::vector<uint8_t> &bytes, bool h264) {
+    const TempDir directory;
+    const std::string file = directory.File("stream");
+    EXPECT_TRUE(g_file_set_contents(file.c_str(), reinterpret_cast<const gchar *>(bytes.data()),
+                                    static_cast<gssize>(bytes.size()), nullptr));
+    return RunCommand("ffmpeg -nostdin -v quiet -f " + std::string(h264 ? "h264" : "hevc") + " -i '" + file +
+                      "' -f framemd5 - | grep -v '^#'");
 }
 
 class Framework : public ::testing::Environment {
@@ -201,8 +287,25 @@ class Play {
         shb_buffer_description(buffer_.get(), 0, 0, kind_, &description);
         return description;
     }
+    std::vector<uint8_t> CodecData() const {
+        Map map = Attach(name_);
+        shb_description_t description{};
+        std::vector<uint8_t> data(SHB_CODEC_DATA_MAX);
+        size_t size = 0;
+        if (shb_map_codec_data(map.get(), 0, 0, kind_, &description, data.data(), data.size(), &size) != SHB_OK)
+            size = 0;
+        EXPECT_EQ(size, description.codec_data_bytes);
+        data.resize(size);
+        return data;
+    }
+    uint32_t PresenceOfTheOther() const {
+        shb_stats_t stats{};
+        shb_buffer_stats(buffer_.get(), 0, 0, kind_ == SHB_VIDEO ? SHB_AUDIO : SHB_VIDEO, &stats);
+        return stats.presence;
+    }
     Heard heard;
     std::vector<SentBuffer> sent;
+    bool without_dts = false;  // as RTP has it: taken off in front of the sink
 
   private:
     static GstPadProbeReturn OnBuffer(GstPad *, GstPadProbeInfo *info, gpointer user) {
@@ -215,6 +318,11 @@ class Play {
         self->sent.push_back({std::vector<uint8_t>(map.data, map.data + map.size), GST_BUFFER_PTS(buffer),
                               GST_BUFFER_DTS(buffer), GST_BUFFER_DURATION(buffer), now});
         gst_buffer_unmap(buffer, &map);
+        if (self->without_dts) {
+            buffer = gst_buffer_make_writable(buffer);
+            GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
+            GST_PAD_PROBE_INFO_DATA(info) = buffer;
+        }
         return GST_PAD_PROBE_OK;
     }
     const shb_kind_t kind_;
@@ -287,6 +395,40 @@ TEST_P(ShbSinkVideo, ReportsWhatTheStreamSays) {
     EXPECT_EQ(said.width, description.width);
     EXPECT_EQ(said.fps_n, description.fps_n);
     EXPECT_EQ(said.ref_frames, description.ref_frames);
+    EXPECT_STREQ("byte-stream", description.format);
+    // Pictures that are all complete in themselves need not state what their profile implies.
+    const bool intra = file == "intra.h264";
+    EXPECT_EQ(intra ? 0 : Traced(file, h264 ? "max_num_reorder_frames" : "sps_max_num_reorder_pics.0."),
+              description.reorder_frames);
+}
+
+TEST_P(ShbSinkVideo, CodecDataAreItsParameterSets) {
+    const std::string file = GetParam().file;
+    const bool h264 = g_str_has_suffix(file.c_str(), "h264");
+    Play play(file, h264 ? kH264 : kH265, h264 ? 48 : 64);
+    ASSERT_TRUE(play.Run());
+    EXPECT_EQ(Hex(Filtered(play.sent.at(0).bytes, h264, true)), Hex(play.CodecData()));
+    EXPECT_EQ(1u, play.Description().serial) << "they are repeated at every key frame";
+}
+
+// Without what comes with the frames: as when their sender sends its parameter sets only once.
+TEST_P(ShbSinkVideo, LateReaderDecodesWithTheCodecData) {
+    const std::string file = GetParam().file;
+    const bool h264 = g_str_has_suffix(file.c_str(), "h264");
+    Play play(file, h264 ? kH264 : kH265, h264 ? 48 : 64);
+    ASSERT_TRUE(play.Run());
+    const auto frames = play.Frames();
+    const auto late = std::find_if(frames.begin() + 1, frames.end(),
+                                   [](const ReadFrame &frame) { return (frame.frame.flags & SHB_FRAME_KEY) != 0; });
+    ASSERT_NE(frames.end(), late);
+    std::vector<uint8_t> in_band, bytes = play.CodecData();
+    for (auto frame = late; frame != frames.end(); ++frame) {
+        in_band = coded::operator+(std::move(in_band), frame->bytes);
+        bytes = coded::operator+(std::move(bytes), Filtered(frame->bytes, h264, false));
+    }
+    const std::string pictures = Decoded(bytes, h264);
+    EXPECT_GT(std::count(pictures.begin(), pictures.end(), '\n'), 10);
+    EXPECT_EQ(Decoded(in_band, h264), pictures);
 }
 
 TEST_P(ShbSinkVideo, WritesWhatItGets) {
@@ -426,6 +568,9 @@ TEST_P(ShbSinkAudio, ReportsAndWrites) {
     EXPECT_EQ(said.channels, description.channels);
     EXPECT_EQ(said.samples, description.samples_per_frame);
     EXPECT_EQ(said.nominal_bitrate, description.nominal_bitrate);
+    EXPECT_STREQ(g_str_has_suffix(param.file, "aac") ? "adts" : "", description.format);
+    EXPECT_EQ(WithoutComments(ProbeExtradata(param.file)), WithoutComments(Hex(play.CodecData())));
+    EXPECT_EQ(1u, description.serial);
     ASSERT_GE(play.sent.size(), 40u);
     ExpectWrittenAsSent(play);
     for (const ReadFrame &frame : play.Frames())
@@ -451,6 +596,103 @@ INSTANTIATE_TEST_SUITE_P(
             name.begin(), name.end(), [](char c) { return !g_ascii_isalnum(c); }, '_');
         return name;
     });
+
+TEST(ShbSink, RawAacHasTheConfigOfItsCaps) {
+    Play play("tone.aac", "aacparse ! audio/mpeg,stream-format=raw", 21);
+    ASSERT_TRUE(play.Run());
+    EXPECT_STREQ("raw", play.Description().format);
+    EXPECT_EQ(ProbeExtradata("tone.aac"), Hex(play.CodecData()));
+}
+
+// Depayloaders alone know less of a stream than parsers do.
+TEST(ShbSink, DescribesWhatADepayloaderPasses) {
+    Play aac("tone.aac", "aacparse ! rtpmp4gpay ! rtpmp4gdepay", 21);
+    ASSERT_TRUE(aac.Run());
+    EXPECT_EQ(ProbeExtradata("tone.aac"), Hex(aac.CodecData()));
+    EXPECT_EQ(48000, aac.Description().sample_rate);
+    EXPECT_EQ(2, aac.Description().channels);
+    Play vorbis("tone.ogg", "oggdemux ! vorbisparse ! rtpvorbispay config-interval=1 ! rtpvorbisdepay", 0);
+    ASSERT_TRUE(vorbis.Run());
+    EXPECT_EQ(WithoutComments(ProbeExtradata("tone.ogg")), WithoutComments(Hex(vorbis.CodecData())));
+    EXPECT_EQ(44100, vorbis.Description().sample_rate);
+    Play opus("tone.opus", "oggdemux ! opusparse ! rtpopuspay ! rtpopusdepay", 22);
+    ASSERT_TRUE(opus.Run());
+    EXPECT_EQ("4f707573486561640102000080bb0000000000", Hex(opus.CodecData()));
+}
+
+// ---- Times -----------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// A transport stream with B frames, which carries both times.
+std::string EncodeReordered(const TempDir &directory, const std::string &encoder) {
+    const std::string file = directory.File("reordered.ts");
+    RunCommand("ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=160x128:rate=25 -t 3 -pix_fmt yuv420p " + encoder + " '" +
+               file + "'");
+    return file;
+}
+
+}  // namespace
+
+TEST(ShbSink, MakesTheDecodingTimesThatTheEncoderMeant) {
+    const TempDir directory;
+    const struct {
+        const char *encoder, *parser;
+        int media;
+    } cases[] = {
+        {"-c:v libx264 -x264-params keyint=25:bframes=2:b-adapt=0:b-pyramid=0:log-level=error", kH264, 48},
+        {"-c:v libx264 -x264-params keyint=25:bframes=3:b-adapt=0:b-pyramid=normal:log-level=error", kH264, 48},
+        {"-c:v libx264 -x264-params keyint=25:bframes=0:log-level=error", kH264, 48},
+        {"-c:v libx265 -x265-params keyint=25:bframes=4:b-adapt=0:log-level=none", kH265, 64},
+    };
+    for (const auto &c : cases) {
+        Play play(EncodeReordered(directory, c.encoder), std::string("tsdemux ! ") + c.parser, c.media);
+        play.without_dts = true;
+        ASSERT_TRUE(play.Run());
+        const auto frames = play.Frames();
+        ASSERT_EQ(75u, frames.size());
+        int reordered = 0;
+        for (size_t i = 0; i < frames.size(); i++) {
+            EXPECT_EQ(play.sent[i].pts, frames[i].frame.pts);
+            ASSERT_NE(GST_CLOCK_TIME_NONE, play.sent[i].dts);
+            // The stream counts in units of 90 kHz.
+            EXPECT_NEAR(static_cast<double>(play.sent[i].dts), static_cast<double>(frames[i].frame.dts), 20'000)
+                << c.encoder << i;
+            reordered += i > 0 && frames[i].frame.pts < frames[i - 1].frame.pts ? 1 : 0;
+        }
+        EXPECT_EQ(play.Description().reorder_frames > 0, reordered > 10) << c.encoder;
+    }
+}
+
+TEST(ShbSink, TimesRelateToTheClock) {
+    Play play("tone.mp3", "mpegaudioparse", 18, true);
+    ASSERT_TRUE(play.Run());
+    const auto frames = play.Frames();
+    ASSERT_GE(frames.size(), 40u);
+    for (const ReadFrame &each : frames) {
+        ASSERT_NE(SHB_OFFSET_NONE, each.frame.clock_offset);
+        EXPECT_EQ(frames[0].frame.clock_offset, each.frame.clock_offset);
+        // The sink writes it when it is due, or later on a machine with much to do.
+        const int64_t due = static_cast<int64_t>(each.frame.pts) + each.frame.clock_offset;
+        EXPECT_GE(static_cast<int64_t>(each.frame.arrival_ns), due - 1'000'000);
+        EXPECT_LE(static_cast<int64_t>(each.frame.arrival_ns), due + 60'000'000'000);
+    }
+}
+
+// ---- The other track --------------------------------------------------------------------------------------------------
+
+TEST(ShbSink, DemultiplexerSaysWhetherThereIsAnother) {
+    Play video("stream.ts", std::string("tsdemux ! ") + kH264, 48);
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_UNKNOWN}, video.PresenceOfTheOther());
+    ASSERT_TRUE(video.Run());
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, video.PresenceOfTheOther());
+    const TempDir directory;
+    const std::string alone = directory.File("alone.ts");
+    RunCommand("ffmpeg -nostdin -v error -y -i '" + Material("stream.ts") + "' -map 0:a -c copy '" + alone + "'");
+    Play audio(alone, "tsdemux ! aacparse", 21);
+    ASSERT_TRUE(audio.Run());
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_ABSENT}, audio.PresenceOfTheOther());
+}
 
 // ---- Pushed by hand ------------------------------------------------------------------------------------------------
 
@@ -511,6 +753,39 @@ class ShbSinkHarness : public ::testing::Test {
         gst_bus_set_flushing(bus_, TRUE);
         gst_bus_set_flushing(bus_, FALSE);
         return gst_element_set_state(sink_, GST_STATE_PAUSED) != GST_STATE_CHANGE_FAILURE;
+    }
+
+    shb_stats_t Stats(shb_kind_t kind) const {
+        shb_stats_t stats{};
+        EXPECT_EQ(SHB_OK, shb_buffer_stats(buffer_.get(), 0, 0, kind, &stats));
+        return stats;
+    }
+    std::vector<uint8_t> CodecData(shb_kind_t kind, shb_description_t *description) const {
+        Map map = Attach(name_);
+        std::vector<uint8_t> data(SHB_CODEC_DATA_MAX);
+        size_t size = 0;
+        EXPECT_EQ(SHB_OK, shb_map_codec_data(map.get(), 0, 0, kind, description, data.data(), data.size(), &size));
+        data.resize(size);
+        return data;
+    }
+    // The offset that a frame gets which is pushed now.
+    int64_t PushedOffset() {
+        EXPECT_EQ(GST_FLOW_OK, Push(std::vector<uint8_t>(160, 0x55)));
+        return Stats(SHB_AUDIO).clock_offset;
+    }
+    void PushSegment(GstFormat format, GstClockTime begin, double rate = 1.0) {
+        GstSegment segment;
+        gst_segment_init(&segment, format);
+        segment.start = begin;
+        segment.rate = rate;
+        gst_harness_push_event(harness_, gst_event_new_segment(&segment));
+    }
+    void PushCollection(std::initializer_list<GstStreamType> types) {
+        GstStreamCollection *collection = gst_stream_collection_new("test");
+        for (const GstStreamType type : types)
+            gst_stream_collection_add_stream(collection, gst_stream_new(nullptr, nullptr, type, GST_STREAM_FLAG_NONE));
+        gst_harness_push_event(harness_, gst_event_new_stream_collection(collection));
+        gst_object_unref(collection);
     }
 
     const std::string name_ = UniqueName();
@@ -757,6 +1032,181 @@ TEST_F(ShbSinkHarness, DebugWritesNothingToStandardOutput) {
     for (int i = 0; i < 10; i++)
         Push(kSomeFrame);
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
+}
+
+TEST_F(ShbSinkHarness, NewParameterSetsAreANewDescriptionAndNoNewStream) {
+    using coded::H264Picture, coded::H264Sequence, coded::H264Slice, coded::Unit;
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    const auto sequence = H264Sequence({}), picture = H264Picture(0), other = H264Picture(0, 0, 1);
+    Push(Unit({sequence, picture, H264Slice(true)}));
+    Push(Unit({picture, sequence, H264Slice(true)}));
+    Push(Unit({other, H264Slice(false)}));
+    Push(Unit({H264Slice(false)}));
+    Push(Unit({H264Sequence({0, 100, 0, 0, 20, 2})}));
+    Push(Unit({H264Slice(true)}));
+    const auto frames = Frames(SHB_VIDEO);
+    ASSERT_EQ(6u, frames.size());
+    const std::array<uint32_t, 6> serials{1, 1, 2, 2, 2, 3};
+    for (size_t i = 0; i < frames.size(); i++)
+        EXPECT_EQ(serials.at(i), frames[i].frame.description) << "frame " << i;
+    EXPECT_EQ(1u, heard_.video.size()) << "no value that it reports has changed";
+    shb_description_t description{};
+    EXPECT_EQ(Unit({H264Sequence({0, 100, 0, 0, 20, 2}), other}), CodecData(SHB_VIDEO, &description));
+    EXPECT_EQ(2, description.reorder_frames);
+}
+
+TEST_F(ShbSinkHarness, CodecDataThatADescriptionCannotTakeAreLeftOut) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    auto unit = coded::Unit({coded::H264Sequence({}), coded::H264Picture(0)});
+    for (unsigned i = 1; i < 256; i++)
+        unit = coded::operator+(unit, coded::Unit({coded::operator+(coded::H264Picture(i), coded::Bytes(40, 0x55))}));
+    Push(coded::operator+(unit, coded::Unit({coded::H264Slice(true)})));
+    ASSERT_EQ(1u, heard_.video.size());
+    shb_description_t description{};
+    EXPECT_TRUE(CodecData(SHB_VIDEO, &description).empty());
+    EXPECT_EQ(0u, description.codec_data_bytes);
+    EXPECT_EQ(320, description.width);
+}
+
+TEST_F(ShbSinkHarness, OtherCodecDataOfTheSameSoundAreNoNewStream) {
+    g_object_set(sink_, "media", 21, nullptr);
+    Start("audio/mpeg,mpegversion=4,stream-format=raw,rate=48000,channels=2,codec_data=(buffer)1190");
+    Push(kSomeFrame);
+    shb_description_t description{};
+    EXPECT_EQ("1190", Hex(CodecData(SHB_AUDIO, &description)));
+    gst_harness_set_src_caps_str(
+        harness_, "audio/mpeg,mpegversion=4,stream-format=raw,rate=48000,channels=2,codec_data=(buffer)119056e500");
+    Push(kSomeFrame);
+    EXPECT_EQ("119056e500", Hex(CodecData(SHB_AUDIO, &description)));
+    EXPECT_EQ(2u, description.serial);
+    EXPECT_EQ(1u, heard_.audio.size());
+}
+
+TEST_F(ShbSinkHarness, VideoWithoutDecodingTimesGetsThem) {
+    using coded::H264Picture, coded::H264Sequence, coded::H264Slice, coded::Unit;
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    const auto push = [this](const std::vector<uint8_t> &bytes, GstClockTime pts, GstClockTime dts = GST_CLOCK_TIME_NONE) {
+        GstBuffer *buffer = gst_buffer_new_memdup(bytes.data(), bytes.size());
+        GST_BUFFER_PTS(buffer) = pts;
+        GST_BUFFER_DTS(buffer) = dts;
+        GST_BUFFER_DURATION(buffer) = 40;
+        EXPECT_EQ(GST_FLOW_OK, gst_harness_push(harness_, buffer));
+    };
+    const auto sets = Unit({H264Sequence({0, 100, 0, 0, 20, 1}), H264Picture(0)});
+    push(sets, 1000);
+    push(Unit({H264Slice(true)}), 1000);
+    push(Unit({H264Slice(false)}), 1080);
+    push(Unit({H264Slice(false)}), GST_CLOCK_TIME_NONE);
+    push(Unit({H264Slice(false)}), 1040, 1003);
+    gst_harness_push_event(harness_, gst_event_new_flush_start());
+    gst_harness_push_event(harness_, gst_event_new_flush_stop(TRUE));
+    PushSegment(GST_FORMAT_TIME, 0);
+    push(Unit({H264Slice(false)}), 1040);
+    PushSegment(GST_FORMAT_TIME, 0);
+    push(Unit({H264Slice(false)}), 1000);
+    std::vector<uint64_t> made;
+    for (const ReadFrame &frame : Frames(SHB_VIDEO))
+        made.push_back(frame.frame.dts);
+    EXPECT_EQ((std::vector<uint64_t>{SHB_TIME_NONE, 960, 1000, SHB_TIME_NONE, 1003, 1000, 960}), made);
+}
+
+TEST_F(ShbSinkHarness, AudioWithoutDecodingTimesStaysSo) {
+    g_object_set(sink_, "media", 19, nullptr);
+    Start("audio/x-alaw,rate=8000,channels=1");
+    GstBuffer *buffer = gst_buffer_new_memdup(kSomeFrame.data(), kSomeFrame.size());
+    GST_BUFFER_PTS(buffer) = GST_SECOND;
+    EXPECT_EQ(GST_FLOW_OK, gst_harness_push(harness_, buffer));
+    EXPECT_EQ(SHB_TIME_NONE, Frames(SHB_AUDIO).at(0).frame.dts);
+}
+
+TEST_F(ShbSinkHarness, ClockIsFollowed) {
+    g_object_set(sink_, "media", 19, nullptr);
+    Start("audio/x-alaw,rate=8000,channels=1");
+    gst_element_set_clock(sink_, nullptr);
+    EXPECT_EQ(SHB_OFFSET_NONE, PushedOffset()) << "no clock";
+    GstClock *clock = gst_system_clock_obtain();
+    gst_element_set_base_time(sink_, 5000);
+    gst_element_set_clock(sink_, clock);
+    EXPECT_EQ(5000, PushedOffset());
+    gst_element_set_base_time(sink_, 7000);
+    EXPECT_EQ(7000, PushedOffset()) << "another run";
+    PushSegment(GST_FORMAT_TIME, 400);
+    EXPECT_EQ(6600, PushedOffset());
+    gst_harness_push_event(harness_, gst_event_new_flush_start());
+    gst_harness_push_event(harness_, gst_event_new_flush_stop(TRUE));
+    PushSegment(GST_FORMAT_TIME, 100);
+    EXPECT_EQ(6900, PushedOffset());
+    PushSegment(GST_FORMAT_TIME, 100, 2.0);
+    EXPECT_EQ(SHB_OFFSET_NONE, PushedOffset()) << "faster than the clock";
+    PushSegment(GST_FORMAT_BYTES, 0);
+    EXPECT_EQ(SHB_OFFSET_NONE, PushedOffset());
+    PushSegment(GST_FORMAT_TIME, 0);
+    EXPECT_EQ(7000, PushedOffset());
+    gst_element_set_clock(sink_, nullptr);
+    EXPECT_EQ(SHB_OFFSET_NONE, PushedOffset());
+    // Another element of a pipeline may bring a clock of its own.
+    GstClock *other = gst_test_clock_new();
+    gst_element_set_clock(sink_, other);
+    const gint64 now = g_get_monotonic_time() * 1000;
+    EXPECT_NEAR(static_cast<double>(now + 7000), static_cast<double>(PushedOffset()), 60e9);
+    EXPECT_NE(7000, Stats(SHB_AUDIO).clock_offset);
+    const auto frames = Frames(SHB_AUDIO);
+    EXPECT_EQ(SHB_OFFSET_NONE, frames.at(0).frame.clock_offset);
+    EXPECT_EQ(5000, frames.at(1).frame.clock_offset) << "each frame has the one that held for it";
+    gst_element_set_clock(sink_, nullptr);
+    gst_object_unref(other);
+    gst_object_unref(clock);
+}
+
+TEST_F(ShbSinkHarness, CollectionTellsOfTheOtherTrack) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_UNKNOWN}, Stats(SHB_AUDIO).presence);
+    PushCollection({GST_STREAM_TYPE_VIDEO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_ABSENT}, Stats(SHB_AUDIO).presence);
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_VIDEO).presence);
+    PushCollection({GST_STREAM_TYPE_VIDEO, GST_STREAM_TYPE_TEXT, GST_STREAM_TYPE_AUDIO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_AUDIO).presence);
+    // Of another part of the pipeline, or of nothing.
+    PushCollection({GST_STREAM_TYPE_TEXT});
+    PushCollection({});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_AUDIO).presence);
+}
+
+TEST_F(ShbSinkHarness, TrackThatAnotherSourceFillsIsNotAbsent) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    Writer other = OpenWriter(buffer_, SHB_AUDIO);
+    WritePattern(other, 1, 0, 10);
+    PushCollection({GST_STREAM_TYPE_VIDEO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_AUDIO).presence);
+    other.reset();
+    PushCollection({GST_STREAM_TYPE_VIDEO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_ABSENT}, Stats(SHB_AUDIO).presence);
+}
+
+TEST_F(ShbSinkHarness, CollectionBeforeTheCapsWaitsForThem) {
+    g_object_set(sink_, "media", 48, nullptr);
+    harness_ = gst_harness_new_with_element(sink_, "sink", nullptr);
+    gst_harness_play(harness_);
+    gst_harness_push_event(harness_, gst_event_new_stream_start("test"));
+    PushCollection({GST_STREAM_TYPE_AUDIO});
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_UNKNOWN}, Stats(SHB_AUDIO).presence) << "not even which kind this is";
+    g_object_set(sink_, "media", 19, nullptr);
+    gst_harness_set_src_caps_str(harness_, "audio/x-alaw,rate=8000,channels=1");
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_EXPECTED}, Stats(SHB_AUDIO).presence);
+    EXPECT_EQ(uint32_t{SHB_PRESENCE_ABSENT}, Stats(SHB_VIDEO).presence);
+}
+
+TEST_F(ShbSinkHarness, CollectionAfterTheBufferIsGoneChangesNothing) {
+    g_object_set(sink_, "media", 48, nullptr);
+    Start(kH264Caps);
+    buffer_.reset();
+    PushCollection({GST_STREAM_TYPE_VIDEO});
+    EXPECT_TRUE(Message(GST_MESSAGE_ERROR).empty());
 }
 
 // ---- Stall watch ---------------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
@@ -50,6 +51,14 @@ testing::AssertionResult Contains(const std::string &text, const std::string &pa
     return testing::AssertionFailure() << "\"" << part << "\" is not in: " << text;
 }
 
+struct Umask {
+    explicit Umask(mode_t mask) : before(umask(mask)) {}
+    ~Umask() { umask(before); }
+    Umask(const Umask &) = delete;
+    Umask &operator=(const Umask &) = delete;
+    const mode_t before;
+};
+
 std::string Warnings(const std::vector<std::string> &arguments) {
     std::string all;
     for (const std::string &warning : Good(arguments).warnings) {
@@ -74,6 +83,8 @@ TEST(Options, Defaults) {
     EXPECT_EQ(options.rtmp.contimeout, 10u);
     EXPECT_EQ(options.rtmp.idle_timeout, 0u);
     EXPECT_EQ(options.udp.ts_latency, 700u);
+    EXPECT_EQ(options.buffer_mode, 0600u);
+    EXPECT_FALSE(options.buffer_group);
     EXPECT_EQ(options.udp.mtu, 1492u);
     EXPECT_EQ(options.hls.timeout, 15u);
     EXPECT_EQ(options.hls.retries, 3);
@@ -85,12 +96,14 @@ TEST(Options, Defaults) {
 }
 
 TEST(Options, EveryFlagReachesItsField) {
+    const Umask mask(022);
     const Options options =
         Good(Words("rtsp://h/1 srt://h:1 rtmp://h/a/b udp://h:1 http://h/a.m3u8 --caching 1 --user u --password p --protocols "
                    "tcp,UDP --rtsp-latency 2 --rtsp-contimeout 3 --mode Listener --streamid id --passphrase 0123456789 "
                    "--keylen 32 --srt-latency 4 --tslatency 5 --localaddress 127.0.0.1 --rtmp-contimeout 6 --idle-timeout 7 "
                    "--token t --ts-latency 8 --mtu 9 --hls-timeout 10 --retries -1 --islive 1 --proxy http://p:3128 "
-                   "--proxy-id pi --proxy-pwd pp --user-agent ua --name buffer --video-bytes 16M --audio-bytes 65536 "
+                   "--proxy-id pi --proxy-pwd pp --user-agent ua --name buffer --buffer-mode 0640 --buffer-group 4242 "
+                   "--video-bytes 16M --audio-bytes 65536 "
                    "--duration 2.5 --frames 11 --interval 0.5 --json --color never --log log --dump-video v%d --dump-audio "
                    "a%d --close-timeout 12"));
     EXPECT_TRUE(options.warnings.empty()) << options.warnings.front();
@@ -122,6 +135,8 @@ TEST(Options, EveryFlagReachesItsField) {
     EXPECT_EQ(options.hls.user_agent, "ua");
     EXPECT_EQ(options.name, "buffer");
     EXPECT_EQ(options.video_bytes, 16u << 20);
+    EXPECT_EQ(options.buffer_mode, 0640u);
+    EXPECT_EQ(options.buffer_group, 4242u);
     EXPECT_EQ(options.audio_bytes, 65536u);
     EXPECT_EQ(options.duration, 2.5);
     EXPECT_EQ(options.frames, 11u);
@@ -273,4 +288,30 @@ TEST(Options, DumpPaths) {
     EXPECT_EQ(DumpPath("dir/.hidden", 1, 2), "dir/.hidden.1");
     EXPECT_EQ(DumpPath("cam%d.h264", 7, 1), "cam7.h264");
     EXPECT_EQ(DumpPath("cam%d.h264", 7, 9), "cam7.h264");
+}
+
+TEST(Options, WhoMayReadTheBuffer) {
+    const Umask mask(022);
+    for (const auto &[text, mode] : {std::pair("0600", 0600u), std::pair("604", 0604u), std::pair("0644", 0644u)}) {
+        EXPECT_EQ(Good({"udp://h:1", "--buffer-mode", text}).buffer_mode, mode);
+    }
+    for (const char *text : {"0660", "0700", "0", "06000", "rw", "-600"}) {
+        EXPECT_TRUE(Contains(Refusal({"udp://h:1", std::string("--buffer-mode=") + text}), "is not 0600, 0640, 0604 or 0644"))
+            << text;
+    }
+    EXPECT_EQ(Good({"udp://h:1", "--buffer-mode", "0640", "--buffer-group", "root"}).buffer_group, 0u);
+    EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--buffer-group", "no-such-group"}), "there is no group \"no-such-group\""));
+    for (const char *number : {"4294967295", "99999999999"}) {
+        EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--buffer-group", number}), "is not a whole number from 0 to 4294967294"));
+    }
+    EXPECT_TRUE(Contains(Warnings({"udp://h:1", "--buffer-group", "root"}), "--buffer-group gives nobody access"));
+    EXPECT_EQ(Warnings({"udp://h:1", "--buffer-group", "root", "--buffer-mode", "0640"}), "");
+}
+
+TEST(Options, TheUmaskStandsAboveTheBufferMode) {
+    const Umask mask(077);
+    EXPECT_TRUE(Contains(Warnings({"udp://h:1", "--buffer-mode", "0644"}), "the umask takes permissions off --buffer-mode"));
+    EXPECT_EQ(Warnings({"udp://h:1"}), "");
+    // It is asked for, and stays.
+    EXPECT_EQ(umask(077), 077u);
 }

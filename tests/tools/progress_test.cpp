@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "frame_goal.h"
+#include "presence.h"
 #include "rebuild_counter.h"
 
 using namespace tool;
@@ -69,4 +70,101 @@ TEST_F(FrameGoalTest, CountsAudioOnlyWhenNoVideoFollows) {
     // A video track that was opened will bring frames.
     m_sample.video.epoch = 1;
     EXPECT_FALSE(m_goal.Reached(m_sample, m_now));
+}
+
+class PresenceWatchTest : public ::testing::Test {
+  protected:
+    // One more second of the source, in which tracks that bring data bring a frame.
+    PresenceWatch::Words Second(unsigned session, bool video, bool audio) {
+        m_now += std::chrono::seconds(1);
+        m_sample.video.frames += video ? 1U : 0U;
+        m_sample.audio.frames += audio ? 1U : 0U;
+        const auto words = m_watch.Look(session, m_sample, m_now);
+        m_sample.video.presence = words[SHB_VIDEO].value_or(static_cast<shb_presence_t>(m_sample.video.presence));
+        m_sample.audio.presence = words[SHB_AUDIO].value_or(static_cast<shb_presence_t>(m_sample.audio.presence));
+        return words;
+    }
+    static void Open(TrackSample &track) {
+        ++track.epoch;
+        track.open = true;
+        track.presence = SHB_PRESENCE_EXPECTED;
+    }
+    void OnlyVideo(unsigned session, int seconds) {
+        for (int second = 0; second < seconds; ++second) {
+            Second(session, true, false);
+        }
+    }
+
+    PresenceWatch m_watch;
+    SourceSample m_sample;
+    PresenceWatch::Clock::time_point m_now;
+};
+
+TEST_F(PresenceWatchTest, TheOtherTrackIsAbsentAfterFiveSecondsOfData) {
+    Open(m_sample.video);
+    OnlyVideo(0, 5);
+    EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_UNKNOWN);
+    EXPECT_EQ(Second(0, true, false)[SHB_AUDIO], SHB_PRESENCE_ABSENT);
+    // Said once, and nothing of the track that has data.
+    const auto later = Second(0, true, false);
+    EXPECT_FALSE(later[SHB_VIDEO] || later[SHB_AUDIO]);
+}
+
+TEST_F(PresenceWatchTest, SilenceIsNoDataAndAnOpenTrackIsNotAbsent) {
+    Open(m_sample.video);
+    OnlyVideo(0, 2);
+    for (int second = 0; second < 10; ++second) {
+        EXPECT_FALSE(Second(0, false, false)[SHB_AUDIO]);
+    }
+    Open(m_sample.audio);
+    OnlyVideo(0, 10);
+    EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
+}
+
+TEST_F(PresenceWatchTest, ANewSessionKnowsNothingYet) {
+    Open(m_sample.audio);
+    for (int second = 0; second < 6; ++second) {
+        Second(0, false, true);
+    }
+    EXPECT_EQ(m_sample.video.presence, SHB_PRESENCE_ABSENT);
+    EXPECT_EQ(Second(1, false, true)[SHB_VIDEO], SHB_PRESENCE_UNKNOWN);
+    // The old pipeline brings data until the new one is made; that says nothing of the new one.
+    for (int second = 0; second < 3; ++second) {
+        EXPECT_FALSE(Second(1, false, true)[SHB_VIDEO]);
+    }
+    Open(m_sample.audio);
+    for (int second = 0; second < 5; ++second) {
+        EXPECT_FALSE(Second(1, false, true)[SHB_VIDEO]);
+    }
+    EXPECT_EQ(Second(1, false, true)[SHB_VIDEO], SHB_PRESENCE_ABSENT);
+}
+
+TEST_F(PresenceWatchTest, ATrackThatANewSessionNoLongerHas) {
+    Open(m_sample.video);
+    Open(m_sample.audio);
+    Second(0, true, true);
+    // Seen by the state while the old writers are open.
+    Second(1, false, false);
+    m_sample.audio.open = false;
+    Open(m_sample.video);
+    OnlyVideo(1, 5);
+    EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
+    EXPECT_EQ(Second(1, true, false)[SHB_AUDIO], SHB_PRESENCE_ABSENT);
+}
+
+TEST_F(PresenceWatchTest, ASessionThatShowsByItsTracksAlone) {
+    Open(m_sample.video);
+    Second(0, true, false);
+    Open(m_sample.video);
+    Open(m_sample.audio);
+    OnlyVideo(1, 10);
+    EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
+}
+
+TEST_F(PresenceWatchTest, ATrackThatTheStreamListsIsWaitedFor) {
+    Open(m_sample.video);
+    Second(0, true, false);
+    m_sample.audio.presence = SHB_PRESENCE_EXPECTED;
+    OnlyVideo(0, 10);
+    EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
 }

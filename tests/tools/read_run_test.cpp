@@ -1,5 +1,9 @@
 // The built reader tool and the reader examples, beside buffers of this process and beside a real host.
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,6 +67,8 @@ shb_description_t Picture(int width) {
     description.fps_n = 30000;
     description.fps_d = 1001;
     description.ref_frames = 3;
+    std::strcpy(description.format, "byte-stream");
+    description.reorder_frames = 2;
     return description;
 }
 
@@ -80,7 +86,8 @@ Json Listed(const std::string &name) {
 
 // A buffer of this process with one video track.
 struct OwnBuffer {
-    explicit OwnBuffer(const std::string &test) : name(BufferName(test)) {
+    explicit OwnBuffer(const std::string &test, const std::string &known = "")
+        : name(known.empty() ? BufferName(test) : known) {
         buffer = shbtest::Create(name, shbtest::SmallGeometry());
         writer = shbtest::OpenWriter(buffer);
     }
@@ -94,6 +101,39 @@ struct OwnBuffer {
     shbtest::Writer writer;
 };
 
+// A process that makes a buffer with one frame, stands still and is killed in the end: its file can be cut
+// short, which would end a process that goes on writing.
+class StoppedMaker {
+  public:
+    explicit StoppedMaker(const std::string &test) : m_name(BufferName(test)), m_id(fork()) {
+        if (m_id == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const OwnBuffer own(test, m_name);
+            own.Write(1, 0, 1);
+            for (;;) {
+                raise(SIGSTOP);
+            }
+        }
+        int status = 0;
+        EXPECT_TRUE(waitpid(m_id, &status, WUNTRACED) == m_id && WIFSTOPPED(status));
+    }
+    ~StoppedMaker() {
+        kill(m_id, SIGKILL);
+        waitpid(m_id, nullptr, 0);
+        for (const std::string &file : MemoryOf(m_name)) {
+            unlink(file.c_str());
+        }
+    }
+    StoppedMaker(const StoppedMaker &) = delete;
+    StoppedMaker &operator=(const StoppedMaker &) = delete;
+    const std::string &Name() const { return m_name; }
+    void CutShort() const { EXPECT_EQ(truncate(("/dev/shm/" + m_name).c_str(), 0), 0); }
+
+  private:
+    const std::string m_name;
+    const pid_t m_id;
+};
+
 struct RemoveAtEnd {
     const std::string path;
     ~RemoveAtEnd() { unlink(path.c_str()); }
@@ -102,7 +142,7 @@ struct RemoveAtEnd {
 // Takes away what a host that was killed leaves; stands before it, so that it goes after it.
 struct RemoveLeftover {
     const std::string name;
-    ~RemoveLeftover() { shb_remove(name.c_str(), 0); }
+    ~RemoveLeftover() { shb_remove(name.c_str(), 1); }
 };
 
 bool Stopped(const Child &child) {
@@ -176,8 +216,9 @@ TEST(ReadRun, ListTellsOfEveryBuffer) {
     const auto age = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - before);
     ASSERT_TRUE(record.is_object());
     ExpectFields(record, {{"type", "buffer"}, {"state", "alive"}, {"alive", true}, {"creator_pid", getpid()}});
+    ExpectFields(record, {{"creator_pid_here", true}, {"owner_uid", getuid()}, {"group_gid", getgid()}, {"mode", "0600"}});
     EXPECT_LE(record["heartbeat_age_ms"], age.count());
-    EXPECT_GE(record["layout_version"], 2);
+    EXPECT_GE(record["layout_version"], 3);
     EXPECT_GT(record["total_bytes"], 2 * 65536);
     ExpectFields(record, {{"channels", 1},
                           {"streams", 1},
@@ -193,7 +234,70 @@ TEST(ReadRun, ListTellsOfEveryBuffer) {
     EXPECT_EQ(lines[0].rfind("NAME ", 0), 0u);
     const auto line = std::find_if(lines.begin(), lines.end(), [&own](const auto &one) { return one.rfind(own.name, 0) == 0; });
     ASSERT_NE(line, lines.end());
-    EXPECT_TRUE(Has(*line, " alive ") && Has(*line, std::to_string(getpid())) && Has(*line, "64K/16")) << *line;
+    const passwd *user = getpwuid(getuid());
+    const std::string owner = user != nullptr ? user->pw_name : std::to_string(getuid());
+    EXPECT_TRUE(Has(*line, " alive ") && Has(*line, " " + owner + " ") && Has(*line, "64K/16")) << *line;
+    EXPECT_TRUE(Has(*line, std::to_string(getpid()) + " ")) << *line;
+}
+
+// Its number means another process here, or none.
+TEST(ReadRun, ACreatorOfAnotherPidNamespaceIsMarked) {
+    const std::vector<std::string> isolated{"unshare", "--user", "--map-root-user", "--pid", "--fork", "--kill-child"};
+    auto probe = isolated;
+    probe.emplace_back("true");
+    Child allowed(probe);
+    if (allowed.Wait() != 0) {
+        GTEST_SKIP() << "no PID namespace for tests: " << allowed.Err();
+    }
+    const std::string name = BufferName("namespace");
+    const RemoveLeftover leftover{name};
+    auto command = isolated;
+    for (const std::string &argument : Hosting({UdpUrl(FreeUdpPort()), "--name", name})) {
+        command.push_back(argument);
+    }
+    Child host(command);
+    ASSERT_TRUE(WaitWhileRunning(host, [&name] { return Listed(name).is_object(); })) << host.Err();
+    ExpectFields(Listed(name), {{"creator_pid", 1}, {"creator_pid_here", false}, {"state", "alive"}});
+    Child table(Reading({"list"}));
+    EXPECT_EQ(table.Wait(), 0);
+    EXPECT_TRUE(Has(table.Out(), " 1 (other) ")) << table.Out();
+    Child tracks(Reading({"tracks", name}));
+    EXPECT_EQ(tracks.Wait(), 0);
+    EXPECT_TRUE(Has(tracks.Out(), "made by process 1 (other), ")) << tracks.Out();
+}
+
+TEST(ReadRun, ABufferOfAnotherUserNamesItsOwner) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    const OwnBuffer own("shut");
+    for (const char *command : {"tracks", "read"}) {
+        const std::vector<std::string> reading = Reading({command, own.name});
+        std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+        nobody.insert(nobody.end(), reading.begin(), reading.end());
+        Child child(nobody);
+        EXPECT_EQ(child.Wait(), 1);
+        EXPECT_EQ(child.Err(), "gst-source-read: " + own.name + ": it belongs to root and is not for this user\n");
+    }
+}
+
+TEST(ReadRun, AFileThatIsCutShortIsNoCrash) {
+    for (const std::vector<std::string> &flags : std::vector<std::vector<std::string>>{{}, {"--follow"}}) {
+        const StoppedMaker maker("cut");
+        std::vector<std::string> reading{"read", maker.Name(), "--start", "oldest"};
+        reading.insert(reading.end(), flags.begin(), flags.end());
+        Child read(Reading(reading));
+        Child watch(Reading({"tracks", maker.Name(), "--watch", "0.1"}));
+        ASSERT_TRUE(WaitWhileRunning(read, [&read] { return read.Out().size() == 100; })) << read.Err();
+        ASSERT_TRUE(WaitWhileRunning(watch, [&watch] { return Has(watch.Out(), "0.0 video"); })) << watch.Err();
+        maker.CutShort();
+        EXPECT_EQ(read.Wait(), 1);
+        ASSERT_FALSE(Lines(read.Err()).empty());
+        EXPECT_EQ(Lines(read.Err()).back(), "gst-source-read: " + maker.Name() + ": " + shb_strerror(SHB_ERR_CORRUPT));
+        EXPECT_EQ(watch.Wait(), 1);
+        EXPECT_EQ(watch.Err(),
+                  std::string("gst-source-read: the shared buffer cannot be read: ") + shb_strerror(SHB_ERR_CORRUPT) + "\n");
+    }
 }
 
 TEST(ReadRun, ListTellsOfOtherVersions) {
@@ -282,7 +386,7 @@ TEST(ReadRun, SeveralLiveBuffersAreNamed) {
 TEST(ReadRun, TracksTellWhatTheirWriterTold) {
     OwnBuffer own("tracks");
     const shb_description_t description = Picture(1920);
-    ASSERT_EQ(shb_writer_describe(own.writer.get(), &description), SHB_OK);
+    ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, "codec", 5), SHB_OK);
     own.Write(1, 0, 20);
     const std::vector<char> huge(70'000);
     ASSERT_EQ(shb_writer_write(own.writer.get(), huge.data(), huge.size(), 0, 0, 0, 0), SHB_ERR_TOO_BIG);
@@ -303,6 +407,10 @@ TEST(ReadRun, TracksTellWhatTheirWriterTold) {
                          {"codec", "H264"},
                          {"profile", "high"},
                          {"level", "4.1"},
+                         {"format", "byte-stream"},
+                         {"codec_data_bytes", 5},
+                         {"reorder_frames", 2},
+                         {"presence", "expected"},
                          {"width_px", 1920},
                          {"height_px", 1080},
                          {"scan", "progressive"},
@@ -323,10 +431,33 @@ TEST(ReadRun, TracksTellWhatTheirWriterTold) {
     ExpectFields(closed, {{"frames", 0}, {"total_frames", 20}, {"total_bytes", 2000}, {"bitrate_bps", 0}, {"measured_fps", 0}});
 }
 
+TEST(ReadRun, TracksThatTheSourceDoesNotHave) {
+    const OwnBuffer own("absent");
+    ASSERT_EQ(shb_set_presence(own.buffer.get(), 0, 0, SHB_AUDIO, SHB_PRESENCE_ABSENT), SHB_OK);
+    Child json(Reading({"tracks", own.name, "--json"}));
+    EXPECT_EQ(json.Wait(), 0) << json.Err();
+    const std::vector<Json> records = Records(json.Out());
+    ASSERT_EQ(records.size(), 2u);
+    ExpectFields(records[0], {{"kind", "video"}, {"presence", "expected"}, {"epoch", 1}, {"codec_data_bytes", nullptr}});
+    ExpectFields(records[1], {{"kind", "audio"}, {"presence", "absent"}, {"epoch", 0}, {"codec", nullptr}});
+    const auto line = [&own](size_t number) {
+        Child table(Reading({"tracks", own.name}));
+        EXPECT_EQ(table.Wait(), 0) << table.Err();
+        return Lines(table.Out()).at(number);
+    };
+    EXPECT_EQ(line(2).rfind("0.0 video  - ", 0), 0u) << line(2);
+    EXPECT_EQ(line(3).rfind("0.0 audio  absent ", 0), 0u) << line(3);
+    ASSERT_EQ(shb_set_presence(own.buffer.get(), 0, 0, SHB_AUDIO, SHB_PRESENCE_EXPECTED), SHB_OK);
+    EXPECT_EQ(line(3).rfind("0.0 audio  expected ", 0), 0u) << line(3);
+    // Also one that has carried data.
+    ASSERT_EQ(shb_set_presence(own.buffer.get(), 0, 0, SHB_VIDEO, SHB_PRESENCE_ABSENT), SHB_OK);
+    EXPECT_EQ(line(2).rfind("0.0 video  absent ", 0), 0u) << line(2);
+}
+
 TEST(ReadRun, TracksAsATable) {
     const OwnBuffer own("table");
     const shb_description_t description = Picture(1920);
-    ASSERT_EQ(shb_writer_describe(own.writer.get(), &description), SHB_OK);
+    ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
     own.Write(1, 0, 3);
     Child child(Reading({"tracks", "/" + own.name}));
     EXPECT_EQ(child.Wait(), 0) << child.Err();
@@ -426,10 +557,16 @@ TEST(ReadRun, FramesOneBehindTheOther) {
 TEST(ReadRun, JsonTellsAboutEachFrame) {
     OwnBuffer own("json");
     const shb_description_t first = Picture(1920);
-    const shb_description_t second = Picture(1280);
-    ASSERT_EQ(shb_writer_describe(own.writer.get(), &first), SHB_OK);
+    shb_description_t second = Picture(1280);
+    second.reorder_frames = -1;
+    const auto now = [](auto clock) {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(clock.time_since_epoch()).count();
+    };
+    const auto before = std::pair(now(std::chrono::steady_clock::now()), now(std::chrono::system_clock::now()));
+    ASSERT_EQ(shb_writer_describe(own.writer.get(), &first, "codec", 5), SHB_OK);
     own.Write(1, 0, 2);
-    ASSERT_EQ(shb_writer_describe(own.writer.get(), &second), SHB_OK);
+    ASSERT_EQ(shb_writer_describe(own.writer.get(), &second, nullptr, 0), SHB_OK);
+    ASSERT_EQ(shb_writer_set_clock(own.writer.get(), -1234), SHB_OK);
     ASSERT_EQ(shb_writer_write(own.writer.get(), "xyz", 3, SHB_TIME_NONE, SHB_TIME_NONE, SHB_TIME_NONE,
                                SHB_FRAME_DISCONT | SHB_FRAME_HEADER),
               SHB_OK);
@@ -438,13 +575,24 @@ TEST(ReadRun, JsonTellsAboutEachFrame) {
     Child child(Reading({"read", own.name, "--start", "oldest", "--json", "--output", dir.File("payload"), "--frames", "3"}));
     EXPECT_EQ(child.Wait(), 0) << child.Err();
     EXPECT_EQ(ReadAll(dir.File("payload")), Frame(1, 0, 100) + Frame(1, 1, 100) + "xyz");
-    const std::vector<Json> frames = Records(child.Out());
+    std::vector<Json> frames = Records(child.Out());
     ASSERT_EQ(frames.size(), 3u);
+    for (Json &frame : frames) {
+        EXPECT_GE(frame["arrival_ns"], before.first);
+        EXPECT_LE(frame["arrival_ns"], now(std::chrono::steady_clock::now()));
+        EXPECT_GE(frame["wall_ns"], before.second);
+        EXPECT_LE(frame["wall_ns"], now(std::chrono::system_clock::now()));
+        frame.erase("arrival_ns");
+        frame.erase("wall_ns");
+    }
     EXPECT_EQ(frames[1], Json({{"type", "frame"},
                                {"creator_pid", getpid()},
                                {"epoch", 1},
                                {"sequence", 1},
                                {"lost", 0},
+                               {"lost_before", 0},
+                               {"left_out", 0},
+                               {"clock_offset_ns", nullptr},
                                {"pts_ns", 40},
                                {"dts_ns", 41},
                                {"duration_ns", 40},
@@ -457,6 +605,9 @@ TEST(ReadRun, JsonTellsAboutEachFrame) {
     EXPECT_EQ(frames[0]["description"]["codec"], "H264");
     EXPECT_EQ(frames[0]["description"]["width_px"], 1920);
     EXPECT_EQ(frames[0]["description"]["announced_fps"], 29.97);
+    ExpectFields(frames[0]["description"], {{"format", "byte-stream"}, {"codec_data_bytes", 5}, {"reorder_frames", 2}});
+    ExpectFields(frames[2]["description"], {{"codec_data_bytes", 0}, {"reorder_frames", nullptr}});
+    EXPECT_EQ(frames[2]["clock_offset_ns"], -1234);
     EXPECT_EQ(frames[2]["description"]["width_px"], 1280);
     EXPECT_TRUE(frames[2]["pts_ns"].is_null() && frames[2]["dts_ns"].is_null() && frames[2]["duration_ns"].is_null());
     EXPECT_EQ(frames[2]["discontinuity"], true);
@@ -488,6 +639,51 @@ TEST(ReadRun, LossesAreTold) {
     EXPECT_EQ(lost + frames.size(), 101u);
     EXPECT_EQ(CountOf(child.Err(), " lost before frame "), losses) << child.Err();
     EXPECT_TRUE(Has(child.Err(), std::to_string(lost) + " lost, in ")) << child.Err();
+}
+
+TEST(ReadRun, LossesAtTheEndOfAnEpochAreTold) {
+    OwnBuffer own("ends");
+    Child child(Reading({"read", own.name, "--start", "oldest", "--follow", "--json"}));
+    own.Write(1, 0, 1);
+    ASSERT_TRUE(WaitWhileRunning(child, [&child] { return Records(child.Out()).size() == 1; })) << child.Err();
+    child.Signal(SIGSTOP);
+    ASSERT_TRUE(WaitFor([&child] { return Stopped(child); }));
+    own.Write(1, 1, 51);
+    own.writer.reset();
+    own.writer = shbtest::OpenWriter(own.buffer);
+    own.Write(2, 0, 100);
+    child.Signal(SIGCONT);
+    ASSERT_TRUE(WaitWhileRunning(child, [&child] { return Records(child.Out()).back()["sequence"] == 99; })) << child.Err();
+    child.Signal(SIGINT);
+    EXPECT_EQ(child.Wait(), 0) << child.Err();
+    const std::vector<Json> frames = Records(child.Out());
+    uint64_t lost = 0;
+    uint64_t lost_before = 0;
+    for (const Json &frame : frames) {
+        lost += frame["lost"].get<uint64_t>();
+        lost_before += frame["lost_before"].get<uint64_t>();
+    }
+    EXPECT_EQ(lost + frames.size(), 151u);
+    EXPECT_GT(lost_before, 0u);
+    EXPECT_TRUE(Has(child.Err(), " of epoch 2, " + std::to_string(lost_before) + " of them in earlier epochs\n"))
+        << child.Err();
+}
+
+TEST(ReadRun, FramesLargerThanTheTrackAreTold) {
+    OwnBuffer own("huge");
+    own.Write(1, 0, 1);
+    const std::vector<char> huge(70'000);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(shb_writer_write(own.writer.get(), huge.data(), huge.size(), 0, 0, 0, 0), SHB_ERR_TOO_BIG);
+    }
+    own.Write(1, 1, 2);
+    Child child(Reading({"read", own.name, "--start", "oldest", "--json", "--frames", "2"}));
+    EXPECT_EQ(child.Wait(), 0) << child.Err();
+    const std::vector<Json> frames = Records(child.Out());
+    ASSERT_EQ(frames.size(), 2u);
+    ExpectFields(frames[0], {{"left_out", 0}, {"discontinuity", false}});
+    ExpectFields(frames[1], {{"left_out", 2}, {"lost", 0}, {"discontinuity", true}});
+    EXPECT_TRUE(Has(child.Err(), ": 2 frames larger than the track were left out before frame 1 of epoch 1\n")) << child.Err();
 }
 
 TEST(ReadRun, FollowsWritersAndBuffers) {
@@ -645,7 +841,7 @@ namespace {
 
 // The library comes into a Python that knows nothing of its sanitizer.
 Child::Variables PythonVariables() {
-    Child::Variables variables{{"SHB_LIBRARY", FromEnvironment("SHB_LIBRARY", "libshb.so.1")}};
+    Child::Variables variables{{"SHB_LIBRARY", FromEnvironment("SHB_LIBRARY", "libshb.so.2")}};
     for (const std::string &line : Lines(ReadAll("/proc/self/maps"))) {
         const size_t path = line.find('/');
         if (path != std::string::npos && Has(line, "/libasan.so")) {
@@ -746,7 +942,7 @@ TEST(ReadRunBesideAHost, ExamplesTellLossesAndChanges) {
     for (const std::vector<std::string> &command : {std::vector<std::string>{example}, {"python3", script}}) {
         OwnBuffer own("examples");
         shb_description_t description = Picture(1920);
-        ASSERT_EQ(shb_writer_describe(own.writer.get(), &description), SHB_OK);
+        ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
         own.Write(1, 0, 1);
         auto with_name = command;
         with_name.push_back(own.name);
@@ -755,7 +951,7 @@ TEST(ReadRunBesideAHost, ExamplesTellLossesAndChanges) {
         child.Signal(SIGSTOP);
         ASSERT_TRUE(WaitFor([&child] { return Stopped(child); }));
         description = Picture(1280);
-        ASSERT_EQ(shb_writer_describe(own.writer.get(), &description), SHB_OK);
+        ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
         own.Write(1, 1, 102);
         own.writer.reset();
         own.buffer.reset();
@@ -766,6 +962,28 @@ TEST(ReadRunBesideAHost, ExamplesTellLossesAndChanges) {
                   (std::vector<std::string>{"H264 high 1920x1080", "99 frames lost before frame 100", "H264 high 1280x1080"}));
         EXPECT_EQ(child.Out(), Frame(1, 0, 100) + Frame(1, 100, 100) + Frame(1, 101, 100));
     }
+}
+
+TEST(ReadRunBesideAHost, TheHostSaysWhichTrackTheSourceDoesNotHave) {
+    const std::string name = BufferName("presence");
+    const RemoveLeftover leftover{name};
+    const std::string url = UdpUrl(FreeUdpPort());
+    Sender sender(url, false);
+    Child host(Hosting({url, "--name", name}));
+    const auto presence = [&name](const char *kind) -> Json {
+        Child tracks(Reading({"tracks", name, "--json"}));
+        tracks.Wait();
+        for (const Json &record : Records(tracks.Out())) {
+            if (record["kind"] == kind) {
+                return record["presence"];
+            }
+        }
+        return nullptr;
+    };
+    EXPECT_TRUE(WaitWhileRunning(host, [&] { return presence("video") == "absent"; })) << host.Err();
+    EXPECT_EQ(presence("audio"), "expected");
+    host.Signal(SIGTERM);
+    EXPECT_EQ(host.Wait(), 0) << host.Err();
 }
 
 TEST(ReadRunBesideAHost, FollowsAHostThatIsKilledAndStartedAgain) {

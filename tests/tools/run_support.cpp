@@ -45,12 +45,24 @@ Sender::Sender(const std::string &url, bool video) : Child(SendCommand(url, vide
     EXPECT_TRUE(WaitWhileRunning(*this, [this] { return Has(Out(), "progress=continue"); })) << Err();
 }
 
-bool MemoryLeft(const std::string &name) {
-    const std::filesystem::directory_iterator files("/dev/shm");
-    return std::any_of(begin(files), end(files), [&name](const auto &entry) {
+std::vector<std::string> MemoryOf(const std::string &name) {
+    std::vector<std::string> paths;
+    for (const auto &entry : std::filesystem::directory_iterator("/dev/shm")) {
         const std::string file = entry.path().filename();
-        return file == name || file.rfind(name + "+", 0) == 0;
-    });
+        if (file == name || file.rfind(name + "+", 0) == 0) {
+            paths.push_back(entry.path());
+            const size_t token = file.find('+');
+            const std::filesystem::path socket = "/dev/shm/" + file.substr(std::min(token, file.size()));
+            if (token != std::string::npos && std::filesystem::exists(socket)) {
+                paths.push_back(socket);
+            }
+        }
+    }
+    return paths;
+}
+
+bool MemoryLeft(const std::string &name) {
+    return !MemoryOf(name).empty();
 }
 
 std::string BufferName(const std::string &test) {

@@ -37,7 +37,8 @@ class Sender : public Child {
     explicit Sender(const std::string &url, bool video = true);
 };
 
-// The buffer or its second file, whose name goes on behind a "+".
+// The files of a buffer: one of its name, one whose name goes on behind a "+", and one of what stands there.
+std::vector<std::string> MemoryOf(const std::string &name);
 bool MemoryLeft(const std::string &name);
 
 // One that no other run has.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -87,14 +88,77 @@ TEST(Run, HelpAndVersion) {
 
 TEST(Run, WrongCommandLinesOpenNothing) {
     const std::string name = BufferName("run-wrong");
-    for (const std::vector<std::string> &arguments : std::vector<std::vector<std::string>>{
-             {"--name", name}, {"--name", name, "ftp://127.0.0.1/x"}, {"--name", name, "udp://127.0.0.1:1", "--mtu", "-5"}}) {
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{"--name", name},
+                                               {"--name", name, "ftp://127.0.0.1/x"},
+                                               {"--name", name, "udp://127.0.0.1:1", "--mtu", "-5"},
+                                               {"--name", name, "udp://127.0.0.1:1", "--buffer-mode", "0666"},
+                                               {"--name", name, "udp://127.0.0.1:1", "--buffer-group", "no-such-group"}}) {
         Child child(Command(arguments));
         EXPECT_EQ(child.Wait(), 2);
         EXPECT_EQ(child.Out(), "");
         EXPECT_EQ(Lines(child.Err()).size(), 1u) << child.Err();
         EXPECT_FALSE(MemoryLeft(name));
     }
+}
+
+TEST(Run, ReadersOfTheGroupAreAskedFor) {
+    const std::string name = BufferName("run-mode");
+    const std::string url = UdpUrl(FreeUdpPort());
+    const std::string group = std::to_string(getgid());
+    for (const auto &[flags, mode] : std::vector<std::pair<std::vector<std::string>, mode_t>>{
+             {{}, 0600}, {{"--buffer-mode", "0640", "--buffer-group", group}, 0640}, {{"--buffer-mode", "0604"}, 0604}}) {
+        std::vector<std::string> command = Command({url, "--name", name});
+        command.insert(command.end(), flags.begin(), flags.end());
+        Child child(command);
+        ASSERT_TRUE(WaitWhileRunning(child, [&child] { return Has(child.Out(), "flow=none"); })) << child.Err();
+        struct stat file {};
+        ASSERT_EQ(stat(("/dev/shm/" + name).c_str(), &file), 0);
+        EXPECT_EQ(file.st_mode & 07777, mode);
+        EXPECT_EQ(file.st_gid, getgid());
+        child.Signal(SIGTERM);
+        EXPECT_EQ(child.Wait(), 1);
+        EXPECT_FALSE(MemoryLeft(name));
+    }
+}
+
+TEST(Run, AGroupOfOthersIsRefused) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "only root can be another user";
+    }
+    const std::string name = BufferName("run-group");
+    std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    const std::vector<std::string> command =
+        Command({UdpUrl(FreeUdpPort()), "--name", name, "--buffer-mode", "0640", "--buffer-group", "0"});
+    nobody.insert(nobody.end(), command.begin(), command.end());
+    Child child(nobody);
+    EXPECT_EQ(child.Wait(), 1);
+    EXPECT_EQ(Complaints(child.Err()),
+              std::vector<std::string>{"gst-source: the shared buffer " + name +
+                                       " cannot be made: this user is not in the group of --buffer-group"});
+    EXPECT_FALSE(MemoryLeft(name));
+}
+
+// In a small /dev/shm of its own.
+TEST(Run, TooLittleSharedMemoryIsCounted) {
+    const std::vector<std::string> isolated{"unshare", "--user", "--map-root-user", "--mount", "sh", "-ec"};
+    auto probe = isolated;
+    probe.emplace_back("mount -t tmpfs -o size=1m none /dev/shm");
+    Child allowed(probe);
+    if (allowed.Wait() != 0) {
+        GTEST_SKIP() << "no mount namespace for tests: " << allowed.Err();
+    }
+    auto command = isolated;
+    command.emplace_back(probe.back() + "\nexec \"$0\" \"$1\" --name small");
+    command.push_back(Tool());
+    command.push_back(UdpUrl(FreeUdpPort()));
+    Child child(command);
+    EXPECT_EQ(child.Wait(), 1);
+    const std::vector<std::string> complaints = Complaints(child.Err());
+    ASSERT_EQ(complaints.size(), 1u) << child.Err();
+    const std::string begin = "gst-source: the shared buffer small cannot be made: No space left on device; it takes 9.";
+    EXPECT_EQ(complaints[0].rfind(begin, 0), 0u) << complaints[0];
+    EXPECT_TRUE(Has(complaints[0], " MB of shared memory, and 1.05 MB are free. Give smaller --video-bytes")) << complaints[0];
 }
 
 TEST(Run, NothingArrives) {
@@ -231,10 +295,13 @@ TEST(Run, CrashLeavesNoMemory) {
     const std::string name = BufferName("run-crash");
     Child child(Command({UdpUrl(FreeUdpPort()), "--name", name}));
     ASSERT_TRUE(WaitWhileRunning(child, [&child] { return Has(child.Err(), "pthread start"); }));
-    EXPECT_TRUE(MemoryLeft(name));
+    const std::vector<std::string> files = MemoryOf(name);
+    EXPECT_EQ(files.size(), 3u);
     child.Signal(SIGABRT);
     EXPECT_EQ(child.Wait(), 256 + SIGABRT);
-    EXPECT_FALSE(MemoryLeft(name));
+    for (const std::string &file : files) {
+        EXPECT_FALSE(std::filesystem::exists(file)) << file;
+    }
 }
 
 TEST(Run, SecondSignalLeavesASourceThatDoesNotClose) {

@@ -16,7 +16,7 @@ constexpr std::string_view kShowCursor = "\x1b[?25h\x1b[0m";
 
 // Longer than any path of a shared buffer.
 constexpr size_t kPathSize = 512;
-std::array<std::array<char, kPathSize>, 2> g_files{};
+std::array<std::array<char, kPathSize>, 3> g_files{};
 std::atomic<size_t> g_file_count{0};
 std::atomic<int> g_terminal{-1};
 std::atomic<int> g_log_pipe{-1};

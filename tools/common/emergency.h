@@ -7,7 +7,7 @@
 
 namespace tool::emergency {
 
-// Files of the shared buffer, at most two, removed by Clean(); none when empty.
+// Files of the shared buffer, at most three, removed by Clean(); none when empty.
 void RemoveFiles(const std::vector<std::string_view> &paths);
 
 // Terminal whose cursor Clean() shows again; -1 for none.

@@ -14,6 +14,11 @@ template <typename Number>
 Record NumberOrNull(Number number) {
     return number > 0 ? Record(number) : Record(nullptr);
 }
+// The same where 0 is a value: null below it.
+template <typename Number>
+Record CountOrNull(Number number) {
+    return number >= 0 ? Record(number) : Record(nullptr);
+}
 // To a thousandth, because a float like 29.97 has more digits than it means.
 double Rounded(double value);
 // "progressive", "interlaced" or "mixed", as the scan type of a description says.

@@ -1,5 +1,8 @@
 #include "buffers.h"
 
+#include <pwd.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -12,6 +15,7 @@ namespace reader {
 std::string Reason(int result) {
     switch (result) {
         case SHB_ERR_SYSTEM:
+        case SHB_ERR_NO_SPACE:
             return std::strerror(errno);
         case SHB_ERR_ARG:
             return "not a name that a shared buffer can have";
@@ -22,8 +26,20 @@ std::string Reason(int result) {
     }
 }
 
+std::string AttachReason(const std::string &name, int result) {
+    const bool refused = result == SHB_ERR_SYSTEM && errno == EACCES;
+    const std::string reason = Reason(result);
+    struct stat file {};
+    const std::string path = "/dev/shm/" + name.substr(name.find_first_not_of('/'));
+    if (refused && stat(path.c_str(), &file) == 0) {
+        return name + ": it belongs to " + UserName(file.st_uid) + " and is not for this user";
+    }
+    return name + ": " + reason;
+}
+
 std::vector<shb_info_t> ListBuffers() {
-    std::vector<shb_info_t> buffers;
+    // The first tells the library the size of each.
+    std::vector<shb_info_t> buffers(1);
     for (;;) {
         size_t count = 0;
         const int result = shb_list(buffers.data(), buffers.size(), &count);
@@ -69,32 +85,32 @@ Map Attach(const std::string &name) {
     shb_map_t *map = nullptr;
     const int result = shb_attach(name.c_str(), &map);
     if (result != SHB_OK) {
-        throw std::runtime_error(name + ": " + Reason(result));
+        throw std::runtime_error(AttachReason(name, result));
     }
     return Map(map);
 }
 
-Map TryAttach(const std::string &name) {
+Map TryAttachLive(const std::string &name) {
     shb_map_t *map = nullptr;
     const int result = shb_attach(name.c_str(), &map);
     if (result == SHB_OK) {
-        return Map(map);
+        Map attached(map);
+        return shb_map_alive(map) != 0 ? std::move(attached) : nullptr;
     }
     // One that is just being replaced may be there in part.
     if (result == SHB_ERR_NOT_FOUND || result == SHB_ERR_VERSION || result == SHB_ERR_CORRUPT) {
         return nullptr;
     }
-    throw std::runtime_error(name + ": " + Reason(result));
+    throw std::runtime_error(AttachReason(name, result));
 }
 
-Map TryAttachLive(const std::string &name) {
-    Map map = TryAttach(name);
-    return map != nullptr && shb_map_alive(map.get()) != 0 ? std::move(map) : nullptr;
-}
-
-shb_info_t InfoOf(const Map &map) {
+shb_info_t InfoOf(const shb_map_t *map) {
     shb_info_t info{};
-    const int result = shb_map_info(map.get(), &info);
+    int result = shb_map_info(map, &info);
+    // What was attached has had a geometry: its file has been cut short.
+    if (result == SHB_OK && !Readable(info)) {
+        result = SHB_ERR_CORRUPT;
+    }
     if (result != SHB_OK) {
         throw std::runtime_error(std::string("the shared buffer cannot be read: ") + Reason(result));
     }
@@ -113,18 +129,42 @@ bool Readable(const shb_info_t &info) {
     return info.geometry.channels > 0;
 }
 
+std::string CreatorOf(const shb_info_t &info) {
+    return std::to_string(info.creator_pid) + (info.pid_is_ours != 0 ? "" : " (other)");
+}
+
+std::string UserName(uint32_t user) {
+    const passwd *known = getpwuid(user);
+    return known != nullptr ? known->pw_name : std::to_string(user);
+}
+
 const char *KindName(shb_kind_t kind) {
     return kind == SHB_VIDEO ? "video" : "audio";
 }
 
+const char *PresenceName(uint32_t presence) {
+    switch (presence) {
+        case SHB_PRESENCE_EXPECTED:
+            return "expected";
+        case SHB_PRESENCE_ABSENT:
+            return "absent";
+        default:
+            return "unknown";
+    }
+}
+
 std::vector<Track> TracksOf(const Map &map) {
     std::vector<Track> tracks;
-    const shb_geometry_t geometry = InfoOf(map).geometry;
+    const shb_geometry_t geometry = InfoOf(map.get()).geometry;
     for (uint32_t channel = 0; channel < geometry.channels; ++channel) {
         for (uint32_t stream = 0; stream < geometry.streams; ++stream) {
             for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
                 Track track{channel, stream, kind, {}, {}};
-                if (shb_map_stats(map.get(), channel, stream, kind, &track.stats) != SHB_OK || track.stats.epoch == 0) {
+                const int result = shb_map_stats(map.get(), channel, stream, kind, &track.stats);
+                if (result != SHB_OK) {
+                    throw std::runtime_error("the shared buffer cannot be read: " + Reason(result));
+                }
+                if (track.stats.epoch == 0 && track.stats.presence == SHB_PRESENCE_UNKNOWN) {
                     continue;
                 }
                 shb_description_t description{};

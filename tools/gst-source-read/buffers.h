@@ -14,14 +14,12 @@ namespace reader {
 struct DetachMap {
     void operator()(shb_map_t *map) const { shb_detach(map); }
 };
-struct CloseReader {
-    void operator()(shb_reader_t *reader) const { shb_reader_close(reader); }
-};
 using Map = std::unique_ptr<shb_map_t, DetachMap>;
-using Reader = std::unique_ptr<shb_reader_t, CloseReader>;
 
 // Text of a failed call; to be asked before errno changes.
 std::string Reason(int result);
+// The same of a call that attaches, with the name: one who is shut out learns by whom.
+std::string AttachReason(const std::string &name, int result);
 
 // All functions throw std::runtime_error with a message for people, unless they say otherwise.
 
@@ -32,16 +30,18 @@ std::string NameOf(const shb_info_t &info);
 std::string ChooseName(const std::string &name);
 
 Map Attach(const std::string &name);
-// Null when there is no such buffer, or none that can be read yet.
-Map TryAttach(const std::string &name);
-// The same, but only one whose creator is alive.
+// Null when there is no such buffer, none that can be read yet, or one whose creator is not alive.
 Map TryAttachLive(const std::string &name);
-shb_info_t InfoOf(const Map &map);
+shb_info_t InfoOf(const shb_map_t *map);
 
 // "alive", "stopped" when its creator lives and shows no sign of it, "stale" when the creator has gone.
 const char *StateOf(const shb_info_t &info);
 // Nothing in buffers of other layout versions.
 bool Readable(const shb_info_t &info);
+// "1234", with " (other)" behind a number that means another process here: the creator has its own PID namespace.
+std::string CreatorOf(const shb_info_t &info);
+// The user's name, or the number where nobody has a name for it.
+std::string UserName(uint32_t user);
 
 struct Track {
     uint32_t channel = 0;
@@ -52,7 +52,9 @@ struct Track {
 };
 
 const char *KindName(shb_kind_t kind);
-// Tracks that have had a writer.
+// "unknown", "expected", "absent".
+const char *PresenceName(uint32_t presence);
+// Tracks that have had a writer, or of which the source has said whether it has them.
 std::vector<Track> TracksOf(const Map &map);
 
 // "H264 high level 4.1 640x360p 25 fps", "AAC 48000 Hz 2 ch".

@@ -1,12 +1,8 @@
 #include "follower.h"
 
-#include <poll.h>
-
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
-#include "interrupts.h"
 #include "text.h"
 
 namespace reader {
@@ -14,20 +10,32 @@ namespace {
 
 constexpr size_t kFirstCapacity = size_t{256} * 1024;
 
-bool SameMedia(shb_description_t left, shb_description_t right) {
-    left.serial = right.serial = 0;
-    return std::memcmp(&left, &right, sizeof left) == 0;
+// Of the writer that has the track, or, when there is none, of the next one.
+uint64_t EpochInForce(const shb_map_t *map, const Options &options) {
+    shb_stats_t stats{};
+    shb_map_stats(map, options.channel, options.stream, options.kind, &stats);
+    return stats.writer_pid != 0 ? stats.epoch : stats.epoch + 1;
 }
 
 }  // namespace
 
 Follower::Follower(const Options &options, std::string name, Tell tell)
     : m_options(options), m_name(std::move(name)), m_tell(std::move(tell)), m_data(kFirstCapacity) {
-    if (Map map = m_options.follow ? TryAttach(m_name) : Attach(m_name)) {
-        Use(std::move(map));
-    } else {
-        m_tell(m_name + ": not there yet, waiting for it");
+    // What following would wait for without end, or what is not waited for, is said here.
+    if (const Map map = m_options.follow ? TryAttachLive(m_name) : Attach(m_name)) {
+        m_host = InfoOf(map.get());
+        m_home = EpochInForce(map.get(), m_options);
     }
+    shb_follow_options_t follow{};
+    follow.channel = m_options.channel;
+    follow.stream = m_options.stream;
+    follow.kind = m_options.kind;
+    follow.start = m_options.start;
+    shb_follow_t *opened = nullptr;
+    if (const int result = shb_follow_open(m_name.c_str(), &follow, &opened); result != SHB_OK) {
+        Fail(result);
+    }
+    m_follow.reset(opened);
 }
 
 std::string Follower::TrackName() const {
@@ -35,104 +43,99 @@ std::string Follower::TrackName() const {
            std::to_string(m_options.stream) + " of " + m_name;
 }
 
-void Follower::Use(Map map) {
-    shb_reader_t *reader = nullptr;
-    const int result =
-        shb_reader_open(map.get(), m_options.channel, m_options.stream, m_options.kind, m_options.start, &reader);
+void Follower::Fail(int result) const {
+    std::string reason = AttachReason(m_name, result);
     if (result == SHB_ERR_ARG) {
-        const shb_geometry_t geometry = InfoOf(map).geometry;
-        throw std::runtime_error(m_name + " has " + tool::Count(geometry.channels, "channel", "channels") + " of " +
-                                 tool::Count(geometry.streams, "stream", "streams") + ", counted from 0");
+        // Either the name or the track is wrong; the name shows here.
+        const shb_geometry_t geometry = InfoOf(Attach(m_name).get()).geometry;
+        reason = m_name + " has " + tool::Count(geometry.channels, "channel", "channels") + " of " +
+                 tool::Count(geometry.streams, "stream", "streams") + ", counted from 0";
     }
-    if (result != SHB_OK) {
-        throw std::runtime_error(m_name + ": " + Reason(result));
-    }
-    m_reader.reset(reader);
-    m_map = std::move(map);
-    m_creator = InfoOf(m_map).creator_pid;
-    m_lastEpoch = 0;
-    shb_stats_t stats{};
-    shb_map_stats(m_map.get(), m_options.channel, m_options.stream, m_options.kind, &stats);
-    m_home = stats.writer_pid != 0 ? stats.epoch : stats.epoch + 1;
+    throw std::runtime_error(reason);
 }
 
 Follower::Got Follower::Next(int timeout_ms) {
-    if (m_map == nullptr) {
-        Map map = TryAttachLive(m_name);
-        if (map == nullptr) {
-            // Nobody tells of new buffers.
-            pollfd wake{tool::interrupts::WakeDescriptor(), POLLIN, 0};
-            poll(&wake, 1, timeout_ms);
-            tool::interrupts::Acknowledge();
-            return Got::kNothing;
-        }
-        Use(std::move(map));
-        m_tell(m_name + ": here, made by process " + std::to_string(m_creator));
-    }
     for (;;) {
-        const int result = shb_reader_read(m_reader.get(), m_data.data(), m_data.size(), m_ending ? 0 : timeout_ms, &m_frame);
-        if (result == SHB_OK) {
-            if (!m_options.follow && m_frame.epoch > m_home) {
-                m_tell(TrackName() + ": another writer has it now; --follow goes on with that one");
-                return Got::kEnd;
-            }
-            TakeFrame();
-            return Got::kFrame;
+        // Seen before the read, so that what the writer wrote last is still read.
+        const shb_map_t *map = shb_follow_map(m_follow.get());
+        const bool ending = !m_options.follow && map != nullptr && EpochInForce(map, m_options) > m_home;
+        uint32_t events = 0;
+        const int result =
+            shb_follow_read(m_follow.get(), m_data.data(), m_data.size(), ending ? 0 : timeout_ms, &m_frame, &events);
+        if (result != SHB_OK && result != SHB_ERR_TIMEOUT && result != SHB_ERR_TOO_BIG) {
+            Fail(result);
         }
-        if (result == SHB_ERR_TOO_BIG && m_frame.size > m_data.size()) {
+        if (!TellOfHost(events)) {
+            return Got::kEnd;
+        }
+        if (result == SHB_ERR_TOO_BIG) {
             m_data.resize(m_frame.size);
             continue;
         }
         if (result == SHB_ERR_TIMEOUT) {
-            if (m_ending) {
+            if (ending && events == 0) {
                 m_tell(TrackName() + ": its writer has gone");
                 return Got::kEnd;
             }
-            // What it wrote last may have come since.
-            m_ending = !m_options.follow && WriterGone();
             return Got::kNothing;
         }
-        if (result != SHB_ERR_CLOSED) {
-            throw std::runtime_error(m_name + ": " + Reason(result));
-        }
-        m_tell(m_name + ": its host, process " + std::to_string(m_creator) + ", has gone" +
-               (m_options.follow ? "; waiting for it to come back" : ""));
-        if (!m_options.follow) {
+        if (!m_options.follow && m_frame.epoch > m_home) {
+            if (m_frame.lost_before > 0) {
+                m_tell(TrackName() + ": " + tool::Count(m_frame.lost_before, "frame", "frames") + " lost at its end");
+            }
+            m_tell(TrackName() + ": another writer has it now; --follow goes on with that one");
             return Got::kEnd;
         }
-        m_reader.reset();
-        m_map.reset();
-        return Got::kNothing;
+        TellOfFrame(events);
+        return Got::kFrame;
     }
 }
 
-bool Follower::WriterGone() const {
-    shb_stats_t stats{};
-    return shb_map_stats(m_map.get(), m_options.channel, m_options.stream, m_options.kind, &stats) == SHB_OK &&
-           (stats.epoch > m_home || (stats.epoch == m_home && stats.writer_pid == 0));
+// False when the run ends with the host.
+bool Follower::TellOfHost(uint32_t events) {
+    const shb_map_t *map = shb_follow_map(m_follow.get());
+    if ((events & SHB_FOLLOW_GONE) != 0 || (!m_options.follow && map == nullptr)) {
+        m_tell(m_name + ": its host, process " + CreatorOf(m_host) + ", has gone" +
+               (m_options.follow ? "; waiting for it to come back" : ""));
+        m_waiting = m_options.follow;
+        if (!m_options.follow) {
+            return false;
+        }
+    }
+    if ((events & SHB_FOLLOW_ATTACHED) != 0) {
+        m_host = InfoOf(map);
+        if (m_waiting) {
+            m_tell(m_name + ": here, made by process " + CreatorOf(m_host));
+        }
+        m_waiting = false;
+    } else if (map == nullptr && !m_waiting) {
+        m_tell(m_name + ": not there yet, waiting for it");
+        m_waiting = true;
+    }
+    return true;
 }
 
-void Follower::TakeFrame() {
-    if (m_lastEpoch != 0 && m_frame.epoch != m_lastEpoch) {
+void Follower::TellOfFrame(uint32_t events) {
+    const std::string place =
+        " before frame " + std::to_string(m_frame.sequence) + " of epoch " + std::to_string(m_frame.epoch);
+    if ((events & SHB_FOLLOW_EPOCH) != 0) {
         m_tell(TrackName() + ": a new writer, epoch " + std::to_string(m_frame.epoch));
     }
-    m_lastEpoch = m_frame.epoch;
     if (m_frame.lost > 0) {
-        m_tell(TrackName() + ": " + tool::Count(m_frame.lost, "frame", "frames") + " lost before frame " +
-               std::to_string(m_frame.sequence) + " of epoch " + std::to_string(m_frame.epoch));
+        m_tell(TrackName() + ": " + tool::Count(m_frame.lost, "frame", "frames") + " lost" + place +
+               (m_frame.lost_before > 0 ? ", " + std::to_string(m_frame.lost_before) + " of them in earlier epochs" : ""));
     }
-    TakeDescription();
-}
-
-void Follower::TakeDescription() {
+    if (m_frame.left_out > 0) {
+        m_tell(TrackName() + ": " + tool::Count(m_frame.left_out, "frame", "frames") + " larger than the track " +
+               (m_frame.left_out == 1 ? "was" : "were") + " left out" + place);
+    }
     m_newDescription.reset();
     shb_description_t now{};
     // A frame may come before its writer knows what it carries.
-    if (shb_reader_description(m_reader.get(), &now) != SHB_OK || (m_description && SameMedia(*m_description, now))) {
-        return;
+    if ((events & SHB_FOLLOW_MEDIA) != 0 && shb_reader_description(shb_follow_reader(m_follow.get()), &now) == SHB_OK) {
+        m_newDescription = now;
+        m_tell(TrackName() + ": " + Describe(m_options.kind, now));
     }
-    m_description = m_newDescription = now;
-    m_tell(TrackName() + ": " + Describe(m_options.kind, now));
 }
 
 }  // namespace reader

@@ -1,9 +1,8 @@
 // One track, frame by frame, across whatever happens to its writer and to its host.
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,32 +28,32 @@ class Follower {
     // Of the last frame.
     const shb_frame_t &Frame() const { return m_frame; }
     std::string_view Data() const { return {m_data.data(), m_frame.size}; }
-    pid_t Creator() const { return m_creator; }
+    int Creator() const { return m_host.creator_pid; }
     // What the track carries, when that is not what it was before this frame.
     const std::optional<shb_description_t> &NewDescription() const { return m_newDescription; }
 
     std::string TrackName() const;
 
   private:
-    void Use(Map map);
-    void TakeFrame();
-    void TakeDescription();
-    bool WriterGone() const;
+    struct CloseFollow {
+        void operator()(shb_follow_t *follow) const { shb_follow_close(follow); }
+    };
+
+    [[noreturn]] void Fail(int result) const;
+    bool TellOfHost(uint32_t events);
+    void TellOfFrame(uint32_t events);
 
     const Options &m_options;
     const std::string m_name;
     const Tell m_tell;
 
-    Map m_map;
-    Reader m_reader;
-    pid_t m_creator = 0;
-    uint64_t m_lastEpoch = 0;  // of the last frame, 0 before the first one of a buffer
-    uint64_t m_home = 0;       // the epoch that a run without following reads to its end
-    bool m_ending = false;     // that epoch's writer has gone
+    std::unique_ptr<shb_follow_t, CloseFollow> m_follow;
+    shb_info_t m_host{};
+    bool m_waiting = false;  // for a host, and a person knows
+    uint64_t m_home = 0;     // the epoch that a run without following reads to its end
 
     std::vector<char> m_data;
     shb_frame_t m_frame{};
-    std::optional<shb_description_t> m_description;
     std::optional<shb_description_t> m_newDescription;
 };
 

@@ -15,6 +15,16 @@ namespace {
 
 constexpr uint64_t kNsPerMs = 1'000'000;
 
+// "0640".
+std::string ModeText(uint32_t mode) {
+    constexpr unsigned kBits = 3;
+    std::string text;
+    for (unsigned digit = 4; digit-- > 0;) {
+        text += static_cast<char>('0' + (mode >> (digit * kBits) & 7U));
+    }
+    return text;
+}
+
 tool::Record BufferRecord(const shb_info_t &info) {
     const shb_geometry_t &geometry = info.geometry;
     tool::Record record;
@@ -23,6 +33,10 @@ tool::Record BufferRecord(const shb_info_t &info) {
     record["state"] = StateOf(info);
     record["alive"] = info.alive != 0;
     record["creator_pid"] = info.creator_pid;
+    record["creator_pid_here"] = info.pid_is_ours != 0;
+    record["owner_uid"] = info.owner;
+    record["group_gid"] = info.group;
+    record["mode"] = ModeText(info.mode);
     record["heartbeat_age_ms"] = Readable(info) ? tool::Record(info.heartbeat_age_ns / kNsPerMs) : tool::Record(nullptr);
     record["layout_version"] = info.version;
     record["total_bytes"] = tool::NumberOrNull(info.total_bytes);
@@ -46,7 +60,8 @@ std::string TrackSize(uint64_t bytes, uint32_t frames) {
 tool::Row BufferRow(const shb_info_t &info) {
     tool::Row row{tool::Printable(NameOf(info)),
                   StateOf(info),
-                  std::to_string(info.creator_pid),
+                  tool::Printable(UserName(info.owner)),
+                  CreatorOf(info),
                   "-",
                   info.total_bytes > 0 ? tool::FormatBytes(info.total_bytes) : "-",
                   "-",
@@ -55,10 +70,10 @@ tool::Row BufferRow(const shb_info_t &info) {
                   std::to_string(info.version)};
     if (Readable(info)) {
         const shb_geometry_t &geometry = info.geometry;
-        row[3] = tool::FormatAge(info.heartbeat_age_ns);
-        row[5] = std::to_string(geometry.channels) + " x " + std::to_string(geometry.streams);
-        row[6] = TrackSize(geometry.video_bytes, geometry.video_frames);
-        row[7] = TrackSize(geometry.audio_bytes, geometry.audio_frames);
+        row[4] = tool::FormatAge(info.heartbeat_age_ns);
+        row[6] = std::to_string(geometry.channels) + " x " + std::to_string(geometry.streams);
+        row[7] = TrackSize(geometry.video_bytes, geometry.video_frames);
+        row[8] = TrackSize(geometry.audio_bytes, geometry.audio_frames);
     }
     return row;
 }
@@ -76,9 +91,9 @@ int RunList(const Options &options) {
         Complain("no shared buffers on this machine");
     } else {
         static const std::vector<tool::ColumnStyle> styles{
-            {"NAME", false, 0, 100},    {"STATE", false, 0, 90}, {"CREATOR", true, 0, 80},
-            {"HEARTBEAT", true, 0, 60}, {"SIZE", true, 0, 70},   {"TRACKS", true, 0, 50},
-            {"VIDEO", true, 0, 40},     {"AUDIO", true, 0, 30},  {"VERSION", true, 0, 20}};
+            {"NAME", false, 0, 100},    {"STATE", false, 0, 90}, {"OWNER", false, 0, 65}, {"CREATOR", true, 0, 80},
+            {"HEARTBEAT", true, 0, 60}, {"SIZE", true, 0, 70},   {"TRACKS", true, 0, 50}, {"VIDEO", true, 0, 40},
+            {"AUDIO", true, 0, 30},     {"VERSION", true, 0, 20}};
         std::vector<tool::Row> rows(buffers.size());
         std::transform(buffers.begin(), buffers.end(), rows.begin(), BufferRow);
         const size_t width = isatty(STDOUT_FILENO) != 0 ? tool::WindowOf(STDOUT_FILENO).columns : tool::Layout::kAnyWidth;

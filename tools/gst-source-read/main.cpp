@@ -1,7 +1,9 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
 
+#include "buffers.h"
 #include "commands.h"
 #include "fd.h"
 #include "options.h"
@@ -34,6 +36,10 @@ int main(int argc, char **argv) {
     }
     tool::OpenStandardDescriptors();
     try {
+        // Another user's file may be cut short at any time.
+        if (const int result = shb_guard(1); result != SHB_OK) {
+            throw std::runtime_error(reader::Reason(result));
+        }
         return Run(*parsed.options);
     } catch (const reader::PipeClosed &) {
         // Nobody reads any more: the end that a shell expects of a program in a pipe.

@@ -34,12 +34,15 @@ tool::Record DescriptionRecord(shb_kind_t kind, const shb_description_t &media) 
     record["codec"] = tool::TextOrNull(media.code);
     record["profile"] = tool::TextOrNull(media.profile);
     record["level"] = tool::TextOrNull(media.level);
+    record["format"] = tool::TextOrNull(media.format);
+    record["codec_data_bytes"] = media.codec_data_bytes;
     if (kind == SHB_VIDEO) {
         record["width_px"] = tool::NumberOrNull(media.width);
         record["height_px"] = tool::NumberOrNull(media.height);
         record["scan"] = tool::ScanName(media.scan_type);
         record["announced_fps"] = tool::NumberOrNull(tool::Rounded(AnnouncedFps(media)));
         record["reference_frames"] = tool::NumberOrNull(media.ref_frames);
+        record["reorder_frames"] = tool::CountOrNull(media.reorder_frames);
     } else {
         record["sample_rate_hz"] = tool::NumberOrNull(media.sample_rate);
         record["audio_channels"] = tool::NumberOrNull(media.channels);
@@ -57,9 +60,15 @@ tool::Record FrameRecord(const Follower &track, shb_kind_t kind) {
     record["epoch"] = frame.epoch;
     record["sequence"] = frame.sequence;
     record["lost"] = frame.lost;
+    record["lost_before"] = frame.lost_before;
+    record["left_out"] = frame.left_out;
     record["pts_ns"] = TimeOrNull(frame.pts);
     record["dts_ns"] = TimeOrNull(frame.dts);
     record["duration_ns"] = TimeOrNull(frame.duration);
+    record["clock_offset_ns"] =
+        frame.clock_offset == SHB_OFFSET_NONE ? tool::Record(nullptr) : tool::Record(frame.clock_offset);
+    record["arrival_ns"] = frame.arrival_ns;
+    record["wall_ns"] = frame.wall_ns;
     record["size_bytes"] = frame.size;
     record["key"] = (frame.flags & SHB_FRAME_KEY) != 0;
     record["discontinuity"] = (frame.flags & SHB_FRAME_DISCONT) != 0;

@@ -39,6 +39,7 @@ uint32_t BitRate(const shb_stats_t &stats) {
 
 tool::Record TrackRecord(const shb_info_t &info, const Track &track, const std::string &time) {
     const shb_stats_t &stats = track.stats;
+    const bool known = track.description.has_value();
     const shb_description_t media = track.description.value_or(shb_description_t{});
     tool::Record record;
     record["type"] = "track";
@@ -46,18 +47,24 @@ tool::Record TrackRecord(const shb_info_t &info, const Track &track, const std::
     record["name"] = NameOf(info);
     record["state"] = StateOf(info);
     record["creator_pid"] = info.creator_pid;
+    record["creator_pid_here"] = info.pid_is_ours != 0;
     record["channel"] = track.channel;
     record["stream"] = track.stream;
     record["kind"] = KindName(track.kind);
+    record["presence"] = PresenceName(stats.presence);
     record["epoch"] = stats.epoch;
     record["writer_pid"] = tool::NumberOrNull(stats.writer_pid);
     record["codec"] = tool::TextOrNull(media.code);
     record["profile"] = tool::TextOrNull(media.profile);
     record["level"] = tool::TextOrNull(media.level);
+    record["format"] = tool::TextOrNull(media.format);
+    record["codec_data_bytes"] = known ? tool::Record(media.codec_data_bytes) : tool::Record(nullptr);
     record["width_px"] = tool::NumberOrNull(media.width);
     record["height_px"] = tool::NumberOrNull(media.height);
     record["scan"] = media.width > 0 ? tool::Record(tool::ScanName(media.scan_type)) : tool::Record(nullptr);
     record["announced_fps"] = tool::NumberOrNull(tool::Rounded(AnnouncedFps(media)));
+    record["reorder_frames"] =
+        known && track.kind == SHB_VIDEO ? tool::CountOrNull(media.reorder_frames) : tool::Record(nullptr);
     record["sample_rate_hz"] = tool::NumberOrNull(media.sample_rate);
     record["audio_channels"] = tool::NumberOrNull(media.channels);
     record["measured_fps"] = tool::Rounded(MeasuredFps(stats));
@@ -100,12 +107,21 @@ const std::vector<tool::ColumnStyle> &Styles() {
     return styles;
 }
 
+// A track that the source does not have says so, whatever it has carried before.
+std::string CodecText(const Track &track) {
+    if (track.stats.presence == SHB_PRESENCE_ABSENT || track.stats.epoch == 0) {
+        return PresenceName(track.stats.presence);
+    }
+    const bool known = track.description && track.description->code[0] != '\0';
+    return known ? tool::Printable(track.description->code) : "-";
+}
+
 tool::Row TrackRow(const Track &track) {
     const shb_stats_t &stats = track.stats;
     const shb_description_t media = track.description.value_or(shb_description_t{});
     tool::Row row(kColumns);
     row[kTrack] = std::to_string(track.channel) + "." + std::to_string(track.stream) + " " + KindName(track.kind);
-    row[kCodec] = media.code[0] == '\0' ? "-" : tool::Printable(media.code);
+    row[kCodec] = CodecText(track);
     row[kFormat] = FormatOf(track.kind, media);
     row[kFps] = tool::FormatRate(AnnouncedFps(media));
     row[kReal] = tool::FormatRate(MeasuredFps(stats));
@@ -124,8 +140,8 @@ tool::Row TrackRow(const Track &track) {
 std::string HeadLine(const shb_info_t &info, const std::string &note, size_t columns, const tool::Painter &paint) {
     const std::string state = StateOf(info);
     const std::string left = NameOf(info) + "  ";
-    std::string right = ", made by process " + std::to_string(info.creator_pid) + ", heartbeat " +
-                        tool::FormatAge(info.heartbeat_age_ns) + " ago, " + tool::FormatBytes(info.total_bytes) + note;
+    std::string right = ", made by process " + CreatorOf(info) + ", heartbeat " + tool::FormatAge(info.heartbeat_age_ns) +
+                        " ago, " + tool::FormatBytes(info.total_bytes) + note;
     if (left.size() + state.size() >= columns) {
         return tool::Cut(left + state, columns);
     }
@@ -177,7 +193,7 @@ std::string JsonLines(const shb_info_t &info, const std::vector<Track> &tracks) 
 
 int Show(const Options &options, const std::string &name) {
     const Map map = Attach(name);
-    const shb_info_t info = InfoOf(map);
+    const shb_info_t info = InfoOf(map.get());
     const std::vector<Track> tracks = TracksOf(map);
     if (options.json) {
         WriteOut(JsonLines(info, tracks));
@@ -223,7 +239,7 @@ int Watch(const Options &options, const std::string &name) {
                 map = std::move(again);
             }
         }
-        const shb_info_t info = InfoOf(map);
+        const shb_info_t info = InfoOf(map.get());
         const std::vector<Track> tracks = TracksOf(map);
         if (options.json) {
             WriteOut(JsonLines(info, tracks));

@@ -87,19 +87,41 @@ struct DetachMap {
 using Buffer = std::unique_ptr<shb_buffer_t, DestroyBuffer>;
 using Map = std::unique_ptr<shb_map_t, DetachMap>;
 
+// To be asked before errno changes.
+std::string WhyNotMade(int result, const shb_geometry_t &geometry, const shb_create_options_t &readers) {
+    if (result == SHB_ERR_SYSTEM && errno == EPERM && readers.group_given != 0) {
+        return "this user is not in the group of --buffer-group";
+    }
+    if (result != SHB_ERR_SYSTEM && result != SHB_ERR_NO_SPACE) {
+        return shb_strerror(result);
+    }
+    std::string reason = std::strerror(errno);
+    uint64_t needed = 0;
+    uint64_t available = 0;
+    if (result == SHB_ERR_NO_SPACE && shb_room(&geometry, &needed, &available) == SHB_OK) {
+        reason += "; it takes " + FormatBytes(needed) + " of shared memory, and " + FormatBytes(available) +
+                  " are free. Give smaller --video-bytes and --audio-bytes, or a larger /dev/shm (of a container: --shm-size)";
+    }
+    return reason;
+}
+
 Buffer MakeBuffer(const Options &options) {
     shb_geometry_t geometry{};
     geometry.channels = static_cast<uint32_t>(options.urls.size());
     geometry.streams = 1;
     geometry.video_bytes = options.video_bytes;
     geometry.audio_bytes = options.audio_bytes;
+    shb_create_options_t readers{};
+    readers.mode = options.buffer_mode;
+    readers.group_given = options.buffer_group ? 1 : 0;
+    readers.group = options.buffer_group.value_or(0);
     shb_buffer_t *buffer = nullptr;
-    const int result = shb_create(options.name.c_str(), &geometry, &buffer);
+    const int result = shb_create_with(options.name.c_str(), &geometry, &readers, &buffer);
     if (result != SHB_OK) {
-        const std::string reason = result == SHB_ERR_SYSTEM ? std::strerror(errno) : shb_strerror(result);
-        throw std::runtime_error("the shared buffer " + options.name + " cannot be made: " + reason);
+        throw std::runtime_error("the shared buffer " + options.name +
+                                 " cannot be made: " + WhyNotMade(result, geometry, readers));
     }
-    emergency::RemoveFiles({shb_file(buffer, 0), shb_file(buffer, 1)});
+    emergency::RemoveFiles({shb_file(buffer, 0), shb_file(buffer, 1), shb_file(buffer, 2)});
     Buffer owner(buffer);
     constexpr double kMsPerSecond = 1000;
     const auto stall_ms = static_cast<uint32_t>(std::ceil(options.stall_watch * kMsPerSecond));

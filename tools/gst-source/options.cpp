@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <grp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,6 +45,28 @@ uint64_t ParseTrackSize(const std::string &flag, const std::string &text) {
         Refuse(flag + ": \"" + text + "\" is not a power of two from 64K to 1G (bytes; K, M and G are binary multiples)");
     }
     return bytes;
+}
+
+uint32_t ParseMode(const std::string &flag, const std::string &text) {
+    constexpr std::pair<std::string_view, uint32_t> kModes[] = {{"0600", 0600}, {"0640", 0640}, {"0604", 0604}, {"0644", 0644}};
+    for (const auto &[name, mode] : kModes) {
+        if (text == name || text == name.substr(1)) {
+            return mode;
+        }
+    }
+    Refuse(flag + ": \"" + text + "\" is not 0600, 0640, 0604 or 0644: its user writes the buffer, others may only read it");
+}
+
+uint32_t ParseGroup(const std::string &flag, const std::string &text) {
+    if (const group *known = getgrnam(text.c_str())) {
+        return known->gr_gid;
+    }
+    const bool number = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    if (!number) {
+        Refuse(flag + ": there is no group \"" + text + "\"");
+    }
+    // The largest number means "unchanged" to the system.
+    return ParseWhole<uint32_t>(flag, text, 0, std::numeric_limits<uint32_t>::max() - 1);
 }
 
 std::string Lower(std::string text) {
@@ -226,6 +250,21 @@ class CommandLine {
         Text("--name", m_options.name, "NAME", "name of the buffer; default gst-source-PID");
         TrackSize("--video-bytes", m_options.video_bytes, "8M", "payload of each video track, a power of two");
         TrackSize("--audio-bytes", m_options.audio_bytes, "512K", "payload of each audio track, a power of two");
+        m_app
+            .add_option_function<std::string>(
+                "--buffer-mode", [this](const std::string &text) { m_options.buffer_mode = ParseMode("--buffer-mode", text); },
+                "who may read the buffer: 0600 this user, 0640 also the group, 0604 also all others, 0644 everybody; the umask "
+                "is taken off")
+            ->type_name("MODE")
+            ->default_str("0600")
+            ->group(m_group);
+        m_app
+            .add_option_function<std::string>(
+                "--buffer-group",
+                [this](const std::string &text) { m_options.buffer_group = ParseGroup("--buffer-group", text); },
+                "group of the buffer, by name or number, for --buffer-mode 0640; this user must be in it")
+            ->type_name("GROUP")
+            ->group(m_group);
         m_app
             .add_option_function<std::string>(
                 "--stall-watch",
@@ -415,6 +454,11 @@ void WarnOfValues(Options &options) {
             options.warnings.push_back(text);
         }
     };
+    warn(options.buffer_group && (options.buffer_mode & S_IRGRP) == 0,
+         "--buffer-group gives nobody access without --buffer-mode 0640 or 0644");
+    const mode_t mask = umask(S_IRWXG | S_IRWXO);
+    umask(mask);
+    warn((options.buffer_mode & mask) != 0, "the umask takes permissions off --buffer-mode");
     constexpr uint32_t kLargestInt = 0x7fffffff;
     for (const std::string &url : options.urls) {
         warn(ProtocolOf(url) == Protocol::kUdp && !HasPort(url), PublicUrl(url) + " has no port; the framework takes 5004");

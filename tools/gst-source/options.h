@@ -57,7 +57,9 @@ struct Options {
     std::string name;          // of the shared buffer
     uint64_t video_bytes = 0;  // per video track, 0 leaves it to the buffer
     uint64_t audio_bytes = 0;
-    double stall_watch = 0;  // s without data after which a session ends, 0: never
+    uint32_t buffer_mode = 0600;           // permissions of its files
+    std::optional<uint32_t> buffer_group;  // of its files; otherwise the process's own
+    double stall_watch = 0;                // s without data after which a session ends, 0: never
 
     double interval = 1.0;           // s
     std::optional<double> duration;  // s

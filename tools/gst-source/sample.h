@@ -18,6 +18,8 @@ struct TrackSample {
     uint64_t frames = 0;
     uint64_t bytes = 0;
     uint64_t epoch = 0;                       // writers that have opened the track so far
+    bool open = false;                        // one of them has it open
+    uint32_t presence = 0;                    // shb_presence_t
     std::optional<uint64_t> age_ns;           // of the last frame
     std::optional<uint64_t> lost_frames;      // overwritten before the dump read them; only with a dump
     std::optional<uint64_t> dumped_frames;    // only with a dump

@@ -47,6 +47,8 @@ void ReadTrack(const shb_buffer_t *buffer, unsigned channel, shb_kind_t kind, ui
     track.frames = stats.total_frames;
     track.bytes = stats.total_bytes;
     track.epoch = stats.epoch;
+    track.open = stats.writer_pid != 0;
+    track.presence = stats.presence;
     track.age_ns = stats.age_ns == SHB_TIME_NONE ? std::nullopt : std::optional<uint64_t>(stats.age_ns);
     // The rates are those of the last window in which frames came.
     const bool current = IsCurrent(track, silent_after);
@@ -111,6 +113,22 @@ void Source::Poll() {
         }
     }
     ReadCounters();
+    TellPresence();
+}
+
+void Source::TellPresence() {
+    const auto words = m_presence.Look(m_sample.rebuilds, m_sample, PresenceWatch::Clock::now());
+    for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
+        if (!words[kind]) {
+            continue;
+        }
+        shb_set_presence(m_buffer, m_sample.channel, 0, kind, *words[kind]);
+        // A writer that has opened the track meanwhile knows better, and its word has just been overwritten.
+        shb_stats_t stats{};
+        if (shb_buffer_stats(m_buffer, m_sample.channel, 0, kind, &stats) == SHB_OK && stats.writer_pid != 0) {
+            shb_set_presence(m_buffer, m_sample.channel, 0, kind, SHB_PRESENCE_EXPECTED);
+        }
+    }
 }
 
 void Source::Take(const SourceNews &news, bool shared) {

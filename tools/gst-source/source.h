@@ -7,6 +7,7 @@
 
 #include "gst_source_api.h"
 #include "options.h"
+#include "presence.h"
 #include "rebuild_counter.h"
 #include "sample.h"
 #include "shb.h"
@@ -21,7 +22,7 @@ class Source {
     // False when the library refuses; its log tells why.
     bool Open(const Options &options);
 
-    // Notes changes of the state. To be called far more often than the 3 s that a rebuild waits.
+    // Notes changes of the state, and tells the buffer which track the source does not have. To be called far more often than the 3 s that a rebuild waits.
     void Poll();
 
     // What the log says of this source. `shared`: other sources have the same location.
@@ -45,6 +46,7 @@ class Source {
 
     void ReadRecords();
     void ReadCounters();
+    void TellPresence();
 
     const std::string m_location;
     const Protocol m_protocol;
@@ -52,6 +54,7 @@ class Source {
     std::unique_ptr<void, Deleter> m_handle;
     bool m_opened = false;
     RebuildCounter m_rebuilds;
+    PresenceWatch m_presence;
     uint64_t m_framesSeen = 0;
     unsigned m_rebuildsAtMedia = 0;
     bool m_hadMedia = false;

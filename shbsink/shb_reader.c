@@ -412,7 +412,7 @@ static void move_on(shb_reader_t *reader, const shb_frame_t *frame) {
     reader->stats.lost += frame->lost;
     reader->stats.losses += frame->lost != 0;
     reader->stats.left_out += frame->left_out;
-    reader->stats.epochs += !reader->has_epoch || frame->epoch != reader->epoch;
+    reader->stats.epochs += !reader->delivered || frame->epoch != reader->epoch;
     reader->left_out = reader->frame_left_out;
     reader->has_left_out = true;
     reader->next++;

@@ -304,6 +304,15 @@ TEST(ShbHost, StructsWithoutTheirSizeAreRefused) {
     EXPECT_EQ(SHB_ERR_ARG, shb_list(&info, 1, &count));
 }
 
+TEST(ShbHost, StructsThatWereNotFilledInAreRefused) {
+    shb_geometry_t geometry = SmallGeometry();
+    geometry.struct_size = 0xa5a5a5a5;
+    shb_buffer_t *other = nullptr;
+    EXPECT_EQ(SHB_ERR_ARG, shb_create(UniqueName().c_str(), &geometry, &other));
+    const Buffer buffer = Create(UniqueName(), SmallGeometry());
+    EXPECT_EQ(SHB_ERR_ARG, shb_get_geometry(buffer.get(), &geometry));
+}
+
 // A program that was built with a later header: what it knows more of is 0, and what it asks for more is refused.
 TEST(ShbHost, StructsOfALaterHeaderAreTaken) {
     struct LaterStats {

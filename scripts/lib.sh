@@ -12,7 +12,8 @@ sender_packages=(ffmpeg)
 # What the tests add: their framework, the servers they play from, and the analysis tools.
 test_packages=(libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
     libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps iproute2 git clang clang-format
-    clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck)
+    clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
+    g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user)
 all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${test_packages[@]}")
 
 note() { printf '%s: %s\n' "${0##*/}" "$*" >&2; }

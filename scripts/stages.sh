@@ -47,6 +47,8 @@ asan_dir() {
     configure asan -Db_sanitize=address,undefined -Doptimization=1 -Dwerror=false
 }
 
+arm64_dir() { configure arm64 --cross-file "$root/tests/arm64.ini" -Dbuffer_only=true; }
+
 tsan_dir() { configure tsan -Db_sanitize=thread -Doptimization=1 -Dwerror=false '-Dtest_parts=unit,faults,shbsink,tools,peers'; }
 
 fuzz_dir() {

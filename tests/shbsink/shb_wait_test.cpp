@@ -3,10 +3,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
@@ -16,6 +13,7 @@
 #include <thread>
 
 #include "futex_watch.h"
+#include "no_system_calls.h"
 #include "shb_layout.h"
 #include "shb_support.h"
 #include "traced.h"
@@ -23,18 +21,6 @@
 using namespace shbtest;
 
 namespace {
-
-// From here on every system call but the end kills the process.
-bool ForbidSystemCalls() {
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
-    };
-    const sock_fprog filter = {static_cast<unsigned short>(std::size(program)), program};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
 
 // Creates `name`, says so, and when told to writes a thousand frames without a single system call.
 int WriteInSilence(const std::string &name, const Pipe &made, const Pipe &go) {

@@ -123,6 +123,7 @@ int FollowLine(const std::string &name, const Shared<Meeting> &meeting) {
     Map map = Attach(name);
     Reader reader = OpenReader(map, SHB_START_OLDEST);
     futex_watch::woken = futex_watch::forgotten = futex_watch::looks = 0;
+    futex_watch::poll_ran_out = false;
     meeting->ready++;
     for (uint64_t next = 0;; next++) {
         ReadFrame got = Read(reader, -1, 65536);

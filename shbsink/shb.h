@@ -453,7 +453,7 @@ enum {
     SHB_FOLLOW_RESTARTED = 1u << 1, /* with ATTACHED: it is not the first one: its host was started anew */
     SHB_FOLLOW_GONE = 1u << 2,      /* the host has gone, and everything that it wrote has been read */
     SHB_FOLLOW_EPOCH = 1u << 3,     /* with a frame: the first of another writer; the source has connected again */
-    SHB_FOLLOW_MEDIA = 1u << 4      /* with a frame: what the track carries is not what it was */
+    SHB_FOLLOW_MEDIA = 1u << 4 /* with a frame: what the track carries is not what it was, or is known for the first time */
 };
 
 /*

@@ -3,10 +3,11 @@
 
     tests/bench/buffer.py [--out FOLDER] [--quick] [--only copy|wake|readers|sink] [--build DIR]
 
-copy     Writing and reading beside memcpy of the same sizes, between the same source and rings of the same kind.
-wake     Time from a write in one process to the whole message in the hands of another, which slept: the shared buffer, shmsink/shmsrc, iceoryx,
-         a Unix socket.
-readers  One writer with 1, 4 and 16 reading processes, unpaced and at a live pace.
+copy     Writing and reading beside memcpy of the same sizes, between the same source and rings of the same kind; writing once more beside a
+         reader that never sleeps.
+wake     Time from a write in one process to the whole message in the hands of another, which slept: the shared buffer, shmsink/shmsrc,
+         unixfdsink/unixfdsrc, iceoryx, a Unix socket.
+readers  One writer with 1, 4 and 16 reading processes, unpaced and at a live pace; what it takes to wake up to 64 that sleep.
 sink     CPU of one and the same pipeline that ends in shbsink, fakesink or filesink.
 
 Installs and builds what is needed (in build/bench; with --build it takes that build directory as it is and installs nothing), takes less than
@@ -37,12 +38,20 @@ SIZES = [1024, 16384, 65536, 1048576]
 NAMES = {1024: "1 kB", 16384: "16 kB", 65536: "64 kB", 1048576: "1 MB"}
 PARTS = {"p50": 0.5, "p99": 0.99, "p99.9": 0.999}
 FRAMES = 16384  # bytes of a frame in `readers`
+WAYS = ["write", "awake", "read"]
+AIMS = {"write": 0.95, "awake": 0.9, "read": 0.9}  # of memcpy's speed from 64 kB on
+SLEEPERS = [1, 4, 16, 64]
+SLEEPERS_RATE = 200
 
 BARE = "bare memcpy and futex"
 # Name, program and variant, how the message gets there.
 WAKE = [
     ("shb, in place", ["wake-shb", "borrow"], "copied into the buffer, read where it lies"),
     ("shb, copied out", ["wake-shb", "read"], "copied into the buffer and out of it"),
+    ("shb, any of 8", ["wake-shb", "any"], "like in place, but shb_wait_any waits for eight tracks, written in turn"),
+    ("shb, set of 8 in epoll", ["wake-shb", "set"], "the same, but epoll waits for the descriptor of a set"),
+    ("shb, other user", ["wake-shb", "other"], "like in place, but the reader may write nothing and is woken by a socket"),
+    ("unixfdsink/unixfdsrc", ["wake-shmsink", "unixfd"], "copied into a file of memory by unixfdsink, read where it lies"),
     ("shmsink/shmsrc", ["wake-shmsink"], "copied into the memory by shmsink, read where it lies"),
     ("iceoryx", ["wake-iceoryx", "copy"], "copied into a loaned chunk, read where it lies"),
     ("iceoryx, made in place", ["wake-iceoryx", "loan"], "not copied at all: what it carries was made in the loaned chunk"),
@@ -89,16 +98,16 @@ def prepare():
     def shell(text):
         return subprocess.run(["bash", "-euc", text, "buffer.py"], cwd=ROOT, stdin=subprocess.DEVNULL, check=False).returncode == 0
 
-    if not shell(packages + "libgtest-dev libgmock-dev"):
+    if not shell(packages + "libgtest-dev libgmock-dev gstreamer1.0-tools"):
         sys.exit(1)
     iceoryx = shell(optional)
     build = ROOT / "build/bench"
     # A directory that was configured before iceoryx came does not know of it.
     if iceoryx and (build / "build.ninja").exists() and "wake-iceoryx" not in (build / "build.ninja").read_text():
         shell("meson setup --reconfigure build/bench >/dev/null")
-    if not shell(commands + f"build_dir bench {options} -- {targets} shbsink/libgstshbsink.so"):
+    if not shell(commands + f"configure bench {options}; build_targets bench {targets} shbsink/libgstshbsink.so"):
         sys.exit(1)
-    if iceoryx and not shell(commands + "build_dir bench -- tests/bench/wake-iceoryx"):
+    if iceoryx and not shell(commands + "build_targets bench tests/bench/wake-iceoryx"):
         print("buffer.py: the program for iceoryx could not be built", file=sys.stderr)
     return build
 
@@ -130,7 +139,7 @@ class Bench:
     # ---- copy
 
     def copy(self):
-        rounds = {(way, size): [] for way in ("write", "read") for size in SIZES}
+        rounds = {(way, size): [] for way in WAYS for size in SIZES}
         for line in run([self.program("copy"), self.effort("copy rounds"), self.effort("copy bytes"), *SIZES]).splitlines():
             way, size, own, plain = line.split()
             rounds[way, int(size)].append((float(own), float(plain)))
@@ -138,7 +147,7 @@ class Bench:
                              "memcpy_ns": statistics.median(plain for _, plain in rounds[way, size]),
                              "rounds": len(rounds[way, size]),
                              "ratio": spread([plain / own for own, plain in rounds[way, size]])} for size in SIZES}
-                for way in ("write", "read")}
+                for way in WAYS}
 
     # ---- wake
 
@@ -166,6 +175,13 @@ class Bench:
             return "not built: its development files were missing"
         if command[0] == "wake-iceoryx" and shutil.which("iox-roudi") is None:
             return "its daemon iox-roudi is not installed"
+        if command[1:] == ["other"] and os.geteuid() != 0:
+            return "only root can become another user"
+        if command[1:] == ["unixfd"]:
+            # The elements came with GStreamer 1.24; a sink that waits for its receiver, without which the first messages are lost, with 1.26.
+            asked = subprocess.run(["gst-inspect-1.0", "unixfdsink"], env=self.environment, capture_output=True, text=True, check=False)
+            if "wait-for-connection" not in asked.stdout:
+                return "GStreamer here has no unixfdsink that waits for its receiver (1.26 has)"
         return None
 
     def wake_round(self, command):
@@ -204,20 +220,21 @@ class Bench:
     # ---- readers
 
     def readers(self):
-        results = []
-        for rate in (0, 2000):
-            for readers in (1, 4, 16):
-                rounds = []
-                for _ in range(self.effort("readers rounds")):
-                    lines = run([self.program("readers"), readers, FRAMES, rate, self.effort("readers ms")]).splitlines()
-                    _, frames, nanoseconds = lines[0].split()
-                    each = [tuple(map(int, line.split()[1:])) for line in lines[1:]]
-                    rounds.append({"written": int(frames), "ns_per_write": int(nanoseconds) / int(frames),
-                                   "delivered": sum(one for one, _ in each), "lost": sum(lost for _, lost in each), "readers": len(each)})
-                results.append({"readers": readers, "rate": rate, "rounds": rounds,
-                                **{name: statistics.median(one[name] for one in rounds)
-                                   for name in ("written", "ns_per_write", "delivered", "lost")}})
-        return {"bytes": FRAMES, "ms": self.effort("readers ms"), "cases": results}
+        cases = [self.readers_case(readers, rate) for rate in (0, 2000) for readers in (1, 4, 16)]
+        sleepers = [self.readers_case(readers, SLEEPERS_RATE) for readers in SLEEPERS]
+        return {"bytes": FRAMES, "ms": self.effort("readers ms"), "cases": cases, "sleepers": sleepers}
+
+    def readers_case(self, readers, rate):
+        rounds = []
+        for _ in range(self.effort("readers rounds")):
+            lines = run([self.program("readers"), readers, FRAMES, rate, self.effort("readers ms")]).splitlines()
+            frames, nanoseconds, calls, woken = map(int, lines[0].split()[1:])
+            delivered, lost, slept = zip(*(map(int, line.split()[1:]) for line in lines[1:]))
+            rounds.append({"written": frames, "ns_per_write": nanoseconds / frames, "calls_per_frame": calls / frames,
+                           "woken_per_frame": woken / frames, "delivered": sum(delivered), "lost": sum(lost),
+                           "slept_per_frame": sum(slept) / frames, "readers": len(delivered)})
+        return {"readers": readers, "rate": rate, "rounds": rounds,
+                **{name: statistics.median(one[name] for one in rounds) for name in rounds[0]}}
 
     # ---- sink
 
@@ -272,16 +289,17 @@ def report_copy(copy, out):
     grouped_bars(out / "buffer-copy.svg", "Speed of a write and of a read, memcpy = 1 (whisker: 90 % of the rounds are below)", "ratio",
                  [NAMES[size] for size in SIZES],
                  [(name, [copy[way][size]["ratio"]["median"] for size in SIZES], [copy[way][size]["ratio"]["p90"] for size in SIZES])
-                  for name, way in (("write", "write"), ("read, copied out", "read"))], aim=0.9)
-    rows = [[NAMES[size], *(text for way in ("write", "read") for text in
+                  for name, way in (("write", "write"), ("write beside an awake reader", "awake"), ("read, copied out", "read"))], aim=0.9)
+    rows = [[NAMES[size], *(text for way in WAYS for text in
                             (short(copy[way][size]["own_ns"]), short(copy[way][size]["memcpy_ns"]), between(copy[way][size]["ratio"])))]
             for size in SIZES]
-    aims = [[f"{way} of {NAMES[size]} at 0.9 of memcpy", f"{copy[way][size]['ratio']['median']:.2f}",
-             verdict(copy[way][size]["ratio"]["median"] >= 0.9)] for way in ("write", "read") for size in SIZES if size >= 65536]
+    named = {"write": "write", "awake": "write beside an awake reader", "read": "read"}
+    aims = [[f"{named[way]} of {NAMES[size]} at {aim} of memcpy", f"{copy[way][size]['ratio']['median']:.2f}",
+             verdict(copy[way][size]["ratio"]["median"] >= aim)] for way, aim in AIMS.items() for size in SIZES if size >= 65536]
     rounds = copy["write"][SIZES[0]]["rounds"]
     text = (f"## Copying\n\nns per frame, medians of {rounds} rounds; the ratio is the speed in parts of memcpy's, taken within each round: median "
-            "(10th to 90th percentile). Nobody waits for the frames.\n\n"
-            + table(["Frame", "write", "memcpy", "ratio", "read", "memcpy", "ratio"], rows) + "\n![Copying](buffer-copy.svg)\n")
+            "(10th to 90th percentile). Nobody waits for the frames. The reader that is awake copies out what it finds, on memcpy's side as well.\n\n"
+            + table(["Frame", "write", "memcpy", "ratio", "write, reader awake", "memcpy, reader awake", "ratio", "read", "memcpy", "ratio"], rows) + "\n![Copying](buffer-copy.svg)\n")
     return text, aims
 
 
@@ -330,8 +348,15 @@ def report_readers(readers, out):
     text = (f"## One writer, many readers\n\nFrames of {NAMES[readers['bytes']]} for {seconds:g} s; each reader is a process that copies each frame out and compares "
             "it byte for byte. Delivered and lost are sums over all readers, and add up to what was written for each of them.\n\n"
             + table(["Readers", "pace", "written per s", "µs per write", "GB/s while writing", "delivered", "lost"], rows)
-            + "\n![Readers](buffer-readers.svg)\n")
-    return text, []
+            + "\n![Readers](buffer-readers.svg)\n"
+            + f"\nThe same at {SLEEPERS_RATE} frames a second, so that all readers sleep before each frame. Per frame: the system calls of the writer in "
+            "shb_writer_write, the readers that they woke, and how often the readers gave the processor away.\n\n"
+            + table(["Readers", "calls of the writer", "readers woken", "switches of all readers", "of each"],
+                    [[case["readers"], f"{case['calls_per_frame']:.2f}", f"{case['woken_per_frame']:.2f}", f"{case['slept_per_frame']:.2f}",
+                      f"{case['slept_per_frame'] / case['readers']:.2f}"] for case in readers["sleepers"]]))
+    return text, [[f"{case['readers']} sleeping readers: one system call of the writer per frame, one switch of each reader",
+                   f"{case['calls_per_frame']:.2f}; {case['slept_per_frame'] / case['readers']:.2f}",
+                   verdict(case["calls_per_frame"] <= 1 and case["slept_per_frame"] <= 1.1 * case["readers"])] for case in readers["sleepers"]]
 
 
 def report_sink(sink, out):

@@ -3,7 +3,7 @@
 import math
 from html import escape
 
-COLOURS = ["#1b6ca8", "#5fa8d3", "#c8553d", "#588b8b", "#9ec1a3", "#8a6fae", "#b8b8b8"]
+COLOURS = ["#1b6ca8", "#5fa8d3", "#c8553d", "#588b8b", "#9ec1a3", "#8a6fae", "#b8b8b8", "#d9a441", "#7a8c3f", "#a0522d", "#4a4a6a"]
 LEFT, TOP, WIDTH, HEIGHT, BAR = 70, 88, 860, 280, 8
 
 

@@ -116,8 +116,8 @@ TEST(ShbHost, WhatWasAskedForAndWhatThereIs) {
 // A fork finds the locks of the library free, whatever the other threads are doing. The address sanitizer's own locks are
 // not, so this is for builds without it.
 TEST(ShbHost, AForkedChildNeverHangs) {
-    if (kSanitized)
-        GTEST_SKIP() << "the sanitizer's allocator is not made for forks of threaded programs";
+    if (kSanitized || kThreadSanitized)
+        GTEST_SKIP() << "the sanitizers are not made for forks of threaded programs";
     const Buffer buffer = Create(UniqueName(), SmallGeometry());
     const Writer writer = OpenWriter(buffer);
     ASSERT_TRUE(writer);
@@ -204,7 +204,7 @@ TEST(ShbHost, ATruncatedFileIsDamageForAGuardedReader) {
         cut.Signal();
         if (guarded) {
             EXPECT_EQ(0, child.Wait());
-        } else if (!kSanitized) {
+        } else if (!kSanitized && !kThreadSanitized) {
             EXPECT_EQ(SIGBUS, child.WaitSignal());
         }
         // The writer's side must not be touched any more: it is gone with the file.
@@ -214,7 +214,7 @@ TEST(ShbHost, ATruncatedFileIsDamageForAGuardedReader) {
 
 // A fault that is not in a buffer goes where it would have gone.
 TEST(ShbHost, TheGuardLeavesOtherFaultsAlone) {
-    if (kSanitized)
+    if (kSanitized || kThreadSanitized)
         GTEST_SKIP() << "the sanitizer has a handler of its own for this";
     Child child([] {
         if (shb_guard(1) != SHB_OK || shb_guard(1) != SHB_OK)

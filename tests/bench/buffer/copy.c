@@ -5,14 +5,20 @@
  *
  * Both sides take from one source buffer and go through rings of the same size, in shared memory of the same kind, all of it
  * touched before. A round handles BYTES on each side, one right after the other, and the next round in the opposite order.
- * One line per round: "write|read SIZE NANOSECONDS-PER-FRAME NANOSECONDS-PER-MEMCPY".
+ * "awake" is writing while a reader in another process never sleeps: it copies out what it finds new in the buffer, and in the other
+ * ring alike. One line per round: "write|read|awake SIZE NANOSECONDS-PER-FRAME NANOSECONDS-PER-MEMCPY".
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <stdatomic.h>
+#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "bench.h"
@@ -28,6 +34,14 @@ static unsigned char *readable; /* the same memory, mapped once more for reading
 static unsigned char *source;
 static unsigned char *target;
 static size_t ring_at;
+
+/* What the reader that is awake has to know of the other ring, and what it has found. */
+typedef struct awake {
+    _Atomic bool over;
+    _Atomic uint64_t copied;         /* bytes, behind the last memcpy */
+    _Atomic uint64_t frames, copies; /* taken out */
+} awake_t;
+static awake_t *awake;
 
 static void must(int result) {
     if (result != SHB_OK)
@@ -80,6 +94,7 @@ static uint64_t copy_in(size_t size, size_t count) {
         memcpy(ring + ring_at, source, size);
         /* What is copied must not be taken for dead. */
         __asm__ volatile("" ::"r"(ring + ring_at) : "memory");
+        atomic_store_explicit(&awake->copied, ring_at + 1, memory_order_release);
         ring_at += step;
     }
     return bench_now_ns() - start;
@@ -135,6 +150,52 @@ static void side_by_side(const char *name, size_t round, part_t ours, part_t the
     printf("%s %zu %.2f %.2f\n", name, size, (double)own / frames, (double)plain / frames);
 }
 
+/* The reader that is awake, until it is over. */
+static void never_sleep(size_t size) {
+    shb_reader_t *reader;
+    shb_frame_t frame = SHB_INIT(shb_frame_t);
+    uint64_t last = 0;
+    must(shb_reader_open(map, 0, 0, SHB_VIDEO, SHB_START_NEWEST, &reader));
+    while (!atomic_load_explicit(&awake->over, memory_order_relaxed)) {
+        int result = shb_reader_read(reader, target, size, 0, &frame);
+        if (result == SHB_OK)
+            atomic_fetch_add_explicit(&awake->frames, 1, memory_order_relaxed);
+        else if (result != SHB_ERR_TIMEOUT)
+            bench_fail(shb_strerror(result));
+        uint64_t copied = atomic_load_explicit(&awake->copied, memory_order_acquire);
+        if (copied == last)
+            continue;
+        last = copied;
+        memcpy(target, readable + copied - 1, size);
+        __asm__ volatile("" ::"r"(target) : "memory");
+        atomic_fetch_add_explicit(&awake->copies, 1, memory_order_relaxed);
+    }
+    shb_reader_close(reader);
+}
+
+static void measure_awake(size_t rounds, size_t size, size_t count) {
+    awake->over = false;
+    awake->frames = awake->copies = 0;
+    pid_t child = fork();
+    if (child < 0)
+        bench_fail("fork");
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        alarm(120);
+        never_sleep(size);
+        /* Not a return: the buffer is the parent's. */
+        _exit(0);
+    }
+    while (awake->frames == 0)
+        write_frames(size, 1);
+    for (size_t round = 0; round < rounds; round++)
+        side_by_side("awake", round, write_frames, copy_in, size, count, 1);
+    awake->over = true;
+    int status;
+    if (waitpid(child, &status, 0) != child || status != 0 || awake->copies == 0)
+        bench_fail("the reader has not been awake");
+}
+
 static void measure(size_t rounds, size_t bytes, size_t size) {
     size_t held = RING / ((size + 63) / 64 * 64);
     size_t count = bytes / size > held ? bytes / size : held;
@@ -147,6 +208,7 @@ static void measure(size_t rounds, size_t bytes, size_t size) {
         side_by_side("write", round, write_frames, copy_in, size, count, 1);
         side_by_side("read", round, read_frames, copy_out, size, held - 1, (count + held - 1) / held);
     }
+    measure_awake(rounds, size, count);
 }
 
 int main(int argc, char **argv) {
@@ -161,6 +223,11 @@ int main(int argc, char **argv) {
     target = bench_pattern(largest, 2);
     make_buffer();
     make_ring();
+    awake = mmap(NULL, sizeof *awake, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (awake == MAP_FAILED)
+        bench_fail("mmap");
+    /* What stands in it must not appear twice. */
+    setvbuf(stdout, NULL, _IOLBF, 0);
     for (int i = 3; i < argc; i++)
         measure(bench_number(argv[1]), bench_number(argv[2]), bench_number(argv[i]));
     shb_detach(map);
@@ -168,6 +235,7 @@ int main(int argc, char **argv) {
     shb_destroy(buffer);
     munmap(ring, RING);
     munmap(readable, RING);
+    munmap(awake, sizeof *awake);
     free(source);
     free(target);
     return 0;

@@ -1,5 +1,5 @@
 /*
- * shmsink and shmsrc at their best: the sender's buffers are made on the streaming thread itself (appsrc asks for them there),
+ * shmsink and shmsrc, or with the variant "unixfd" unixfdsink and unixfdsrc, at their best: the sender's buffers are made on the streaming thread itself (appsrc asks for them there),
  * the receiver gets them on the streaming thread of shmsrc (appsink's callback), and there they lie in the shared memory.
  * Nothing waits for a clock.
  */
@@ -77,19 +77,26 @@ static void need_data(GstAppSrc *source, guint length, gpointer user) {
     gst_app_src_push_buffer(source, buffer);
 }
 
+static gboolean by_descriptors(const wake_t *wake) {
+    return strcmp(wake_variant(wake), "unixfd") == 0;
+}
+
 static void open_sink(wake_t *wake) {
     GstAppSrcCallbacks callbacks = {.need_data = need_data};
-    build(
-        wake,
-        "appsrc name=source format=time ! shmsink name=sink shm-size=67108864 wait-for-connection=true sync=false async=false "
-        "enable-last-sample=false");
+    build(wake,
+          by_descriptors(wake)
+              ? "appsrc name=source format=time caps=application/x-message ! unixfdsink name=sink "
+                "wait-for-connection=true sync=false async=false enable-last-sample=false"
+              : "appsrc name=source format=time ! shmsink name=sink shm-size=67108864 wait-for-connection=true sync=false "
+                "async=false enable-last-sample=false");
     gchar *path = socket_path(wake);
     g_object_set(element("sink"), "socket-path", path, NULL);
     gst_app_src_set_callbacks(GST_APP_SRC(element("source")), &callbacks, NULL, NULL);
     g_free(path);
     /* Makes the socket. */
-    if (gst_element_set_state(side.pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE)
-        bench_fail("shmsink does not start");
+    if (gst_element_set_state(side.pipeline, by_descriptors(wake) ? GST_STATE_PAUSED : GST_STATE_READY) ==
+        GST_STATE_CHANGE_FAILURE)
+        bench_fail("the sink does not start");
 }
 
 static void send_buffers(wake_t *wake) {
@@ -113,9 +120,10 @@ static GstFlowReturn new_sample(GstAppSink *sink, gpointer user) {
 
 static void receive_buffers(wake_t *wake) {
     GstAppSinkCallbacks callbacks = {.new_sample = new_sample};
-    build(wake,
-          "shmsrc name=source is-live=true do-timestamp=false ! appsink name=sink sync=false async=false "
-          "enable-last-sample=false");
+    build(wake, by_descriptors(wake)
+                    ? "unixfdsrc name=source ! appsink name=sink sync=false async=false enable-last-sample=false"
+                    : "shmsrc name=source is-live=true do-timestamp=false ! appsink name=sink sync=false "
+                      "async=false enable-last-sample=false");
     gchar *path = socket_path(wake);
     g_object_set(element("source"), "socket-path", path, NULL);
     gst_app_sink_set_callbacks(GST_APP_SINK(element("sink")), &callbacks, NULL, NULL);

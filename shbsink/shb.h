@@ -317,6 +317,7 @@ SHB_API int shb_attach(const char *name, shb_map_t **out);
 SHB_API int shb_attach_with(const char *name, const shb_attach_options_t *options, shb_map_t **out);
 /* Gives the map back; readers that are still open keep it until they are closed. Null is ignored. */
 SHB_API void shb_detach(shb_map_t *map);
+/* These look at the mapping alone, without a system call while the creator's heartbeat is young. Errors: ARG; CORRUPT (shb_guard). */
 SHB_API int shb_map_geometry(const shb_map_t *map, shb_geometry_t *out);
 SHB_API int shb_map_info(const shb_map_t *map, shb_info_t *out);
 /*
@@ -452,7 +453,7 @@ enum {
     SHB_FOLLOW_RESTARTED = 1u << 1, /* with ATTACHED: it is not the first one: its host was started anew */
     SHB_FOLLOW_GONE = 1u << 2,      /* the host has gone, and everything that it wrote has been read */
     SHB_FOLLOW_EPOCH = 1u << 3,     /* with a frame: the first of another writer; the source has connected again */
-    SHB_FOLLOW_MEDIA = 1u << 4      /* with a frame: what the track carries is not what it was */
+    SHB_FOLLOW_MEDIA = 1u << 4 /* with a frame: what the track carries is not what it was, or is known for the first time */
 };
 
 /*

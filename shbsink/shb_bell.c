@@ -32,7 +32,7 @@ static int open_listener(const char *path, mode_t mode, const gid_t *group) {
         close(fd);
         return -1;
     }
-    /* Connecting takes the right to write, which the umask would take from everybody else. Nobody gets in before listen(). */
+    /* Connecting takes the right to write, which bind() leaves to nobody else under a usual umask. */
     mode_t connect_mode = mode | (mode & 0444) >> 1;
     if ((group != NULL && chown(path, (uid_t)-1, *group) != 0) || chmod(path, connect_mode) != 0 || listen(fd, BACKLOG) != 0) {
         close(fd);

@@ -33,10 +33,6 @@ void shb_registry_unlock(void) {
     pthread_mutex_unlock(&registry_lock);
 }
 
-void shb_registry_reset(void) {
-    pthread_mutex_init(&registry_lock, NULL);
-}
-
 shb_buffer_t *shb_buffer_hold(const shb_buffer_t *buffer) {
     pthread_mutex_lock(&registry_lock);
     shb_buffer_t *at = registry;
@@ -234,8 +230,8 @@ static int make_files(shb_buffer_t *buffer, mode_t mode, const gid_t *group) {
 }
 
 /*
- * A name that another creator has taken in the meantime is no longer ours to remove. The waiters go last: by their name the socket of
- * a creator that died half-way is found.
+ * A name that another creator has taken in the meantime is no longer ours to remove. The waiters go last: by their
+ * name the socket of a creator that died half-way is found.
  */
 static void remove_files(const shb_buffer_t *buffer) {
     struct stat file;

@@ -93,7 +93,6 @@ void shb_buffer_drop(shb_buffer_t *buffer);
 /* A fork must find these locks free, or its child could never take them. */
 void shb_registry_lock(void);
 void shb_registry_unlock(void);
-void shb_registry_reset(void);
 
 /* The thread that renews heartbeats, wakes readers by their sockets and watches for stalls. SHB_OK, SHB_ERR_SYSTEM. */
 int shb_pulse_add_buffer(shb_buffer_t *buffer);

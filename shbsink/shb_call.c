@@ -38,7 +38,7 @@ static bool connected(shb_reader_t *reader) {
     if (reader->linked_ns != 0 && now - reader->linked_ns < SHB_CONNECT_NS)
         return false;
     reader->linked_ns = now;
-    reader->called = false;
+    reader->called = reader->watched = false;
     char path[SHB_PATH_MAX];
     shb_socket_path(reader->map->base->token, path);
     reader->link = connect_to(path, reader->map->owner);

@@ -26,8 +26,13 @@ struct shb_follow {
     int folder; /* tells of new names; -1 while that is not asked for, or cannot be */
     bool again; /* a buffer was there before */
     uint32_t events;
-    uint64_t epoch;                /* of the last frame of this buffer, 0: none yet */
-    shb_description_t description; /* that was told last, serial 0: none */
+    uint64_t epoch; /* of the last frame of this buffer, 0: none yet */
+    /* What the last frame with a description belonged to. */
+    uint64_t media_epoch;
+    uint32_t media_serial;
+    shb_description_t description; /* without its serial, which begins anew in each epoch */
+    size_t codec_data_bytes;
+    unsigned char codec_data[SHB_CODEC_DATA_MAX];
 };
 
 int shb_follow_open(const char *name, const shb_follow_options_t *options, shb_follow_t **out) {
@@ -90,7 +95,7 @@ static int try_attach(shb_follow_t *follow) {
     follow->map = map;
     follow->events |= SHB_FOLLOW_ATTACHED | (follow->again ? (uint32_t)SHB_FOLLOW_RESTARTED : 0);
     follow->again = true;
-    follow->epoch = 0;
+    follow->epoch = follow->media_epoch = 0;
     if (follow->folder >= 0)
         close(follow->folder);
     follow->folder = -1;
@@ -142,21 +147,32 @@ static bool is_superseded(const shb_follow_t *follow) {
     return alive;
 }
 
-static void note_media(shb_follow_t *follow) {
+static void note_media(shb_follow_t *follow, uint64_t epoch) {
     shb_description_t now = SHB_INIT(shb_description_t);
-    if (shb_reader_description(follow->reader, &now) != SHB_OK)
+    unsigned char data[SHB_CODEC_DATA_MAX];
+    size_t bytes = 0;
+    if (shb_reader_description(follow->reader, &now) != SHB_OK ||
+        (now.serial == follow->media_serial && epoch == follow->media_epoch))
         return;
+    follow->media_serial = now.serial;
+    follow->media_epoch = epoch;
+    if (shb_reader_codec_data(follow->reader, data, sizeof data, &bytes) != SHB_OK)
+        bytes = 0;
     now.serial = 0;
-    if (memcmp(&now, &follow->description, sizeof now) != 0)
-        follow->events |= SHB_FOLLOW_MEDIA;
+    if (memcmp(&now, &follow->description, sizeof now) == 0 && bytes == follow->codec_data_bytes &&
+        memcmp(data, follow->codec_data, bytes) == 0)
+        return;
+    follow->events |= SHB_FOLLOW_MEDIA;
     follow->description = now;
+    follow->codec_data_bytes = bytes;
+    memcpy(follow->codec_data, data, bytes);
 }
 
 static void note_frame(shb_follow_t *follow, const shb_frame_t *frame) {
     if (follow->epoch != 0 && frame->epoch != follow->epoch)
         follow->events |= SHB_FOLLOW_EPOCH;
     follow->epoch = frame->epoch;
-    note_media(follow);
+    note_media(follow, frame->epoch);
 }
 
 /* One step: a frame, an end, or nothing for a while. */

@@ -35,10 +35,6 @@ void shb_guard_unlock(void) {
     pthread_mutex_unlock(&lock);
 }
 
-void shb_guard_reset(void) {
-    pthread_mutex_init(&lock, NULL);
-}
-
 static bool cover(uintptr_t address) {
     for (region_t *at = atomic_load_explicit(&regions, memory_order_acquire); at != NULL; at = at->next) {
         uintptr_t begin = atomic_load_explicit(&at->begin, memory_order_acquire);

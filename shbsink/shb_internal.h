@@ -75,13 +75,9 @@ void shb_socket_path(uint64_t token, char *out);
 int shb_remove_file(const char *full, bool force);
 /* Removes the files of waiters of this name whose creators have died, and their sockets. */
 void shb_sweep_waiters(const char *full);
-/*
- * What a header says about its buffer; `file` is what it stands in, `near` and `alive` the caller's findings about the creator. No system
- * call.
- */
+/* What a header says about its buffer, but for what the system has to say of its creator; `file` is what it stands in. */
 struct stat;
-void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, bool near, bool alive,
-                          shb_info_t *out);
+void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, shb_info_t *out);
 
 /* ---- Processes ------------------------------------------------------------------------------------------------------- */
 
@@ -126,7 +122,6 @@ void shb_announce(shb_waiters_t *waiters);
 /* A fork must find this lock free, or its child could never take it (shb_guard.c). */
 void shb_guard_lock(void);
 void shb_guard_unlock(void);
-void shb_guard_reset(void);
 
 /* ---- Copying --------------------------------------------------------------------------------------------------------- */
 

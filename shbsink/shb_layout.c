@@ -49,23 +49,27 @@ uint32_t shb_version(void) {
 
 /* ---- Structs with a size ------------------------------------------------------------------------------------------ */
 
-bool shb_take_struct(const void *given, void *out, size_t size) {
-    uint32_t given_size;
-    memcpy(&given_size, given, sizeof given_size);
-    if (given_size < size)
-        return false;
-    /* What a later version of the caller's header has added must not be passed over in silence. */
-    for (size_t at = size; at < given_size; at++)
-        if (((const unsigned char *)given)[at] != 0)
-            return false;
-    memcpy(out, given, size);
-    return true;
-}
+/* No struct will ever be larger: one that says so was not filled in. */
+#define STRUCT_MAX 4096
 
 bool shb_can_give(const void *given, size_t size) {
     uint32_t given_size;
     memcpy(&given_size, given, sizeof given_size);
-    return given_size >= size;
+    return given_size >= size && given_size <= STRUCT_MAX;
+}
+
+bool shb_take_struct(const void *given, void *out, size_t size) {
+    uint32_t given_size;
+    if (!shb_can_give(given, size))
+        return false;
+    memcpy(&given_size, given, sizeof given_size);
+    /* What a later version of the caller's header has added must not be passed over in silence. */
+    for (size_t at = size; at < given_size; at++)
+        /* NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): the caller's struct is longer than ours */
+        if (((const unsigned char *)given)[at] != 0)
+            return false;
+    memcpy(out, given, size);
+    return true;
 }
 
 void shb_give_struct(void *given, const void *from, size_t size) {

@@ -13,23 +13,17 @@
 
 #include "shb_internal.h"
 
-void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, bool near, bool alive,
-                          shb_info_t *out) {
+void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, shb_info_t *out) {
     *out = SHB_INIT(shb_info_t);
     memcpy(out->name, full, strnlen(full, sizeof out->name - 1));
     out->version = header->version;
     out->creator_pid = (int32_t)shb_identity_pid(header->creator);
-    /* Older layouts do not say. */
-    out->pid_is_ours = near || shb_origin_of(header).pid_ns == 0;
-    out->alive = alive;
     out->owner = file->st_uid;
     out->group = file->st_gid;
     out->mode = file->st_mode & 0777;
     shb_places_t places;
     if (shb_check_header(header, (uint64_t)file->st_size, &places) != SHB_OK)
         return;
-    if (atomic_load_explicit(&header->state, memory_order_acquire) != SHB_STATE_OPEN)
-        out->alive = 0;
     out->heartbeat_age_ns = shb_heartbeat_age(header);
     out->total_bytes = places.total_bytes + places.waiters_bytes;
     out->geometry = places.geometry;
@@ -214,6 +208,14 @@ static int by_name(const void *a, const void *b) {
     return strcmp(((const shb_info_t *)a)->name, ((const shb_info_t *)b)->name);
 }
 
+/* Exactly, with whatever system calls that takes. Older layouts do not say where their creator was. */
+static void find_creator(shb_header_t *header, shb_info_t *info) {
+    const shb_origin_t origin = shb_origin_of(header);
+    bool closed = info->geometry.channels != 0 && atomic_load_explicit(&header->state, memory_order_acquire) != SHB_STATE_OPEN;
+    info->pid_is_ours = origin.pid_ns == 0 || shb_origin_is_near(&origin);
+    info->alive = !closed && shb_creator_alive(header);
+}
+
 /* Entries are as far apart as the caller's header says. */
 static void give_all(shb_info_t *out, const shb_info_t *all, size_t count) {
     uint32_t stride = count > 0 ? out->struct_size : 0;
@@ -254,8 +256,9 @@ int shb_list(shb_info_t *out, size_t capacity, size_t *count) {
             }
             all = more;
         }
-        const shb_origin_t origin = shb_origin_of(&header);
-        shb_info_from_header(full, &header, &file, shb_origin_is_near(&origin), shb_creator_alive(&header), &all[found++]);
+        shb_info_t *info = &all[found++];
+        shb_info_from_header(full, &header, &file, info);
+        find_creator(&header, info);
     }
     closedir(folder);
     if (result == SHB_OK) {

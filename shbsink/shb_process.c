@@ -135,14 +135,8 @@ shb_life_t shb_origin_life(const shb_origin_t *origin) {
     if (!near && origin->pid_ns != 0)
         return SHB_LIFE_UNKNOWN;
     bool same_time = !near || origin->time_ns == namespace_of_self("/proc/thread-self/ns/time");
-    switch (ask(origin->creator, same_time)) {
-        case PROCESS_THERE:
-            return SHB_LIFE_ALIVE;
-        case PROCESS_HIDDEN:
-            return SHB_LIFE_ALIVE;
-        case PROCESS_GONE:
-            break;
-    }
+    if (ask(origin->creator, same_time) != PROCESS_GONE)
+        return SHB_LIFE_ALIVE;
     /* Older layouts do not say which namespace their creator was in. */
     return near ? SHB_LIFE_GONE : SHB_LIFE_UNKNOWN;
 }

@@ -42,9 +42,11 @@ static void after_fork(void) {
     shb_guard_unlock();
 }
 
-/* A forked child has its parent's lists, but not the thread, nor any business with those buffers. */
+/*
+ * A forked child has its parent's lists, but not the thread, nor any business with those buffers. It holds the
+ * locks that its parent took before the fork.
+ */
 static void forget_all(void) {
-    pthread_mutex_init(&lock, NULL);
     pthread_cond_init(&changed, NULL);
     for (shb_buffer_t *at = buffers; at != NULL; at = at->next_pulsed)
         shb_bell_forget(at);
@@ -58,8 +60,7 @@ static void forget_all(void) {
     epoll = control = -1;
     buffers = NULL;
     writers = NULL;
-    shb_registry_reset();
-    shb_guard_reset();
+    after_fork();
 }
 
 __attribute__((constructor)) static void prepare(void) {

@@ -130,12 +130,21 @@ int shb_map_alive(const shb_map_t *map) {
     return life == SHB_LIFE_UNKNOWN ? age < SHB_SILENT_NS : life == SHB_LIFE_ALIVE;
 }
 
+/* After shb_guard: what is asked about lies in a part of the file that is gone. */
+static bool is_damaged(const shb_map_t *map) {
+    return atomic_load_explicit(&map->damaged, memory_order_acquire);
+}
+
 int shb_map_info(const shb_map_t *map, shb_info_t *out) {
     if (map == NULL || out == NULL || !shb_can_give(out, sizeof *out))
         return SHB_ERR_ARG;
     const struct stat file = {.st_uid = map->owner, .st_gid = map->group, .st_mode = map->mode, .st_size = (off_t)map->bytes};
     shb_info_t info;
-    shb_info_from_header(map->name, map->base, &file, map->near, shb_map_alive(map) != 0, &info);
+    shb_info_from_header(map->name, map->base, &file, &info);
+    info.pid_is_ours = map->near;
+    info.alive = shb_map_alive(map);
+    if (is_damaged(map))
+        return SHB_ERR_CORRUPT;
     shb_give_struct(out, &info, sizeof info);
     return SHB_OK;
 }
@@ -162,6 +171,8 @@ int shb_map_stats(const shb_map_t *map, uint32_t channel, uint32_t stream, shb_k
         return SHB_ERR_ARG;
     shb_stats_t stats;
     shb_track_stats(&view, shb_map_now(map), shb_map_alive(map) != 0, map->origin.creator, &stats);
+    if (is_damaged(map))
+        return SHB_ERR_CORRUPT;
     shb_give_struct(out, &stats, sizeof stats);
     return SHB_OK;
 }
@@ -173,6 +184,8 @@ int shb_map_description(const shb_map_t *map, uint32_t channel, uint32_t stream,
         !shb_track_at(&map->places, map->base, channel, stream, kind, &view))
         return SHB_ERR_ARG;
     int result = shb_track_newest_description(&view, &description, NULL);
+    if (is_damaged(map))
+        return SHB_ERR_CORRUPT;
     if (result == SHB_OK)
         shb_give_struct(out, &description, sizeof description);
     return result;
@@ -197,6 +210,8 @@ int shb_map_codec_data(const shb_map_t *map, uint32_t channel, uint32_t stream, 
         !shb_track_at(&map->places, map->base, channel, stream, kind, &view))
         return SHB_ERR_ARG;
     int result = shb_track_newest_description(&view, &description, words);
+    if (is_damaged(map))
+        return SHB_ERR_CORRUPT;
     if (result != SHB_OK)
         return result;
     result = give_data(words, description.codec_data_bytes, data, capacity, size);
@@ -397,7 +412,7 @@ static void move_on(shb_reader_t *reader, const shb_frame_t *frame) {
     reader->stats.lost += frame->lost;
     reader->stats.losses += frame->lost != 0;
     reader->stats.left_out += frame->left_out;
-    reader->stats.epochs += !reader->has_epoch || frame->epoch != reader->epoch;
+    reader->stats.epochs += !reader->delivered || frame->epoch != reader->epoch;
     reader->left_out = reader->frame_left_out;
     reader->has_left_out = true;
     reader->next++;

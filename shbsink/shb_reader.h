@@ -60,6 +60,7 @@ struct shb_reader {
     bool suspect;        /* a connection has ended: do not wait for the heartbeat to fail */
     /* Being woken by a socket. */
     int link;           /* -1: none */
+    bool watched;       /* the descriptor of the set looks at it */
     bool called;        /* a call is under way */
     uint64_t linked_ns; /* when a connection was last tried, 0: never */
     shb_set_t *set;

@@ -182,14 +182,15 @@ int shb_set_remove(shb_set_t *set, shb_reader_t *reader) {
 /* Sees to it that the descriptor becomes readable when this reader has something to say; false: a timer must do that. */
 static bool arm(shb_set_t *set, shb_reader_t *reader) {
     shb_call_drain(reader);
-    bool was_linked = reader->link >= 0;
     bool called = shb_call_out(reader);
-    if (!was_linked && reader->link >= 0) {
+    /* It may have been made by a wait for this reader alone. */
+    if (reader->link >= 0 && !reader->watched) {
         struct epoll_event event = {.events = EPOLLIN, .data.ptr = reader};
         if (epoll_ctl(set->epoll, EPOLL_CTL_ADD, reader->link, &event) != 0) {
             shb_call_end(reader);
             return false;
         }
+        reader->watched = true;
     }
     return called;
 }

@@ -30,8 +30,10 @@ static int read_track(shb_reader_t *reader, shb_kind_t kind) {
     uint64_t epoch = 0;
     uint32_t description = 0;
     shb_frame_t frame = SHB_INIT(shb_frame_t);
-    int result = SHB_ERR_SYSTEM;
-    while (data != NULL) {
+    int result;
+    if (data == NULL)
+        return SHB_ERR_SYSTEM;
+    for (;;) {
         result = shb_reader_read(reader, data, capacity, 1000, &frame);
         if (result == SHB_ERR_TIMEOUT)
             continue; /* nothing for a second: the source may be connecting again */
@@ -40,6 +42,8 @@ static int read_track(shb_reader_t *reader, shb_kind_t kind) {
             free(data);
             capacity = frame.size;
             data = malloc(capacity);
+            if (data == NULL)
+                return SHB_ERR_SYSTEM;
             continue;
         }
         if (result != SHB_OK)

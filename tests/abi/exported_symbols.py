@@ -1,10 +1,16 @@
 #!/usr/bin/env python3
-"""The library's dynamic symbol table holds the interface and nothing else."""
+"""A library's dynamic symbol table holds the interface, each function under its version, and nothing else.
 
+    exported_symbols.py LIBRARY VERSION [HEADER]    the functions are those of the header, without one those of libgst_source
+"""
+
+import re
 import subprocess
 import sys
+from pathlib import Path
 
-EXPECTED = {
+LIBRARY, VERSION = sys.argv[1:3]
+EXPECTED = set(re.findall(r"^SHB_API [^(]*?(\w+)\(", Path(sys.argv[3]).read_text(), re.MULTILINE)) if len(sys.argv) > 3 else {
     "gst_source_create", "gst_source_close_live_stream", "gst_source_get_status", "gst_source_get_media_info",
     "gst_source_set_media_change_callback", "gst_source_destroy", "gst_rtsp_source_open_live_stream",
     "gst_srt_source_open_live_stream", "gst_rtmp_source_open_live_stream", "gst_udp_source_open_live_stream",
@@ -12,9 +18,10 @@ EXPECTED = {
     "_ZN9GSTREAMER7GstInitEv", "_ZN9GSTREAMER9GstDeInitEv",
 }
 
-lines = subprocess.run(["nm", "-D", "--defined-only", "--without-symbol-versions", sys.argv[1]], stdout=subprocess.PIPE, text=True,
-                       check=True).stdout.splitlines()
+assert EXPECTED
+lines = subprocess.run(["nm", "-D", "--defined-only", LIBRARY], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()
 symbols = {line.split()[-1] for line in lines if line.split()[-2] != "A"}
-versions = {line.split()[-1] for line in lines if line.split()[-2] == "A"}
-assert symbols == EXPECTED, f"missing {EXPECTED - symbols}, too many {symbols - EXPECTED}"
-assert versions == {"GST_SOURCE_1.0"}, versions
+versions = {line.split()[-1].split("@")[0] for line in lines if line.split()[-2] == "A"}
+expected = {f"{name}@@{VERSION}" for name in EXPECTED}
+assert symbols == expected, f"missing {expected - symbols}, too many {symbols - expected}"
+assert versions == {VERSION}, versions

@@ -12,6 +12,9 @@ HOST = """
 #include <gst_source_api.h>
 #include <shb.h>
 int main(void) {
+    const shb_geometry_t geometry = SHB_INIT(shb_geometry_t);
+    if (geometry.struct_size != sizeof geometry || shb_version() != SHB_VERSION_NUMBER)
+        return 1;
     gst_source_destroy(gst_source_create(SOURCE_TYPE_UDP, (void *)shb_strerror(SHB_OK), 0, 0));
     return 0;
 }
@@ -28,8 +31,10 @@ with tempfile.TemporaryDirectory() as folder:
     assert files["rtmps-gnutls.conf"].match("share/gst-source/rtmps-gnutls.conf"), "where docs/protocols.md has it"
     assert files["libgstshbsink.so"].parent == library / "gstreamer-1.0"
     assert (library / "libgst_source.so").is_symlink() and (library / "libgst_source.so.1").is_symlink()
-    soname = subprocess.run(["readelf", "-d", library / "libgst_source.so"], stdout=subprocess.PIPE, text=True, check=True).stdout
-    assert "[libgst_source.so.1]" in soname, soname
+    assert (library / "libshb.so").is_symlink() and (library / "libshb.so.2").is_symlink()
+    for name in ("libgst_source.so.1", "libshb.so.2"):
+        soname = subprocess.run(["readelf", "-d", library / name], stdout=subprocess.PIPE, text=True, check=True).stdout
+        assert f"[{name}]" in soname, soname
     environment = dict(os.environ, PKG_CONFIG_PATH=str(files["gst-source.pc"].parent), PKG_CONFIG_SYSROOT_DIR=folder)
     flags = subprocess.run(["pkg-config", "--cflags", "--libs", "gst-source", "shb"], env=environment, stdout=subprocess.PIPE, text=True,
                            check=True).stdout.split()

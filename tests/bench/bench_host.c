@@ -65,7 +65,7 @@ static int open_source(void *source, const char *url) {
 }
 
 static uint64_t video_frames(shb_buffer_t *buffer) {
-    shb_stats_t stats;
+    shb_stats_t stats = SHB_INIT(shb_stats_t);
     return shb_buffer_stats(buffer, 0, 0, SHB_VIDEO, &stats) == SHB_OK ? stats.total_frames : 0;
 }
 
@@ -111,7 +111,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     if (!closes) {
-        shb_stats_t stats;
+        shb_stats_t stats = SHB_INIT(shb_stats_t);
         void *source = create(argv[2], buffer);
         result = open_source(source, argv[2]);
         sleep_ms(atof(argv[3]) * 1e3);

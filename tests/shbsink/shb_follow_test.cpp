@@ -69,6 +69,15 @@ TEST(ShbFollow, WaitsForANameAndFollowsItsRestarts) {
     got = Next(follow);
     EXPECT_EQ(SHB_OK, got.result);
     EXPECT_EQ(0u, got.events);
+    // The same but for what a decoder needs.
+    for (const char *sets : {"set 1", "set 2"}) {
+        shb_writer_describe(writer.get(), &description, sets, strlen(sets));
+        WritePattern(writer, 1, 2, 100);
+        EXPECT_EQ(SHB_FOLLOW_MEDIA, Next(follow).events);
+    }
+    shb_writer_describe(writer.get(), &description, nullptr, 0);
+    WritePattern(writer, 1, 3, 100);
+    EXPECT_EQ(SHB_FOLLOW_MEDIA, Next(follow).events);
     // Another writer with the same media.
     writer.reset();
     writer = OpenWriter(buffer);

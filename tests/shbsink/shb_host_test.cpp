@@ -116,8 +116,8 @@ TEST(ShbHost, WhatWasAskedForAndWhatThereIs) {
 // A fork finds the locks of the library free, whatever the other threads are doing. The address sanitizer's own locks are
 // not, so this is for builds without it.
 TEST(ShbHost, AForkedChildNeverHangs) {
-    if (kSanitized)
-        GTEST_SKIP() << "the sanitizer's allocator is not made for forks of threaded programs";
+    if (kSanitized || kThreadSanitized)
+        GTEST_SKIP() << "the sanitizers are not made for forks of threaded programs";
     const Buffer buffer = Create(UniqueName(), SmallGeometry());
     const Writer writer = OpenWriter(buffer);
     ASSERT_TRUE(writer);
@@ -186,7 +186,16 @@ TEST(ShbHost, ATruncatedFileIsDamageForAGuardedReader) {
                 sum += static_cast<const uint8_t *>(data)[i];
             if (sum != 0 || shb_reader_return(second.get()) != SHB_ERR_CORRUPT)
                 return 3;
-            return Read(reader).result == SHB_ERR_CORRUPT && shb_reader_wait(reader.get(), 0) == SHB_ERR_CORRUPT ? 0 : 4;
+            if (Read(reader).result != SHB_ERR_CORRUPT || shb_reader_wait(reader.get(), 0) != SHB_ERR_CORRUPT)
+                return 4;
+            shb_stats_t stats{};
+            shb_info_t info{};
+            shb_description_t description{};
+            return shb_map_stats(map.get(), 0, 0, SHB_VIDEO, &stats) == SHB_ERR_CORRUPT &&
+                           shb_map_info(map.get(), &info) == SHB_ERR_CORRUPT &&
+                           shb_map_description(map.get(), 0, 0, SHB_VIDEO, &description) == SHB_ERR_CORRUPT
+                       ? 0
+                       : 5;
         });
         ASSERT_TRUE(ready.Await());
         writer.reset();
@@ -195,7 +204,7 @@ TEST(ShbHost, ATruncatedFileIsDamageForAGuardedReader) {
         cut.Signal();
         if (guarded) {
             EXPECT_EQ(0, child.Wait());
-        } else if (!kSanitized) {
+        } else if (!kSanitized && !kThreadSanitized) {
             EXPECT_EQ(SIGBUS, child.WaitSignal());
         }
         // The writer's side must not be touched any more: it is gone with the file.
@@ -205,7 +214,7 @@ TEST(ShbHost, ATruncatedFileIsDamageForAGuardedReader) {
 
 // A fault that is not in a buffer goes where it would have gone.
 TEST(ShbHost, TheGuardLeavesOtherFaultsAlone) {
-    if (kSanitized)
+    if (kSanitized || kThreadSanitized)
         GTEST_SKIP() << "the sanitizer has a handler of its own for this";
     Child child([] {
         if (shb_guard(1) != SHB_OK || shb_guard(1) != SHB_OK)
@@ -293,6 +302,15 @@ TEST(ShbHost, StructsWithoutTheirSizeAreRefused) {
     EXPECT_EQ(SHB_ERR_ARG, shb_reader_get_stats(reader.get(), &counts));
     EXPECT_EQ(SHB_ERR_ARG, shb_follow_open(name.c_str(), &follow, &other_follow));
     EXPECT_EQ(SHB_ERR_ARG, shb_list(&info, 1, &count));
+}
+
+TEST(ShbHost, StructsThatWereNotFilledInAreRefused) {
+    shb_geometry_t geometry = SmallGeometry();
+    geometry.struct_size = 0xa5a5a5a5;
+    shb_buffer_t *other = nullptr;
+    EXPECT_EQ(SHB_ERR_ARG, shb_create(UniqueName().c_str(), &geometry, &other));
+    const Buffer buffer = Create(UniqueName(), SmallGeometry());
+    EXPECT_EQ(SHB_ERR_ARG, shb_get_geometry(buffer.get(), &geometry));
 }
 
 // A program that was built with a later header: what it knows more of is 0, and what it asks for more is refused.

@@ -259,6 +259,16 @@ TEST_F(ShbPlace, ReaderKeepsCountOfItself) {
     EXPECT_EQ(track.total_frames, stats.frames + stats.lost + stats.waiting);
 }
 
+TEST_F(ShbPlace, FrameThatComesAgainAfterASeekIsNoNewEpoch) {
+    Reader reader = OpenReader(map_, SHB_START_OLDEST);
+    Write(3, 100);
+    for (int round = 0; round < 3; round++) {
+        EXPECT_EQ(0u, Read(reader).frame.sequence);
+        EXPECT_EQ(1u, StatsOf(reader).epochs);
+        EXPECT_EQ(SHB_OK, shb_reader_seek(reader.get(), SHB_SEEK_OLDEST, 0));
+    }
+}
+
 // ---- Descriptions ----------------------------------------------------------------------------------------------------
 
 TEST_F(ShbPlace, ChangesBeyondTheSlotsTakeTheirFramesAway) {

@@ -22,6 +22,13 @@
 
 namespace shbtest {
 
+// It has its own ways with signals and with children of threaded programs.
+#ifdef __SANITIZE_THREAD__
+constexpr bool kThreadSanitized = true;
+#else
+constexpr bool kThreadSanitized = false;
+#endif
+
 // Instrumented code takes many times as long, and each process that is forked a multiple of that.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kSanitized = true;

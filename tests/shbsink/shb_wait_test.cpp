@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <random>
 #include <thread>
 
@@ -121,6 +123,7 @@ int FollowLine(const std::string &name, const Shared<Meeting> &meeting) {
     Map map = Attach(name);
     Reader reader = OpenReader(map, SHB_START_OLDEST);
     futex_watch::woken = futex_watch::forgotten = futex_watch::looks = 0;
+    futex_watch::poll_ran_out = false;
     meeting->ready++;
     for (uint64_t next = 0;; next++) {
         ReadFrame got = Read(reader, -1, 65536);
@@ -273,6 +276,38 @@ TEST(ShbWait, ReaderOfAnotherUserIsWokenAllTheSame) {
     EXPECT_GT(meeting->woken, kSlept);
     EXPECT_LE(meeting->forgotten, 2u);
     EXPECT_EQ(0u, meeting->looks) << "it was not let in and looked by itself";
+}
+
+// A reader without waiters, so that it connects as soon as it waits for the first time: here, not in its set.
+TEST(ShbWait, ReaderThatHasWaitedAloneIsWokenInItsSet) {
+    const std::string name = UniqueName();
+    Buffer buffer = Create(name, SmallGeometry());
+    Writer writer = OpenWriter(buffer);
+    ASSERT_EQ(0, unlink(shb_file(buffer.get(), 1)));
+    Map map = Attach(name);
+    Reader reader = OpenReader(map, SHB_START_OLDEST);
+    shb_set_t *set = nullptr;
+    shb_reader_t *found = nullptr;
+    ASSERT_EQ(SHB_OK, shb_set_open(&set));
+    ASSERT_EQ(SHB_OK, shb_set_add(set, reader.get()));
+    EXPECT_EQ(SHB_ERR_TIMEOUT, Read(reader, 10).result);
+    // The set looks by itself once a second.
+    constexpr uint64_t kRounds = 10;
+    uint64_t prompt = 0;
+    for (uint64_t i = 0; i < kRounds; i++) {
+        EXPECT_EQ(SHB_ERR_TIMEOUT, shb_set_next(set, 0, &found));
+        const auto began = std::chrono::steady_clock::now();
+        WritePattern(writer, 1, i, 100);
+        pollfd descriptor = {shb_set_fd(set), POLLIN, 0};
+        EXPECT_EQ(1, poll(&descriptor, 1, 60'000));
+        prompt += std::chrono::steady_clock::now() - began < std::chrono::milliseconds(300);
+        ASSERT_EQ(SHB_OK, shb_set_next(set, 60'000, &found));
+        EXPECT_EQ(reader.get(), found);
+        EXPECT_EQ(i, Read(reader).frame.sequence);
+    }
+    // A busy machine delays some of them.
+    EXPECT_GT(prompt, kRounds / 2);
+    shb_set_close(set);
 }
 
 TEST(ShbWait, NoiseInTheFileOfWaitersHarmsNobody) {

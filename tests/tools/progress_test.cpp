@@ -160,3 +160,11 @@ TEST_F(PresenceWatchTest, ASessionThatShowsByItsTracksAlone) {
     OnlyVideo(1, 10);
     EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
 }
+
+TEST_F(PresenceWatchTest, ATrackThatTheStreamListsIsWaitedFor) {
+    Open(m_sample.video);
+    Second(0, true, false);
+    m_sample.audio.presence = SHB_PRESENCE_EXPECTED;
+    OnlyVideo(0, 10);
+    EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
+}

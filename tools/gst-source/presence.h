@@ -32,8 +32,12 @@ class PresenceWatch {
         }
         constexpr std::chrono::seconds kLongEnough{5};
         for (size_t kind = 0; kind < tracks.size(); ++kind) {
+            // The word of an earlier session counts no more; one of this session does.
             const bool open = m_tracks[kind].opened || tracks[kind]->open;
-            if (!open && m_tracks[1 - kind].brought >= kLongEnough && tracks[kind]->presence != SHB_PRESENCE_ABSENT) {
+            const bool known =
+                tracks[kind]->presence != SHB_PRESENCE_UNKNOWN && tracks[kind]->presence != m_tracks[kind].before;
+            const bool absent = tracks[kind]->presence == SHB_PRESENCE_ABSENT;
+            if (!open && !known && !absent && m_tracks[1 - kind].brought >= kLongEnough) {
                 words[kind] = SHB_PRESENCE_ABSENT;
             }
         }
@@ -45,6 +49,7 @@ class PresenceWatch {
     struct Track {
         uint64_t epoch = 0;
         uint64_t frames = 0;
+        uint32_t before = SHB_PRESENCE_UNKNOWN;  // its presence when the session began
         bool opened = false;
         std::optional<Clock::time_point> first;
         Clock::duration brought{0};  // from the first frame to the last one
@@ -52,6 +57,7 @@ class PresenceWatch {
         void Follow(const TrackSample &track, bool anew, Clock::time_point now) {
             const bool now_opened = track.epoch != epoch;
             opened = !anew && (opened || now_opened);
+            before = anew ? track.presence : before;
             // The old pipeline may go on for a while in the new session.
             if (anew || now_opened) {
                 first.reset();

@@ -80,8 +80,6 @@ struct shb_writer {
     uint64_t left_out; /* of all epochs */
     bool gap;          /* a frame was left out since the last one */
     int64_t clock_offset;
-    uint64_t wall_offset;          /* CLOCK_REALTIME less CLOCK_MONOTONIC, modulo 2^64 */
-    uint64_t wall_read;            /* when that was taken, 0: never */
     shb_description_t description; /* serial 0 until the first one */
     unsigned char codec_data[SHB_CODEC_DATA_MAX];
 };

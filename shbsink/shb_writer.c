@@ -7,11 +7,6 @@
 
 #include "shb_buffer.h"
 
-/* As long as that a change of the clock of the day may go unseen. */
-#define WALL_FRESH_NS UINT64_C(1000000)
-/* The two clocks are read within so long. */
-#define WALL_APART_NS UINT64_C(1000)
-
 static uint64_t align_frame(uint64_t bytes) {
     return (bytes + SHB_FRAME_ALIGN - 1) & ~(uint64_t)(SHB_FRAME_ALIGN - 1);
 }
@@ -213,16 +208,6 @@ static uint64_t tail_for(const shb_writer_t *writer, uint64_t end) {
     return tail;
 }
 
-/* The same moment by the clock of the day. That is read once for frames that come in one burst: it is a fifth of a small write. */
-static uint64_t wall_time(shb_writer_t *writer, uint64_t now) {
-    if (writer->wall_read == 0 || now - writer->wall_read >= WALL_FRESH_NS) {
-        writer->wall_offset = shb_wall_ns() - now;
-        /* A thread that was held up between the two clocks knows this moment only. */
-        writer->wall_read = shb_now_ns() - now < WALL_APART_NS ? now : 0;
-    }
-    return now + writer->wall_offset;
-}
-
 int shb_writer_write(shb_writer_t *writer, const void *data, size_t size, uint64_t pts, uint64_t dts, uint64_t duration,
                      uint32_t flags) {
     if (writer == NULL || data == NULL || size == 0)
@@ -257,7 +242,7 @@ int shb_writer_write(shb_writer_t *writer, const void *data, size_t size, uint64
     atomic_store_explicit(&descriptor->description, writer->description.serial, memory_order_relaxed);
     uint64_t now = shb_now_ns();
     atomic_store_explicit(&descriptor->arrival_ns, now, memory_order_relaxed);
-    atomic_store_explicit(&descriptor->wall_ns, wall_time(writer, now), memory_order_relaxed);
+    atomic_store_explicit(&descriptor->wall_ns, shb_wall_ns(), memory_order_relaxed);
     atomic_store_explicit(&descriptor->clock_offset, writer->clock_offset, memory_order_relaxed);
     atomic_store_explicit(&descriptor->left_out, writer->left_out, memory_order_relaxed);
     writer->gap = false;

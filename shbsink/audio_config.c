@@ -82,7 +82,9 @@ static void opus_from_caps(ShbAudioConfig *config, GstCaps *caps, const GstStruc
     guint8 channels = 0, family = 0, streams = 0, coupled = 0, mapping[256];
     if (!gst_structure_has_field_typed(structure, "channel-mapping-family", G_TYPE_INT) ||
         !gst_codec_utils_opus_parse_caps(caps, &rate, &channels, &family, &streams, &coupled, mapping)) {
-        /* Caps from RTP may lack the mapping, which one or two channels do not need. Without channels: stereo. */
+        /*
+         * Caps from RTP may lack the mapping, which one or two channels do not need. Without channels: stereo.
+         */
         gint stated = 2;
         gst_structure_get_int(structure, "channels", &stated);
         if (stated < 1 || stated > 2)

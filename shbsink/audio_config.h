@@ -1,5 +1,6 @@
 /*
- * What an audio decoder needs before the first frame, and the form of the frames: from the caps, otherwise from the frames.
+ * What an audio decoder needs before the first frame, and the form of the frames: from the caps, otherwise from
+ * the frames.
  */
 #ifndef SHB_AUDIO_CONFIG_H
 #define SHB_AUDIO_CONFIG_H

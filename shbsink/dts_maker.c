@@ -4,7 +4,10 @@
 
 /* Taken where nothing states the duration of a frame. */
 #define USUAL_DURATION (40 * GST_MSECOND)
-/* Between frames that have no times of their own to take. Containers that count in milliseconds still see a rise. */
+/*
+ * Between frames that have no times of their own to take. Containers that count in milliseconds still see a
+ * rise.
+ */
 #define SMALLEST_STEP GST_MSECOND
 
 void shb_dts_maker_init(ShbDtsMaker *maker) {

@@ -1,5 +1,6 @@
 /*
- * Makes decoding times for video that has only presentation times, as RTP carries it. Each frame gets its time at once.
+ * Makes decoding times for video that has only presentation times, as RTP carries it. Each frame gets its time
+ * at once.
  *
  * With a reorder depth of d, frame i gets the (i - d)th smallest presentation time of the frames up to it.
  */
@@ -31,9 +32,9 @@ void shb_dts_maker_set_depth(ShbDtsMaker *maker, gint depth);
 /* Begins a new run: after a flush, or with a new segment. The depth stays. */
 void shb_dts_maker_restart(ShbDtsMaker *maker);
 /*
- * The decoding time of the next frame: `dts` if it is valid, otherwise one that is made. A time that is made is above
- * the one before in the run, and not above `pts`. GST_CLOCK_TIME_NONE when there is no such time: `pts` is missing, is
- * that of the frame before (the second field of a frame), or is reordered deeper than was known.
+ * The decoding time of the next frame: `dts` if it is valid, otherwise one that is made. A time that is made is
+ * above the one before in the run, and not above `pts`. GST_CLOCK_TIME_NONE when there is no such time: `pts`
+ * is missing, is that of the frame before (the second field of a frame), or is reordered deeper than was known.
  * `duration` of a frame may be GST_CLOCK_TIME_NONE.
  */
 GstClockTime shb_dts_maker_next(ShbDtsMaker *maker, GstClockTime pts, GstClockTime dts, GstClockTime duration,

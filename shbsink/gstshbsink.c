@@ -1,5 +1,6 @@
 /*
- * shbsink: writes the frames of one elementary stream into one track of a shared buffer, and reports what it sees.
+ * shbsink: writes the frames of one elementary stream into one track of a shared buffer, and reports what it
+ * sees.
  *
  * Signals are emitted on the streaming thread, after the frame that caused them has been written.
  */
@@ -55,8 +56,9 @@ struct _GstShbSink {
     gint debug;
 
     /*
-     * Everything below belongs to the streaming thread between start and stop, and to the state changing thread otherwise. The base
-     * class hands it over under locks of its own; `turn` says the same to tools that do not see into those.
+     * Everything below belongs to the streaming thread between start and stop, and to the state changing thread
+     * otherwise. The base class hands it over under locks of its own; `turn` says the same to tools that do not
+     * see into those.
      */
     gint turn;
     shb_writer_t *writer;
@@ -90,8 +92,10 @@ enum { PROP_0, PROP_SHARE_BUFFER, PROP_MEDIA, PROP_CHANNEL, PROP_STREAM, PROP_DE
 enum { SIGNAL_VIDEO_CHANGED, SIGNAL_AUDIO_CHANGED, SIGNAL_REAL_BITRATE, SIGNAL_REAL_FPS, SIGNALS };
 static guint signals[SIGNALS];
 
-/* Branches are linked before their caps are known, and some of them without a parser: nothing is asked for here that a depayloader or
- * a freshly made parser does not promise. */
+/*
+ * Branches are linked before their caps are known, and some of them without a parser: nothing is asked for here
+ * that a depayloader or a freshly made parser does not promise.
+ */
 static GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
     "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
     GST_STATIC_CAPS("video/x-h264, stream-format = (string) byte-stream, alignment = (string) au; "
@@ -191,7 +195,9 @@ static void close_track(GstShbSink *self) {
     self->writer = NULL;
 }
 
-/* On a thread of the buffer. A source whose protocol never notices a dead peer connects again for this error. */
+/*
+ * On a thread of the buffer. A source whose protocol never notices a dead peer connects again for this error.
+ */
 static void stalled(void *user, uint64_t silent_ms) {
     GstShbSink *self = user;
     GST_OBJECT_LOCK(self);
@@ -310,7 +316,9 @@ static void take_video_caps(GstShbSink *self, const GstStructure *caps, gboolean
     }
 }
 
-/* Reports whether the source has a stream of the other kind. Without one, that track has no sink to report it. */
+/*
+ * Reports whether the source has a stream of the other kind. Without one, that track has no sink to report it.
+ */
 static void report_presence(GstShbSink *self) {
     gboolean video = self->kind == SHB_VIDEO;
     /* The caps decide which kind this sink has. A collection without that kind describes something else. */
@@ -669,7 +677,9 @@ static GstFlowReturn render(GstBaseSink *sink, GstBuffer *buffer) {
 static void gst_shb_sink_init(GstShbSink *self) {
     /* Nobody asks this sink for its last picture; holding the frame back would only cost memory. */
     gst_base_sink_set_last_sample_enabled(GST_BASE_SINK(self), FALSE);
-    /* Frames from before the segment are not to be shown, but the ones after them may be predicted from them. */
+    /*
+     * Frames from before the segment are not to be shown, but the ones after them may be predicted from them.
+     */
     gst_base_sink_set_drop_out_of_segment(GST_BASE_SINK(self), FALSE);
 }
 

@@ -27,12 +27,18 @@ static guint per_second(guint64 amount, guint64 elapsed_us) {
     return value > G_MAXUINT ? G_MAXUINT : (guint)value;
 }
 
-/* A window reaches from one frame to another and holds as many frames as intervals: the frame that ends it is not part of it. */
+/*
+ * A window reaches from one frame to another and holds as many frames as intervals: the frame that ends it is
+ * not part of it.
+ */
 static gboolean slide(ShbRateWindow *window, gint64 now_us, ShbRates *rates) {
     gboolean gap = now_us - window->last_us > GAP_US;
     gboolean slow = window->slow;
     window->slow = gap;
-    /* One long pause is an interruption, and a mean over it would be true of nothing. Pause after pause is a slow stream. */
+    /*
+     * One long pause is an interruption, and a mean over it would be true of nothing. Pause after pause is a
+     * slow stream.
+     */
     if (window->count == 0 || (gap && !slow)) {
         window->count = 0;
         window->told_us = now_us;

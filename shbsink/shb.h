@@ -1,24 +1,26 @@
 /*
- * shb.h - a shared buffer for live elementary streams: one writer per track, any number of readers, newest data wins.
+ * shb.h - a shared buffer for live elementary streams: one writer per track, any number of readers, newest data
+ * wins.
  *
- * The host creates the buffer (POSIX shared memory), the `shbsink` element writes into it, and readers in any process copy the
- * frames out. A frame is one access unit of video or one audio frame. The writer never waits for readers: when a reader
- * is slower than the stream, the oldest frames are overwritten and the reader learns exactly how many it lost. A reader never
- * gets torn or mixed data.
+ * The host creates the buffer (POSIX shared memory), the `shbsink` element writes into it, and readers in any
+ * process copy the frames out. A frame is one access unit of video or one audio frame. The writer never waits
+ * for readers: when a reader is slower than the stream, the oldest frames are overwritten and the reader learns
+ * exactly how many it lost. A reader never gets torn or mixed data.
  *
  * A track is named by channel x stream x kind. Times are nanoseconds, sizes bytes, rates per second.
  *
- * C99 and C++11. All functions that return int answer SHB_OK (0) or a negative SHB_ERR_ value (shb_strerror has its text);
- * with SHB_ERR_SYSTEM and SHB_ERR_NO_SPACE, errno holds the reason. Outputs are written only on success unless the function
- * says otherwise.
+ * C99 and C++11. All functions that return int answer SHB_OK (0) or a negative SHB_ERR_ value (shb_strerror has
+ * its text); with SHB_ERR_SYSTEM and SHB_ERR_NO_SPACE, errno holds the reason. Outputs are written only on
+ * success unless the function says otherwise.
  *
- * Every struct begins with its size, so that later versions can add fields behind the last one. Begin with SHB_INIT, which
- * sets the size and clears the rest:
+ * Every struct begins with its size, so that later versions can add fields behind the last one. Begin with
+ * SHB_INIT, which sets the size and clears the rest:
  *
  *     shb_frame_t frame = SHB_INIT(shb_frame_t);
  *
- * The library fills in no more than `struct_size` bytes, and takes fields beyond it as 0. A size that is smaller than that of the
- * first version of the struct, 0 for one, is SHB_ERR_ARG. In C++ a declared struct has its size already.
+ * The library fills in no more than `struct_size` bytes, and takes fields beyond it as 0. A size that is
+ * smaller than that of the first version of the struct, 0 for one, is SHB_ERR_ARG. In C++ a declared struct has
+ * its size already.
  */
 #ifndef SHB_H
 #define SHB_H
@@ -105,7 +107,10 @@ typedef struct shb_geometry {
 /* Who may read a buffer. */
 typedef struct shb_create_options {
     SHB_SIZED(struct shb_create_options);
-    /* [0600] Permissions of the files: 0600, and 0040 and 0004 for readers of the group and of all others. The umask is taken off. */
+    /*
+     * [0600] Permissions of the files: 0600, and 0040 and 0004 for readers of the group and of all others. The
+     * umask is taken off.
+     */
     uint32_t mode;
     uint32_t group_given; /* 1: `group` is to be the group of the files, of which the creator must be a member */
     uint32_t group;
@@ -153,9 +158,10 @@ typedef struct shb_frame {
     uint64_t dts;         /* ns, SHB_TIME_NONE when not known */
     uint64_t duration;    /* ns, SHB_TIME_NONE when not known */
     /*
-     * Frames that this reader did not get between the previous one and this one: overwritten unread, or passed over by the start rule
-     * after a loss or at a new epoch. `lost_before` of them belong to earlier epochs than this frame's. Within one epoch,
-     * sequence = previous sequence + 1 + lost; at the first frame of a later one, sequence = lost - lost_before.
+     * Frames that this reader did not get between the previous one and this one: overwritten unread, or passed
+     * over by the start rule after a loss or at a new epoch. `lost_before` of them belong to earlier epochs
+     * than this frame's. Within one epoch, sequence = previous sequence + 1 + lost; at the first frame of a
+     * later one, sequence = lost - lost_before.
      */
     uint64_t lost;
     uint64_t lost_before;
@@ -227,46 +233,55 @@ SHB_API uint32_t shb_version(void);
 /* ---- Creator ----------------------------------------------------------------------------------------------------- */
 
 /*
- * Creates the buffer `name` ("/" is put in front if it is missing; 1 to 200 characters of [A-Za-z0-9._-]), for readers of the
- * creator's user. A buffer of the same name whose creator has died is replaced. geometry may be null for the defaults.
- * The memory is reserved at once, so that a full /dev/shm shows here and not as a signal later.
- * Errors: ARG, EXISTS, NO_SPACE, SYSTEM.
+ * Creates the buffer `name` ("/" is put in front if it is missing; 1 to 200 characters of [A-Za-z0-9._-]), for
+ * readers of the creator's user. A buffer of the same name whose creator has died is replaced. geometry may be
+ * null for the defaults. The memory is reserved at once, so that a full /dev/shm shows here and not as a signal
+ * later. Errors: ARG, EXISTS, NO_SPACE, SYSTEM.
  */
 SHB_API int shb_create(const char *name, const shb_geometry_t *geometry, shb_buffer_t **out);
-/* The same for other readers as well. options may be null. Errors: also ARG for a mode outside of its range, SYSTEM (EPERM): `group`. */
+/*
+ * The same for other readers as well. options may be null. Errors: also ARG for a mode outside of its range,
+ * SYSTEM (EPERM): `group`.
+ */
 SHB_API int shb_create_with(const char *name, const shb_geometry_t *geometry, const shb_create_options_t *options,
                             shb_buffer_t **out);
 /*
- * Removes the name, tells attached readers, and unmaps. Every writer must have been closed; one that was not keeps the memory
- * until it is. Null and pointers that are no open buffer of this process are ignored.
+ * Removes the name, tells attached readers, and unmaps. Every writer must have been closed; one that was not
+ * keeps the memory until it is. Null and pointers that are no open buffer of this process are ignored.
  */
 SHB_API void shb_destroy(shb_buffer_t *buffer);
-/* How many bytes a buffer of this geometry (null: the defaults) takes, and how many are free. Errors: ARG, SYSTEM. */
+/*
+ * How many bytes a buffer of this geometry (null: the defaults) takes, and how many are free. Errors: ARG,
+ * SYSTEM.
+ */
 SHB_API int shb_room(const shb_geometry_t *geometry, uint64_t *needed, uint64_t *available);
 /* Name with its leading "/"; valid as long as the buffer. Null for null. */
 SHB_API const char *shb_name(const shb_buffer_t *buffer);
 /*
- * Paths of the files behind the buffer, index 0, 1 and 2, null for others; valid as long as the buffer. For a host that wants them
- * gone when it crashes: unlink() is allowed in a signal handler, shb_destroy is not.
+ * Paths of the files behind the buffer, index 0, 1 and 2, null for others; valid as long as the buffer. For a
+ * host that wants them gone when it crashes: unlink() is allowed in a signal handler, shb_destroy is not.
  */
 SHB_API const char *shb_file(const shb_buffer_t *buffer, unsigned index);
 /* The geometry in force, defaults filled in. Errors: ARG. */
 SHB_API int shb_get_geometry(const shb_buffer_t *buffer, shb_geometry_t *out);
-/* Statistics and description of a track, read in the creator's process. Errors: ARG; NOT_FOUND: no description yet. */
+/*
+ * Statistics and description of a track, read in the creator's process. Errors: ARG; NOT_FOUND: no description
+ * yet.
+ */
 SHB_API int shb_buffer_stats(const shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_stats_t *out);
 SHB_API int shb_buffer_description(const shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind,
                                    shb_description_t *out);
 /*
- * Says whether the source has a stream for this track, as far as it knows. A writer that opens the track makes it EXPECTED by
- * itself. Readers find it in shb_stats_t. Any thread. Errors: ARG.
+ * Says whether the source has a stream for this track, as far as it knows. A writer that opens the track makes
+ * it EXPECTED by itself. Readers find it in shb_stats_t. Any thread. Errors: ARG.
  */
 SHB_API int shb_set_presence(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_presence_t presence);
 
 /*
- * Stall watch, off (0) unless set: when an open track that has carried data gets none for `ms` milliseconds (at most 2^31), the
- * handler of its writer is called, once until data flows again. In `shbsink` the handler posts an element error on the bus, which
- * makes a source connect again whose protocol never notices a dead peer. Looked at four times a second. Takes effect at once, also
- * for tracks that are open. Errors: ARG.
+ * Stall watch, off (0) unless set: when an open track that has carried data gets none for `ms` milliseconds (at
+ * most 2^31), the handler of its writer is called, once until data flows again. In `shbsink` the handler posts
+ * an element error on the bus, which makes a source connect again whose protocol never notices a dead peer.
+ * Looked at four times a second. Takes effect at once, also for tracks that are open. Errors: ARG.
  */
 SHB_API int shb_set_stall_watch(shb_buffer_t *buffer, uint32_t ms);
 /* The time in force, ms; 0: off, or no buffer. */
@@ -276,32 +291,36 @@ SHB_API uint32_t shb_get_stall_watch(const shb_buffer_t *buffer);
 
 /* Opens a track for writing and starts a new epoch. One writer a track. Errors: ARG, BUSY, SYSTEM. */
 SHB_API int shb_writer_open(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_writer_t **out);
-/* Closes the track; what was written stays readable. Waits for a stall handler that is running. Null is ignored. */
+/*
+ * Closes the track; what was written stays readable. Waits for a stall handler that is running. Null is
+ * ignored.
+ */
 SHB_API void shb_writer_close(shb_writer_t *writer);
 /*
- * Sets the description that the frames written from now on belong to, with what a decoder needs before the first frame
- * (codec_data may be null); its fields `serial` and `codec_data_bytes` are ignored and filled in. What is the same as before is no
- * change. Errors: ARG; TOO_BIG: more than SHB_CODEC_DATA_MAX bytes.
+ * Sets the description that the frames written from now on belong to, with what a decoder needs before the
+ * first frame (codec_data may be null); its fields `serial` and `codec_data_bytes` are ignored and filled in.
+ * What is the same as before is no change. Errors: ARG; TOO_BIG: more than SHB_CODEC_DATA_MAX bytes.
  */
 SHB_API int shb_writer_describe(shb_writer_t *writer, const shb_description_t *description, const void *codec_data,
                                 size_t codec_data_bytes);
 /*
- * Says how the time stamps of the frames from now on relate to the clock: pts + offset is a time of CLOCK_MONOTONIC, ns;
- * SHB_OFFSET_NONE (at first): not known. Errors: ARG.
+ * Says how the time stamps of the frames from now on relate to the clock: pts + offset is a time of
+ * CLOCK_MONOTONIC, ns; SHB_OFFSET_NONE (at first): not known. Errors: ARG.
  */
 SHB_API int shb_writer_set_clock(shb_writer_t *writer, int64_t offset);
 /*
- * Writes one frame. `flags` are SHB_FRAME_. Never waits. Errors: ARG; TOO_BIG: the frame is left out, which readers find in
- * `left_out` of the next one, together with SHB_FRAME_DISCONT.
+ * Writes one frame. `flags` are SHB_FRAME_. Never waits. Errors: ARG; TOO_BIG: the frame is left out, which
+ * readers find in `left_out` of the next one, together with SHB_FRAME_DISCONT.
  */
 SHB_API int shb_writer_write(shb_writer_t *writer, const void *data, size_t size, uint64_t pts, uint64_t dts, uint64_t duration,
                              uint32_t flags);
 /* Publishes the measured rates for shb_stats. */
 SHB_API void shb_writer_set_rates(shb_writer_t *writer, uint32_t bitrate, uint32_t fps_milli);
 /*
- * What to call when the stall watch finds the track without data; `silent_ms`: for how long. Comes on a thread of its own with no
- * lock of the library held; it must not call shb_writer_close, shb_destroy or this function. After shb_writer_close or this function
- * has returned, the handler before is not running and will not be called. Null: nothing. Errors: ARG.
+ * What to call when the stall watch finds the track without data; `silent_ms`: for how long. Comes on a thread
+ * of its own with no lock of the library held; it must not call shb_writer_close, shb_destroy or this function.
+ * After shb_writer_close or this function has returned, the handler before is not running and will not be
+ * called. Null: nothing. Errors: ARG.
  */
 typedef void (*shb_stall_handler_t)(void *user, uint64_t silent_ms);
 SHB_API int shb_writer_on_stall(shb_writer_t *writer, shb_stall_handler_t handler, void *user);
@@ -309,20 +328,24 @@ SHB_API int shb_writer_on_stall(shb_writer_t *writer, shb_stall_handler_t handle
 /* ---- Reader ------------------------------------------------------------------------------------------------------- */
 
 /*
- * Maps the buffer `name` read-only. Errors: ARG; NOT_FOUND; VERSION: another layout, or no shared buffer; CORRUPT;
- * SYSTEM (EACCES: it is not for this user).
+ * Maps the buffer `name` read-only. Errors: ARG; NOT_FOUND; VERSION: another layout, or no shared buffer;
+ * CORRUPT; SYSTEM (EACCES: it is not for this user).
  */
 SHB_API int shb_attach(const char *name, shb_map_t **out);
 /* The same with conditions. options may be null. Errors: also OWNER. */
 SHB_API int shb_attach_with(const char *name, const shb_attach_options_t *options, shb_map_t **out);
 /* Gives the map back; readers that are still open keep it until they are closed. Null is ignored. */
 SHB_API void shb_detach(shb_map_t *map);
-/* These look at the mapping alone, without a system call while the creator's heartbeat is young. Errors: ARG; CORRUPT (shb_guard). */
+/*
+ * These look at the mapping alone, without a system call while the creator's heartbeat is young. Errors: ARG;
+ * CORRUPT (shb_guard).
+ */
 SHB_API int shb_map_geometry(const shb_map_t *map, shb_geometry_t *out);
 SHB_API int shb_map_info(const shb_map_t *map, shb_info_t *out);
 /*
- * 1 while the creator has the buffer open, 0 after it destroyed it or died. Without a system call while its heartbeat is young: a
- * creator that was killed counts as alive for up to half a second; from another PID namespace for up to five.
+ * 1 while the creator has the buffer open, 0 after it destroyed it or died. Without a system call while its
+ * heartbeat is young: a creator that was killed counts as alive for up to half a second; from another PID
+ * namespace for up to five.
  */
 SHB_API int shb_map_alive(const shb_map_t *map);
 SHB_API int shb_map_stats(const shb_map_t *map, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_stats_t *out);
@@ -330,8 +353,8 @@ SHB_API int shb_map_stats(const shb_map_t *map, uint32_t channel, uint32_t strea
 SHB_API int shb_map_description(const shb_map_t *map, uint32_t channel, uint32_t stream, shb_kind_t kind,
                                 shb_description_t *out);
 /*
- * The newest description together with its codec data. *size: its bytes, also with TOO_BIG, when `capacity` is less.
- * Errors: ARG; NOT_FOUND: no description yet; TOO_BIG.
+ * The newest description together with its codec data. *size: its bytes, also with TOO_BIG, when `capacity` is
+ * less. Errors: ARG; NOT_FOUND: no description yet; TOO_BIG.
  */
 SHB_API int shb_map_codec_data(const shb_map_t *map, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_description_t *out,
                                void *data, size_t capacity, size_t *size);
@@ -352,34 +375,41 @@ SHB_API int shb_reader_open(shb_map_t *map, uint32_t channel, uint32_t stream, s
 /* Also takes it out of its set. Null is ignored. */
 SHB_API void shb_reader_close(shb_reader_t *reader);
 /*
- * Copies the next frame into `data` and its particulars into `frame`. Waits up to timeout_ms (0 not at all, -1 without end); a
- * frame that the writer overwrites while it is being copied is tried again only as long as there is time.
- * A reader follows the track into a new epoch by itself.
- * Errors: ARG; TIMEOUT; CLOSED once the creator is gone and everything held has been read; TOO_BIG: the frame stays
- * unread, frame->size is what it needs; CORRUPT.
+ * Copies the next frame into `data` and its particulars into `frame`. Waits up to timeout_ms (0 not at all, -1
+ * without end); a frame that the writer overwrites while it is being copied is tried again only as long as
+ * there is time. A reader follows the track into a new epoch by itself. Errors: ARG; TIMEOUT; CLOSED once the
+ * creator is gone and everything held has been read; TOO_BIG: the frame stays unread, frame->size is what it
+ * needs; CORRUPT.
  */
 SHB_API int shb_reader_read(shb_reader_t *reader, void *data, size_t capacity, int timeout_ms, shb_frame_t *frame);
 /*
- * Reads the next frame where it lies, without a copy: *data points into the read-only mapping. The writer does not wait, so the bytes
- * may change under the caller's eyes: whatever was made of them counts only if shb_reader_return says so afterwards.
- * Waits and fails as shb_reader_read does, without TOO_BIG. One frame at a time: ARG while another one is out.
+ * Reads the next frame where it lies, without a copy: *data points into the read-only mapping. The writer does
+ * not wait, so the bytes may change under the caller's eyes: whatever was made of them counts only if
+ * shb_reader_return says so afterwards. Waits and fails as shb_reader_read does, without TOO_BIG. One frame at
+ * a time: ARG while another one is out.
  */
 SHB_API int shb_reader_borrow(shb_reader_t *reader, int timeout_ms, const void **data, shb_frame_t *frame);
 /*
- * Ends the use of a borrowed frame. SHB_OK: it was whole all the time, and the reader moves on. OVERRUN: it was not; the reader
- * goes on behind the loss, and the frame is counted in the `lost` of the next one. Errors: ARG when none is out; CORRUPT.
+ * Ends the use of a borrowed frame. SHB_OK: it was whole all the time, and the reader moves on. OVERRUN: it was
+ * not; the reader goes on behind the loss, and the frame is counted in the `lost` of the next one. Errors: ARG
+ * when none is out; CORRUPT.
  */
 SHB_API int shb_reader_return(shb_reader_t *reader);
-/* Waits until shb_reader_read has something to say, up to timeout_ms as there. Errors: ARG, TIMEOUT, CLOSED, CORRUPT. */
+/*
+ * Waits until shb_reader_read has something to say, up to timeout_ms as there. Errors: ARG, TIMEOUT, CLOSED,
+ * CORRUPT.
+ */
 SHB_API int shb_reader_wait(shb_reader_t *reader, int timeout_ms);
 /*
- * The description that the last frame read belongs to; it was taken together with the frame, so it can be had until the next
- * read. Errors: ARG; NOT_FOUND: no frame yet, or one that was written before its writer knew what it carries.
+ * The description that the last frame read belongs to; it was taken together with the frame, so it can be had
+ * until the next read. Errors: ARG; NOT_FOUND: no frame yet, or one that was written before its writer knew
+ * what it carries.
  */
 SHB_API int shb_reader_description(shb_reader_t *reader, shb_description_t *out);
 /*
- * The codec data of that description. *size: its bytes (0: the codec needs none, or it came with the frames), also with TOO_BIG.
- * Errors: ARG; NOT_FOUND as above, or it has been overwritten since; TOO_BIG: `capacity` is less than *size.
+ * The codec data of that description. *size: its bytes (0: the codec needs none, or it came with the frames),
+ * also with TOO_BIG. Errors: ARG; NOT_FOUND as above, or it has been overwritten since; TOO_BIG: `capacity` is
+ * less than *size.
  */
 SHB_API int shb_reader_codec_data(shb_reader_t *reader, void *data, size_t capacity, size_t *size);
 SHB_API int shb_reader_get_stats(const shb_reader_t *reader, shb_reader_stats_t *out);
@@ -395,16 +425,18 @@ typedef enum shb_seek {
 } shb_seek_t;
 
 /*
- * Moves a reader, forward or back, as often as wanted. When no key frame is held from so long ago, it goes to the oldest one held;
- * when there is none at all, to the next one to come. What is jumped over is not lost, and what comes again counts again. The start
- * rule for losses stays. Errors: ARG, also while a frame is borrowed; CORRUPT.
+ * Moves a reader, forward or back, as often as wanted. When no key frame is held from so long ago, it goes to
+ * the oldest one held; when there is none at all, to the next one to come. What is jumped over is not lost, and
+ * what comes again counts again. The start rule for losses stays. Errors: ARG, also while a frame is borrowed;
+ * CORRUPT.
  */
 SHB_API int shb_reader_seek(shb_reader_t *reader, shb_seek_t where, uint64_t ns);
 /*
- * Opens both tracks of a source at one moment: the video where shb_reader_seek goes, the audio at its first frame that is not before
- * that picture, by the clock that both time stamps relate to, or by arrival where one is unknown. Without a picture to begin with, each
- * goes where `where` says. After a loss video goes on at a key frame, audio at the oldest frame held. This is what a recording with
- * seconds from before an event begins with: SHB_SEEK_BACK. Errors: ARG, CORRUPT, SYSTEM; both or none are opened.
+ * Opens both tracks of a source at one moment: the video where shb_reader_seek goes, the audio at its first
+ * frame that is not before that picture, by the clock that both time stamps relate to, or by arrival where one
+ * is unknown. Without a picture to begin with, each goes where `where` says. After a loss video goes on at a
+ * key frame, audio at the oldest frame held. This is what a recording with seconds from before an event begins
+ * with: SHB_SEEK_BACK. Errors: ARG, CORRUPT, SYSTEM; both or none are opened.
  */
 SHB_API int shb_open_av(shb_map_t *map, uint32_t channel, uint32_t stream, shb_seek_t where, uint64_t ns, shb_reader_t **video,
                         shb_reader_t **audio);
@@ -412,17 +444,18 @@ SHB_API int shb_open_av(shb_map_t *map, uint32_t channel, uint32_t stream, shb_s
 /* ---- Waiting for several ------------------------------------------------------------------------------------------------ */
 
 /*
- * Waits until one of `count` readers (1 to 1024), of any tracks and buffers, has something to say, up to timeout_ms as
- * shb_reader_read does; *index: which one. A reader whose buffer is closed or damaged has that to say. Begins to look behind
- * the one that was found last when *index holds that (any other value: at the first). Errors: ARG; TIMEOUT; SYSTEM.
+ * Waits until one of `count` readers (1 to 1024), of any tracks and buffers, has something to say, up to
+ * timeout_ms as shb_reader_read does; *index: which one. A reader whose buffer is closed or damaged has that to
+ * say. Begins to look behind the one that was found last when *index holds that (any other value: at the
+ * first). Errors: ARG; TIMEOUT; SYSTEM.
  */
 SHB_API int shb_wait_any(shb_reader_t *const *readers, size_t count, int timeout_ms, size_t *index);
 
 /*
- * A set of readers with one file descriptor, for the event loop of a host (poll, epoll, GLib, asyncio, ...). When the descriptor is
- * readable, call shb_set_next with timeout 0 and read from the reader that it finds, again and again until it says TIMEOUT: only then
- * the descriptor waits for what comes next. One thread at a time per set, which is also that of its readers.
- * Errors of shb_set_open: ARG, SYSTEM.
+ * A set of readers with one file descriptor, for the event loop of a host (poll, epoll, GLib, asyncio, ...).
+ * When the descriptor is readable, call shb_set_next with timeout 0 and read from the reader that it finds,
+ * again and again until it says TIMEOUT: only then the descriptor waits for what comes next. One thread at a
+ * time per set, which is also that of its readers. Errors of shb_set_open: ARG, SYSTEM.
  */
 SHB_API int shb_set_open(shb_set_t **out);
 /* Its readers stay open. Null is ignored. */
@@ -433,7 +466,10 @@ SHB_API int shb_set_add(shb_set_t *set, shb_reader_t *reader);
 SHB_API int shb_set_remove(shb_set_t *set, shb_reader_t *reader);
 /* The descriptor, which stays the set's; -1 for null. */
 SHB_API int shb_set_fd(const shb_set_t *set);
-/* A reader that has something to say, in turns; waits up to timeout_ms as shb_reader_read does. Errors: ARG, TIMEOUT, SYSTEM. */
+/*
+ * A reader that has something to say, in turns; waits up to timeout_ms as shb_reader_read does. Errors: ARG,
+ * TIMEOUT, SYSTEM.
+ */
 SHB_API int shb_set_next(shb_set_t *set, int timeout_ms, shb_reader_t **out);
 
 /* ---- Following a name --------------------------------------------------------------------------------------------------- */
@@ -457,45 +493,51 @@ enum {
 };
 
 /*
- * Follows one track of the buffer `name`, which need not exist yet, through every restart of its host. options may be null: video of
- * channel 0, stream 0, from the oldest frame on. Errors: ARG, SYSTEM. One thread at a time.
+ * Follows one track of the buffer `name`, which need not exist yet, through every restart of its host. options
+ * may be null: video of channel 0, stream 0, from the oldest frame on. Errors: ARG, SYSTEM. One thread at a
+ * time.
  */
 SHB_API int shb_follow_open(const char *name, const shb_follow_options_t *options, shb_follow_t **out);
 SHB_API void shb_follow_close(shb_follow_t *follow);
 /*
- * Reads the next frame as shb_reader_read does. *events (may be null): what has happened since the last call, SHB_FOLLOW_. With
- * events but no frame it answers TIMEOUT before the time is over. While there is no buffer it waits for one (also while what has
- * the name is something else, or belongs to another user than the one demanded). Errors: ARG, also when the buffer has no such
- * track; TIMEOUT; TOO_BIG: as shb_reader_read; CORRUPT: the buffer is damaged, and the next call looks for another one; SYSTEM.
+ * Reads the next frame as shb_reader_read does. *events (may be null): what has happened since the last call,
+ * SHB_FOLLOW_. With events but no frame it answers TIMEOUT before the time is over. While there is no buffer it
+ * waits for one (also while what has the name is something else, or belongs to another user than the one
+ * demanded). Errors: ARG, also when the buffer has no such track; TIMEOUT; TOO_BIG: as shb_reader_read;
+ * CORRUPT: the buffer is damaged, and the next call looks for another one; SYSTEM.
  */
 SHB_API int shb_follow_read(shb_follow_t *follow, void *data, size_t capacity, int timeout_ms, shb_frame_t *frame,
                             uint32_t *events);
-/* The map and the reader in use, null while there is none; valid until the next shb_follow_read or shb_follow_close. */
+/*
+ * The map and the reader in use, null while there is none; valid until the next shb_follow_read or
+ * shb_follow_close.
+ */
 SHB_API shb_map_t *shb_follow_map(shb_follow_t *follow);
 SHB_API shb_reader_t *shb_follow_reader(shb_follow_t *follow);
 
 /* ---- What there is -------------------------------------------------------------------------------------------------- */
 
 /*
- * Lists the buffers of this machine that this user may read, sorted by name, in /dev/shm, those of other layout versions and of dead
- * creators included. Up to `capacity` entries are filled in; *count: how many there are. out[0].struct_size is the size of each
- * entry. out may be null with capacity 0. Errors: ARG, SYSTEM.
+ * Lists the buffers of this machine that this user may read, sorted by name, in /dev/shm, those of other layout
+ * versions and of dead creators included. Up to `capacity` entries are filled in; *count: how many there are.
+ * out[0].struct_size is the size of each entry. out may be null with capacity 0. Errors: ARG, SYSTEM.
  */
 SHB_API int shb_list(shb_info_t *out, size_t capacity, size_t *count);
 /*
- * Removes the buffer that a creator has left behind. Errors: ARG; NOT_FOUND; EXISTS: its creator is alive (with force != 0 its name
- * is removed all the same: readers that are attached go on, others no longer find it); VERSION: the name leads to something
- * else, which is left alone; SYSTEM: not permitted, for one.
+ * Removes the buffer that a creator has left behind. Errors: ARG; NOT_FOUND; EXISTS: its creator is alive (with
+ * force != 0 its name is removed all the same: readers that are attached go on, others no longer find it);
+ * VERSION: the name leads to something else, which is left alone; SYSTEM: not permitted, for one.
  */
 SHB_API int shb_remove(const char *name, int force);
 
 /* ---- Buffers of others ------------------------------------------------------------------------------------------------- */
 
 /*
- * The owner of a buffer can cut its file short, and whoever has it attached then dies of SIGBUS at the next look. After
- * shb_guard(1) such a reader goes on with zeros in the place of what is gone, and gets CORRUPT. That takes a handler of SIGBUS for
- * the process, which is why it is asked for; faults that are not in an attached buffer go to the handler that was there before. shb_guard(0)
- * puts that back. Call it before other threads begin to attach. Errors: SYSTEM.
+ * The owner of a buffer can cut its file short, and whoever has it attached then dies of SIGBUS at the next
+ * look. After shb_guard(1) such a reader goes on with zeros in the place of what is gone, and gets CORRUPT.
+ * That takes a handler of SIGBUS for the process, which is why it is asked for; faults that are not in an
+ * attached buffer go to the handler that was there before. shb_guard(0) puts that back. Call it before other
+ * threads begin to attach. Errors: SYSTEM.
  */
 SHB_API int shb_guard(int on);
 

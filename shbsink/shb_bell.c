@@ -1,7 +1,7 @@
 /*
- * Readers that may not touch the file of waiters, and those in the event loop of a host, are woken by a socket each. They say which
- * frame they have seen last; once there is another one they get a byte. A writer does no more for all of them than to ring a
- * bell, one system call; the rest is done by the pulse.
+ * Readers that may not touch the file of waiters, and those in the event loop of a host, are woken by a socket
+ * each. They say which frame they have seen last; once there is another one they get a byte. A writer does no
+ * more for all of them than to ring a bell, one system call; the rest is done by the pulse.
  */
 #define _GNU_SOURCE /* accept4, struct ucred */
 
@@ -74,8 +74,10 @@ void shb_bell_forget(shb_buffer_t *buffer) {
 }
 
 void shb_bell_ring(shb_buffer_t *buffer, uint64_t track) {
-    /* The writer has added to `wake` before, and the pulse adds 0 to it between setting this and looking at the frames: in whatever
-     * order they come, one of them sees what the other did. */
+    /*
+     * The writer has added to `wake` before, and the pulse adds 0 to it between setting this and looking at the
+     * frames: in whatever order they come, one of them sees what the other did.
+     */
     if (buffer->called == NULL || !atomic_load_explicit(&buffer->called[track], memory_order_relaxed) ||
         !atomic_exchange_explicit(&buffer->called[track], false, memory_order_relaxed))
         return;

@@ -19,8 +19,8 @@
 #include <unistd.h>
 
 /*
- * Every buffer of this process. The pointer travels through a host and an element property before it comes back here, so it
- * is looked up and never followed before it has been found.
+ * Every buffer of this process. The pointer travels through a host and an element property before it comes back
+ * here, so it is looked up and never followed before it has been found.
  */
 static pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
 static shb_buffer_t *registry;
@@ -90,8 +90,8 @@ static int reserve(int fd, uint64_t bytes) {
 }
 
 /*
- * Gives the finished file its name, which is the moment from which readers can see it. By the thread's own entry: that of a process
- * whose main thread has ended shows no files.
+ * Gives the finished file its name, which is the moment from which readers can see it. By the thread's own
+ * entry: that of a process whose main thread has ended shows no files.
  */
 static int publish(int fd, const char *path) {
     char self[64];
@@ -113,8 +113,8 @@ static int publish_buffer(const shb_buffer_t *buffer) {
 }
 
 /*
- * A nameless file, so that a creator that dies before it is published leaves nothing behind. The system takes the umask off the
- * mode.
+ * A nameless file, so that a creator that dies before it is published leaves nothing behind. The system takes
+ * the umask off the mode.
  */
 static int make_file(uint64_t bytes, mode_t mode, int *fd, void **base) {
     *base = MAP_FAILED;
@@ -124,7 +124,9 @@ static int make_file(uint64_t bytes, mode_t mode, int *fd, void **base) {
     int result = reserve(*fd, bytes);
     if (result != SHB_OK)
         return result;
-    /* The pages are there; mapping them now keeps some thousand page faults out of the first lap of each track. */
+    /*
+     * The pages are there; mapping them now keeps some thousand page faults out of the first lap of each track.
+     */
     *base = mmap(NULL, (size_t)bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, *fd, 0);
     if (*base == MAP_FAILED)
         return errno == ENOMEM ? SHB_ERR_NO_SPACE : SHB_ERR_SYSTEM;
@@ -140,7 +142,10 @@ static void drop_file(uint64_t bytes, int fd, void *base) {
     errno = saved;
 }
 
-/* The token is in the name, so that a reader that has the buffer finds the waiters that belong to it and no others. */
+/*
+ * The token is in the name, so that a reader that has the buffer finds the waiters that belong to it and no
+ * others.
+ */
 static uint64_t make_token(const shb_buffer_t *buffer) {
     uint64_t token;
     if (getrandom(&token, sizeof token, GRND_NONBLOCK) != (ssize_t)sizeof token)
@@ -230,8 +235,8 @@ static int make_files(shb_buffer_t *buffer, mode_t mode, const gid_t *group) {
 }
 
 /*
- * A name that another creator has taken in the meantime is no longer ours to remove. The waiters go last: by their
- * name the socket of a creator that died half-way is found.
+ * A name that another creator has taken in the meantime is no longer ours to remove. The waiters go last: by
+ * their name the socket of a creator that died half-way is found.
  */
 static void remove_files(const shb_buffer_t *buffer) {
     struct stat file;

@@ -92,7 +92,10 @@ void shb_buffer_drop(shb_buffer_t *buffer);
 void shb_registry_lock(void);
 void shb_registry_unlock(void);
 
-/* The thread that renews heartbeats, wakes readers by their sockets and watches for stalls. SHB_OK, SHB_ERR_SYSTEM. */
+/*
+ * The thread that renews heartbeats, wakes readers by their sockets and watches for stalls. SHB_OK,
+ * SHB_ERR_SYSTEM.
+ */
 int shb_pulse_add_buffer(shb_buffer_t *buffer);
 void shb_pulse_remove_buffer(shb_buffer_t *buffer);
 void shb_pulse_add_writer(shb_writer_t *writer);
@@ -101,7 +104,10 @@ void shb_pulse_remove_writer(shb_writer_t *writer);
 /* Writes the heartbeat of a buffer. */
 void shb_pulse_beat(const shb_buffer_t *buffer);
 
-/* The creator's side of the sockets (shb_bell.c). A buffer without is one whose other readers have to look by themselves. */
+/*
+ * The creator's side of the sockets (shb_bell.c). A buffer without is one whose other readers have to look by
+ * themselves.
+ */
 void shb_bell_open(shb_buffer_t *buffer, mode_t mode, const gid_t *group);
 void shb_bell_close(shb_buffer_t *buffer);
 /* Frame `head` - 1 of the track has been written: wakes who has called. */

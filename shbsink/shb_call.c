@@ -1,6 +1,6 @@
 /*
- * A reader's socket to the creator: for readers that may not touch the file of waiters, and for descriptors that an event loop
- * can wait for. See shb_bell.c for the other end.
+ * A reader's socket to the creator: for readers that may not touch the file of waiters, and for descriptors
+ * that an event loop can wait for. See shb_bell.c for the other end.
  */
 #define _GNU_SOURCE /* struct ucred */
 

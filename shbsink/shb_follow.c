@@ -1,5 +1,6 @@
 /*
- * One track of whatever buffer has a name: waiting for it to appear, and going on with the next one when its host was started anew.
+ * One track of whatever buffer has a name: waiting for it to appear, and going on with the next one when its
+ * host was started anew.
  */
 #define _GNU_SOURCE /* ppoll */
 

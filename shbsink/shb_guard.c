@@ -1,6 +1,7 @@
 /*
- * Mappings of files that others may cut short. A look at what is gone is answered by the system with SIGBUS; the handler here puts zeros in
- * the place and marks the mapping, so that its reader finds out instead of dying.
+ * Mappings of files that others may cut short. A look at what is gone is answered by the system with SIGBUS;
+ * the handler here puts zeros in the place and marks the mapping, so that its reader finds out instead of
+ * dying.
  */
 #define _GNU_SOURCE /* MAP_ANONYMOUS */
 

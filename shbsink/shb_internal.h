@@ -14,14 +14,23 @@
 /* "/dev/shm", the name, and "+" with the token of the file of waiters. */
 #define SHB_PATH_MAX (SHB_NAME_MAX + 32)
 #define SHB_HEARTBEAT_NS UINT64_C(250000000)
-/* As long as the last heartbeat is no older than this, nobody needs to ask the system whether the creator lives. */
+/*
+ * As long as the last heartbeat is no older than this, nobody needs to ask the system whether the creator
+ * lives.
+ */
 #define SHB_FRESH_NS (2 * SHB_HEARTBEAT_NS)
-/* A creator that cannot be asked for is taken for dead after this; one that was only stopped for a while is not. */
+/*
+ * A creator that cannot be asked for is taken for dead after this; one that was only stopped for a while is
+ * not.
+ */
 #define SHB_SILENT_NS (20 * SHB_HEARTBEAT_NS)
 
 /* ---- Structs with a size: the first field of each public one ------------------------------------------------------- */
 
-/* Copies what the caller gave into `out`; false when its size is too small, or when it holds fields that are not known here. */
+/*
+ * Copies what the caller gave into `out`; false when its size is too small, or when it holds fields that are
+ * not known here.
+ */
 bool shb_take_struct(const void *given, void *out, size_t size);
 /* Whether the caller's struct has room for `size` bytes, and filling it in; its own size stays. */
 bool shb_can_give(const void *given, size_t size);
@@ -64,26 +73,34 @@ shb_waiters_t *shb_waiters_at(void *base, uint64_t track);
 
 /* Puts the leading "/" in front; false when the name is not allowed. `out` holds SHB_NAME_MAX + 2 bytes. */
 bool shb_full_name(const char *name, char *out);
-/* Paths of the buffer (`full` with its leading "/"), of its file of waiters and of its socket; `out` holds SHB_PATH_MAX bytes. */
+/*
+ * Paths of the buffer (`full` with its leading "/"), of its file of waiters and of its socket; `out` holds
+ * SHB_PATH_MAX bytes.
+ */
 void shb_path(const char *full, char *out);
 void shb_waiters_path(const char *full, uint64_t token, char *out);
 void shb_socket_path(uint64_t token, char *out);
 /*
- * Removes the buffer of this name if its creator has died, or in any case with `force`; what is no shared buffer stays. Its other files
- * go with it. SHB_OK: the name is free; SHB_ERR_EXISTS, SHB_ERR_VERSION, SHB_ERR_SYSTEM.
+ * Removes the buffer of this name if its creator has died, or in any case with `force`; what is no shared
+ * buffer stays. Its other files go with it. SHB_OK: the name is free; SHB_ERR_EXISTS, SHB_ERR_VERSION,
+ * SHB_ERR_SYSTEM.
  */
 int shb_remove_file(const char *full, bool force);
 /* Removes the files of waiters of this name whose creators have died, and their sockets. */
 void shb_sweep_waiters(const char *full);
-/* What a header says about its buffer, but for what the system has to say of its creator; `file` is what it stands in. */
+/*
+ * What a header says about its buffer, but for what the system has to say of its creator; `file` is what it
+ * stands in.
+ */
 struct stat;
 void shb_info_from_header(const char *full, shb_header_t *header, const struct stat *file, shb_info_t *out);
 
 /* ---- Processes ------------------------------------------------------------------------------------------------------- */
 
 /*
- * Identity of a process: its id and its start time in one word, so that a recycled id is not mistaken for the process that had it before
- * and that one compare-and-swap can claim a track. It holds in one PID namespace and one time namespace.
+ * Identity of a process: its id and its start time in one word, so that a recycled id is not mistaken for the
+ * process that had it before and that one compare-and-swap can claim a track. It holds in one PID namespace and
+ * one time namespace.
  */
 uint64_t shb_identity_self(void);
 pid_t shb_identity_pid(uint64_t identity);
@@ -114,7 +131,9 @@ void shb_wait(SHB_ATOMIC(uint32_t) * word, uint32_t seen, uint64_t timeout_ns);
 bool shb_wait_many(SHB_ATOMIC(uint32_t) *const *words, const uint32_t *seen, size_t count, uint64_t timeout_ns);
 /* Changes *word and wakes everybody who waits for it. */
 void shb_wake(SHB_ATOMIC(uint32_t) * word);
-/* Changes the word, and wakes only if somebody has announced himself: without a waiter this is no system call. */
+/*
+ * Changes the word, and wakes only if somebody has announced himself: without a waiter this is no system call.
+ */
 void shb_wake_waiting(shb_waiters_t *waiters);
 /* Announces a waiter. The word must have been read before, and what the wait is for looked at after that. */
 void shb_announce(shb_waiters_t *waiters);
@@ -125,7 +144,10 @@ void shb_guard_unlock(void);
 
 /* ---- Copying --------------------------------------------------------------------------------------------------------- */
 
-/* Payload copies. Writer and reader may meet in the same bytes by design: the reader checks afterwards and throws away what was torn. */
+/*
+ * Payload copies. Writer and reader may meet in the same bytes by design: the reader checks afterwards and
+ * throws away what was torn.
+ */
 void shb_copy_in(void *to, const void *from, size_t size);
 void shb_copy_out(void *to, const void *from, size_t size);
 /* Orders the announcement before the copy in, and the copy out before the check. */

@@ -65,7 +65,7 @@ bool shb_take_struct(const void *given, void *out, size_t size) {
     memcpy(&given_size, given, sizeof given_size);
     /* What a later version of the caller's header has added must not be passed over in silence. */
     for (size_t at = size; at < given_size; at++)
-        /* NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): the caller's struct is longer than ours */
+        /* NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): the caller's struct is the longer one */
         if (((const unsigned char *)given)[at] != 0)
             return false;
     memcpy(out, given, size);
@@ -200,7 +200,10 @@ void shb_path(const char *full, char *out) {
     snprintf(out, SHB_PATH_MAX, "%s%s", SHB_PATH_PREFIX, full);
 }
 
-/* "+" stands in no name of a buffer. The path of a socket may be no longer than 107 characters, so the name is not in it. */
+/*
+ * "+" stands in no name of a buffer. The path of a socket may be no longer than 107 characters, so the name is
+ * not in it.
+ */
 void shb_socket_path(uint64_t token, char *out) {
     snprintf(out, SHB_PATH_MAX, "%s/+%016llx", SHB_PATH_PREFIX, (unsigned long long)token);
 }
@@ -251,7 +254,10 @@ void shb_copy_out(void *to, const void *from, size_t size) {
 }
 #endif
 
-/* ThreadSanitizer does not model fences. It does not need them here: every word that two threads can meet in is atomic. */
+/*
+ * ThreadSanitizer does not model fences. It does not need them here: every word that two threads can meet in is
+ * atomic.
+ */
 #if defined(__GNUC__) && !defined(__clang__) && defined(__SANITIZE_THREAD__)
 #pragma GCC diagnostic ignored "-Wtsan"
 #endif
@@ -274,8 +280,10 @@ void shb_fence_acquire(void) {
 void shb_track_stats(const shb_track_view_t *view, uint64_t now, bool creator_lives, uint64_t creator, shb_stats_t *out) {
     shb_track_t *track = view->head;
     shb_stats_t s = SHB_INIT(shb_stats_t);
-    /* A new writer resets the counters one by one: take them again if that happened meanwhile. A writer that died in the middle leaves
-     * the lock odd for good, so this ends in any case. */
+    /*
+     * A new writer resets the counters one by one: take them again if that happened meanwhile. A writer that
+     * died in the middle leaves the lock odd for good, so this ends in any case.
+     */
     for (int attempt = 0; attempt < 1000; attempt++) {
         uint64_t lock = atomic_load_explicit(&track->epoch_lock, memory_order_acquire);
         s.epoch = atomic_load_explicit(&track->epoch, memory_order_relaxed);
@@ -323,7 +331,9 @@ static void terminate_texts(shb_description_t *description) {
 static bool read_slot(shb_description_slot_t *slot, uint64_t *epoch, shb_description_t *out, uint64_t *data) {
     enum { WORDS = sizeof *out / sizeof(uint64_t) };
     uint64_t words[WORDS];
-    /* The lock is held for some thousand stores at most; a slot that stays locked has lost its writer half-way. */
+    /*
+     * The lock is held for some thousand stores at most; a slot that stays locked has lost its writer half-way.
+     */
     for (int attempt = 0; attempt < 1000; attempt++) {
         uint64_t lock = atomic_load_explicit(&slot->lock, memory_order_acquire);
         if (lock % 2 != 0)

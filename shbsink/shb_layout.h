@@ -1,6 +1,7 @@
 /*
- * Layout of the mapping, version 3. Everything stands at an offset that both sides compute from the geometry; nothing in the
- * mapping is a pointer or an offset into it, so a reader that has checked the geometry once cannot be led astray.
+ * Layout of the mapping, version 3. Everything stands at an offset that both sides compute from the geometry;
+ * nothing in the mapping is a pointer or an offset into it, so a reader that has checked the geometry once
+ * cannot be led astray.
  *
  * Private to the library and to its tests.
  */
@@ -34,8 +35,8 @@
 enum { SHB_STATE_OPEN = 1, SHB_STATE_DESTROYED = 2 };
 
 /*
- * Who made a file. A process id and a start time mean something only in their own namespaces; `pid_ns` and `time_ns` (inodes of
- * /proc/self/ns/, 0: not known) say whether a process that looks is in the same ones.
+ * Who made a file. A process id and a start time mean something only in their own namespaces; `pid_ns` and
+ * `time_ns` (inodes of /proc/self/ns/, 0: not known) say whether a process that looks is in the same ones.
  */
 typedef struct shb_origin {
     uint64_t creator; /* identity of the creating process, see shb_identity_self */
@@ -44,9 +45,9 @@ typedef struct shb_origin {
 } shb_origin_t;
 
 /*
- * The first page. All but `state` and the heartbeat is written before the name appears and never again. The first four fields, and
- * heartbeat_ns since version 2, keep their places in all versions, so that any version can tell whose a buffer is and whether that
- * process lives.
+ * The first page. All but `state` and the heartbeat is written before the name appears and never again. The
+ * first four fields, and heartbeat_ns since version 2, keep their places in all versions, so that any version
+ * can tell whose a buffer is and whether that process lives.
  */
 typedef struct shb_header {
     uint64_t magic;
@@ -74,10 +75,10 @@ typedef struct shb_header {
 } shb_header_t;
 
 /*
- * The file of waiters, "NAME+TOKEN" beside the buffer, is open to the creator's user alone. Its readers sleep there: whoever may map
- * the word that somebody sleeps on may also take that sleeper away. It is the one thing that readers write, holds nothing but
- * hints, and never holds up a writer: `waiting` costs it one system call, after which it is 0 again. It is also what is locked
- * while a buffer is removed.
+ * The file of waiters, "NAME+TOKEN" beside the buffer, is open to the creator's user alone. Its readers sleep
+ * there: whoever may map the word that somebody sleeps on may also take that sleeper away. It is the one thing
+ * that readers write, holds nothing but hints, and never holds up a writer: `waiting` costs it one system call,
+ * after which it is 0 again. It is also what is locked while a buffer is removed.
  */
 typedef struct shb_waiters_header {
     uint64_t magic;
@@ -98,8 +99,8 @@ typedef struct shb_waiters {
 } shb_waiters_t;
 
 /*
- * What goes over the socket "+TOKEN" of the buffer (seqpacket): a reader that wants to be woken sends this, and gets one byte when
- * `head` of the track is no longer `seen`. The connection ends with the creator.
+ * What goes over the socket "+TOKEN" of the buffer (seqpacket): a reader that wants to be woken sends this, and
+ * gets one byte when `head` of the track is no longer `seen`. The connection ends with the creator.
  */
 typedef struct shb_call {
     uint64_t track; /* number */
@@ -111,8 +112,9 @@ typedef struct shb_call {
 #define SHB_CODEC_DATA_WORDS (SHB_CODEC_DATA_MAX / 8)
 
 /*
- * One description under a sequence lock (odd while it is being written). The slots are used in turn; before one is used again, the
- * tail is raised past the frames that belong to what it held, so that every intact frame has its description.
+ * One description under a sequence lock (odd while it is being written). The slots are used in turn; before one
+ * is used again, the tail is raised past the frames that belong to what it held, so that every intact frame has
+ * its description.
  */
 typedef struct shb_description_slot {
     SHB_ATOMIC(uint64_t) lock;
@@ -125,7 +127,8 @@ typedef struct shb_description_slot {
 } shb_description_slot_t;
 
 /*
- * Head of a track. Frames are numbered through all epochs here ("index"): frame i has descriptor i modulo the number of descriptors.
+ * Head of a track. Frames are numbered through all epochs here ("index"): frame i has descriptor i modulo the
+ * number of descriptors.
  *
  *     tail  the oldest frame that is intact. The writer raises it BEFORE it overwrites: whoever finds tail <= i after a copy
  *           of frame i knows that the copy is whole.
@@ -161,7 +164,10 @@ typedef struct shb_track {
     shb_description_slot_t description[SHB_DESCRIPTION_SLOTS];
 } shb_track_t;
 
-/* One frame. `position` counts payload bytes through all epochs; the frame starts at position modulo the track's bytes. */
+/*
+ * One frame. `position` counts payload bytes through all epochs; the frame starts at position modulo the
+ * track's bytes.
+ */
 typedef struct shb_descriptor {
     SHB_ATOMIC(uint64_t) sequence;
     SHB_ATOMIC(uint64_t) epoch;

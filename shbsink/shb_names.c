@@ -29,7 +29,10 @@ void shb_info_from_header(const char *full, shb_header_t *header, const struct s
     out->geometry = places.geometry;
 }
 
-/* Opens what may be a buffer and takes its header; -1 when there is nothing of that kind. Never follows links, never waits. */
+/*
+ * Opens what may be a buffer and takes its header; -1 when there is nothing of that kind. Never follows links,
+ * never waits.
+ */
 static int open_header(const char *path, shb_header_t *header, struct stat *file) {
     int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0)
@@ -60,9 +63,10 @@ static bool lock_soon(int fd) {
 }
 
 /*
- * Locks what decides between several who find the same corpse. That is its file of waiters, which nobody but its owner can open: a lock on the
- * buffer itself could be held for good by whoever may read it. A descriptor; -1: somebody holds it; -2: there is none, and what
- * has its name is another user's, who must not hold anybody up.
+ * Locks what decides between several who find the same corpse. That is its file of waiters, which nobody but
+ * its owner can open: a lock on the buffer itself could be held for good by whoever may read it. A descriptor;
+ * -1: somebody holds it; -2: there is none, and what has its name is another user's, who must not hold anybody
+ * up.
  */
 static int lock_corpse(const char *path, uid_t owner) {
     struct stat file;
@@ -112,7 +116,10 @@ int shb_remove_file(const char *full, bool force) {
     }
     if (result == SHB_OK || lock >= 0) {
         struct stat locked;
-        /* With a buffer that could not be removed, what belongs to it stays, but for a lock that was made for this. */
+        /*
+         * With a buffer that could not be removed, what belongs to it stays, but for a lock that was made for
+         * this.
+         */
         if (result == SHB_OK || (fstat(lock, &locked) == 0 && locked.st_size == 0))
             unlink(lock_path);
     }

@@ -1,6 +1,6 @@
 /*
- * Processes: which one made a buffer, and whether it still runs. A process is asked about where that has a meaning, which is in
- * its own namespaces; elsewhere its heartbeat counts.
+ * Processes: which one made a buffer, and whether it still runs. A process is asked about where that has a
+ * meaning, which is in its own namespaces; elsewhere its heartbeat counts.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -53,7 +53,10 @@ static process_state_t process_start_time(pid_t pid, uint64_t *start) {
     if (got <= 0)
         return PROCESS_GONE;
     text[got] = '\0';
-    /* The second field is the program's name in brackets and may itself hold blanks and brackets: count from the last one. */
+    /*
+     * The second field is the program's name in brackets and may itself hold blanks and brackets: count from
+     * the last one.
+     */
     const char *at = strrchr(text, ')');
     if (at == NULL || at[1] != ' ')
         return PROCESS_HIDDEN;

@@ -1,7 +1,8 @@
 /*
- * One thread for all buffers of the process: it renews their heartbeats, wakes the readers that wait at sockets, and looks
- * after tracks that have fallen silent. It runs as long as there is a buffer, and never calls the host: a stall handler has a
- * thread of its own, so that one that waits for the host holds up nothing else.
+ * One thread for all buffers of the process: it renews their heartbeats, wakes the readers that wait at
+ * sockets, and looks after tracks that have fallen silent. It runs as long as there is a buffer, and never
+ * calls the host: a stall handler has a thread of its own, so that one that waits for the host holds up nothing
+ * else.
  */
 #define _GNU_SOURCE /* pthread_setname_np */
 

@@ -1,6 +1,7 @@
 /*
- * The reader's side. A reader writes nothing into the mapping, and trusts nothing in it: what it reads there is taken once,
- * checked against the geometry it computed itself, and used only if the writer has not come by meanwhile.
+ * The reader's side. A reader writes nothing into the mapping, and trusts nothing in it: what it reads there is
+ * taken once, checked against the geometry it computed itself, and used only if the writer has not come by
+ * meanwhile.
  */
 #define _GNU_SOURCE /* F_OFD_SETLK */
 
@@ -232,7 +233,10 @@ bool shb_take_extent(const shb_reader_t *reader, shb_extent_t *out) {
             return false;
         if (out->head - out->tail <= view->frames)
             return true;
-        /* More than there is room for: either the writer went on between the two looks, or the mapping is damaged. */
+        /*
+         * More than there is room for: either the writer went on between the two looks, or the mapping is
+         * damaged.
+         */
         if (atomic_load_explicit(&view->head->tail, memory_order_acquire) == out->tail)
             return false;
     }
@@ -242,7 +246,10 @@ void shb_place(shb_reader_t *reader, const shb_extent_t *extent) {
     uint64_t key, half = (extent->head - extent->tail) / 2;
     switch (reader->start) {
         case SHB_START_OLDEST:
-            /* The oldest frame is the next to go: give up more of them each time that one was gone before it was copied. */
+            /*
+             * The oldest frame is the next to go: give up more of them each time that one was gone before it
+             * was copied.
+             */
             reader->next = extent->tail + (reader->skip < half ? reader->skip : half);
             reader->skip = reader->skip * 2 + 1;
             break;
@@ -305,8 +312,9 @@ void shb_reader_close(shb_reader_t *reader) {
 }
 
 /*
- * Without a system call while the heartbeat is young. One that stands still is asked about, or, where the creator cannot be asked
- * for, given time; a creator that was only stopped is there again with its next heartbeat.
+ * Without a system call while the heartbeat is young. One that stands still is asked about, or, where the
+ * creator cannot be asked for, given time; a creator that was only stopped is there again with its next
+ * heartbeat.
  */
 static bool creator_gone(shb_reader_t *reader) {
     shb_map_t *map = reader->map;
@@ -348,7 +356,10 @@ static void find_description(const shb_reader_t *reader, const shb_frame_t *f, s
         out->serial = 0;
 }
 
-/* Takes frame reader->next. All that comes from the mapping is checked for bounds before use and for truth after the copy. */
+/*
+ * Takes frame reader->next. All that comes from the mapping is checked for bounds before use and for truth
+ * after the copy.
+ */
 static take_t take_frame(shb_reader_t *reader, const shb_target_t *to, shb_frame_t *frame) {
     const shb_track_view_t *view = &reader->view;
     shb_descriptor_t *descriptor = &view->descriptors[reader->next & (view->frames - 1)];
@@ -371,7 +382,10 @@ static take_t take_frame(shb_reader_t *reader, const shb_target_t *to, shb_frame
     bool sound = f.size != 0 && f.size <= view->bytes && offset % SHB_FRAME_ALIGN == 0 && offset + f.size <= view->bytes &&
                  f.epoch != 0 && f.sequence <= reader->next && (!reader->has_epoch || f.epoch >= reader->epoch);
     bool fits = to->place != NULL || f.size <= to->capacity;
-    /* A reader that wants a key frame wants one again in each new epoch: nothing of it decodes on top of the last. */
+    /*
+     * A reader that wants a key frame wants one again in each new epoch: nothing of it decodes on top of the
+     * last.
+     */
     bool key_only = reader->wants_key || (reader->start == SHB_START_KEY && reader->has_epoch && f.epoch != reader->epoch);
     bool skip = key_only && (f.flags & SHB_FRAME_KEY) == 0;
     const void *source = view->payload + offset;
@@ -437,8 +451,8 @@ uint64_t shb_time_left(uint64_t deadline, uint64_t longest) {
 }
 
 /*
- * SHB_ERR_TIMEOUT: `nothing` is there, or what is there is overwritten again and again before it has been copied and the time is
- * over.
+ * SHB_ERR_TIMEOUT: `nothing` is there, or what is there is overwritten again and again before it has been
+ * copied and the time is over.
  */
 static int take_next(shb_reader_t *reader, const shb_target_t *to, uint64_t deadline, shb_frame_t *frame, bool *nothing) {
     *nothing = false;
@@ -493,7 +507,10 @@ static int take_or_end(shb_reader_t *reader, const shb_target_t *to, uint64_t de
 static int await_next(shb_reader_t *reader, const shb_target_t *to, int timeout_ms, shb_frame_t *frame) {
     uint64_t deadline = shb_deadline(timeout_ms);
     for (;;) {
-        /* The word is taken before the look: a frame or an end that comes after it changes the word, and the wait returns at once. */
+        /*
+         * The word is taken before the look: a frame or an end that comes after it changes the word, and the
+         * wait returns at once.
+         */
         uint32_t seen = reader->waiters == NULL ? 0 : atomic_load_explicit(&reader->waiters->wake, memory_order_acquire);
         int result = take_or_end(reader, to, deadline, frame);
         if (result != SHB_ERR_TIMEOUT)

@@ -86,7 +86,10 @@ typedef struct shb_extent {
 bool shb_take_extent(const shb_reader_t *reader, shb_extent_t *out);
 /* Puts the reader where its start rule says. */
 void shb_place(shb_reader_t *reader, const shb_extent_t *extent);
-/* SHB_OK when shb_reader_read has a frame, or what it would say instead; SHB_ERR_TIMEOUT when there is nothing. Never waits. */
+/*
+ * SHB_OK when shb_reader_read has a frame, or what it would say instead; SHB_ERR_TIMEOUT when there is nothing.
+ * Never waits.
+ */
 int shb_look(shb_reader_t *reader);
 
 /* Now, by the creator's CLOCK_MONOTONIC. */

@@ -36,7 +36,10 @@ static uint64_t find_key(const shb_reader_t *reader, const shb_extent_t *extent,
     return found;
 }
 
-/* What was found in descriptors counts when none of them has been overwritten since; the oldest may always be gone already. */
+/*
+ * What was found in descriptors counts when none of them has been overwritten since; the oldest may always be
+ * gone already.
+ */
 static bool still_held(const shb_reader_t *reader, uint64_t index) {
     shb_fence_acquire();
     return atomic_load_explicit(&reader->view.head->tail, memory_order_relaxed) <= index;

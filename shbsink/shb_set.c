@@ -1,6 +1,6 @@
 /*
- * Waiting for several readers at once: by the words that they would sleep on one by one, or by one descriptor for the event loop
- * of a host.
+ * Waiting for several readers at once: by the words that they would sleep on one by one, or by one descriptor
+ * for the event loop of a host.
  */
 #define _GNU_SOURCE /* ppoll */
 
@@ -35,7 +35,9 @@ static size_t look_at_all(shb_reader_t *const *readers, size_t count, size_t fir
     return count;
 }
 
-/* By their words in the files of waiters; false when one of them has none, or when the system cannot do that. */
+/*
+ * By their words in the files of waiters; false when one of them has none, or when the system cannot do that.
+ */
 static bool sleep_on_words(shb_reader_t *const *readers, const uint32_t *seen, size_t count, uint64_t ns) {
     SHB_ATOMIC(uint32_t) * words[SHB_WAIT_MANY_MAX];
     if (count > SHB_WAIT_MANY_MAX)
@@ -179,7 +181,10 @@ int shb_set_remove(shb_set_t *set, shb_reader_t *reader) {
     return SHB_OK;
 }
 
-/* Sees to it that the descriptor becomes readable when this reader has something to say; false: a timer must do that. */
+/*
+ * Sees to it that the descriptor becomes readable when this reader has something to say; false: a timer must do
+ * that.
+ */
 static bool arm(shb_set_t *set, shb_reader_t *reader) {
     shb_call_drain(reader);
     bool called = shb_call_out(reader);

@@ -59,9 +59,9 @@ void shb_announce(shb_waiters_t *waiters) {
 }
 
 /*
- * The word changes before the announcement is looked at, and a waiter announces itself before the kernel compares the word: one of the
- * two sees the other. The announcement is taken back before the word changes once more, so that a waiter whose announcement was
- * taken finds the word changed if it is not yet asleep.
+ * The word changes before the announcement is looked at, and a waiter announces itself before the kernel
+ * compares the word: one of the two sees the other. The announcement is taken back before the word changes once
+ * more, so that a waiter whose announcement was taken finds the word changed if it is not yet asleep.
  */
 void shb_wake_waiting(shb_waiters_t *waiters) {
     atomic_fetch_add_explicit(&waiters->wake, 1, memory_order_seq_cst);

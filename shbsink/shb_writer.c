@@ -15,7 +15,10 @@ static shb_descriptor_t *descriptor_of(const shb_track_view_t *view, uint64_t in
     return &view->descriptors[index & (view->frames - 1)];
 }
 
-/* Two writers on one track would tear its frames, so the claim is one atomic step; a claim whose process has died is void. */
+/*
+ * Two writers on one track would tear its frames, so the claim is one atomic step; a claim whose process has
+ * died is void.
+ */
 static bool claim(shb_track_t *track, uint64_t identity) {
     uint64_t owner = atomic_load_explicit(&track->owner, memory_order_acquire);
     for (;;) {
@@ -27,7 +30,10 @@ static bool claim(shb_track_t *track, uint64_t identity) {
     }
 }
 
-/* A writer that died with a key frame half written has told of it already: what is told then is the newest one that is held. */
+/*
+ * A writer that died with a key frame half written has told of it already: what is told then is the newest one
+ * that is held.
+ */
 static void recall_newest_key(const shb_writer_t *writer) {
     uint64_t key = writer->head;
     if (atomic_load_explicit(&writer->view.head->newest_key, memory_order_relaxed) <= key)
@@ -56,7 +62,9 @@ int shb_writer_open(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb
     if (!claim(track, writer->identity))
         goto fail;
 
-    /* What was written before stays readable: numbering and payload go on where the last complete frame ended. */
+    /*
+     * What was written before stays readable: numbering and payload go on where the last complete frame ended.
+     */
     writer->head = atomic_load_explicit(&track->head, memory_order_relaxed);
     writer->tail = atomic_load_explicit(&track->tail, memory_order_relaxed);
     writer->epoch_head = writer->head;
@@ -220,7 +228,10 @@ int shb_writer_write(shb_writer_t *writer, const void *data, size_t size, uint64
         return SHB_ERR_TOO_BIG;
     }
 
-    /* A frame never wraps, so that it can be used where it lies: the rest of the ring is left out if it is too small. */
+    /*
+     * A frame never wraps, so that it can be used where it lies: the rest of the ring is left out if it is too
+     * small.
+     */
     uint64_t start = writer->position;
     uint64_t offset = start & (view->bytes - 1);
     if (offset + size > view->bytes)

@@ -161,7 +161,10 @@ static void read_unit(ShbVideoReader *base, const guint8 *data, gsize size, gboo
     /* Everything of interest stands before the first slice: the bulk of the data is not looked at. */
     while (gst_h264_parser_identify_nalu_unchecked(reader->parser, data, offset, size, &nalu) == GST_H264_PARSER_OK) {
         if (nalu.type >= GST_H264_NAL_SLICE && nalu.type <= GST_H264_NAL_SLICE_IDR) {
-            /* A decoder can also start at a recovery point, and at an intra picture that brings its parameter sets. */
+            /*
+             * A decoder can also start at a recovery point, and at an intra picture that brings its parameter
+             * sets.
+             */
             out->headers_only = FALSE;
             out->new_sets = base->sets.changed;
             out->key = nalu.type == GST_H264_NAL_SLICE_IDR || unit.recovery_point || (parser_says_key && unit.has_sps);

@@ -1,5 +1,6 @@
 /*
- * What a byte-stream access unit says about itself and about its stream. One reader per codec; the parsing is GStreamer's.
+ * What a byte-stream access unit says about itself and about its stream. One reader per codec; the parsing is
+ * GStreamer's.
  */
 #ifndef SHB_VIDEO_REPORT_H
 #define SHB_VIDEO_REPORT_H
@@ -41,7 +42,10 @@ typedef struct {
 
 typedef struct ShbVideoReader ShbVideoReader;
 
-/* Reads one access unit. `parser_says_key` is the upstream parser's opinion. `report` is written when a picture was examined. */
+/*
+ * Reads one access unit. `parser_says_key` is the upstream parser's opinion. `report` is written when a picture
+ * was examined.
+ */
 typedef void (*ShbVideoRead)(ShbVideoReader *reader, const guint8 *data, gsize size, gboolean parser_says_key,
                              const ShbVideoHints *hints, ShbAccessUnit *unit, ShbVideoReport *report);
 

@@ -198,8 +198,8 @@ typedef struct shb_reader_stats {
     uint64_t left_out;                  /* the sum of `left_out` over all frames delivered */
     uint64_t epochs;                    /* times that a frame came of another epoch than the one before, the first included */
     uint64_t waiting;                   /* frames written that this reader has not read yet, lost ones included */
-    uint64_t
-        offered; /* frames written from where the reader began; what a seek or the wait for a first key frame jumps over is none */
+    /* Frames written from where the reader began. What a seek or the wait for a first key frame jumps over is none. */
+    uint64_t offered;
 } shb_reader_stats_t;
 
 /* A buffer of this machine, as shb_list and shb_map_info find it. */

@@ -27,6 +27,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import textwrap
 import time
 from pathlib import Path
 
@@ -386,9 +387,16 @@ def report(results, out):
         top += "\n**The machine was busy with other things meanwhile: these figures stand until they are taken on an idle one.**\n"
     if aims:
         top += "\n" + table(["Aim", "measured", ""], aims)
-    document = "\n".join([top, *texts])
+    document = wrapped("\n".join([top, *texts]))
     (out / "buffer.md").write_text(document)
     return document
+
+
+def wrapped(document, width=128):
+    """Prose in lines that can be read in a terminal; tables and pictures as they are."""
+    return "\n".join(line if line.startswith(("|", "!")) else
+                     textwrap.fill(line, width, subsequent_indent="  " if line.startswith("- ") else "", break_on_hyphens=False)
+                     for line in document.split("\n"))
 
 
 def machine():

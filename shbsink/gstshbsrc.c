@@ -595,7 +595,7 @@ static void end_track(Track *track) {
     g_mutex_unlock(&self->lock);
     if (nothing && fails_first(self))
         GST_ELEMENT_ERROR(self, RESOURCE, READ, ("No frame came from the shared buffer before the end."), (NULL));
-    gst_task_pause(track->task);
+    gst_task_stop(track->task);
 }
 
 static gboolean await_playing(GstShbSrc *self, gboolean *ending) {
@@ -612,7 +612,7 @@ static void run(gpointer data) {
     Track *track = data;
     gboolean ending;
     if (!await_playing(track->src, &ending)) {
-        gst_task_pause(track->task);
+        gst_task_stop(track->task);
         return;
     }
     if (ending) {

@@ -9,6 +9,7 @@ gboolean shb_src_track_open(ShbSrcTrack *track, shb_kind_t kind, const gchar *na
     *track = (ShbSrcTrack){
         .kind = kind, .channel = channel, .stream = stream, .follow = follow, .newest = newest, .offset = SHB_OFFSET_NONE};
     track->wants_key = track->wants_sets = track->wants_caps = TRUE;
+    track->name = g_strdup(name);
     shb_follow_options_t options = SHB_INIT(shb_follow_options_t);
     options.channel = channel;
     options.stream = stream;
@@ -20,6 +21,7 @@ gboolean shb_src_track_open(ShbSrcTrack *track, shb_kind_t kind, const gchar *na
 void shb_src_track_close(ShbSrcTrack *track) {
     shb_follow_close(track->reader);
     track->reader = NULL;
+    g_clear_pointer(&track->name, g_free);
     g_clear_pointer(&track->codec_data, g_bytes_unref);
     gst_clear_caps(&track->caps);
 }
@@ -87,12 +89,25 @@ static ShbSrcResult peek(ShbSrcTrack *track, gint timeout_ms, shb_frame_t *frame
     return take_result(track, result, events);
 }
 
+static gboolean is_gone(const ShbSrcTrack *track) {
+    shb_map_t *map;
+    int result = shb_attach(track->name, &map);
+    if (result == SHB_OK)
+        shb_detach(map);
+    return result == SHB_ERR_NOT_FOUND;
+}
+
 ShbSrcResult shb_src_track_attach(ShbSrcTrack *track, gint timeout_ms) {
     shb_frame_t frame = SHB_INIT(shb_frame_t);
     if (shb_follow_reader(track->reader) != NULL)
         return SHB_SRC_FRAME;
     ShbSrcResult result = peek(track, timeout_ms, &frame);
-    return result == SHB_SRC_NOTHING && shb_follow_reader(track->reader) != NULL ? SHB_SRC_FRAME : result;
+    if (shb_follow_reader(track->reader) != NULL)
+        return result == SHB_SRC_NOTHING ? SHB_SRC_FRAME : result;
+    /* It was there when the element looked. */
+    if (!track->follow && is_gone(track))
+        track->has_end = TRUE;
+    return track->has_end ? SHB_SRC_END : result;
 }
 
 void shb_src_track_seek(ShbSrcTrack *track, const ShbStartRule *rule) {

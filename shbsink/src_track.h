@@ -13,6 +13,7 @@
 G_BEGIN_DECLS
 
 typedef struct {
+    gchar *name;
     shb_kind_t kind;
     guint channel, stream;
     gboolean follow;  /* wait for a host that has gone */

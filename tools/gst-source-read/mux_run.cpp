@@ -9,6 +9,7 @@
 
 #include "buffers.h"
 #include "codec.h"
+#include "elements.h"
 #include "interrupts.h"
 #include "output.h"
 #include "text.h"
@@ -131,11 +132,11 @@ void MuxRun::LookAtFiles() {
             ++file;
             continue;
         }
-        const bool complete = state == FileWriter::State::kDone && file->closed;
+        const bool complete = state == FileWriter::State::kDone;
         if (!complete) {
             const double seconds = static_cast<double>(writer.Length()) / 1e9;
-            Fail(writer.Name() + ": " + (state == FileWriter::State::kDone ? "the muxer has ended it" : writer.Reason()) +
-                 "; it has what came before, " + tool::FormatElapsed(seconds) + " at most");
+            Fail(writer.Name() + ": " + writer.Reason() + "; it has what came before, " + tool::FormatElapsed(seconds) +
+                 " at most");
         }
         m_status.bytes += writer.Bytes();
         if (m_status.newest == &writer) {
@@ -308,6 +309,7 @@ void MuxRun::CloseAll() {
 }
 
 bool MuxRun::Go() {
+    RequireElement(m_settings.container->muxer, m_settings.container->package);
     m_source = std::make_unique<AvSource>(m_settings.source, *m_settings.container);
     for (Step(); !IsOver(); Step()) {
         Wait();

@@ -4,11 +4,13 @@
 //     ./gateway camera 127.0.0.1 5004 > camera.sdp
 //     ffplay -protocol_whitelist file,udp,rtp camera.sdp
 //
-// Video goes to PORT, its RTCP to PORT + 1, audio to PORT + 2 and PORT + 3. Nothing is decoded or encoded. What leaves the
-// payloaders is what WebRTC wants: it begins with a key frame, each key frame has its parameter sets, and the payload
-// types are the usual ones. For a browser, link pay0 and pay1 to a webrtcbin instead of the rtpbin below.
+// Video goes to PORT, its RTCP to PORT + 1, audio to PORT + 2 and PORT + 3. Nothing is decoded or encoded.
+// What leaves the payloaders is what WebRTC wants: it begins with a key frame, each key frame has its
+// parameter sets, and the payload types are the usual ones. For a browser, link pay0 and pay1 to a webrtcbin
+// instead of the rtpbin below.
 //
-// Ends with exit code 0 on Ctrl-C and when the host of the buffer closes it; otherwise with a line that says why.
+// Ends with exit code 0 on Ctrl-C and when the host of the buffer closes it; otherwise with a line that says
+// why.
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <gst/sdp/gstsdpmessage.h>
@@ -24,6 +26,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -36,8 +39,9 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-// How a codec of the buffer becomes RTP. The parsers put the parameter sets before each key frame. rtph264pay of GStreamer
-// 1.22 must not: with config-interval=-1 it puts them before every slice, and receivers take the slices for pictures.
+// How a codec of the buffer becomes RTP. The parsers put the parameter sets before each key frame. rtph264pay
+// of GStreamer 1.22 must not: with config-interval=-1 it puts them before every slice, and receivers take the
+// slices for pictures.
 struct Codec {
     const char *code;    // Description::code
     const char *format;  // Description::format that the caps below stand for, "" for any
@@ -105,7 +109,8 @@ const Codec &codec_of(const gs::Description &media) {
     return *codec;
 }
 
-// Waits until a track has a frame and says what it is; empty when the source has no such track, or shows none in time.
+// Waits until a track has a frame and says what it is; empty when the source has no such track, or shows none
+// in time.
 std::optional<gs::Description> media_of(const gs::Map &map, gs::Reader &reader, gs::Kind kind) {
     constexpr auto patience = 3s;
     const auto end = std::chrono::steady_clock::now() + patience;
@@ -151,19 +156,20 @@ Owned<GstElement> element(GstElement *pipeline, const char *name, std::size_t in
     return Owned<GstElement>(gst_bin_get_by_name(GST_BIN(pipeline), (name + std::to_string(index)).c_str()));
 }
 
-// appsrc, payloader and two sinks a branch, around one rtpbin, whose RTCP relates the clocks of video and audio.
+// appsrc, payloader and two sinks a branch, around one rtpbin, whose RTCP relates the clocks of video and
+// audio.
 Pipeline make_pipeline(std::vector<Branch> &branches, const char *host) {
-    std::string text = "rtpbin name=rtp ";
+    std::ostringstream text;
+    text << "rtpbin name=rtp";
     for (std::size_t i = 0; i < branches.size(); ++i) {
-        const std::string n = std::to_string(i);
         // A full appsrc blocks: then this reader is the one that loses frames, and goes on with a key frame.
-        text += "appsrc name=src" + n + " is-live=true format=time block=true caps=\"" + branches[i].codec->caps + "\" ! " +
-                branches[i].codec->payloader + " name=pay" + n + " ! rtp.send_rtp_sink_" + n + " rtp.send_rtp_src_" + n +
-                " ! udpsink name=rtpsink" + n + " sync=false async=false rtp.send_rtcp_src_" + n + " ! udpsink name=rtcpsink" +
-                n + " sync=false async=false ";
+        text << " appsrc name=src" << i << " is-live=true format=time block=true caps=\"" << branches[i].codec->caps << "\" ! "
+             << branches[i].codec->payloader << " name=pay" << i << " ! rtp.send_rtp_sink_" << i << " rtp.send_rtp_src_" << i
+             << " ! udpsink name=rtpsink" << i << " sync=false async=false rtp.send_rtcp_src_" << i
+             << " ! udpsink name=rtcpsink" << i << " sync=false async=false";
     }
     GError *failure = nullptr;
-    Pipeline pipeline(gst_parse_launch(text.c_str(), &failure));
+    Pipeline pipeline(gst_parse_launch(text.str().c_str(), &failure));
     if (failure != nullptr) {
         const Owned<GError> owned(failure);
         throw std::runtime_error(failure->message);
@@ -262,14 +268,15 @@ void run(const gs::Map &map, const char *host, int port) {
         return;
     }
     const Pipeline pipeline = make_pipeline(branches, host);
-    // With the system's clock and a base time of 0, the running time of the pipeline is CLOCK_MONOTONIC: the time of the
-    // frames. So the RTCP reports give receivers the right relation of video and audio.
+    // With the system's clock and a base time of 0, the running time of the pipeline is CLOCK_MONOTONIC: the
+    // time of the frames. So the RTCP reports give receivers the right relation of video and audio.
     const Owned<GstClock> clock(gst_system_clock_obtain());
     gst_pipeline_use_clock(GST_PIPELINE(pipeline.get()), clock.get());
     gst_element_set_start_time(pipeline.get(), GST_CLOCK_TIME_NONE);
     gst_element_set_base_time(pipeline.get(), 0);
     gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
     std::vector<gs::Reader *> readers;
+    readers.reserve(branches.size());
     for (Branch &branch : branches) {
         readers.push_back(&branch.reader);
     }
@@ -293,16 +300,16 @@ void run(const gs::Map &map, const char *host, int port) {
 
 int main(int argc, char **argv) {
     gst_init(&argc, &argv);
-    constexpr int largest_port = 65532;  // and three more
-    const int port = argc == 4 ? std::atoi(argv[3]) : 0;
+    constexpr long largest_port = 65532;  // and three more
+    const long port = argc == 4 ? std::strtol(argv[3], nullptr, 10) : 0;
     if (port < 1 || port > largest_port) {
-        std::fprintf(stderr, "usage: gateway NAME HOST PORT    PORT from 1 to %d, and the next three\n", largest_port);
+        std::fprintf(stderr, "usage: gateway NAME HOST PORT    PORT from 1 to %ld, and the next three\n", largest_port);
         return 2;
     }
     std::signal(SIGINT, [](int) { interrupted = 1; });
     std::signal(SIGTERM, [](int) { interrupted = 1; });
     try {
-        run(gs::Map::attach(argv[1]).value(), argv[2], port);
+        run(gs::Map::attach(argv[1]).value(), argv[2], static_cast<int>(port));
     } catch (const gs::BadResult &bad) {
         if (bad.error().code() != gs::Errc::closed) {
             std::fprintf(stderr, "gateway: %s\n", bad.what());

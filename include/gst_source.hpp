@@ -1,7 +1,8 @@
 // gst_source.hpp - live network streams and their shared buffer for C++17 and later, header-only.
 //
-// It wraps the two C interfaces gst_source_api.h (library gst_source) and shb.h (library shb). Their rules hold
-// here as well. This header adds ownership, results with a reason, typed times, and checks before an open.
+// It wraps the two C interfaces gst_source_api.h (library gst_source) and shb.h (library shb). Their rules
+// hold here as well. This header adds ownership, results with a reason, typed times, and checks before an
+// open.
 //
 //     auto buffer = gst_source::Buffer::create("camera");
 //     auto source = gst_source::Source::open(*buffer, "udp://239.1.2.3:5000");
@@ -14,20 +15,20 @@
 //     for (const gst_source::Frame &frame : reader->frames())    // until the host is gone
 //         std::fwrite(frame.data.data(), 1, frame.data.size(), stdout);
 //
-// Compile with `pkg-config --cflags --libs gst-source-cpp`. A program that uses no Source links libshb alone. The
-// guide is docs/cpp.md.
+// Compile with `pkg-config --cflags --libs gst-source-cpp`. A program that uses no Source links libshb alone.
+// The guide is docs/cpp.md.
 //
-// RESULTS. Whatever can fail returns a Result: a value, or an Error with a code and a text. No function throws,
-// with two exceptions: access to the value of a failed Result throws BadResult, and the containers of the standard
-// library throw std::bad_alloc. Every function of an object that was closed, moved from or made by its default
-// constructor fails with Errc::not_open; "Errors" in a comment names what else can happen.
+// RESULTS. Whatever can fail returns a Result: a value, or an Error with a code and a text. No function
+// throws, with two exceptions: access to the value of a failed Result throws BadResult, and the containers of
+// the standard library throw std::bad_alloc. Every function of an object that was closed, moved from or made
+// by its default constructor fails with Errc::not_open; "Errors" in a comment names what else can happen.
 //
-// OWNERSHIP. Buffer, Source, Writer, Map, Reader, BorrowedFrame, Set and Follow close what they own, and can be moved
-// but not copied. They can go in any order: a source keeps its buffer, a reader keeps its map.
+// OWNERSHIP. Buffer, Source, Writer, Map, Reader, BorrowedFrame, Set and Follow close what they own, and can
+// be moved but not copied. They can go in any order: a source keeps its buffer, a reader keeps its map.
 //
-// THREADS. Different objects are independent. Buffer, Map and the const functions of Source may be used by several
-// threads at once. Writer, Reader, Set and Follow belong to one thread at a time; a Set and its readers to the
-// same one. No object may be closed, assigned to or destroyed while another thread uses it.
+// THREADS. Different objects are independent. Buffer, Map and the const functions of Source may be used by
+// several threads at once. Writer, Reader, Set and Follow belong to one thread at a time; a Set and its
+// readers to the same one. No object may be closed, assigned to or destroyed while another thread uses it.
 //
 // NAMES. Types are in CamelCase; everything else is in snake_case. Options have the names of the C interface.
 #ifndef GST_SOURCE_HPP
@@ -64,7 +65,7 @@
 
 namespace gst_source {
 
-// ---- Results --------------------------------------------------------------------------------------------------------
+// ---- Results ----------------------------------------------------------------------------------------------
 
 enum class Errc {
     ok = 0,
@@ -117,7 +118,8 @@ class BadResult : public std::runtime_error {
     Error error_;
 };
 
-// A value, or the reason why there is none. `if (result)` asks; value(), * and -> give the value or throw BadResult.
+// A value, or the reason why there is none. `if (result)` asks; value(), * and -> give the value or throw
+// BadResult.
 template <typename T>
 class [[nodiscard]] Result {
   public:
@@ -176,7 +178,7 @@ class [[nodiscard]] Result<void> {
     Error error_;
 };
 
-// ---- Times, bytes, tracks -------------------------------------------------------------------------------------------
+// ---- Times, bytes, tracks ---------------------------------------------------------------------------------
 
 // A time of CLOCK_MONOTONIC, which is std::chrono::steady_clock on Linux.
 using MonotonicTime = std::chrono::time_point<std::chrono::steady_clock, std::chrono::nanoseconds>;
@@ -295,7 +297,8 @@ struct Frame {
     bool discont = false;           // the stream has a gap right before this frame
     bool header = false;            // headers only, no picture or sound
 
-    // The one time axis of video and audio, of all epochs and of all sources of a machine. Empty when not known.
+    // The one time axis of video and audio, of all epochs and of all sources of a machine. Empty when not
+    // known.
     std::optional<MonotonicTime> pts_time() const { return on_clock(pts); }
     std::optional<MonotonicTime> dts_time() const { return on_clock(dts); }
 
@@ -331,7 +334,7 @@ struct BufferInfo {
     Geometry geometry;
 };
 
-// ---- The creator's side: Buffer -------------------------------------------------------------------------------------
+// ---- The creator's side: Buffer ---------------------------------------------------------------------------
 
 namespace detail {
 struct BufferCore;
@@ -354,7 +357,8 @@ struct Access {
     std::optional<std::uint32_t> group{};  // of the files; the creator must be a member. Empty: the process's own
 };
 
-// A shared buffer that this process made. Sources and writers fill it, readers of any process attach to its name.
+// A shared buffer that this process made. Sources and writers fill it, readers of any process attach to its
+// name.
 class Buffer {
   public:
     Buffer() = default;
@@ -364,14 +368,14 @@ class Buffer {
     Buffer &operator=(const Buffer &) = delete;
     ~Buffer() = default;
 
-    // Makes the buffer. `name` is 1 to 200 characters of [A-Za-z0-9._-]. The memory is reserved at once. A buffer
-    // of the same name whose creator has died is replaced.
+    // Makes the buffer. `name` is 1 to 200 characters of [A-Za-z0-9._-]. The memory is reserved at once. A
+    // buffer of the same name whose creator has died is replaced.
     // Errors: invalid_argument, exists, no_space, system.
     static Result<Buffer> create(const std::string &name, const Geometry &geometry = {}, const Access &access = {});
 
     bool is_open() const noexcept { return state_ != nullptr; }
-    // Gives the buffer up, as the destructor does. Name and memory go at once, or, while sources and writers are
-    // open in it, together with the last one of them.
+    // Gives the buffer up, as the destructor does. Name and memory go at once, or, while sources and writers
+    // are open in it, together with the last one of them.
     void close() noexcept { state_.reset(); }
 
     // With its leading "/"; empty when the buffer is not open.
@@ -382,11 +386,12 @@ class Buffer {
     // The newest description, without its codec data: Map::description has them.
     // Errors: no_such_track; not_found: none yet.
     Result<Description> description(const Track &track) const;
-    // Says whether a track will have a stream, as far as the host knows. A writer that opens it makes it `expected`.
+    // Says whether a track will have a stream, as far as the host knows. A writer that opens it makes it
+    // `expected`.
     // Errors: no_such_track, invalid_argument.
     Result<void> set_presence(const Track &track, Presence presence);
-    // A session whose track has carried data and gets none for `silence` ends, and its source connects again. 0 is
-    // off, the largest is 2^31 ms. Meant for peers whose end no protocol notices.
+    // A session whose track has carried data and gets none for `silence` ends, and its source connects again.
+    // 0 is off, the largest is 2^31 ms. Meant for peers whose end no protocol notices.
     // Errors: invalid_argument.
     Result<void> set_stall_watch(std::chrono::milliseconds silence);
     Result<std::chrono::milliseconds> stall_watch() const;
@@ -409,12 +414,12 @@ struct Room {
 // Errors: invalid_argument, system.
 Result<Room> room_for(const Geometry &geometry = {});
 
-// ---- Sources --------------------------------------------------------------------------------------------------------
+// ---- Sources ----------------------------------------------------------------------------------------------
 
 enum class Protocol { rtsp, rtmp, srt, udp, hls };
 
-// The protocol that plays a URL, by its scheme in any case: udp; rtsp, rtsps, rtspt, rtspu; srt; rtmp, rtmps; http and
-// https (HLS). Empty for other schemes, and for a URL with nothing behind its scheme.
+// The protocol that plays a URL, by its scheme in any case: udp; rtsp, rtsps, rtspt, rtspu; srt; rtmp, rtmps;
+// http and https (HLS). Empty for other schemes, and for a URL with nothing behind its scheme.
 std::optional<Protocol> protocol_of(std::string_view url);
 
 // Transports that RTSP may use; joined by |.
@@ -426,7 +431,8 @@ inline constexpr std::uint32_t http = 16;
 inline constexpr std::uint32_t tls = 32;
 }  // namespace rtsp_transport
 
-// The options of each protocol, with what they do and what they are worth on real networks: docs/protocols.md.
+// The options of each protocol, with what they do and what they are worth on real networks:
+// docs/protocols.md.
 struct RtspOptions {
     std::uint32_t protocols = rtsp_transport::tcp;  // not 0 and not `http` alone, with which nothing plays
     std::chrono::milliseconds latency{2000};        // jitter buffer; 0 to 2^31 - 1 ms
@@ -490,10 +496,10 @@ struct MediaChange {
     std::optional<AudioInfo> audio;
 };
 
-// Called when the parameters of video or audio have changed. Runs on a streaming thread of the source, with no lock
-// held; video and audio may call at the same time. It must return soon and must not wait for a thread that closes this
-// source. Source::close() fails there with own_thread. An exception that leaves it is caught: the stream
-// goes on, and Source::take_exception() hands it to the host.
+// Called when the parameters of video or audio have changed. Runs on a streaming thread of the source, with
+// no lock held; video and audio may call at the same time. It must return soon and must not wait for a thread
+// that closes this source. Source::close() fails there with own_thread. An exception that leaves it is
+// caught: the stream goes on, and Source::take_exception() hands it to the host.
 using MediaCallback = std::function<void(const MediaChange &)>;
 
 // How a source is opened. Only the options of the URL's protocol count.
@@ -536,21 +542,22 @@ class Source {
   public:
     Source() = default;
 
-    // Opens `url` into the tracks options.channel and options.stream of `buffer`. Returns as soon as the pipeline is
-    // built; the network is not waited for. The first source of a process initialises GStreamer.
+    // Opens `url` into the tracks options.channel and options.stream of `buffer`. Returns as soon as the
+    // pipeline is built; the network is not waited for. The first source of a process initialises GStreamer.
     //
-    // Before anything is opened, this checks the scheme, that the buffer has the tracks, that nobody else writes them,
-    // and every option that the protocol would silently ignore or that would never play.
-    // Errors: unknown_scheme; no_such_track; track_in_use; invalid_argument; refused; not_open: of the buffer.
+    // Before anything is opened, this checks the scheme, that the buffer has the tracks, that nobody else
+    // writes them, and every option that the protocol would silently ignore or that would never play.
+    // Errors: unknown_scheme; no_such_track; track_in_use; invalid_argument; refused; not_open: of the
+    // buffer.
     static Result<Source> open(const Buffer &buffer, const std::string &url, const SourceOptions &options = {});
 
     bool is_open() const noexcept { return state_ != nullptr; }
-    // Ends the stream and frees its tracks. Waits for the pipeline (5 to 300 ms as a rule, docs/protocols.md) and for
-    // a callback that is running.
+    // Ends the stream and frees its tracks. Waits for the pipeline (5 to 300 ms as a rule, docs/protocols.md)
+    // and for a callback that is running.
     // Errors: own_thread: nothing has changed.
     //
-    // The destructor does the same. On a thread of the source itself it hands the work to a thread of its own and
-    // returns at once.
+    // The destructor does the same. On a thread of the source itself it hands the work to a thread of its own
+    // and returns at once.
     Result<void> close();
 
     // Errors: none but not_open.
@@ -558,11 +565,12 @@ class Source {
     Result<MediaInfo> media() const;
     // Of its video or audio track.
     Result<TrackStats> stats(Kind kind) const;
-    // The first exception that has left the callback since the last call; null when there was none. Any thread.
+    // The first exception that has left the callback since the last call; null when there was none. Any
+    // thread.
     std::exception_ptr take_exception() const;
 
-    // For the C interface; stays this object's, and must not be opened, closed or given another callback there. Null
-    // when the source is not open.
+    // For the C interface; stays this object's, and must not be opened, closed or given another callback
+    // there. Null when the source is not open.
     void *native_handle() const noexcept;
 
   private:
@@ -571,14 +579,16 @@ class Source {
     State state_;
 };
 
-// ---- Writing one's own frames ---------------------------------------------------------------------------------------
+// ---- Writing one's own frames -----------------------------------------------------------------------------
 
-// What goes with a frame that is written. Unknown times stay empty.
+// What goes with a frame that is written.
 struct FrameInfo {
-    std::optional<std::chrono::nanoseconds> pts{}, dts{}, duration{};  // not negative
-    bool key = true;                                                   // decoding can start here; true for every audio frame
-    bool discont = false;                                              // the stream has a gap right before this frame
-    bool header = false;                                               // headers only
+    // Not negative; empty when not known.
+    std::optional<std::chrono::nanoseconds> pts{}, dts{}, duration{};
+
+    bool key = true;       // decoding can start here; true for every audio frame
+    bool discont = false;  // the stream has a gap right before this frame
+    bool header = false;   // headers only
 };
 
 // A track that this process writes itself, without a Source.
@@ -606,9 +616,9 @@ class Writer {
     Result<void> write(ByteView data, const FrameInfo &info = {});
     // Publishes measured rates: bits per second, frames per second.
     Result<void> set_rates(std::uint32_t bitrate, double fps);
-    // What to call when the stall watch finds this track without data; empty: nothing. Runs on a thread of its own; it
-    // must not close or assign this writer or set another handler. An exception that leaves it is caught and dropped.
-    // When this function has returned, the handler before is not running any more.
+    // What to call when the stall watch finds this track without data; empty: nothing. Runs on a thread of
+    // its own; it must not close or assign this writer or set another handler. An exception that leaves it is
+    // caught and dropped. When this function has returned, the handler before is not running any more.
     Result<void> on_stall(std::function<void(std::chrono::milliseconds)> handler);
 
     // For the C interface; stays this object's.
@@ -619,7 +629,7 @@ class Writer {
     std::unique_ptr<detail::WriterCore> state_;
 };
 
-// ---- The readers' side: Map, Reader ---------------------------------------------------------------------------------
+// ---- The readers' side: Map, Reader -----------------------------------------------------------------------
 
 // A buffer as a reader sees it, of this process or of another one. Read-only.
 class Map {
@@ -641,8 +651,8 @@ class Map {
     // The newest description of a track, with its codec data.
     // Errors: no_such_track; not_found: none yet; corrupt.
     Result<Description> description(const Track &track) const;
-    // The creator has the buffer open. A creator that was killed counts as alive for up to half a second, one in
-    // another PID namespace for up to five. False when the map is not open.
+    // The creator has the buffer open. A creator that was killed counts as alive for up to half a second, one
+    // in another PID namespace for up to five. False when the map is not open.
     bool alive() const noexcept;
 
     // For the C interface; stays this object's.
@@ -681,8 +691,8 @@ class Position {
     std::chrono::nanoseconds time_;
 };
 
-// A frame that is read where it lies. The writer does not wait: the bytes may change while they are looked at. What was
-// made of them counts only when give_back() has said so.
+// A frame that is read where it lies. The writer does not wait: the bytes may change while they are looked
+// at. What was made of them counts only when give_back() has said so.
 class BorrowedFrame {
   public:
     BorrowedFrame() = default;
@@ -699,19 +709,19 @@ class BorrowedFrame {
     const Frame *operator->() const noexcept { return &frame_; }
 
     // Ends the use of the frame. The reader moves on.
-    // Errors: overrun: the frame was not whole all the time, and is in the `lost` of the next one; corrupt; not_open: it
-    // has been given back already.
+    // Errors: overrun: the frame was not whole all the time, and is in the `lost` of the next one; corrupt;
+    // not_open: it has been given back already.
     Result<void> give_back();
 
   private:
     friend class Reader;
-    BorrowedFrame(std::shared_ptr<shb_reader_t> reader, Frame frame) : reader_(std::move(reader)), frame_(std::move(frame)) {}
+    BorrowedFrame(std::shared_ptr<shb_reader_t> reader, const Frame &frame) : reader_(std::move(reader)), frame_(frame) {}
     std::shared_ptr<shb_reader_t> reader_;
     Frame frame_;
 };
 
-// The frames of a reader for a range-based for, which ends at the first error: error() says which one. Owns the memory of
-// the frame that it stands at.
+// The frames of a reader for a range-based for, which ends at the first error: error() says which one. Owns
+// the memory of the frame that it stands at.
 class FrameRange {
   public:
     class Sentinel {};
@@ -783,8 +793,8 @@ class Reader {
     // A frame that is borrowed, and a FrameRange, keep the reader open until they are gone.
     void close() noexcept { reader_.reset(); }
 
-    // Copies the next frame into `memory`, which grows when the frame needs it and never shrinks. Frame::data is a view
-    // of it. Use one vector for all frames.
+    // Copies the next frame into `memory`, which grows when the frame needs it and never shrinks. Frame::data
+    // is a view of it. Use one vector for all frames.
     // Errors: timeout; closed; corrupt; invalid_argument: while a frame is borrowed.
     Result<Frame> read(std::vector<std::uint8_t> &memory, Timeout timeout = forever);
     // Copies the next frame to `data`. A frame above `capacity` bytes fails with too_big and stays unread.
@@ -802,7 +812,8 @@ class Reader {
     Result<void> seek(const Position &position);
 
     // What the last frame read belongs to, with its codec data.
-    // Errors: not_found: no frame yet, a frame without a description, or codec data that was overwritten since.
+    // Errors: not_found: no frame yet, a frame without a description, or codec data that was overwritten
+    // since.
     Result<Description> description() const;
     Result<ReaderStats> stats() const;
 
@@ -819,21 +830,21 @@ class Reader {
 struct AvReaders {
     Reader video, audio;
 };
-// Opens both tracks of a source at one moment: video at `position`, audio at its first frame that is not before that
-// picture. After a loss video goes on at a key frame, audio at the oldest frame held. A recording that begins ten
-// seconds before its event begins with Position::back(10s).
+// Opens both tracks of a source at one moment: video at `position`, audio at its first frame that is not
+// before that picture. After a loss video goes on at a key frame, audio at the oldest frame held. A recording
+// that begins ten seconds before its event begins with Position::back(10s).
 // Errors: no_such_track; invalid_argument: a time below 0; corrupt; system; not_open: of the map.
 Result<AvReaders> open_av(const Map &map, std::uint32_t channel, std::uint32_t stream, const Position &position);
 
-// ---- Waiting for several --------------------------------------------------------------------------------------------
+// ---- Waiting for several ----------------------------------------------------------------------------------
 
 inline constexpr std::size_t no_index = std::numeric_limits<std::size_t>::max();
 
-// Waits until one of 1 to 1024 readers, of any tracks and buffers, has a frame or its end to read. `readers` is a
-// range of Reader, of Reader * or of std::reference_wrapper<Reader>. The result is the index of one of them. Give the
-// last index as `last`, so that the readers take turns.
-// Errors: timeout; system; invalid_argument: none or too many readers, or one with a borrowed frame; not_open: of one of
-// them.
+// Waits until one of 1 to 1024 readers, of any tracks and buffers, has a frame or its end to read. `readers`
+// is a range of Reader, of Reader * or of std::reference_wrapper<Reader>. The result is the index of one of
+// them. Give the last index as `last`, so that the readers take turns.
+// Errors: timeout; system; invalid_argument: none or too many readers, or one with a borrowed frame;
+// not_open: of one of them.
 template <typename Readers>
 Result<std::size_t> wait_any(const Readers &readers, Timeout timeout = forever, std::size_t last = no_index);
 inline Result<std::size_t> wait_any(std::initializer_list<const Reader *> readers, Timeout timeout = forever,
@@ -841,8 +852,8 @@ inline Result<std::size_t> wait_any(std::initializer_list<const Reader *> reader
 
 // Readers with one file descriptor, for an event loop: poll, epoll, GLib, asio.
 //
-// When fd() is readable, call next() and read from the reader that it names, again and again until it fails with
-// timeout. Only then the descriptor waits for what comes next.
+// When fd() is readable, call next() and read from the reader that it names, again and again until it fails
+// with timeout. Only then the descriptor waits for what comes next.
 class Set {
   public:
     Set() = default;
@@ -853,16 +864,16 @@ class Set {
     // The readers stay open.
     void close() noexcept;
 
-    // Adds a reader under a number of the caller's: an index, say. The reader may be moved, and leaves the set by
-    // itself when it is closed.
+    // Adds a reader under a number of the caller's: an index, say. The reader may be moved, and leaves the
+    // set by itself when it is closed.
     // Errors: invalid_argument: the reader is in a set; system; not_open: also of the reader.
     Result<void> add(const Reader &reader, std::size_t tag);
     // Errors: invalid_argument: the reader is not in this set; not_open: also of the reader.
     Result<void> remove(const Reader &reader);
     // The descriptor, which stays the set's; -1 when the set is not open.
     int fd() const noexcept { return shb_set_fd(set_.get()); }
-    // The tag of a reader that has something to read, in turns. A reader whose buffer is closed is named again and
-    // again until it is closed or removed.
+    // The tag of a reader that has something to read, in turns. A reader whose buffer is closed is named
+    // again and again until it is closed or removed.
     // Errors: timeout, system.
     Result<std::size_t> next(Timeout timeout = no_wait);
 
@@ -879,7 +890,7 @@ class Set {
     std::unordered_map<const shb_reader_t *, Entry> entries_;
 };
 
-// ---- Following a name -----------------------------------------------------------------------------------------------
+// ---- Following a name -------------------------------------------------------------------------------------
 
 struct FollowOptions {
     Track track{};
@@ -914,13 +925,14 @@ class Follow {
     bool is_open() const noexcept { return follow_ != nullptr; }
     void close() noexcept { follow_.reset(); }
 
-    // Copies the next frame into `memory` as Reader::read does. Returns before the time is over when there are events
-    // without a frame. While there is no buffer, it waits for one.
-    // Errors: timeout; no_such_track: the buffer has none like it; corrupt: the next call looks for another buffer; system.
-    // Events of a call that failed come with the next one.
+    // Copies the next frame into `memory` as Reader::read does. Returns before the time is over when there
+    // are events without a frame. While there is no buffer, it waits for one.
+    // Errors: timeout; no_such_track: the buffer has none like it; corrupt: the next call looks for another
+    // buffer; system. Events of a call that failed come with the next one.
     Result<FollowStep> read(std::vector<std::uint8_t> &memory, Timeout timeout = forever);
 
-    // What the last frame belongs to, with its codec data. Errors: as Reader::description; not_found: no buffer.
+    // What the last frame belongs to, with its codec data. Errors: as Reader::description; not_found: no
+    // buffer.
     Result<Description> description() const;
     // Of the reader of the buffer in use. Errors: not_found: no buffer.
     Result<ReaderStats> stats() const;
@@ -937,20 +949,22 @@ class Follow {
     std::uint32_t pending_ = 0;
 };
 
-// ---- The buffers of this machine ------------------------------------------------------------------------------------
+// ---- The buffers of this machine --------------------------------------------------------------------------
 
 // The buffers that this user may read, sorted by name, those of dead creators and of other versions included.
 // Errors: system.
 Result<std::vector<BufferInfo>> list_buffers();
-// Removes the buffer that a creator has left behind; with `force` also the name of one whose creator is alive.
-// Errors: invalid_argument; not_found; exists: its creator is alive; wrong_version: something else has the name; system.
+// Removes the buffer that a creator has left behind; with `force` also the name of one whose creator is
+// alive.
+// Errors: invalid_argument; not_found; exists: its creator is alive; wrong_version: something else has the
+// name; system.
 Result<void> remove_buffer(const std::string &name, bool force = false);
-// The owner of a buffer can cut its file short, and readers then die of SIGBUS. After guard(true) they get `corrupt`
-// instead. That installs a handler of SIGBUS. Call it before other threads attach.
+// The owner of a buffer can cut its file short, and readers then die of SIGBUS. After guard(true) they get
+// `corrupt` instead. That installs a handler of SIGBUS. Call it before other threads attach.
 // Errors: system.
 Result<void> guard(bool on);
 
-// ---- Implementation: nothing below is part of the interface ---------------------------------------------------------
+// ---- Implementation: nothing below is part of the interface -----------------------------------------------
 
 namespace detail {
 
@@ -1360,11 +1374,12 @@ inline void CloseSource::operator()(SourceCore *source) const noexcept {
     }
 }
 
-// ---- Options --------------------------------------------------------------------------------------------------------
+// ---- Options ----------------------------------------------------------------------------------------------
 
 inline constexpr std::string_view scheme_end = "://";
 
-// The location with its scheme in small letters: rtmp2src plays rtmps and rtmpsrc does not, by how it is written.
+// The location with its scheme in small letters: rtmp2src plays rtmps and rtmpsrc does not, by how it is
+// written.
 inline std::string with_small_scheme(std::string url) {
     const auto end = url.begin() + static_cast<std::string::difference_type>(url.find(scheme_end));
     std::transform(url.begin(), end, url.begin(),
@@ -1519,7 +1534,7 @@ inline int source_type(Protocol protocol) {
     return SOURCE_TYPE_HLS;
 }
 
-// ---- Readers --------------------------------------------------------------------------------------------------------
+// ---- Readers ----------------------------------------------------------------------------------------------
 
 // Calls `read` (data, capacity, milliseconds, frame) until the memory is large enough.
 template <typename Read>
@@ -1625,7 +1640,7 @@ inline std::optional<std::uint64_t> native_time(const std::optional<std::chrono:
 
 }  // namespace detail
 
-// ---- Buffer ---------------------------------------------------------------------------------------------------------
+// ---- Buffer -----------------------------------------------------------------------------------------------
 
 inline Result<Buffer> Buffer::create(const std::string &name, const Geometry &geometry, const Access &access) {
     if (detail::has_nul(name)) {
@@ -1686,7 +1701,7 @@ inline Result<void> Buffer::set_presence(const Track &track, Presence presence) 
         return detail::not_open("the buffer");
     }
     if (const auto checked = state_->check(track); !checked) {
-        return checked;
+        return checked.error();
     }
     return detail::done(shb_set_presence(state_->handle, track.channel, track.stream, detail::native(track.kind),
                                          static_cast<shb_presence_t>(presence)),
@@ -1729,7 +1744,7 @@ inline Result<Room> room_for(const Geometry &geometry) {
     return room;
 }
 
-// ---- Source ---------------------------------------------------------------------------------------------------------
+// ---- Source -----------------------------------------------------------------------------------------------
 
 inline std::optional<Protocol> protocol_of(std::string_view url) {
     constexpr std::pair<std::string_view, Protocol> schemes[] = {
@@ -1829,7 +1844,7 @@ inline void *Source::native_handle() const noexcept {
     return is_open() ? state_->handle : nullptr;
 }
 
-// ---- Writer ---------------------------------------------------------------------------------------------------------
+// ---- Writer -----------------------------------------------------------------------------------------------
 
 inline Writer::Writer() = default;
 inline Writer::Writer(Writer &&) noexcept = default;
@@ -1915,7 +1930,7 @@ inline Result<void> Writer::on_stall(std::function<void(std::chrono::millisecond
         return detail::not_open("the writer");
     }
     // The one before may be running, and is waited for here.
-    const auto removed = detail::done(shb_writer_on_stall(state_->handle, nullptr, nullptr));
+    auto removed = detail::done(shb_writer_on_stall(state_->handle, nullptr, nullptr));
     state_->on_stall = std::move(handler);
     if (!removed || !state_->on_stall) {
         return removed;
@@ -1927,7 +1942,7 @@ inline shb_writer_t *Writer::native_handle() const noexcept {
     return is_open() ? state_->handle : nullptr;
 }
 
-// ---- Map ------------------------------------------------------------------------------------------------------------
+// ---- Map --------------------------------------------------------------------------------------------------
 
 inline Result<Map> Map::attach(const std::string &name, std::optional<std::uint32_t> owner) {
     if (detail::has_nul(name)) {
@@ -1988,7 +2003,7 @@ inline bool Map::alive() const noexcept {
     return is_open() && shb_map_alive(map_.get()) == 1;
 }
 
-// ---- Reader ---------------------------------------------------------------------------------------------------------
+// ---- Reader -----------------------------------------------------------------------------------------------
 
 inline BorrowedFrame &BorrowedFrame::operator=(BorrowedFrame &&other) noexcept {
     if (this != &other) {
@@ -2078,7 +2093,7 @@ inline Result<void> Reader::seek(const Position &position) {
         return detail::not_open("the reader");
     }
     if (const auto checked = detail::check_position(position); !checked) {
-        return checked;
+        return checked.error();
     }
     return detail::done(
         shb_reader_seek(reader_.get(), position.native_seek(), static_cast<std::uint64_t>(position.time().count())));
@@ -2112,7 +2127,7 @@ inline Result<AvReaders> open_av(const Map &map, std::uint32_t channel, std::uin
     return AvReaders{Reader(video), Reader(audio)};
 }
 
-// ---- Waiting for several --------------------------------------------------------------------------------------------
+// ---- Waiting for several ----------------------------------------------------------------------------------
 
 template <typename Readers>
 Result<std::size_t> wait_any(const Readers &readers, Timeout timeout, std::size_t last) {
@@ -2162,7 +2177,7 @@ inline Result<void> Set::add(const Reader &reader, std::size_t tag) {
     // Room first: what cannot be entered must not be in the set.
     entries_.reserve(entries_.size() + 1);
     if (const auto added = detail::done(shb_set_add(set_.get(), reader.native_handle()), "the reader is in a set"); !added) {
-        return added;
+        return added.error();
     }
     entries_.insert_or_assign(reader.native_handle(), Entry{reader.reader_, tag});
     return {};
@@ -2175,7 +2190,7 @@ inline Result<void> Set::remove(const Reader &reader) {
     if (!reader.is_open()) {
         return detail::not_open("the reader");
     }
-    const auto removed = detail::done(shb_set_remove(set_.get(), reader.native_handle()), "the reader is not in this set");
+    auto removed = detail::done(shb_set_remove(set_.get(), reader.native_handle()), "the reader is not in this set");
     if (removed) {
         entries_.erase(reader.native_handle());
     }
@@ -2198,7 +2213,7 @@ inline Result<std::size_t> Set::next(Timeout timeout) {
     return entry->second.tag;
 }
 
-// ---- Follow ---------------------------------------------------------------------------------------------------------
+// ---- Follow -----------------------------------------------------------------------------------------------
 
 inline Result<Follow> Follow::open(const std::string &name, const FollowOptions &options) {
     if (detail::has_nul(name)) {
@@ -2273,7 +2288,7 @@ inline Result<TrackStats> Follow::track_stats() const {
     return map != nullptr ? detail::stats(map, track_) : Error(Errc::not_found, "no buffer yet");
 }
 
-// ---- The buffers of this machine ------------------------------------------------------------------------------------
+// ---- The buffers of this machine --------------------------------------------------------------------------
 
 inline Result<std::vector<BufferInfo>> list_buffers() {
     std::vector<shb_info_t> found;

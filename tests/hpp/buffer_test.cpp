@@ -164,7 +164,7 @@ TEST_F(HppBuffer, FrameThatIsTooBigIsLeftOut) {
     EXPECT_EQ(buffer.stats(kVideo)->left_out, 1U);
 }
 
-// ---- In place ----------------------------------------------------------------------------------------------------------
+// ---- In place ---------------------------------------------------------------------------------------------
 
 TEST_F(HppBuffer, BorrowedFrameIsGivenBack) {
     Write("first");
@@ -223,7 +223,7 @@ TEST_F(HppBuffer, BorrowedFrameKeepsReaderAndMap) {
     EXPECT_TRUE(Succeeds(borrowed->give_back()));
 }
 
-// ---- Iteration -----------------------------------------------------------------------------------------------------------
+// ---- Iteration --------------------------------------------------------------------------------------------
 
 TEST_F(HppBuffer, LoopEndsWithTheBuffer) {
     for (int i = 0; i < 5; ++i) {
@@ -268,7 +268,7 @@ TEST_F(HppBuffer, LoopThatIsLeftHasNoReason) {
     EXPECT_EQ(Read(reader), "b");
 }
 
-// ---- Places --------------------------------------------------------------------------------------------------------------
+// ---- Places -----------------------------------------------------------------------------------------------
 
 TEST_F(HppBuffer, SeekGoesAnywhere) {
     Write("key 1", Key());
@@ -320,7 +320,7 @@ TEST_F(HppBuffer, VideoAndAudioOpenAtOneMoment) {
     EXPECT_TRUE(Fails(gs::open_av(map, 0, 0, gs::Position::back(-1s)), gs::Errc::invalid_argument));
 }
 
-// ---- Several readers -----------------------------------------------------------------------------------------------------
+// ---- Several readers --------------------------------------------------------------------------------------
 
 TEST_F(HppBuffer, WaitsForAnyReader) {
     gs::Writer other = gs::Writer::open(buffer, {1, 0, gs::Kind::video}).value();
@@ -390,7 +390,7 @@ TEST_F(HppBuffer, SetTakesManyReadersOneAfterAnother) {
     }
 }
 
-// ---- Descriptions, statistics --------------------------------------------------------------------------------------------
+// ---- Descriptions, statistics -----------------------------------------------------------------------------
 
 gs::Description Picture() {
     gs::Description description;
@@ -584,7 +584,7 @@ TEST_F(HppBuffer, WriterKeepsTheBuffer) {
     EXPECT_TRUE(Fails(reader.read(memory, gs::no_wait), gs::Errc::closed));
 }
 
-// ---- Each way to fail ----------------------------------------------------------------------------------------------------
+// ---- Each way to fail -------------------------------------------------------------------------------------
 
 TEST_F(HppBuffer, TracksOutsideOfTheGeometryAreRefused) {
     for (const gs::Track &track : {gs::Track{2, 0, gs::Kind::video}, gs::Track{0, 2, gs::Kind::audio}}) {
@@ -759,7 +759,7 @@ TEST(HppBufferErrors, OfAFileThatIsCutShort) {
     EXPECT_TRUE(Succeeds(gs::guard(false)));
 }
 
-// ---- Following -------------------------------------------------------------------------------------------------------------
+// ---- Following --------------------------------------------------------------------------------------------
 
 class HppFollow : public testing::Test {
   protected:

@@ -196,7 +196,7 @@ TEST_F(GatewayPlays, BeginsWithAKeyFrameAndLosesNothing) {
     EXPECT_EQ(gateway.End(), 0) << gateway.Err();
 }
 
-// ---- Without a stream ------------------------------------------------------------------------------------------------------
+// ---- Without a stream -------------------------------------------------------------------------------------
 
 class GatewayRuns : public testing::Test {
   protected:

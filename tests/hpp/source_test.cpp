@@ -25,7 +25,7 @@ class HppSource : public testing::Test {
     const std::string url = "udp://127.0.0.1:" + std::to_string(FreeUdpPort());
 };
 
-// ---- What an open checks -------------------------------------------------------------------------------------------------
+// ---- What an open checks ----------------------------------------------------------------------------------
 
 TEST_F(HppSource, UnknownSchemesAreRefused) {
     for (const char *wrong : {"", "camera", "file:///tmp/a.ts", "rtp://127.0.0.1:5000", "udp://"}) {
@@ -206,7 +206,7 @@ TEST_F(HppSource, SourceKeepsTheBuffer) {
     EXPECT_TRUE(Fails(gs::Map::attach(name), gs::Errc::not_found));
 }
 
-// ---- Real streams ----------------------------------------------------------------------------------------------------------
+// ---- Real streams -----------------------------------------------------------------------------------------
 
 class HppStream : public HppSource {
   protected:

@@ -9,6 +9,8 @@ namespace reader {
 int RunList(const Options &options);
 int RunTracks(const Options &options);
 int RunRead(const Options &options);
+int RunPlay(const Options &options);
+int RunSnapshot(const Options &options);
 int RunRemove(const Options &options);
 
 }  // namespace reader

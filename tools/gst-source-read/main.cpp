@@ -19,6 +19,10 @@ int Run(const reader::Options &options) {
             return reader::RunTracks(options);
         case reader::Command::kRead:
             return reader::RunRead(options);
+        case reader::Command::kPlay:
+            return reader::RunPlay(options);
+        case reader::Command::kSnapshot:
+            return reader::RunSnapshot(options);
         case reader::Command::kRemove:
             return reader::RunRemove(options);
     }

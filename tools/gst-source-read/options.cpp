@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "command_line.h"
+#include "view_options.h"
 
 #ifndef TOOL_VERSION
 #define TOOL_VERSION "unknown"
@@ -40,6 +41,8 @@ class CommandLine {
             "gst-source-read tracks [NAME] [--watch [SECONDS]] [--json]\n"
             "gst-source-read read [NAME] [--channel N] [--stream N] [--kind video|audio] [--start oldest|newest|key]\n"
             "                     [--output FILE|-] [--frames N] [--duration SECONDS] [--follow] [--json]\n"
+            "gst-source-read play [NAME] [--channel N] [--stream N] [--no-audio] [--follow]\n"
+            "gst-source-read snapshot NAME OUT.jpg|OUT.png|- [--channel N] [--stream N] [--timeout SECONDS]\n"
             "gst-source-read remove NAME [--force]\n\n"
             "Without NAME: the one live buffer of this machine. COMMAND --help tells what a command's flags mean."));
         m_app.set_version_flag("--version", std::string(kProgram) + " " + TOOL_VERSION);
@@ -47,6 +50,11 @@ class CommandLine {
         AddList();
         AddTracks();
         AddRead();
+        AddPlayOptions(*Add(Command::kPlay, "play", "play [NAME] [FLAGS]", "a window with the picture, and the sound"),
+                       m_options);
+        AddSnapshotOptions(*Add(Command::kSnapshot, "snapshot", "snapshot NAME OUT.jpg|OUT.png|- [FLAGS]",
+                                "the newest key frame as a picture"),
+                           m_options);
         AddRemove();
         m_app.footer(
             "Exit code: 0 all went well; 1 nothing arrived, or something failed, with one line that says what; 2 the command\n"
@@ -74,6 +82,9 @@ class CommandLine {
         }
         if (m_options.command == Command::kRemove && m_options.name.empty()) {
             tool::Refuse("remove: no NAME given");
+        }
+        if (m_options.command == Command::kSnapshot) {
+            CheckSnapshotOptions(m_options);
         }
         if (m_options.command == Command::kRead && m_options.json && m_options.output == "-") {
             tool::Refuse("--json and --output - both go to standard output");

@@ -10,7 +10,9 @@
 
 namespace reader {
 
-enum class Command { kList, kTracks, kRead, kRemove };
+enum class Command { kList, kTracks, kRead, kPlay, kSnapshot, kRemove };
+
+enum class PictureFormat { kJpeg, kPng };
 
 struct Options {
     Command command = Command::kList;
@@ -28,6 +30,11 @@ struct Options {
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
     bool follow = false;
+
+    // Of play and snapshot; channel, stream, follow and output are those of read.
+    bool sound = true;
+    PictureFormat picture = PictureFormat::kJpeg;
+    double timeout = 10;  // s
 
     bool force = false;  // of remove
 };

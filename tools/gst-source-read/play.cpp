@@ -1,0 +1,10 @@
+#include "commands.h"
+#include "output.h"
+
+namespace reader {
+
+int RunPlay(const Options & /*options*/) {
+    return tool::kExitNothing;
+}
+
+}  // namespace reader

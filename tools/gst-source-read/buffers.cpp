@@ -117,6 +117,14 @@ shb_info_t InfoOf(const shb_map_t *map) {
     return info;
 }
 
+void RequireTrack(const Map &map, const std::string &name, uint32_t channel, uint32_t stream) {
+    const shb_geometry_t geometry = InfoOf(map.get()).geometry;
+    if (channel >= geometry.channels || stream >= geometry.streams) {
+        throw std::runtime_error(name + " has " + tool::Count(geometry.channels, "channel", "channels") + " of " +
+                                 tool::Count(geometry.streams, "stream", "streams") + ", counted from 0");
+    }
+}
+
 const char *StateOf(const shb_info_t &info) {
     constexpr uint64_t kLongSilence = 2'000'000'000;
     if (info.alive == 0) {

@@ -4,6 +4,7 @@
 #include <gst/gst.h>
 
 #include <memory>
+#include <type_traits>
 
 namespace reader {
 
@@ -18,6 +19,15 @@ struct Unref {
         }
     }
 };
+// The same for an element that may be in use.
+struct StopAndUnref {
+    void operator()(GstElement *element) const {
+        gst_element_set_state(element, GST_STATE_NULL);
+        gst_object_unref(element);
+    }
+};
+using OpenElement = std::unique_ptr<GstElement, StopAndUnref>;
+
 template <typename Object>
 using Ref = std::unique_ptr<Object, Unref>;
 

@@ -182,13 +182,17 @@ bool KeyPicture::Add(std::string_view unit) {
         m_begun = true;
         key = now;
         m_refreshed = now.recovery > 0 && !now.start;
+        m_count = now.count;
     }
     // What cannot be read is left to the decoder.
     if (!now.read || !key.read) {
         return now.picture;
     }
-    const uint32_t distance = (now.count + now.wrap - key.count % now.wrap) % now.wrap;
-    if (m_refreshed && !now.start && distance < key.recovery) {
+    // Numbers wrap around sooner than a picture is refreshed.
+    const int64_t step = (int64_t{now.count} - m_count + 2 * int64_t{now.wrap}) % now.wrap;
+    m_distance += step > now.wrap / 2 ? step - now.wrap : step;
+    m_count = now.count;
+    if (m_refreshed && !now.start && m_distance < key.recovery) {
         return false;
     }
     // The second field ends the picture, and so does whatever else follows a field that has none.

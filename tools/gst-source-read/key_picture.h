@@ -29,6 +29,8 @@ class KeyPicture {
     bool m_begun = false;
     bool m_refreshed = false;
     bool m_hasField = false;
+    uint32_t m_count = 0;    // number of the last picture
+    int64_t m_distance = 0;  // by how much they have risen since the first
 };
 
 }  // namespace reader

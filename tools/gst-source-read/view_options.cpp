@@ -14,7 +14,7 @@ void AddIndex(CLI::App &command, const std::string &flag, const std::string &hel
         .add_option_function<std::string>(
             flag,
             [flag, &target](const std::string &text) {
-                target = tool::ParseWhole<uint32_t>(flag, text, 0, std::numeric_limits<uint32_t>::max());
+                target = tool::ParseWhole<uint32_t>(flag, text, 0, std::numeric_limits<int32_t>::max());
             },
             help)
         ->type_name("N")

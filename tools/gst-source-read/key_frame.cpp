@@ -13,6 +13,7 @@ using Seconds = std::chrono::duration<double>;
 
 // Often enough to end soon after a signal.
 constexpr int kTickMs = 100;
+constexpr const char *kInPart = "has a key frame in part";
 constexpr size_t kFirstCapacity = size_t{256} * 1024;
 
 // More than a stream takes to be refreshed, so that what it announces cannot fill the memory.
@@ -89,12 +90,10 @@ KeyFrame KeyFrameTaker::Take() {
         const bool late = Clock::now() >= m_start + patience;
         if (!ReadFrame(late ? 0 : kTickMs)) {
             if (late) {
-                throw std::runtime_error("no picture: " + m_track + " " + (picture ? "has a key frame in part" : Lack()) +
-                                         " after " + tool::FormatRate(m_options.timeout) + " s");
+                throw std::runtime_error("no picture: " + m_track + " " + (picture ? kInPart : Lack()) + " after " +
+                                         tool::FormatRate(m_options.timeout) + " s");
             }
-            if (!picture) {
-                SayWaiting();
-            }
+            SayWaiting(picture.has_value());
             continue;
         }
         if (picture && (m_frame.lost > 0 || m_frame.epoch != epoch)) {
@@ -136,16 +135,17 @@ std::string KeyFrameTaker::Lack() const {
     return "has no key frame among " + tool::Count(stats.frames, "frame", "frames") + age;
 }
 
-void KeyFrameTaker::SayWaiting() {
+void KeyFrameTaker::SayWaiting(bool begun) {
     shb_stats_t stats{};
     shb_map_stats(m_map.get(), m_options.channel, m_options.stream, SHB_VIDEO, &stats);
-    if (stats.presence == SHB_PRESENCE_ABSENT) {
+    if (!begun && stats.presence == SHB_PRESENCE_ABSENT) {
         throw std::runtime_error("no picture: " + m_track + " " + Lack());
     }
     // Most streams have one within this time.
     if (!m_waitingSaid && Clock::now() - m_start > std::chrono::seconds(1)) {
         m_waitingSaid = true;
-        Complain(m_track + " " + Lack() + "; waiting up to " + tool::FormatRate(m_options.timeout) + " s for a key frame");
+        Complain(m_track + " " + (begun ? kInPart : Lack()) + "; waiting up to " + tool::FormatRate(m_options.timeout) +
+                 " s for " + (begun ? "the rest" : "a key frame"));
     }
 }
 

@@ -42,7 +42,7 @@ class KeyFrameTaker {
     std::string CodecData();
     // What the track lacks.
     std::string Lack() const;
-    void SayWaiting();
+    void SayWaiting(bool begun);
 
     const Options &m_options;
     const std::string m_name;

@@ -211,7 +211,7 @@ TEST_F(Play, FailuresAreOneLine) {
         {{m_name}, {{"DISPLAY", ":no"}, {"WAYLAND_DISPLAY", ""}}, "no window can be opened on the display :no"},
         {{m_name},
          Environment("xvimagesink:NONE,ximagesink:NONE,glimagesink:NONE"),
-         "the GStreamer element ximagesink is missing: apt install gstreamer1.0-x"},
+         "the GStreamer element \"ximagesink\" is missing; it is in the package gstreamer1.0-x"},
     };
     for (const auto &[arguments, variables, message] : cases) {
         Child child(Playing(arguments), variables);

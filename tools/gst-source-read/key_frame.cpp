@@ -28,7 +28,7 @@ KeyFrameTaker::KeyFrameTaker(const Options &options)
       m_track("video " + std::to_string(options.channel) + "." + std::to_string(options.stream) + " of " + m_name),
       m_map(Attach(m_name)),
       m_data(kFirstCapacity, '\0') {
-    RequireTrack(m_map, m_name, options.channel, options.stream);
+    CheckTrack(m_map.get(), m_name, options.channel, options.stream);
     shb_reader_t *reader = nullptr;
     const int result = shb_reader_open(m_map.get(), options.channel, options.stream, SHB_VIDEO, SHB_START_KEY, &reader);
     if (result != SHB_OK) {

@@ -6,11 +6,12 @@
 #include <string>
 
 #include "parsed.h"
+#include "record_options.h"
 #include "shb.h"
 
 namespace reader {
 
-enum class Command { kList, kTracks, kRead, kPlay, kSnapshot, kRemove };
+enum class Command { kList, kTracks, kRead, kRecord, kPlay, kSnapshot, kRemove };
 
 enum class PictureFormat { kJpeg, kPng };
 
@@ -30,6 +31,10 @@ struct Options {
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
     bool follow = false;
+    std::string format;  // container of video and audio together; empty: the frames of one track
+    bool kind_given = false;
+
+    RecordOptions record;
 
     // Of play and snapshot; channel, stream, follow and output are those of read.
     bool sound = true;

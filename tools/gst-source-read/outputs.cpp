@@ -55,20 +55,20 @@ bool Opens(GstElement *sink) {
 
 // autovideosink also tries sinks that have no window. Of those, kmssink takes a second, and dfbvideosink of
 // GStreamer 1.22 crashes where no display can be reached.
-Ref<GstElement> OpenWindowSink() {
+ElementPtr OpenWindowSink() {
     bool installed = false;
     std::vector<const char *> sinks{"xvimagesink", "ximagesink", "glimagesink"};
     if (IsSet("WAYLAND_DISPLAY")) {
         sinks = {"waylandsink", "glimagesink", "xvimagesink", "ximagesink"};
     }
     for (const char *name : sinks) {
-        const Ref<GstElementFactory> factory(gst_element_factory_find(name));
+        const FactoryPtr factory(gst_element_factory_find(name));
         // Rank 0 says that a sink is not to be taken.
         if (!factory || gst_plugin_feature_get_rank(GST_PLUGIN_FEATURE(factory.get())) == GST_RANK_NONE) {
             continue;
         }
         installed = true;
-        Ref<GstElement> sink = MakeElement(name);
+        ElementPtr sink = NewElement(name);
         if (Opens(sink.get())) {
             return sink;
         }
@@ -84,8 +84,8 @@ Ref<GstElement> OpenWindowSink() {
 }
 
 // A bin of these elements in a row, of which the last one is open.
-OpenElement Chain(std::initializer_list<GstElement *> elements) {
-    OpenElement bin(MakeElement("bin").release());
+PipelinePtr Chain(std::initializer_list<GstElement *> elements) {
+    PipelinePtr bin(NewElement("bin").release());
     GstElement *before = nullptr;
     for (GstElement *element : elements) {
         gst_bin_add(GST_BIN(bin.get()), element);
@@ -94,7 +94,7 @@ OpenElement Chain(std::initializer_list<GstElement *> elements) {
         }
         before = element;
     }
-    const Ref<GstPad> entrance(gst_element_get_static_pad(*elements.begin(), "sink"));
+    const PadPtr entrance(gst_element_get_static_pad(*elements.begin(), "sink"));
     gst_element_add_pad(bin.get(), gst_ghost_pad_new("sink", entrance.get()));
     gst_element_set_state(bin.get(), GST_STATE_READY);
     return bin;
@@ -106,25 +106,25 @@ bool HasDisplay() {
     return IsSet("DISPLAY") || IsSet("WAYLAND_DISPLAY");
 }
 
-OpenElement OpenWindow() {
-    const Ref<GstElement> deinterlace = MakeElement("deinterlace");
-    const Ref<GstElement> convert = MakeElement("videoconvert");
-    const Ref<GstElement> scale = MakeElement("videoscale");
-    const Ref<GstElement> queue = MakeElement("queue");
-    const Ref<GstElement> sink = OpenWindowSink();
+PipelinePtr OpenWindow() {
+    const ElementPtr deinterlace = NewElement("deinterlace");
+    const ElementPtr convert = NewElement("videoconvert");
+    const ElementPtr scale = NewElement("videoscale");
+    const ElementPtr queue = NewElement("queue");
+    const ElementPtr sink = OpenWindowSink();
     // Pictures that wait are large, and a few are enough.
     g_object_set(queue.get(), "max-size-buffers", 3U, "max-size-bytes", 0U, "max-size-time", guint64{0}, nullptr);
     return Chain({deinterlace.get(), convert.get(), scale.get(), queue.get(), sink.get()});
 }
 
-OpenElement OpenSound() {
-    const Ref<GstElement> convert = MakeElement("audioconvert");
-    const Ref<GstElement> resample = MakeElement("audioresample");
-    const Ref<GstElement> sink = MakeElement("autoaudiosink");
+PipelinePtr OpenSound() {
+    const ElementPtr convert = NewElement("audioconvert");
+    const ElementPtr resample = NewElement("audioresample");
+    const ElementPtr sink = NewElement("autoaudiosink");
     if (!Opens(sink.get())) {
         return nullptr;
     }
-    OpenElement sound = Chain({convert.get(), resample.get(), sink.get()});
+    PipelinePtr sound = Chain({convert.get(), resample.get(), sink.get()});
     // Where nothing can be opened, it takes fakesink.
     const GList *chosen = GST_BIN_CHILDREN(sink.get());
     const GstElementFactory *factory =

@@ -1,7 +1,7 @@
 // Where pictures and sound come out: a window and a sound device.
 #pragma once
 
-#include "gstreamer.h"
+#include "elements.h"
 
 namespace reader {
 
@@ -11,8 +11,8 @@ bool HasDisplay();
 // Bins with one sink pad that takes what a decoder gives. Each has its device open and is in the state READY.
 
 // Throws std::runtime_error with a message for people when no window can be opened.
-OpenElement OpenWindow();
+PipelinePtr OpenWindow();
 // Null when there is no sound device; throws when elements are missing.
-OpenElement OpenSound();
+PipelinePtr OpenSound();
 
 }  // namespace reader

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
+#include <stdexcept>
 
 namespace reader {
 namespace {
@@ -66,21 +66,22 @@ constexpr std::array kCodecs{
     Codec{"audio/x-mulaw", 0, "G.711 mu-law", kGood},
 };
 
-struct FreeText {
-    void operator()(gchar *text) const { g_free(text); }
-};
-using Text = std::unique_ptr<gchar, FreeText>;
-
 }  // namespace
 
-std::string MissingElement(const std::string &factory) {
-    const std::string what = "the GStreamer element " + factory + " is missing";
-    if (factory == "shbsrc") {
-        return what + ": GST_PLUGIN_PATH has to name the folder of libgstshbsink.so";
+ElementPtr NewElement(const char *factory) {
+    GstElement *element = gst_element_factory_make(factory, nullptr);
+    if (element == nullptr) {
+        throw std::runtime_error(MissingElement(factory));
     }
-    const auto known = std::find_if(kElements.begin(), kElements.end(),
-                                    [&factory](const Element &element) { return factory == element.factory; });
-    return known == kElements.end() ? what : what + ": apt install " + known->package;
+    gst_object_ref_sink(element);
+    return ElementPtr(element);
+}
+
+std::string MissingElement(const std::string &factory) {
+    const std::string what = "the GStreamer element \"" + factory + "\" is missing";
+    const auto *known = std::find_if(kElements.begin(), kElements.end(),
+                                     [&factory](const Element &element) { return factory == element.factory; });
+    return known == kElements.end() ? what : what + "; it is in the package " + known->package;
 }
 
 std::string MissingDecoder(const GstCaps *media) {
@@ -102,7 +103,7 @@ std::string MissingPart(GstMessage *message) {
     if (gst_is_missing_plugin_message(message) == FALSE) {
         return "";
     }
-    const Text detail(gst_missing_plugin_message_get_installer_detail(message));
+    const TextPtr detail(gst_missing_plugin_message_get_installer_detail(message));
     // What is missing stands behind the last bar: "element-NAME", "decoder-CAPS".
     const char *bar = detail ? std::strrchr(detail.get(), '|') : nullptr;
     const std::string part = bar != nullptr ? bar + 1 : "";
@@ -112,10 +113,10 @@ std::string MissingPart(GstMessage *message) {
         return MissingElement(part.substr(std::strlen(kElement)));
     }
     if (part.rfind(kDecoder, 0) == 0) {
-        const Ref<GstCaps> media(gst_caps_from_string(part.c_str() + std::strlen(kDecoder)));
+        const CapsPtr media(gst_caps_from_string(part.c_str() + std::strlen(kDecoder)));
         return MissingDecoder(media.get());
     }
-    const Text description(gst_missing_plugin_message_get_description(message));
+    const TextPtr description(gst_missing_plugin_message_get_description(message));
     return std::string("a part of GStreamer is missing: ") + (description ? description.get() : "unknown");
 }
 

@@ -3,11 +3,14 @@
 
 #include <string>
 
-#include "gst_ref.h"
+#include "gst_ptr.h"
 
 namespace reader {
 
-// "the element jpegenc is missing: apt install gstreamer1.0-plugins-good".
+// Owned, and in no bin yet. Throws std::runtime_error with the text of MissingElement.
+ElementPtr NewElement(const char *factory);
+
+// "the GStreamer element "jpegenc" is missing; it is in the package gstreamer1.0-plugins-good".
 std::string MissingElement(const std::string &factory);
 // "H.264 needs a decoder: apt install gstreamer1.0-libav".
 std::string MissingDecoder(const GstCaps *media);

@@ -20,9 +20,9 @@ using Clock = std::chrono::steady_clock;
 // A slow machine takes seconds for a large picture. What takes longer has gone wrong.
 constexpr std::chrono::seconds kLongest{60};
 
-Ref<GstCaps> CapsOf(VideoCodec codec) {
-    return Ref<GstCaps>(gst_caps_new_simple(codec == VideoCodec::kH264 ? "video/x-h264" : "video/x-h265", "stream-format",
-                                            G_TYPE_STRING, "byte-stream", "alignment", G_TYPE_STRING, "au", nullptr));
+CapsPtr CapsOf(VideoCodec codec) {
+    return CapsPtr(gst_caps_new_simple(codec == VideoCodec::kH264 ? "video/x-h264" : "video/x-h265", "stream-format",
+                                       G_TYPE_STRING, "byte-stream", "alignment", G_TYPE_STRING, "au", nullptr));
 }
 
 // appsrc ! decodebin ! appsink.
@@ -42,7 +42,7 @@ class Decoder {
     Decoder(const Decoder &) = delete;
     Decoder &operator=(const Decoder &) = delete;
 
-    Ref<GstSample> Run() {
+    SamplePtr Run() {
         gst_element_set_state(m_pipeline.get(), GST_STATE_PLAYING);
         for (const std::string &unit : m_frame.units) {
             gst_app_src_push_buffer(GST_APP_SRC(m_source.get()), gst_buffer_new_memdup(unit.data(), unit.size()));
@@ -60,7 +60,7 @@ class Decoder {
   private:
     // Why it has failed; empty when all was decoded.
     std::string WaitForEnd() {
-        const Ref<GstBus> bus(gst_element_get_bus(m_pipeline.get()));
+        const BusPtr bus(gst_element_get_bus(m_pipeline.get()));
         const Clock::time_point deadline = Clock::now() + kLongest;
         std::string missing;
         while (Clock::now() < deadline) {
@@ -68,7 +68,7 @@ class Decoder {
                 return "ended before there was a picture";
             }
             const auto kinds = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_ELEMENT);
-            const Ref<GstMessage> message(gst_bus_timed_pop_filtered(bus.get(), 100 * GST_MSECOND, kinds));
+            const MessagePtr message(gst_bus_timed_pop_filtered(bus.get(), 100 * GST_MSECOND, kinds));
             if (!message) {
                 continue;
             }
@@ -91,14 +91,14 @@ class Decoder {
         text += reason.empty() ? "" : " (" + reason + ")";
         // Other decoders leave out interlaced pictures and higher profiles.
         const char *complete = m_frame.codec == VideoCodec::kH264 ? "avdec_h264" : "avdec_h265";
-        const Ref<GstElementFactory> installed(gst_element_factory_find(complete));
+        const FactoryPtr installed(gst_element_factory_find(complete));
         return installed ? text : text + "; for a decoder of all forms: apt install gstreamer1.0-libav";
     }
 
     static void OnPad(GstElement * /*decodebin*/, GstPad *pad, gpointer user) {
         Decoder &self = *static_cast<Decoder *>(user);
-        const Ref<GstPad> end(gst_element_get_static_pad(self.m_sink.get(), "sink"));
-        const Ref<GstCaps> caps(gst_pad_get_current_caps(pad));
+        const PadPtr end(gst_element_get_static_pad(self.m_sink.get(), "sink"));
+        const CapsPtr caps(gst_pad_get_current_caps(pad));
         GstVideoInfo info;
         gst_video_info_init(&info);
         const bool known = caps && gst_video_info_from_caps(&info, caps.get()) != FALSE;
@@ -113,7 +113,7 @@ class Decoder {
     void Weave(GstPad *pad) {
         gst_bin_add(GST_BIN(m_pipeline.get()), m_weaver.get());
         gst_util_set_object_arg(G_OBJECT(m_weaver.get()), "method", "weave");
-        const Ref<GstPad> begin(gst_element_get_static_pad(m_weaver.get(), "sink"));
+        const PadPtr begin(gst_element_get_static_pad(m_weaver.get(), "sink"));
         gst_pad_link(pad, begin.get());
         gst_element_link(m_weaver.get(), m_sink.get());
         gst_element_sync_state_with_parent(m_weaver.get());
@@ -121,7 +121,7 @@ class Decoder {
 
     static GstFlowReturn OnSample(GstAppSink *sink, gpointer user) {
         Decoder &self = *static_cast<Decoder *>(user);
-        Ref<GstSample> sample(gst_app_sink_pull_sample(sink));
+        SamplePtr sample(gst_app_sink_pull_sample(sink));
         const std::lock_guard lock(self.m_lock);
         if (!self.m_picture || self.m_frame.want_last) {
             self.m_picture = std::move(sample);
@@ -130,17 +130,17 @@ class Decoder {
     }
 
     const KeyFrame &m_frame;
-    const Ref<GstCaps> m_caps;
-    const Ref<GstElement> m_pipeline = MakeElement("pipeline");
-    const Ref<GstElement> m_source = MakeElement("appsrc");
-    const Ref<GstElement> m_decodebin = MakeElement("decodebin");
-    const Ref<GstElement> m_weaver = MakeElement("deinterlace");
-    const Ref<GstElement> m_sink = MakeElement("appsink");
+    const CapsPtr m_caps;
+    const ElementPtr m_pipeline = NewElement("pipeline");
+    const ElementPtr m_source = NewElement("appsrc");
+    const ElementPtr m_decodebin = NewElement("decodebin");
+    const ElementPtr m_weaver = NewElement("deinterlace");
+    const ElementPtr m_sink = NewElement("appsink");
     std::mutex m_lock;
-    Ref<GstSample> m_picture;
+    SamplePtr m_picture;
 };
 
-Ref<GstSample> Convert(GstSample *from, const Ref<GstCaps> &caps) {
+SamplePtr Convert(GstSample *from, const CapsPtr &caps) {
     GError *error = nullptr;
     constexpr GstClockTime kTime = std::chrono::nanoseconds(kLongest).count();
     GstSample *made = gst_video_convert_sample(from, caps.get(), kTime, &error);
@@ -149,19 +149,19 @@ Ref<GstSample> Convert(GstSample *from, const Ref<GstCaps> &caps) {
         g_clear_error(&error);
         throw std::runtime_error("the picture cannot be converted: " + tool::Printable(reason));
     }
-    return Ref<GstSample>(made);
+    return SamplePtr(made);
 }
 
 }  // namespace
 
-Ref<GstSample> DecodePicture(const KeyFrame &frame) {
+SamplePtr DecodePicture(const KeyFrame &frame) {
     return Decoder(frame).Run();
 }
 
-Ref<GstSample> EncodePicture(GstSample *picture, PictureFormat format) {
+SamplePtr EncodePicture(GstSample *picture, PictureFormat format) {
     // The conversion looks for them itself and would not say which package has them.
     for (const char *part : {"videoconvert", "videoscale", format == PictureFormat::kPng ? "pngenc" : "jpegenc"}) {
-        MakeElement(part);
+        NewElement(part);
     }
     GstVideoInfo info;
     gst_video_info_init(&info);
@@ -172,11 +172,11 @@ Ref<GstSample> EncodePicture(GstSample *picture, PictureFormat format) {
     const PictureSize size = SquarePixels({GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info)},
                                           GST_VIDEO_INFO_PAR_N(&info), GST_VIDEO_INFO_PAR_D(&info));
     // By way of RGB: jpegenc takes YUV as it is, and JPEG has another range and other colours than television.
-    const Ref<GstCaps> rgb(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "RGB", "width", G_TYPE_INT, size.width,
-                                               "height", G_TYPE_INT, size.height, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1,
-                                               nullptr));
-    const Ref<GstSample> colours = Convert(picture, rgb);
-    const Ref<GstCaps> file(gst_caps_new_empty_simple(format == PictureFormat::kPng ? "image/png" : "image/jpeg"));
+    const CapsPtr rgb(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "RGB", "width", G_TYPE_INT, size.width,
+                                          "height", G_TYPE_INT, size.height, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1,
+                                          nullptr));
+    const SamplePtr colours = Convert(picture, rgb);
+    const CapsPtr file(gst_caps_new_empty_simple(format == PictureFormat::kPng ? "image/png" : "image/jpeg"));
     return Convert(colours.get(), file);
 }
 

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "gstreamer.h"
+#include "elements.h"
 #include "key_frame.h"
 
 namespace reader {
@@ -11,10 +11,10 @@ namespace reader {
 // All throw std::runtime_error with a message for people.
 
 // Ends early with the process's wish to end.
-Ref<GstSample> DecodePicture(const KeyFrame &frame);
+SamplePtr DecodePicture(const KeyFrame &frame);
 
 // As a file of this format, with square pixels.
-Ref<GstSample> EncodePicture(GstSample *picture, PictureFormat format);
+SamplePtr EncodePicture(GstSample *picture, PictureFormat format);
 
 // The bytes of a sample, for as long as it lives.
 class SampleBytes {

@@ -8,7 +8,7 @@
 
 #include "buffers.h"
 #include "commands.h"
-#include "gstreamer.h"
+#include "elements.h"
 #include "interrupts.h"
 #include "output.h"
 #include "outputs.h"
@@ -43,12 +43,12 @@ bool IsSameMedia(const GstCaps *before, const GstCaps *now) {
 // One medium on its way: shbsrc ! [queue ! decodebin ! output].
 struct Branch {
     GstElement *pipeline = nullptr;
-    OpenElement output;                // null: not wanted, or there is none
-    Ref<GstElement> queue;             // made anew for each run, as is the decoder
-    Ref<GstElement> decoder;           //
+    PipelinePtr output;                // null: not wanted, or there is none
+    ElementPtr queue;                  // made anew for each run, as is the decoder
+    ElementPtr decoder;                //
     std::atomic<bool> present{false};  // the source has it
     std::atomic<uint64_t> decoded{0};  // buffers in this run
-    Ref<GstCaps> caps;                 // these two belong to the source's thread while the pipeline runs
+    CapsPtr caps;                      // these two belong to the source's thread while the pipeline runs
     bool changed = false;
 
     bool Contains(GstObject *object) const {
@@ -85,7 +85,7 @@ GstPadProbeReturn WatchMedia(GstPad *pad, GstPadProbeInfo *info, gpointer user) 
 }
 
 void Link(GstPad *from, GstElement *to) {
-    const Ref<GstPad> entrance(gst_element_get_static_pad(to, "sink"));
+    const PadPtr entrance(gst_element_get_static_pad(to, "sink"));
     gst_pad_link(from, entrance.get());
 }
 
@@ -124,8 +124,8 @@ class Player {
 
     const Options &m_options;
     const std::string m_name;
-    const Ref<GstElement> m_pipeline = MakeElement("pipeline");
-    const Ref<GstElement> m_source = MakeElement("shbsrc");
+    const ElementPtr m_pipeline = NewElement("pipeline");
+    const ElementPtr m_source = NewElement("shbsrc");
     Branch m_video;
     Branch m_audio;
     const Clock::time_point m_start = Clock::now();
@@ -149,7 +149,7 @@ Player::Player(const Options &options, std::string name, bool picture) : m_optio
     for (Branch *branch : {&m_video, &m_audio}) {
         branch->pipeline = m_pipeline.get();
         if (branch->output) {
-            const Ref<GstPad> entrance(gst_element_get_static_pad(branch->output.get(), "sink"));
+            const PadPtr entrance(gst_element_get_static_pad(branch->output.get(), "sink"));
             gst_pad_add_probe(entrance.get(), GST_PAD_PROBE_TYPE_BUFFER, CountBuffer, branch, nullptr);
         }
     }
@@ -158,7 +158,7 @@ Player::Player(const Options &options, std::string name, bool picture) : m_optio
     g_signal_connect(m_source.get(), "pad-added", G_CALLBACK(OnSourcePad), this);
     gst_bin_add(GST_BIN(m_pipeline.get()), m_source.get());
     // The time stamps are those of this clock. A sound card's own would drift away from them.
-    const Ref<GstClock> clock(gst_system_clock_obtain());
+    const ClockPtr clock(gst_system_clock_obtain());
     gst_pipeline_use_clock(GST_PIPELINE(m_pipeline.get()), clock.get());
 }
 
@@ -183,8 +183,8 @@ void Player::OnSourcePad(GstElement * /*source*/, GstPad *pad, gpointer user) {
 
 void Player::Start() {
     for (Branch *branch : {&m_video, &m_audio}) {
-        branch->queue = MakeElement("queue");
-        branch->decoder = MakeElement("decodebin");
+        branch->queue = NewElement("queue");
+        branch->decoder = NewElement("decodebin");
         g_signal_connect(branch->decoder.get(), "pad-added", G_CALLBACK(OnDecodedPad), branch);
         branch->present = false;
         branch->decoded = 0;
@@ -209,8 +209,8 @@ void Player::Stop() {
         }
     }
     // What was said of them is no news any more.
-    const Ref<GstBus> bus(gst_element_get_bus(m_pipeline.get()));
-    for (Ref<GstMessage> old(gst_bus_pop(bus.get())); old; old.reset(gst_bus_pop(bus.get()))) {
+    const BusPtr bus(gst_element_get_bus(m_pipeline.get()));
+    for (MessagePtr old(gst_bus_pop(bus.get())); old; old.reset(gst_bus_pop(bus.get()))) {
     }
 }
 
@@ -227,12 +227,11 @@ Player::Next Player::GiveUpSound(const std::string &reason) {
 Player::Next Player::HandleError(GstMessage *message) {
     GError *error = nullptr;
     gst_message_parse_error(message, &error, nullptr);
+    const ErrorPtr owned(error);
     const bool closed = g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NOT_FOUND) != FALSE;
-    const std::string text = tool::Printable(error->message);
-    g_error_free(error);
     GstObject *origin = GST_MESSAGE_SRC(message);
     if (origin == GST_OBJECT(m_source.get())) {
-        throw std::runtime_error(m_name + ": " + text);
+        throw std::runtime_error(m_name + ": " + error->message);
     }
     if (m_audio.Contains(origin)) {
         return GiveUpSound(ErrorText(message));
@@ -343,7 +342,7 @@ void Player::SayProgress() {
 
 Player::Next Player::Watch() {
     constexpr int kTickMs = 100;
-    const Ref<GstBus> bus(gst_element_get_bus(m_pipeline.get()));
+    const BusPtr bus(gst_element_get_bus(m_pipeline.get()));
     GPollFD news{};
     gst_bus_get_pollfd(bus.get(), &news);
     for (;;) {
@@ -354,7 +353,7 @@ Player::Next Player::Watch() {
             return Next::kEnd;
         }
         SayProgress();
-        for (Ref<GstMessage> message(gst_bus_pop(bus.get())); message; message.reset(gst_bus_pop(bus.get()))) {
+        for (MessagePtr message(gst_bus_pop(bus.get())); message; message.reset(gst_bus_pop(bus.get()))) {
             const Next next = Handle(message.get());
             if (next != Next::kGoOn) {
                 return next;
@@ -388,7 +387,7 @@ int RunPlay(const Options &options) {
     const std::string name = ChooseName(options.name);
     const Map map = options.follow ? TryAttachLive(name) : Attach(name);
     if (map) {
-        RequireTrack(map, name, options.channel, options.stream);
+        CheckTrack(map.get(), name, options.channel, options.stream);
     }
     const bool picture = HasDisplay();
     if (!picture && !IsSoundOnly(map, options)) {

@@ -18,8 +18,8 @@ int RunSnapshot(const Options &options) {
     KeyFrameTaker taker(options);
     StartGStreamer();
     const KeyFrame frame = taker.Take();
-    const Ref<GstSample> picture = DecodePicture(frame);
-    const Ref<GstSample> encoded = EncodePicture(picture.get(), options.picture);
+    const SamplePtr picture = DecodePicture(frame);
+    const SamplePtr encoded = EncodePicture(picture.get(), options.picture);
     file.Finish(SampleBytes(encoded.get()).View());
     return tool::kExitOk;
 }

@@ -73,7 +73,7 @@ const auto *const framework = testing::AddGlobalTestEnvironment(new Framework); 
 
 }  // namespace
 
-TEST(ReadOptions, Play) {
+TEST(ViewOptions, Play) {
     const reader::Options plain = Good("play camera");
     EXPECT_EQ(plain.command, reader::Command::kPlay);
     EXPECT_EQ(plain.name, "camera");
@@ -91,7 +91,7 @@ TEST(ReadOptions, Play) {
     EXPECT_NE(Refusal("play camera --timeout 3").find("--timeout"), std::string::npos);
 }
 
-TEST(ReadOptions, Snapshot) {
+TEST(ViewOptions, Snapshot) {
     const reader::Options plain = Good("snapshot camera picture.jpg");
     EXPECT_EQ(plain.command, reader::Command::kSnapshot);
     EXPECT_EQ(plain.name, "camera");
@@ -115,14 +115,15 @@ TEST(ReadOptions, Snapshot) {
     EXPECT_NE(Refusal("snapshot camera a.jpg --timeout nan").find("--timeout"), std::string::npos);
 }
 
-TEST(ReadPackages, AreThoseOfTheElement) {
+TEST(ViewPackages, AreThoseOfTheElement) {
     EXPECT_EQ(reader::MissingElement("jpegenc"),
-              "the GStreamer element jpegenc is missing: apt install gstreamer1.0-plugins-good");
-    EXPECT_EQ(reader::MissingElement("ximagesink"), "the GStreamer element ximagesink is missing: apt install gstreamer1.0-x");
-    EXPECT_EQ(reader::MissingElement("nobody"), "the GStreamer element nobody is missing");
+              "the GStreamer element \"jpegenc\" is missing; it is in the package gstreamer1.0-plugins-good");
+    EXPECT_EQ(reader::MissingElement("ximagesink"),
+              "the GStreamer element \"ximagesink\" is missing; it is in the package gstreamer1.0-x");
+    EXPECT_EQ(reader::MissingElement("nobody"), "the GStreamer element \"nobody\" is missing");
 }
 
-TEST(ReadPackages, AreThoseOfTheCodec) {
+TEST(ViewPackages, AreThoseOfTheCodec) {
     const std::vector<std::pair<const char *, const char *>> cases{
         {"video/x-h264, profile=high", "H.264 needs a decoder: apt install gstreamer1.0-libav"},
         {"video/x-h265", "H.265 needs a decoder: apt install gstreamer1.0-libav"},
@@ -132,29 +133,29 @@ TEST(ReadPackages, AreThoseOfTheCodec) {
         {"audio/x-alaw", "G.711 A-law needs a decoder: apt install gstreamer1.0-plugins-good"},
         {"video/x-unheard-of", "video/x-unheard-of needs a decoder that is not installed"},
     };
-    const reader::Ref<GstElement> element(
+    const reader::ElementPtr element(
         static_cast<GstElement *>(gst_object_ref_sink(gst_element_factory_make("fakesink", nullptr))));
     for (const auto &[text, expected] : cases) {
-        const reader::Ref<GstCaps> caps(gst_caps_from_string(text));
+        const reader::CapsPtr caps(gst_caps_from_string(text));
         EXPECT_EQ(reader::MissingDecoder(caps.get()), expected);
         // As decodebin says it.
-        const reader::Ref<GstMessage> message(gst_missing_decoder_message_new(element.get(), caps.get()));
+        const reader::MessagePtr message(gst_missing_decoder_message_new(element.get(), caps.get()));
         EXPECT_EQ(reader::MissingPart(message.get()), expected);
     }
-    const reader::Ref<GstMessage> missing(gst_missing_element_message_new(element.get(), "h264parse"));
+    const reader::MessagePtr missing(gst_missing_element_message_new(element.get(), "h264parse"));
     EXPECT_EQ(reader::MissingPart(missing.get()), reader::MissingElement("h264parse"));
-    const reader::Ref<GstMessage> other(
-        gst_message_new_element(GST_OBJECT(element.get()), gst_structure_new_empty("shbsrc-lost")));
+    const reader::MessagePtr other(gst_message_new_element(GST_OBJECT(element.get()), gst_structure_new_empty("shbsrc-lost")));
     EXPECT_EQ(reader::MissingPart(other.get()), "");
 }
 
 // An element that the table names and this machine has is in the package that the table says.
-TEST(ReadPackages, AreThoseThatDebianHas) {
+TEST(ViewPackages, AreThoseThatDebianHas) {
     for (const char *factory : {"appsink", "appsrc", "audioconvert", "audioresample", "decodebin", "videoconvert", "videoscale",
                                 "autoaudiosink", "deinterlace", "jpegenc", "pngenc", "h264parse", "h265parse", "ximagesink"}) {
-        const reader::Ref<GstElementFactory> found(gst_element_factory_find(factory));
+        const reader::FactoryPtr found(gst_element_factory_find(factory));
         ASSERT_TRUE(found) << factory;
-        const reader::Ref<GstPlugin> plugin(gst_plugin_feature_get_plugin(GST_PLUGIN_FEATURE(found.get())));
+        const std::unique_ptr<GstPlugin, reader::UnrefObject> plugin(
+            gst_plugin_feature_get_plugin(GST_PLUGIN_FEATURE(found.get())));
         ASSERT_TRUE(plugin) << factory;
         const TempDir dir;
         const std::string said = dir.File("said");
@@ -164,11 +165,11 @@ TEST(ReadPackages, AreThoseThatDebianHas) {
         ASSERT_EQ(std::system(command.c_str()), 0) << factory;
         const std::string owner = ReadAll(said).substr(0, ReadAll(said).find(':'));
         EXPECT_EQ(reader::MissingElement(factory),
-                  std::string("the GStreamer element ") + factory + " is missing: apt install " + owner);
+                  std::string("the GStreamer element \"") + factory + "\" is missing; it is in the package " + owner);
     }
 }
 
-TEST(ReadSquare, TheWidthFollowsTheShapeOfThePixels) {
+TEST(ViewSquare, TheWidthFollowsTheShapeOfThePixels) {
     const auto size = [](int width, int height, int n, int d) {
         const reader::PictureSize made = reader::SquarePixels({width, height}, n, d);
         return std::pair(made.width, made.height);
@@ -187,7 +188,7 @@ TEST(ReadSquare, TheWidthFollowsTheShapeOfThePixels) {
     EXPECT_EQ(size(8192, 4320, 4, 1), std::pair(8192, 4320));
 }
 
-TEST(ReadPictureFile, IsThereWholeOrNotAtAll) {
+TEST(ViewPictureFile, IsThereWholeOrNotAtAll) {
     const TempDir dir;
     const std::string path = dir.File("a.jpg");
     const auto count = [&dir] {
@@ -218,7 +219,7 @@ TEST(ReadPictureFile, IsThereWholeOrNotAtAll) {
     EXPECT_EQ(made.st_mode & 0777, 0666 & ~mask);
 }
 
-TEST(ReadPictureFile, TakesThePlaceOfNothingButAFile) {
+TEST(ViewPictureFile, TakesThePlaceOfNothingButAFile) {
     const TempDir dir;
     ASSERT_EQ(mkfifo(dir.File("pipe.jpg").c_str(), 0600), 0);
     EXPECT_THROW(reader::PictureFile(dir.File("pipe.jpg")), std::runtime_error);
@@ -226,7 +227,7 @@ TEST(ReadPictureFile, TakesThePlaceOfNothingButAFile) {
     EXPECT_THROW(reader::PictureFile(dir.File("none/a.jpg")), std::runtime_error);
 }
 
-TEST(ReadKeyPicture, IsOneUnitAsARule) {
+TEST(ViewKeyPicture, IsOneUnitAsARule) {
     for (const char *file : {"progressive.h264", "interlaced.h264", "intra.h264"}) {
         EXPECT_EQ(Taken(AccessUnits(Material(file)), 0, reader::VideoCodec::kH264), 1U) << file;
     }
@@ -235,7 +236,7 @@ TEST(ReadKeyPicture, IsOneUnitAsARule) {
     }
 }
 
-TEST(ReadKeyPicture, OfFieldsIsTwoUnits) {
+TEST(ViewKeyPicture, OfFieldsIsTwoUnits) {
     const std::vector<std::string> units = FieldStream::Units(2);
     bool refreshed = true;
     EXPECT_EQ(Taken(units, 0, reader::VideoCodec::kH264, &refreshed), 2U);
@@ -246,7 +247,7 @@ TEST(ReadKeyPicture, OfFieldsIsTwoUnits) {
     EXPECT_EQ(Taken({units[0], std::string("\0\0\0\1\x09\xf0", 6), units[1]}, 0, reader::VideoCodec::kH264), 3U);
 }
 
-TEST(ReadKeyPicture, ThatIsRefreshedTakesAllOfTheRefresh) {
+TEST(ViewKeyPicture, ThatIsRefreshedTakesAllOfTheRefresh) {
     const std::vector<std::string> units = AccessUnits(Material("refresh.h264"));
     // x264 says at its second key frame that 21 reference frames make the picture whole.
     const std::string sequence_set("\0\0\1\x67", 4);
@@ -266,7 +267,7 @@ TEST(ReadKeyPicture, ThatIsRefreshedTakesAllOfTheRefresh) {
     EXPECT_EQ(Taken(from, 0, reader::VideoCodec::kH264), 6U);
 }
 
-TEST(ReadKeyPicture, WhatCannotBeReadIsLeftToTheDecoder) {
+TEST(ViewKeyPicture, WhatCannotBeReadIsLeftToTheDecoder) {
     for (const auto codec : {reader::VideoCodec::kH264, reader::VideoCodec::kH265}) {
         const std::string slice = codec == reader::VideoCodec::kH264 ? std::string("\0\0\0\1\x65\x88\x84\x21", 8)
                                                                      : std::string("\0\0\0\1\x26\x01\xaf\x06", 8);

@@ -257,6 +257,26 @@ TEST(Snapshot, APictureThatIsRefreshedIsWhole) {
     EXPECT_LT(least, kSame);
 }
 
+TEST(Snapshot, ADeadHostLeavesItsLastPicture) {
+    const std::string name = BufferName("dead");
+    const auto port = FreeUdpPort();
+    const TempDir dir;
+    struct RemoveLeftover {
+        const std::string name;
+        ~RemoveLeftover() { shb_remove(name.c_str(), 1); }
+    } const leftover{name};
+    Child host({Variable("GST_SOURCE_TOOL"), UdpUrl(port), "--name", name});
+    const Sender sender(UdpUrl(port));
+    ASSERT_TRUE(WaitWhileRunning(host, [&name] { return MemoryLeft(name); })) << host.Err();
+    Child lives(Snapshot({name, dir.File("lives.png"), "--timeout", "60"}));
+    ASSERT_EQ(lives.Wait(), 0) << lives.Err();
+    host.Signal(SIGKILL);
+    ASSERT_EQ(host.Wait(), 256 + SIGKILL);
+    Child dead(Snapshot({name, dir.File("dead.png")}));
+    EXPECT_EQ(dead.Wait(), 0) << dead.Err();
+    ExpectSize(dir.File("dead.png"), 320, 180);
+}
+
 TEST(Snapshot, WaitsForAKeyFrameAndSaysSo) {
     const std::vector<std::string> units = AccessUnits(Material("progressive.h264"));
     const LiveBuffer buffer(BufferName("wait"));

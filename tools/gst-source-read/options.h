@@ -11,7 +11,9 @@
 
 namespace reader {
 
-enum class Command { kList, kTracks, kRead, kRecord, kRemove };
+enum class Command { kList, kTracks, kRead, kRecord, kPlay, kSnapshot, kRemove };
+
+enum class PictureFormat { kJpeg, kPng };
 
 struct Options {
     Command command = Command::kList;
@@ -33,6 +35,11 @@ struct Options {
     bool kind_given = false;
 
     RecordOptions record;
+
+    // Of play and snapshot; channel, stream, follow and output are those of read.
+    bool sound = true;
+    PictureFormat picture = PictureFormat::kJpeg;
+    double timeout = 10;  // s
 
     bool force = false;  // of remove
 };

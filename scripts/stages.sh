@@ -9,11 +9,11 @@ layout() { tracked '*.c' '*.cpp' '*.h' | (cd "$root" && xargs -0 clang-format --
 lint() {
     # What the macro makes is nothing to look into, and unknown to it.
     (cd "$root" && cppcheck --quiet --enable=warning,performance,portability --inline-suppr --error-exitcode=1 --library=gtk \
-        '-DGST_ELEMENT_REGISTER_DEFINE(a,b,c,d)=' -Iinclude -Ishbsink -Isrc -j "$(nproc)" src shbsink tools)
+        '-DGST_ELEMENT_REGISTER_DEFINE(a,b,c,d)=' -Iinclude -Ishbsink -Isrc -j "$(nproc)" src shbsink tools examples)
 }
 
-# The library's, the sink's and the tools' own sources, with the flags of the clang build.
-tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
+# The sources of the library, the sink, the tools and the examples, with the flags of the clang build.
+tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
 
 shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
 

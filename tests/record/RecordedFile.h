@@ -62,8 +62,8 @@ std::vector<size_t> Positions(const RecordedStream &original, const RecordedStre
 // The packets are an excerpt of the material without a hole, and their times rise. Reports where and how much they are shifted.
 testing::AssertionResult IsExcerpt(const RecordedStream &original, const RecordedStream &recorded, Excerpt &excerpt);
 
-// Both streams are excerpts of the material's, with its codecs, sizes and rates. Picture and sound are apart by no more than `apart` from where
-// the material has them.
+// Both streams are excerpts of the material's, with its codecs, sizes and rates. Picture and sound are no more than
+// one audio frame further apart than in the material.
 testing::AssertionResult IsRecordingOf(const Material &material, const RecordedFile &file, Excerpt &video, Excerpt &audio);
 
 // ffmpeg decodes all of it without an error.

@@ -727,14 +727,3 @@ static void gst_shb_sink_class_init(GstShbSinkClass *class) {
     sink_class->event = event;
     sink_class->render = render;
 }
-
-static gboolean plugin_init(GstPlugin *plugin) {
-    return GST_ELEMENT_REGISTER(shbsink, plugin);
-}
-
-#ifndef PACKAGE
-#define PACKAGE "gst-source"
-#endif
-
-GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, shbsink, "Sink that writes into a shared buffer", plugin_init,
-                  SHB_PLUGIN_VERSION, GST_LICENSE_UNKNOWN, "gst-source", "shared buffer")

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <sstream>
+#include <string_view>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -73,6 +75,22 @@ double ParseSeconds(const std::string &flag, const std::string &text, double lon
                std::to_string(static_cast<uint64_t>(longest)));
     }
     return value;
+}
+
+int64_t ParseTime(const std::string &flag, const std::string &text) {
+    constexpr double kNs = 1e9;
+    constexpr std::pair<std::string_view, double> kUnits[] = {{"", 1}, {"s", 1}, {"ms", 1e-3}, {"m", 60}, {"h", 3600}};
+    constexpr double kLongest = 1e9;
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const std::string_view unit(end, static_cast<size_t>(text.data() + text.size() - end));
+    const auto *known =
+        std::find_if(std::begin(kUnits), std::end(kUnits), [unit](const auto &one) { return one.first == unit; });
+    const double seconds = known != std::end(kUnits) ? value * known->second : 0;
+    if (error != std::errc() || !std::isfinite(seconds) || seconds * kNs < 1 || seconds > kLongest) {
+        Refuse(flag + ": \"" + text + "\" is not a time above 0, such as 10s, 1500ms, 10m or 1h");
+    }
+    return static_cast<int64_t>(seconds * kNs);
 }
 
 std::shared_ptr<CLI::Formatter> MakeHelpFormatter(const std::string &usage) {

@@ -32,6 +32,9 @@ Number ParseWhole(const std::string &flag, const std::string &text, Number lowes
 // A number above 0.
 double ParseSeconds(const std::string &flag, const std::string &text, double longest = 1e9);
 
+// A time above 0, in ns: "10s", "1500ms", "10m", "1h"; a number alone is seconds.
+int64_t ParseTime(const std::string &flag, const std::string &text);
+
 // The stock formatter neither wraps descriptions nor says plainly what a command line looks like. `usage` is
 // what stands behind "Usage: " and may have several lines.
 std::shared_ptr<CLI::Formatter> MakeHelpFormatter(const std::string &usage);

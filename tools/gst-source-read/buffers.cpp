@@ -104,6 +104,14 @@ Map TryAttachLive(const std::string &name) {
     throw std::runtime_error(AttachReason(name, result));
 }
 
+void CheckTrack(const shb_map_t *map, const std::string &name, uint32_t channel, uint32_t stream) {
+    const shb_geometry_t geometry = InfoOf(map).geometry;
+    if (channel >= geometry.channels || stream >= geometry.streams) {
+        throw std::runtime_error(name + " has " + tool::Count(geometry.channels, "channel", "channels") + " of " +
+                                 tool::Count(geometry.streams, "stream", "streams") + ", counted from 0");
+    }
+}
+
 shb_info_t InfoOf(const shb_map_t *map) {
     shb_info_t info{};
     int result = shb_map_info(map, &info);

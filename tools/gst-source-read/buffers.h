@@ -32,6 +32,8 @@ std::string ChooseName(const std::string &name);
 Map Attach(const std::string &name);
 // Null when there is no such buffer, none that can be read yet, or one whose creator is not alive.
 Map TryAttachLive(const std::string &name);
+// Throws when the buffer has no such track.
+void CheckTrack(const shb_map_t *map, const std::string &name, uint32_t channel, uint32_t stream);
 shb_info_t InfoOf(const shb_map_t *map);
 
 // "alive", "stopped" when its creator lives and shows no sign of it, "stale" when the creator has gone.

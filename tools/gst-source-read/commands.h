@@ -9,6 +9,9 @@ namespace reader {
 int RunList(const Options &options);
 int RunTracks(const Options &options);
 int RunRead(const Options &options);
+// Video and audio in a container, to standard output.
+int RunReadMuxed(const Options &options);
+int RunRecord(const Options &options);
 int RunRemove(const Options &options);
 
 }  // namespace reader

@@ -18,7 +18,9 @@ int Run(const reader::Options &options) {
         case reader::Command::kTracks:
             return reader::RunTracks(options);
         case reader::Command::kRead:
-            return reader::RunRead(options);
+            return options.format.empty() ? reader::RunRead(options) : reader::RunReadMuxed(options);
+        case reader::Command::kRecord:
+            return reader::RunRecord(options);
         case reader::Command::kRemove:
             return reader::RunRemove(options);
     }

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "command_line.h"
+#include "container.h"
+#include "container_names.h"
 
 #ifndef TOOL_VERSION
 #define TOOL_VERSION "unknown"
@@ -40,6 +42,8 @@ class CommandLine {
             "gst-source-read tracks [NAME] [--watch [SECONDS]] [--json]\n"
             "gst-source-read read [NAME] [--channel N] [--stream N] [--kind video|audio] [--start oldest|newest|key]\n"
             "                     [--output FILE|-] [--frames N] [--duration SECONDS] [--follow] [--json]\n"
+            "gst-source-read read [NAME] --format mpegts|mkv [-] [--channel N] [--stream N] [--start ...] [--frames N] ...\n"
+            "gst-source-read record [NAME] OUT.mkv|.mp4|.ts [--segment TIME] [--from -10s] [--duration TIME] ...\n"
             "gst-source-read remove NAME [--force]\n\n"
             "Without NAME: the one live buffer of this machine. COMMAND --help tells what a command's flags mean."));
         m_app.set_version_flag("--version", std::string(kProgram) + " " + TOOL_VERSION);
@@ -47,6 +51,7 @@ class CommandLine {
         AddList();
         AddTracks();
         AddRead();
+        AddRecord();
         AddRemove();
         m_app.footer(
             "Exit code: 0 all went well; 1 nothing arrived, or something failed, with one line that says what; 2 the command\n"
@@ -60,6 +65,11 @@ class CommandLine {
             const bool number = i + 1 < arguments.size() && arguments[i + 1].find_first_of("0123456789.") == 0;
             if (arguments[i] == "--watch" && !number) {
                 arguments[i] = "--watch=1";
+            }
+            // A value that looks like a flag.
+            if (arguments[i] == "--from" && i + 1 < arguments.size()) {
+                arguments[i] += "=" + arguments[i + 1];
+                arguments.erase(arguments.begin() + static_cast<std::ptrdiff_t>(i) + 1);
             }
         }
         const std::string first = arguments.empty() ? "" : arguments.front();
@@ -75,8 +85,11 @@ class CommandLine {
         if (m_options.command == Command::kRemove && m_options.name.empty()) {
             tool::Refuse("remove: no NAME given");
         }
-        if (m_options.command == Command::kRead && m_options.json && m_options.output == "-") {
-            tool::Refuse("--json and --output - both go to standard output");
+        if (m_options.command == Command::kRead) {
+            CheckRead();
+        }
+        if (m_options.command == Command::kRecord) {
+            CheckRecord(m_options.record, m_options.name);
         }
     }
     const CLI::App &App() const { return m_app; }
@@ -89,6 +102,29 @@ class CommandLine {
         return sub;
     }
 
+    void CheckRead() {
+        if (m_options.name == "-" && m_options.output.empty()) {
+            m_options.name.clear();
+            m_options.output = "-";
+        }
+        if (m_options.json && m_options.output == "-") {
+            tool::Refuse("--json and --output - both go to standard output");
+        }
+        const bool to_file = !m_options.output.empty() && m_options.output != "-";
+        const std::string suffix = to_file ? tool::ContainerSuffix(m_options.output) : "";
+        const std::string instead =
+            "gst-source-read record " + (m_options.name.empty() ? "" : m_options.name + " ") + m_options.output;
+        if (to_file && !m_options.format.empty()) {
+            tool::Refuse("--format goes to standard output; for a file: " + instead);
+        }
+        if (!suffix.empty()) {
+            tool::Refuse("read writes the bare frames of one track, which is no " + suffix + "; for that: " + instead);
+        }
+        if (!m_options.format.empty() && m_options.json) {
+            tool::Refuse("--json and --format both go to standard output");
+        }
+    }
+
     void Json(CLI::App *sub, const std::string &help) { sub->add_flag("--json", m_options.json, help); }
 
     CLI::Option *Name(CLI::App *sub) { return sub->add_option("NAME", m_options.name)->group(""); }
@@ -97,6 +133,16 @@ class CommandLine {
     static CLI::Option *Value(CLI::App *sub, const std::string &flag, const std::string &type, const std::string &help,
                               Function function) {
         return sub->add_option_function<std::string>(flag, function, help)->type_name(type);
+    }
+
+    void Source(CLI::App *sub) {
+        const auto index = [](const std::string &flag, uint32_t &target) {
+            return [flag, &target](const std::string &text) {
+                target = tool::ParseWhole<uint32_t>(flag, text, 0, std::numeric_limits<uint32_t>::max());
+            };
+        };
+        Value(sub, "--channel", "N", "channel, from 0", index("--channel", m_options.channel))->default_str("0");
+        Value(sub, "--stream", "N", "stream of the channel, from 0", index("--stream", m_options.stream))->default_str("0");
     }
 
     void AddList() {
@@ -116,15 +162,20 @@ class CommandLine {
         CLI::App *sub = Add(Command::kRead, "read", "read [NAME] [FLAGS]\n\nFor one: gst-source-read read NAME | ffplay -",
                             "the frames of a track");
         Name(sub);
-        const auto index = [](const std::string &flag, uint32_t &target) {
-            return [flag, &target](const std::string &text) {
-                target = tool::ParseWhole<uint32_t>(flag, text, 0, std::numeric_limits<uint32_t>::max());
-            };
-        };
-        Value(sub, "--channel", "N", "channel, from 0", index("--channel", m_options.channel))->default_str("0");
-        Value(sub, "--stream", "N", "stream of the channel, from 0", index("--stream", m_options.stream))->default_str("0");
+        Source(sub);
+        sub->add_option("OUT", m_options.output)->group("");
+        Value(sub, "--format", "CONTAINER",
+              "mpegts or mkv: video and audio together, for a player behind a pipe, on standard output; --kind takes one alone",
+              [this](const std::string &text) {
+                  const Container *container = ContainerNamed(text);
+                  if (container == nullptr || !container->streamable) {
+                      tool::Refuse("--format: \"" + text + "\" is not mpegts or mkv");
+                  }
+                  m_options.format = container->name;
+              });
         Value(sub, "--kind", "KIND", "video or audio", [this](const std::string &text) {
             m_options.kind = ParseWord<shb_kind_t>("--kind", text, {{"video", SHB_VIDEO}, {"audio", SHB_AUDIO}});
+            m_options.kind_given = true;
         })->default_str("video");
         Value(sub, "--start", "WHERE",
               "oldest: at the oldest frame held; newest: at the next frame to come; key: at the newest key frame held, or the "
@@ -151,6 +202,17 @@ class CommandLine {
             "go on when the track gets a new writer, and when the buffer comes back after its host has gone; without it "
             "the run ends with the writer");
         Json(sub, "one JSON object a frame on standard output; the frames themselves only with --output FILE");
+    }
+
+    void AddRecord() {
+        CLI::App *sub = Add(Command::kRecord, "record",
+                            "record [NAME] OUT [FLAGS]\n\n"
+                            "OUT ends in " +
+                                KnownSuffixes() + " and may be a pattern of strftime: cam-%Y%m%d-%H%M%S.mp4",
+                            "video and audio of a source in files that play");
+        Source(sub);
+        AddRecordFlags(*sub, m_options.record);
+        Json(sub, "one JSON object a finished file, then a summary, on standard output");
     }
 
     void AddRemove() {

@@ -6,11 +6,12 @@
 #include <string>
 
 #include "parsed.h"
+#include "record_options.h"
 #include "shb.h"
 
 namespace reader {
 
-enum class Command { kList, kTracks, kRead, kRemove };
+enum class Command { kList, kTracks, kRead, kRecord, kRemove };
 
 struct Options {
     Command command = Command::kList;
@@ -28,6 +29,10 @@ struct Options {
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
     bool follow = false;
+    std::string format;  // container of video and audio together; empty: the frames of one track
+    bool kind_given = false;
+
+    RecordOptions record;
 
     bool force = false;  // of remove
 };

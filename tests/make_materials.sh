@@ -53,6 +53,10 @@ audio tone.ogg 44100 2 -c:a libvorbis
 ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=sample_rate=48000 -t 4 \
     $x264 -g 12 -pix_fmt yuv420p -c:a aac -ac 2 -f mpegts stream.ts
 
+# Pictures that are shown in another order than they are decoded.
+ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=sample_rate=48000 -t 4 \
+    -c:v libx264 -preset ultrafast -bf 2 -g 25 -pix_fmt yuv420p -c:a aac -ac 2 -f mpegts reordered.ts
+
 cp ./* "$directory"
 # Whole or not at all, also when another build directory made the same meanwhile.
 mv -T "$made" "$kept" 2>/dev/null || true

@@ -103,7 +103,8 @@ bool Cutter::ReleaseOne(int64_t now) {
 // Files are cut at the key frames of the video, or, as long as there is none, anywhere in the sound.
 bool Cutter::IsLead(shb_kind_t kind) const {
     const Track &video = m_tracks[SHB_VIDEO];
-    return kind == SHB_VIDEO || video.Finished() || video.silent;
+    const bool without = m_open.empty() || m_open.back().start.formats[SHB_VIDEO] == 0;
+    return kind == SHB_VIDEO || !video.expected || video.silent || (video.ended && without);
 }
 
 bool Cutter::ReachesEnd(const Frame &frame) {
@@ -343,6 +344,8 @@ void Cutter::SkipSilent(int64_t time) {
 
 void Cutter::Finish() {
     m_finishing = true;
+    Track &video = m_tracks[SHB_VIDEO];
+    video.ended = video.ended || video.held.empty();
     while (ReleaseOne(0)) {
     }
     m_tracks[SHB_AUDIO].left_out += m_pending.size();

@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "elements.h"
@@ -34,6 +37,21 @@ GstElement *MakeMuxer(const Container &container) {
         g_object_set(muxer, "fragment-duration", kFragmentMs, nullptr);
     }
     return muxer;
+}
+
+// What the system said, without the framework's words around it.
+std::string WriteError(GstMessage *message) {
+    GError *error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    const ErrorPtr owned(error);
+    if (g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT) != FALSE) {
+        return std::strerror(ENOSPC);
+    }
+    const std::string text = ErrorText(message);
+    constexpr std::string_view kBefore = "Error while writing to file descriptor ";
+    const size_t found = text.find(kBefore);
+    const size_t colon = found != std::string::npos ? text.find(": ", found) : found;
+    return colon == std::string::npos ? text : text.substr(colon + 2, text.size() - colon - 3);
 }
 
 const char *PadTemplate(const Container &container, shb_kind_t kind) {
@@ -246,7 +264,7 @@ FileWriter::State FileWriter::Look() {
             m_end = State::kDone;
         } else {
             m_end = State::kFailed;
-            m_reason = ErrorText(message.get());
+            m_reason = WriteError(message.get());
         }
         return *m_end;
     }

@@ -131,11 +131,11 @@ void MuxRun::LookAtFiles() {
             ++file;
             continue;
         }
-        const bool complete = state == FileWriter::State::kDone && file->closed;
+        const bool complete = state == FileWriter::State::kDone;
         if (!complete) {
             const double seconds = static_cast<double>(writer.Length()) / 1e9;
-            Fail(writer.Name() + ": " + (state == FileWriter::State::kDone ? "the muxer has ended it" : writer.Reason()) +
-                 "; it has what came before, " + tool::FormatElapsed(seconds) + " at most");
+            Fail(writer.Name() + ": " + writer.Reason() + "; it has what came before, " + tool::FormatElapsed(seconds) +
+                 " at most");
         }
         m_status.bytes += writer.Bytes();
         if (m_status.newest == &writer) {

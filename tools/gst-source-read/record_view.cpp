@@ -75,7 +75,7 @@ void RecordView::Opened(const FileWriter &file, const MuxStatus &status) {
 void RecordView::Finished(const FileWriter &file, const MuxStatus &status, bool complete) {
     const uint64_t video = file.Frames(SHB_VIDEO);
     const uint64_t audio = file.Frames(SHB_AUDIO);
-    if (status.files > 1 || !complete) {
+    if (status.files > 1) {
         Tell(tool::Printable(file.Name()) + ": " + Length(file.Length()) + ", " + FramesText(video, audio) + ", " +
              tool::FormatBytes(file.Bytes()) + (complete ? "" : ", not complete"));
     }

@@ -12,10 +12,10 @@ lint() {
         '-DGST_ELEMENT_REGISTER_DEFINE(a,b,c,d)=' -Iinclude -Ishbsink -Isrc -j "$(nproc)" src shbsink tools examples)
 }
 
-# The library's, the sink's, the tools' and the examples' own sources, with the flags of the clang build.
-tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.cpp' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
+# The sources of the library, the sink, the tools and the examples, with the flags of the clang build.
+tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' 'examples/*.cpp' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
 
-shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
+shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} examples/*.sh .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts

@@ -20,8 +20,11 @@
 /* A track that is silent while the other goes on says so, or a muxer waits for it. */
 #define GAP_AFTER_NS (GST_SECOND)
 #define GAP_MARGIN_NS (GST_SECOND / 2)
-/* Least rise of the times: more than a tick of 90 kHz, so that they differ in a transport stream as well. */
-#define STEP_NS (GST_SECOND / 90000 + 1)
+/*
+ * Least rise of the times: more than two ticks of 90 kHz, so that they differ in a transport stream as well.
+ * mpegtsmux rounds towards the start of the segment, from both sides.
+ */
+#define STEP_NS (GST_SECOND / 45000 + 1)
 #define MAX_BATCH 512
 
 const gchar *shb_src_kind_name(shb_kind_t kind) {

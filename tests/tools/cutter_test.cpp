@@ -466,6 +466,7 @@ TEST_F(CutterTest, AsManyFramesAsWanted) {
     EXPECT_TRUE(Cut().Done());
     Cut().Finish();
     EXPECT_EQ(Nth(0).Times(SHB_VIDEO).size(), 30u);
+    EXPECT_EQ(Nth(0).Times(SHB_AUDIO), Steps(0, 1200 * kMs, kSound));
 }
 
 TEST_F(CutterTest, WithoutFramesThereIsNoFile) {

@@ -104,7 +104,8 @@ class AvSource {
     bool m_stopping = false;
     bool m_failed = false;
 
-    PipelinePtr m_pipeline;  // goes first
+    GstBin *m_bin = nullptr;  // the pipeline, also while it stops
+    PipelinePtr m_pipeline;   // goes first
 };
 
 }  // namespace reader

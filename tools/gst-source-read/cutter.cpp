@@ -115,7 +115,7 @@ bool Cutter::ReachesEnd(const Frame &frame) {
             return true;
         }
     }
-    return m_rules.frames > 0 && m_lead_frames >= m_rules.frames && lead;
+    return m_rules.frames > 0 && m_lead_frames >= m_rules.frames && (lead || frame.pts >= m_lead_end);
 }
 
 void Cutter::Assign(Frame frame) {
@@ -176,6 +176,7 @@ void Cutter::AssignLead(Frame frame) {
     }
     ++m_lead_frames;
     m_last_lead = TimeOf(frame);
+    m_lead_end = std::max(m_lead_end, frame.pts + frame.duration);
     if (reason.empty()) {
         Put(m_open.back(), std::move(frame));
     } else {

@@ -9,6 +9,7 @@
 
 #include "buffers.h"
 #include "codec.h"
+#include "elements.h"
 #include "interrupts.h"
 #include "output.h"
 #include "text.h"
@@ -311,6 +312,7 @@ void MuxRun::CloseAll() {
 }
 
 bool MuxRun::Go() {
+    RequireElement(m_settings.container->muxer, m_settings.container->package);
     m_source = std::make_unique<AvSource>(m_settings.source, *m_settings.container);
     for (Step(); !IsOver(); Step()) {
         Wait();

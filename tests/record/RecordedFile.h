@@ -47,8 +47,7 @@ RecordedFile ReadRecorded(const std::string &path);
 struct Excerpt {
     size_t first = 0;  // position of the first packet in the material
     size_t count = 0;
-    nanoseconds shift{0};      // time in the file - time in the material, of the first packet
-    nanoseconds deviation{0};  // largest distance of any packet's shift from that
+    std::vector<nanoseconds> shifts;  // of each packet: time in the file - time in the material
 
     size_t End() const { return first + count; }
 };
@@ -59,12 +58,13 @@ const RecordedFile &Original(const Material &material);
 // Where each packet stands in the original; the original's number of packets for one that is not of it.
 std::vector<size_t> Positions(const RecordedStream &original, const RecordedStream &recorded);
 
-// The packets are an excerpt of the material without a hole, and their times rise. Reports where and how much they are shifted.
+// The packets are an excerpt of the material without a hole, and their times rise. Reports which, and their times.
 testing::AssertionResult IsExcerpt(const RecordedStream &original, const RecordedStream &recorded, Excerpt &excerpt);
 
-// Both streams are excerpts of the material's, with its codecs, sizes and rates. Picture and sound are no more than
-// one audio frame further apart than in the material.
-testing::AssertionResult IsRecordingOf(const Material &material, const RecordedFile &file, Excerpt &video, Excerpt &audio);
+// Both streams are excerpts of the material's, with its codecs, sizes and rates. Picture and sound are further apart
+// than in the material by no more than one audio frame and `slack`.
+testing::AssertionResult IsRecordingOf(const Material &material, const RecordedFile &file, Excerpt &video, Excerpt &audio,
+                                       nanoseconds slack = nanoseconds(0));
 
 // ffmpeg decodes all of it without an error.
 testing::AssertionResult Decodes(const std::string &path);

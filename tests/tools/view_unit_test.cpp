@@ -77,11 +77,11 @@ TEST(ViewOptions, Play) {
     const reader::Options plain = Good("play camera");
     EXPECT_EQ(plain.command, reader::Command::kPlay);
     EXPECT_EQ(plain.name, "camera");
-    EXPECT_TRUE(plain.sound);
+    EXPECT_TRUE(plain.view.sound);
     EXPECT_FALSE(plain.follow);
     EXPECT_EQ(Good("play").name, "");
     const reader::Options all = Good("play --no-audio camera --channel 3 --stream 1 --follow");
-    EXPECT_FALSE(all.sound);
+    EXPECT_FALSE(all.view.sound);
     EXPECT_TRUE(all.follow);
     EXPECT_EQ(all.channel, 3U);
     EXPECT_EQ(all.stream, 1U);
@@ -96,16 +96,16 @@ TEST(ViewOptions, Snapshot) {
     EXPECT_EQ(plain.command, reader::Command::kSnapshot);
     EXPECT_EQ(plain.name, "camera");
     EXPECT_EQ(plain.output, "picture.jpg");
-    EXPECT_EQ(plain.picture, reader::PictureFormat::kJpeg);
-    EXPECT_EQ(plain.timeout, 10);
+    EXPECT_EQ(plain.view.format, reader::PictureFormat::kJpeg);
+    EXPECT_EQ(plain.view.timeout, 10);
     const reader::Options all = Good("snapshot camera --timeout 0.5 A.PNG --channel 3 --stream 1");
-    EXPECT_EQ(all.picture, reader::PictureFormat::kPng);
-    EXPECT_EQ(all.timeout, 0.5);
+    EXPECT_EQ(all.view.format, reader::PictureFormat::kPng);
+    EXPECT_EQ(all.view.timeout, 0.5);
     EXPECT_EQ(all.channel, 3U);
     EXPECT_EQ(all.stream, 1U);
-    EXPECT_EQ(Good("snapshot camera a.jpeg").picture, reader::PictureFormat::kJpeg);
+    EXPECT_EQ(Good("snapshot camera a.jpeg").view.format, reader::PictureFormat::kJpeg);
     EXPECT_EQ(Good("snapshot camera -").output, "-");
-    EXPECT_EQ(Good("snapshot camera -").picture, reader::PictureFormat::kJpeg);
+    EXPECT_EQ(Good("snapshot camera -").view.format, reader::PictureFormat::kJpeg);
     EXPECT_EQ(Refusal("snapshot"), "gst-source-read: snapshot: no NAME given\n");
     EXPECT_EQ(Refusal("snapshot camera"), "gst-source-read: snapshot: no OUT given, such as picture.jpg\n");
     for (const char *name : {"a.gif", ".jpg", "png", "a.jpg/"}) {

@@ -78,7 +78,7 @@ bool KeyFrameTaker::Begin(KeyFrame &taken) {
 }
 
 KeyFrame KeyFrameTaker::Take() {
-    const auto patience = std::chrono::duration_cast<Clock::duration>(Seconds(m_options.timeout));
+    const auto patience = std::chrono::duration_cast<Clock::duration>(Seconds(m_options.view.timeout));
     KeyFrame taken;
     std::optional<KeyPicture> picture;
     uint64_t epoch = 0;
@@ -91,7 +91,7 @@ KeyFrame KeyFrameTaker::Take() {
         if (!ReadFrame(late ? 0 : kTickMs)) {
             if (late) {
                 throw std::runtime_error("no picture: " + m_track + " " + (picture ? kInPart : Lack()) + " after " +
-                                         tool::FormatRate(m_options.timeout) + " s");
+                                         tool::FormatRate(m_options.view.timeout) + " s");
             }
             SayWaiting(picture.has_value());
             continue;
@@ -100,7 +100,7 @@ KeyFrame KeyFrameTaker::Take() {
             // The rest of what was begun has gone.
             picture.reset();
         }
-        std::string unit(m_data.data(), m_frame.size);
+        std::string unit = m_data.substr(0, m_frame.size);
         if (!picture) {
             if ((m_frame.flags & SHB_FRAME_KEY) == 0 || !Begin(taken)) {
                 continue;
@@ -144,7 +144,7 @@ void KeyFrameTaker::SayWaiting(bool begun) {
     // Most streams have one within this time.
     if (!m_waitingSaid && Clock::now() - m_start > std::chrono::seconds(1)) {
         m_waitingSaid = true;
-        Complain(m_track + " " + (begun ? kInPart : Lack()) + "; waiting up to " + tool::FormatRate(m_options.timeout) +
+        Complain(m_track + " " + (begun ? kInPart : Lack()) + "; waiting up to " + tool::FormatRate(m_options.view.timeout) +
                  " s for " + (begun ? "the rest" : "a key frame"));
     }
 }

@@ -8,12 +8,11 @@
 #include "parsed.h"
 #include "record_options.h"
 #include "shb.h"
+#include "view_options.h"
 
 namespace reader {
 
 enum class Command { kList, kTracks, kRead, kRecord, kPlay, kSnapshot, kRemove };
-
-enum class PictureFormat { kJpeg, kPng };
 
 struct Options {
     Command command = Command::kList;
@@ -36,10 +35,7 @@ struct Options {
 
     RecordOptions record;
 
-    // Of play and snapshot; channel, stream, follow and output are those of read.
-    bool sound = true;
-    PictureFormat picture = PictureFormat::kJpeg;
-    double timeout = 10;  // s
+    ViewOptions view;
 
     bool force = false;  // of remove
 };

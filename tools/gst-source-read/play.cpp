@@ -140,7 +140,7 @@ Player::Player(const Options &options, std::string name, bool picture) : m_optio
     if (picture) {
         m_video.output = OpenWindow();
     }
-    if (options.sound) {
+    if (options.view.sound) {
         m_audio.output = OpenSound();
         if (!m_audio.output) {
             Complain("no sound: no sound device can be opened");

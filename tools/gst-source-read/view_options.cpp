@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "command_line.h"
+#include "options.h"
 
 namespace reader {
 namespace {
@@ -36,7 +37,7 @@ bool EndsWith(const std::string &text, const std::string &end) {
 void AddPlayOptions(CLI::App &command, Options &options) {
     command.add_option("NAME", options.name)->group("");
     AddTrack(command, options);
-    command.add_flag("--no-audio{false}", options.sound, "the picture alone");
+    command.add_flag("--no-audio{false}", options.view.sound, "the picture alone");
     command.add_flag("--follow", options.follow,
                      "go on when the buffer comes back after its host has gone; also waits for one that is not there yet");
 }
@@ -47,7 +48,7 @@ void AddSnapshotOptions(CLI::App &command, Options &options) {
     AddTrack(command, options);
     command
         .add_option_function<std::string>(
-            "--timeout", [&options](const std::string &text) { options.timeout = tool::ParseSeconds("--timeout", text); },
+            "--timeout", [&options](const std::string &text) { options.view.timeout = tool::ParseSeconds("--timeout", text); },
             "how long to wait for a key frame when none is held")
         ->type_name("SECONDS")
         ->default_str("10");
@@ -58,7 +59,7 @@ void CheckSnapshotOptions(Options &options) {
         tool::Refuse(options.name.empty() ? "snapshot: no NAME given" : "snapshot: no OUT given, such as picture.jpg");
     }
     if (EndsWith(options.output, ".png")) {
-        options.picture = PictureFormat::kPng;
+        options.view.format = PictureFormat::kPng;
     } else if (options.output != "-" && !EndsWith(options.output, ".jpg") && !EndsWith(options.output, ".jpeg")) {
         tool::Refuse("snapshot: \"" + options.output + "\" ends neither in .jpg nor in .png");
     }

@@ -3,9 +3,18 @@
 
 #include <CLI/CLI.hpp>
 
-#include "options.h"
-
 namespace reader {
+
+struct Options;
+
+enum class PictureFormat { kJpeg, kPng };
+
+// Of play and snapshot. Their channel, stream, follow and output are those of the other commands.
+struct ViewOptions {
+    double timeout = 10;  // s
+    PictureFormat format = PictureFormat::kJpeg;
+    bool sound = true;
+};
 
 void AddPlayOptions(CLI::App &command, Options &options);
 

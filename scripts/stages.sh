@@ -15,7 +15,7 @@ lint() {
 # The library's, the sink's and the tools' own sources, with the flags of the clang build.
 tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
 
-shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
+shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on,python} .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts

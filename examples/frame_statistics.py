@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Frame statistics of one track of a shared buffer, a line each interval and one for the whole, until the host closes the
-buffer or Ctrl-C.
+"""Frame statistics of one track of a shared buffer, a line each interval and one for the whole, until the
+host closes the buffer or Ctrl-C.
 
     ./frame_statistics.py camera
     ./frame_statistics.py camera audio --interval 5 --duration 60
@@ -27,7 +27,8 @@ class Statistics:
 
     def __init__(self) -> None:
         self.frames = self.bytes = self.smallest = self.largest = self.first_bytes = 0
-        self.keys = self.first_key = self.last_key = 0  # the number of frames before the first and the last key frame
+        self.keys = 0
+        self.first_key = self.last_key = 0  # frames before the first and the last key frame
         self.lost = self.left_out = 0
         self.first_ns = self.last_ns = 0
         self.jitter_ms = 0.0
@@ -67,9 +68,11 @@ class Statistics:
         kilobits = (self.bytes - self.first_bytes) * 8 / seconds / 1000 if seconds else 0.0
         gop = f"{(self.last_key - self.first_key) / (self.keys - 1):.1f}" if self.keys > 1 else "-"
         jitter = f"{self.jitter_ms / self.jitters:.2f} ms" if self.jitters else "-"
-        return (f"{self.frames} frames  rate {rate:.2f}/s {kilobits:.0f} kb/s  "
-                f"size {self.smallest}/{self.bytes // self.frames}/{self.largest}  "
-                f"gop {gop}  jitter {jitter}  lost {self.lost}  left out {self.left_out}")
+        return (
+            f"{self.frames} frames  rate {rate:.2f}/s {kilobits:.0f} kb/s  "
+            f"size {self.smallest}/{self.bytes // self.frames}/{self.largest}  "
+            f"gop {gop}  jitter {jitter}  lost {self.lost}  left out {self.left_out}"
+        )
 
 
 def watch(reader: gst_source.Reader, whole: Statistics, interval: float, end: float | None) -> None:
@@ -110,7 +113,9 @@ def main() -> int:
     end = None if options.duration is None else time.monotonic() + options.duration
     whole = Statistics()
     try:
-        with gst_source.Map(options.name) as map, map.reader(options.kind, options.channel, options.stream, start="newest") as reader:
+        with gst_source.Map(options.name) as map, map.reader(
+            options.kind, options.channel, options.stream, start="newest"
+        ) as reader:
             watch(reader, whole, options.interval, end)
     except gst_source.Error as error:
         print(error, file=sys.stderr)

@@ -13,9 +13,12 @@ lint() {
 }
 
 # The sources of the library, the sink, the tools and the examples, with the flags of the clang build.
-tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' 'examples/*.cpp' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
+tidy() {
+    tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' 'examples/*.cpp' |
+        (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang)
+}
 
-shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} examples/*.sh .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
+shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on,python} examples/*.sh .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts

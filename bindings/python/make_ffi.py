@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Writes the C source of an extension module from a public header: make_ffi.py MODULE HEADER OUT COMPILER...
 
-The header itself is what cffi reads, so that no declaration and no struct stands twice. The compiler that builds the module gives the
-places of the fields and the values of the constants.
+The header itself is what cffi reads, so that no declaration and no struct stands twice. The compiler that
+builds the module gives the places of the fields and the values of the constants.
 """
 
 import re
@@ -12,7 +12,8 @@ from pathlib import Path
 
 from cffi import FFI
 
-# What C calls: a function of the same name in Python. And what cffi cannot see, since the preprocessor takes it out.
+# What C calls: a function of the same name in Python. And what cffi cannot see, since the preprocessor takes
+# it out.
 EXTRA = {
     "shb.h": """
         #define SHB_TIME_NONE ...
@@ -31,7 +32,9 @@ def declarations(header, compiler):
     """The declarations of a header, as plain C without comments, macros and attributes."""
     text = re.sub(r"^#include <.*>$", "", header.read_text(), flags=re.M)
     # The types of the headers that it includes are known to cffi.
-    return subprocess.run([*compiler, "-E", "-P", "-D__attribute__(x)=", "-"], input=text, stdout=subprocess.PIPE, text=True, check=True).stdout
+    return subprocess.run(
+        [*compiler, "-E", "-P", "-D__attribute__(x)=", "-"], input=text, stdout=subprocess.PIPE, text=True, check=True
+    ).stdout
 
 
 def main():

@@ -24,8 +24,10 @@ class Buffers(Case):
             self.assertTrue(all(Path(path).exists() for path in buffer.files))
             files = buffer.files
             [info] = [info for info in gst_source.buffers() if info.name == name]
-            self.assertEqual((info.alive, info.creator_pid, info.pid_is_ours, info.owner, info.geometry),
-                             (True, os.getpid(), True, os.getuid(), Geometry()))
+            self.assertEqual(
+                (info.alive, info.creator_pid, info.pid_is_ours, info.owner, info.geometry),
+                (True, os.getpid(), True, os.getuid(), Geometry()),
+            )
             self.assertEqual(info.total_bytes, gst_source.room()[0])
             self.assertLess(info.heartbeat_age_ns, 10e9)
         self.assertFalse(any(Path(path).exists() for path in files))
@@ -42,8 +44,17 @@ class Buffers(Case):
         self.assertEqual(gst_source.room()[0], gst_source.room(Geometry())[0])
 
     def test_refuses_a_geometry_out_of_range_by_name(self):
-        for name, value in (("channels", 0), ("channels", 1025), ("streams", 65), ("video_frames", 8), ("video_frames", 1 << 17),
-                            ("audio_frames", 100), ("video_bytes", 1 << 15), ("video_bytes", 1 << 31), ("audio_bytes", (1 << 16) + 1)):
+        for name, value in (
+            ("channels", 0),
+            ("channels", 1025),
+            ("streams", 65),
+            ("video_frames", 8),
+            ("video_frames", 1 << 17),
+            ("audio_frames", 100),
+            ("video_bytes", 1 << 15),
+            ("video_bytes", 1 << 31),
+            ("audio_bytes", (1 << 16) + 1),
+        ):
             with self.assertRaisesRegex(gst_source.ArgumentError, f"^{name}: {value} "):
                 gst_source.Buffer(unique_name(), Geometry(**{name: value}))
             with self.assertRaises(gst_source.ArgumentError):
@@ -103,7 +114,9 @@ class Buffers(Case):
 
     def test_what_a_killed_host_has_left_is_found_and_removed(self):
         name = unique_name()
-        child = self.child("import gst_source, os, sys, signal\nb = gst_source.Buffer(sys.argv[1])\nos.kill(os.getpid(), signal.SIGKILL)", name)
+        child = self.child(
+            "import gst_source, os, sys, signal\nb = gst_source.Buffer(sys.argv[1])\nos.kill(os.getpid(), signal.SIGKILL)", name
+        )
         self.assertEqual(child.wait(60), -9)
         self.assertTrue(leftovers(name))
         self.assertEqual([info.alive for info in gst_source.buffers() if info.name == name], [False])
@@ -145,7 +158,13 @@ class Writers(Case):
         self.assertIsNone(buffer.description())
         writer.describe(PICTURE)
         writer.set_clock(-5)
-        frames = [b"first", bytearray(b"second"), memoryview(b"third"), numpy.arange(6, dtype=numpy.uint8), numpy.arange(3, dtype=numpy.uint32)]
+        frames = [
+            b"first",
+            bytearray(b"second"),
+            memoryview(b"third"),
+            numpy.arange(6, dtype=numpy.uint8),
+            numpy.arange(3, dtype=numpy.uint32),
+        ]
         for number, data in enumerate(frames):
             writer.write(data, pts=number, dts=None, duration=40, key=number == 0, discont=number == 1, header=number == 2)
         with self.map(buffer).reader(start="oldest") as reader:
@@ -153,12 +172,16 @@ class Writers(Case):
         self.assertEqual([frame.data for frame in got], [bytes(data) for data in frames])
         self.assertEqual([frame.size for frame in got], [5, 6, 5, 6, 12])
         self.assertEqual([(frame.pts, frame.dts, frame.duration) for frame in got], [(number, None, 40) for number in range(5)])
-        self.assertEqual([(frame.clock_offset, frame.clock_pts, frame.clock_dts) for frame in got], [(-5, n - 5, None) for n in range(5)])
+        self.assertEqual(
+            [(frame.clock_offset, frame.clock_pts, frame.clock_dts) for frame in got], [(-5, n - 5, None) for n in range(5)]
+        )
         self.assertEqual([frame.key for frame in got], [True, False, False, False, False])
         self.assertEqual([frame.discont for frame in got], [False, True, False, False, False])
         self.assertEqual([frame.header for frame in got], [False, False, True, False, False])
         self.assertEqual([frame.sequence for frame in got], list(range(5)))
-        self.assertTrue(all(frame.arrival_ns <= later.arrival_ns and frame.wall_ns > 1.7e18 for frame, later in zip(got, got[1:])))
+        self.assertTrue(
+            all(frame.arrival_ns <= later.arrival_ns and frame.wall_ns > 1.7e18 for frame, later in zip(got, got[1:]))
+        )
         self.assertTrue(all(frame.description is got[0].description for frame in got))
         self.assertEqual(got[0].description, Description(**{**vars(PICTURE), "serial": 1}))
         self.assertEqual(got[0].description.fps, Fraction(30000, 1001))
@@ -184,7 +207,12 @@ class Writers(Case):
     def test_refuses_what_does_not_fit(self):
         writer = self.buffer(SMALL).writer("video")
         reader = self.map(writer._buffer).reader(start="oldest")
-        for data, wrong in ((b"", gst_source.ArgumentError), ("text", TypeError), (5, TypeError), (bytes(1 << 17), gst_source.TooBig)):
+        for data, wrong in (
+            (b"", gst_source.ArgumentError),
+            ("text", TypeError),
+            (5, TypeError),
+            (bytes(1 << 17), gst_source.TooBig),
+        ):
             with self.assertRaises(wrong):
                 writer.write(data)
         with self.assertRaisesRegex(gst_source.ArgumentError, "empty"):
@@ -199,8 +227,12 @@ class Writers(Case):
             writer.set_clock(2**63)
         with self.assertRaises(gst_source.TooBig):
             writer.describe(Description("H264", codec_data=bytes(8193)))
-        for description in (Description("x" * 16), Description("H264", profile="\0"), Description("H264", width=2**31),
-                            Description("H264", scan="wide")):
+        for description in (
+            Description("x" * 16),
+            Description("H264", profile="\0"),
+            Description("H264", width=2**31),
+            Description("H264", scan="wide"),
+        ):
             with self.assertRaises(gst_source.ArgumentError):
                 writer.describe(description)
         writer.write(b"good")
@@ -236,8 +268,10 @@ class Writers(Case):
             writer.write(pattern(number), key=number % 5 == 0)
         writer.set_rates(123456, 29.97)
         for stats in (buffer.stats(), self.map(buffer).stats()):
-            self.assertEqual((stats.writer_pid, stats.epoch, stats.frames, stats.bytes, stats.key_frames, stats.held, stats.total_frames),
-                             (os.getpid(), 1, 10, 10000, 2, 10, 10))
+            self.assertEqual(
+                (stats.writer_pid, stats.epoch, stats.frames, stats.bytes, stats.key_frames, stats.held, stats.total_frames),
+                (os.getpid(), 1, 10, 10000, 2, 10, 10),
+            )
             self.assertEqual((stats.bitrate, stats.fps), (123456, 29.97))
             self.assertLess(stats.age_ns, 60e9)
         with self.assertRaises(gst_source.ArgumentError):

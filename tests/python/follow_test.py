@@ -46,7 +46,8 @@ class Following(Case):
                 with gst_source.Buffer(name) as buffer:
                     for epoch in range(2):
                         with buffer.writer("audio") as writer:
-                            # What it carries changes with the host alone, and in the next host its serial is the same.
+                            # What it carries changes with the host alone, and in the next host its serial is
+                            # the same.
                             writer.describe(Description("AAC", sample_rate=44100 + host))
                             writer.write(b"x" * 200_000)
                             writer.write(b"y")
@@ -75,7 +76,9 @@ class Following(Case):
                 break
             if frame.data == b"2":
                 buffer.close()
-        self.assertEqual(got, [(b"1", FollowEvent.ATTACHED | FollowEvent.MEDIA), (b"2", FollowEvent(0)), (None, FollowEvent.GONE)])
+        self.assertEqual(
+            got, [(b"1", FollowEvent.ATTACHED | FollowEvent.MEDIA), (b"2", FollowEvent(0)), (None, FollowEvent.GONE)]
+        )
 
     def test_refuses_a_track_that_the_buffer_does_not_have(self):
         buffer = self.buffer()

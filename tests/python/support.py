@@ -18,7 +18,9 @@ SOURCE = Path(os.environ["GST_SOURCE_ROOT"])
 STREAM = BUILD / "tests" / "stream.ts"  # H.264 320x240 at 25/s with a key frame every 12, AAC 48000 Hz
 
 SMALL = gst_source.Geometry(video_frames=16, audio_frames=16, video_bytes=1 << 16, audio_bytes=1 << 16)
-PICTURE = gst_source.Description("H264", "high", "4.1", "byte-stream", 48, 1920, 1080, 30000, 1001, "interlaced", 3, 2, codec_data=b"sps pps")
+PICTURE = gst_source.Description(
+    "H264", "high", "4.1", "byte-stream", 48, 1920, 1080, 30000, 1001, "interlaced", 3, 2, codec_data=b"sps pps"
+)
 
 _numbers = itertools.count()
 
@@ -77,6 +79,20 @@ class Case(unittest.TestCase):
         return out, err
 
 
+class LiveCase(Case):
+    """A buffer into which a real stream has been playing for some seconds."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        url = free_udp_url()
+        cls.enterClassContext(sender(url))
+        cls.live = cls.enterClassContext(gst_source.Buffer(unique_name()))
+        cls.live.open(url)
+        if not eventually(lambda: cls.live.stats("video").frames > 60 and cls.live.stats("audio").frames > 0):
+            raise AssertionError(f"no stream: {cls.live.stats()}")
+
+
 def end(child):
     if child.poll() is None:
         child.kill()
@@ -95,8 +111,29 @@ def free_udp_url():
 @contextlib.contextmanager
 def sender(url, *options, path=STREAM):
     """Plays a file to the URL, again and again, as fast as it is meant."""
-    child = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "ffmpeg", "-nostdin", "-loglevel", "error", "-re", "-stream_loop", "-1", "-i",
-                              str(path), *options, "-c", "copy", "-f", "mpegts", f"{url}?pkt_size=1316"], stdin=subprocess.DEVNULL)
+    child = subprocess.Popen(
+        [
+            "setpriv",
+            "--pdeathsig",
+            "KILL",
+            "ffmpeg",
+            "-nostdin",
+            "-loglevel",
+            "error",
+            "-re",
+            "-stream_loop",
+            "-1",
+            "-i",
+            str(path),
+            *options,
+            "-c",
+            "copy",
+            "-f",
+            "mpegts",
+            f"{url}?pkt_size=1316",
+        ],
+        stdin=subprocess.DEVNULL,
+    )
     try:
         yield child
     finally:
@@ -106,7 +143,13 @@ def sender(url, *options, path=STREAM):
 def write_some(writer, count, size=1000, first=0, every=5):
     """Frames number `first` and so on, each of its own content, with a key frame every so many."""
     for number in range(first, first + count):
-        writer.write(pattern(number, size), pts=number * 40_000_000, dts=number * 40_000_000, duration=40_000_000, key=number % every == 0)
+        writer.write(
+            pattern(number, size),
+            pts=number * 40_000_000,
+            dts=number * 40_000_000,
+            duration=40_000_000,
+            key=number % every == 0,
+        )
 
 
 def pattern(number, size=1000):

@@ -7,13 +7,15 @@ import operator
 import os
 import threading
 import time
+from contextlib import contextmanager
 from types import TracebackType
-from typing import Any, Callable, SupportsIndex, TypeVar
+from typing import Any, Callable, ContextManager, Iterator, SupportsIndex, TypeVar
 
 from ._shb import ffi, lib
 from .errors import ArgumentError, ForkError, UseAfterClose
 
-# A wait in C is cut into pieces, between which Python handles signals and another thread's close. libshb wakes as often by itself.
+# A wait in C is cut into pieces, between which Python handles signals and another thread's close. libshb
+# wakes as often by itself.
 SLICE_S = 0.2
 
 U32 = 2**32 - 1
@@ -35,38 +37,62 @@ Self = TypeVar("Self", bound="Handle")
 class Handle:
     """A pointer with an owner.
 
-    Each call holds a reference to the pointer while C uses it. So it is released when it was closed *and* the last call has returned,
-    whichever threads that happens on, and never twice.
+    Each call holds a reference to the pointer while C uses it. So it is released when it was closed *and* the
+    last call has returned, whichever threads that happens on, and never twice.
     """
 
     _what = "handle"
 
     def __init__(self, pointer: Any, release: Callable[[Any], object]) -> None:
-        own = _process
+        own, valid = _process, [True]
 
         def in_own_process(released: Any) -> None:
-            # A forked child has its parent's sockets and descriptors: what it released, its parent would miss.
+            valid.clear()
+            # A forked child has its parent's sockets and descriptors: what it released, its parent would
+            # miss.
             if own == _process:
                 release(released)
 
         self._process = own
         self._pointer = ffi.gc(pointer, in_own_process)
+        # The collector of cycles may release the pointer before a __del__ that uses this object.
+        self._valid = valid
         # What C allows to one thread at a time. A signal handler may come in between, hence the R.
         self._lock = threading.RLock()
+        self._wanted = False
 
     def _use(self) -> Any:
         """The pointer, for one call: whoever keeps it delays the release. Raises UseAfterClose, ForkError."""
         pointer = self._pointer
         self._check_process()
-        if pointer is None:
+        if pointer is None or not self._valid:
             raise UseAfterClose(f"this {self._what} is closed")
         return pointer
 
-    def _alone(self) -> threading._RLock:
+    def _alone(self) -> ContextManager[bool]:
         """The lock, for a call that C allows to one thread at a time. Raises ForkError."""
         # A forked child has the locks as they were, and nobody who opens them.
         self._check_process()
         return self._lock
+
+    @contextmanager
+    def _at_once(self) -> Iterator[None]:
+        """The lock, also from a thread that waits with it slice after slice. Raises ForkError."""
+        self._check_process()
+        # A lock goes to whoever is awake, which is the one that has just given it back.
+        self._wanted = True
+        while not self._lock.acquire(timeout=SLICE_S):
+            self._wanted = True
+        try:
+            yield
+        finally:
+            self._lock.release()
+
+    def _give_way(self) -> None:
+        """Between two slices, without the lock."""
+        if self._wanted:
+            self._wanted = False
+            time.sleep(0.001)
 
     def _check_process(self) -> None:
         if self._is_inherited():
@@ -78,14 +104,17 @@ class Handle:
     @property
     def closed(self) -> bool:
         """Whether it was closed."""
-        return self._pointer is None
+        return self._pointer is None or not self._valid
 
     def close(self) -> None:
-        """Closes it. A call that another thread is in ends within 0.2 s, with UseAfterClose. Closing twice does nothing."""
+        """Closes it.
+
+        A call that another thread is in ends within 0.2 s, with UseAfterClose. Closing twice does nothing.
+        """
         if self._is_inherited():
             self._pointer = None
         else:
-            with self._lock:
+            with self._at_once():
                 self._pointer = None
 
     def __enter__(self: Self) -> Self:
@@ -128,7 +157,10 @@ def whole(what: str, value: SupportsIndex, lowest: int, highest: int) -> int:
 
 
 def c_text(what: str, value: str) -> bytes:
-    """`value` for C, where a text ends at its first NUL. Raises ArgumentError; TypeError when it is no text."""
+    """`value` for C, where a text ends at its first NUL.
+
+    Raises ArgumentError; TypeError when it is no text.
+    """
     if not isinstance(value, str):
         raise TypeError(f"{what}: a text is needed, not {type(value).__name__}")
     if "\0" in value:

@@ -9,7 +9,7 @@ from typing import TYPE_CHECKING, Any, Callable, Protocol
 from ._handles import NAME_RULE, U32, U64, Handle, c_text, make, none_if, py_text, whole
 from ._shb import ffi, lib
 from .errors import ArgumentError, Error, check
-from .records import (PRESENCES, BufferInfo, Description, Geometry, Kind, Presence, Stats, choice, track_name, track_of)
+from .records import PRESENCES, BufferInfo, Description, Geometry, Kind, Presence, Stats, choice, track_name, track_of
 
 if TYPE_CHECKING:
     from .source import MediaChangeHandler, Source
@@ -23,7 +23,8 @@ _thread = threading.local()
 
 
 class _Child(Protocol):
-    def close(self) -> None: ...
+    def close(self) -> None:
+        ...
 
 
 def report_from_thread() -> None:
@@ -58,9 +59,12 @@ class Buffer(Handle):
     _what = "buffer"
 
     def __init__(self, name: str, geometry: Geometry | None = None, *, mode: int = 0o600, group: int | None = None) -> None:
-        """Makes the buffer `name` (1 to 200 characters of [A-Za-z0-9._-]). One whose creator has died is replaced.
+        """Makes the buffer `name` (1 to 200 characters of [A-Za-z0-9._-]).
 
-        mode    permissions of its files: 0o600, and 0o040 and 0o004 for readers of the group and of all others; the umask is taken off
+        One whose creator has died is replaced.
+
+        mode    permissions of its files: 0o600, and 0o040 and 0o004 for readers of the group and of all
+                others; the umask is taken off
         group   id of the group of its files, of which the creator must be a member
 
         Raises ArgumentError, Exists, NoSpace, SystemFailure.
@@ -102,7 +106,10 @@ class Buffer(Handle):
 
     @property
     def stall_watch_ms(self) -> int:
-        """ms without data after which a track's stall handler is called, and a source connects again; 0: never. Can be set."""
+        """ms without data after which a stall handler is called, and a source connects again; 0: never.
+
+        Can be set, up to 2**31.
+        """
         return int(lib.shb_get_stall_watch(self._use()))
 
     @stall_watch_ms.setter
@@ -116,7 +123,10 @@ class Buffer(Handle):
         return Stats.from_c(struct)
 
     def description(self, kind: Kind = "video", channel: int = 0, stream: int = 0) -> Description | None:
-        """What a track carries, without its codec data; None while that is not known. Raises ArgumentError."""
+        """What a track carries, without its codec data; None while that is not known.
+
+        Raises ArgumentError.
+        """
         struct = make("shb_description_t")
         result = lib.shb_buffer_description(self._use(), *track_of(kind, channel, stream), struct)
         if result == lib.SHB_ERR_NOT_FOUND:
@@ -125,7 +135,10 @@ class Buffer(Handle):
         return Description.from_c(struct, None)
 
     def set_presence(self, presence: Presence, kind: Kind = "video", channel: int = 0, stream: int = 0) -> None:
-        """Says whether the source has a stream for this track. A writer makes it "expected" by itself. Raises ArgumentError."""
+        """Says whether the source has a stream for this track. A writer makes it "expected" by itself.
+
+        Raises ArgumentError.
+        """
         number = choice("presence", presence, {name: number for number, name in enumerate(PRESENCES)})
         check(lib.shb_set_presence(self._use(), *track_of(kind, channel, stream), number), track_name(kind, channel, stream))
 
@@ -133,8 +146,9 @@ class Buffer(Handle):
         """Opens a track for writing, which begins a new epoch. Raises ArgumentError, Busy, SystemFailure."""
         return Writer(self, kind, channel, stream)
 
-    def open(self, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-             **options: Any) -> Source:
+    def open(
+        self, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None, **options: Any
+    ) -> Source:
         """Opens the live stream `url` into the tracks of `channel` and `stream`; see `open_source`."""
         from .source import open_source
 
@@ -143,7 +157,7 @@ class Buffer(Handle):
     def close(self) -> None:
         """Closes its sources and writers, then removes it. Readers get what is held, then Closed.
 
-        Raises Error in a handler of its own sources and writers; nothing is closed then that the handler belongs to.
+        Raises Error in a handler of its own sources and writers, which stay open then.
         """
         _refuse_in_stall_handler("Buffer.close")
         while not self._is_inherited():
@@ -158,7 +172,10 @@ class Buffer(Handle):
 
 
 class Writer(Handle):
-    """One track, open for writing; made by `Buffer.writer`. It never waits for readers. Any thread, one at a time."""
+    """One track, open for writing; made by `Buffer.writer`.
+
+    It never waits for readers. Any thread, one at a time.
+    """
 
     _what = "writer"
 
@@ -173,7 +190,9 @@ class Writer(Handle):
             buffer._children.append(self)
 
     def describe(self, description: Description) -> None:
-        """Sets what the frames written from now on belong to; its `serial` is of no account. What is the same as before is no change.
+        """Sets what the frames written from now on belong to; its `serial` is of no account.
+
+        What is the same as before is no change.
 
         Raises ArgumentError; TooBig: more than 8192 bytes of codec data.
         """
@@ -182,37 +201,52 @@ class Writer(Handle):
             check(lib.shb_writer_describe(self._use(), struct, data, len(data)), self._name)
 
     def set_clock(self, offset: int | None) -> None:
-        """Says how time stamps relate to the clock: pts + `offset` is a time of CLOCK_MONOTONIC, ns; None (at first): not known."""
+        """Says how time stamps relate to the clock: pts + `offset` is a time of CLOCK_MONOTONIC, ns.
+
+        None, as at first: that is not known. Raises ArgumentError.
+        """
         number = lib.SHB_OFFSET_NONE if offset is None else whole("offset", offset, -(2**63) + 1, 2**63 - 1)
         with self._alone():
             check(lib.shb_writer_set_clock(self._use(), number), self._name)
 
-    def write(self, data: Bytes, *, pts: int | None = None, dts: int | None = None, duration: int | None = None, key: bool = False,
-              discont: bool = False, header: bool = False) -> None:
-        """Writes one frame: an access unit of video or an audio frame, as bytes or anything that has a buffer of them.
+    def write(
+        self,
+        data: Bytes,
+        *,
+        pts: int | None = None,
+        dts: int | None = None,
+        duration: int | None = None,
+        key: bool = False,
+        discont: bool = False,
+        header: bool = False,
+    ) -> None:
+        """Writes one frame: an access unit of video or an audio frame.
 
+        data                bytes, or anything that has a buffer of them
         pts, dts, duration  ns from 0; None: not known
         key                 decoding can start here (every audio frame is a key frame)
         discont             the stream has a gap right before this frame
         header              the frame holds headers only
 
-        Raises ArgumentError, also for an empty frame; TooBig: the frame is larger than the track and was left out.
+        Raises ArgumentError, also for an empty frame; TooBig: it is larger than the track and was left out.
         """
         with ffi.from_buffer(data) as place, self._alone():
             flags = key * lib.SHB_FRAME_KEY | discont * lib.SHB_FRAME_DISCONT | header * lib.SHB_FRAME_HEADER
-            check(lib.shb_writer_write(self._use(), place, len(place), _c_time("pts", pts), _c_time("dts", dts),
-                                       _c_time("duration", duration), flags), self._name, "" if len(place) else "the frame is empty")
+            times = (_c_time("pts", pts), _c_time("dts", dts), _c_time("duration", duration))
+            result = lib.shb_writer_write(self._use(), place, len(place), *times, flags)
+            check(result, self._name, "" if len(place) else "the frame is empty")
 
     def set_rates(self, bitrate: int, fps: float) -> None:
-        """Publishes measured rates for `stats`: bits per second, frames per second."""
+        """Publishes measured rates for `stats`: bits per second, frames per second. Raises ArgumentError."""
         with self._alone():
             lib.shb_writer_set_rates(self._use(), whole("bitrate", bitrate, 0, U32), whole("fps", round(fps * 1000), 0, U32))
 
     def on_stall(self, handler: StallHandler | None) -> None:
-        """Sets what to call when the stall watch finds the track without data: `handler(silent_ms)`; None: nothing.
+        """Sets what to call when the stall watch finds the track without data; None: nothing.
 
-        It runs on a thread of its own. It must not call `Writer.close`, `Buffer.close` or `on_stall`, which raise Error there, nor wait for
-        a thread that does. After this function has returned, the handler before is not running and will not be called.
+        `handler(silent_ms)`: for how long. It runs on a thread of its own. It must not call `Writer.close`, `Buffer.close` or `on_stall`, which
+        raise Error there, nor wait for a thread that does. After this function has returned, the handler
+        before is not running and will not be called.
         """
         _refuse_in_stall_handler("Writer.on_stall")
         pointer = self._use()
@@ -244,14 +278,20 @@ def _c_time(what: str, value: int | None) -> int:
 
 
 def room(geometry: Geometry | None = None) -> tuple[int, int]:
-    """How many bytes a buffer of this geometry takes, and how many are free. Raises ArgumentError, SystemFailure."""
+    """How many bytes a buffer of this geometry takes, and how many are free.
+
+    Raises ArgumentError, SystemFailure.
+    """
     needed, available = ffi.new("uint64_t *"), ffi.new("uint64_t *")
     check(lib.shb_room(ffi.NULL if geometry is None else geometry.to_c(), needed, available), "shared memory")
     return needed[0], available[0]
 
 
 def buffers() -> list[BufferInfo]:
-    """The buffers of this machine that this user may read, sorted by name, those of dead creators included. Raises SystemFailure."""
+    """The buffers of this machine that this user may read, sorted by name, those of dead creators included.
+
+    Raises SystemFailure.
+    """
     count = ffi.new("size_t *")
     capacity = 16
     while True:
@@ -264,9 +304,12 @@ def buffers() -> list[BufferInfo]:
 
 
 def remove(name: str, *, force: bool = False) -> None:
-    """Removes the buffer that a creator has left behind. With `force` also the name of one whose creator lives.
+    """Removes the buffer that a creator has left behind.
 
-    Raises ArgumentError, NotFound, Exists (the creator is alive), VersionMismatch (no shared buffer, left alone), SystemFailure.
+    With `force` also the name of one whose creator lives.
+
+    Raises ArgumentError, NotFound, Exists (the creator is alive), VersionMismatch (no shared buffer, left
+    alone), SystemFailure.
     """
     result = lib.shb_remove(c_text("name", name), force)
     check(result, name, NAME_RULE if result == lib.SHB_ERR_ARG else "")

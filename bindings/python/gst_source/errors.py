@@ -6,8 +6,25 @@ import os
 
 from ._shb import ffi, lib
 
-__all__ = ["ArgumentError", "Busy", "Closed", "Corrupt", "Error", "Exists", "ForkError", "NoSpace", "NotFound", "OpenFailed", "Overrun",
-           "SystemFailure", "Timeout", "TooBig", "UseAfterClose", "VersionMismatch", "WrongOwner"]
+__all__ = [
+    "ArgumentError",
+    "Busy",
+    "Closed",
+    "Corrupt",
+    "Error",
+    "Exists",
+    "ForkError",
+    "NoSpace",
+    "NotFound",
+    "OpenFailed",
+    "Overrun",
+    "SystemFailure",
+    "Timeout",
+    "TooBig",
+    "UseAfterClose",
+    "VersionMismatch",
+    "WrongOwner",
+]
 
 
 class Error(Exception):
@@ -55,7 +72,10 @@ class Overrun(Error):
 
 
 class TooBig(Error):
-    """Writing: the frame is larger than the track, or the codec data larger than 8192 bytes. It was left out."""
+    """Writing: the frame is larger than the track, or the codec data larger than 8192 bytes.
+
+    It was left out.
+    """
 
 
 class Corrupt(Error):
@@ -94,7 +114,10 @@ _CLASSES: dict[int, type[Error]] = {
 
 
 def error_of(result: int, subject: str, why: str = "") -> Error:
-    """The exception for a result of libshb, read right after the call. `why` stands in the place of the library's text."""
+    """The exception for a result of libshb, read right after the call.
+
+    `why` stands in the place of the library's text.
+    """
     if result in (lib.SHB_ERR_SYSTEM, lib.SHB_ERR_NO_SPACE):
         number: int = ffi.errno
         kind = NoSpace if result == lib.SHB_ERR_NO_SPACE else SystemFailure

@@ -14,14 +14,17 @@ from .records import STARTS, BufferInfo, Frame, Kind, ReaderStats, Start, choice
 from .stream import Stream
 
 
-class FollowEvent(enum.IntFlag):
+class FollowEvent(enum.Flag):
     """What has happened, any number of them at once."""
 
     ATTACHED = lib.SHB_FOLLOW_ATTACHED  #: a buffer of the name is there, the first or one more
     RESTARTED = lib.SHB_FOLLOW_RESTARTED  #: with ATTACHED: it is not the first one
     GONE = lib.SHB_FOLLOW_GONE  #: the host has gone, and everything that it wrote has been read
     EPOCH = lib.SHB_FOLLOW_EPOCH  #: with a frame: the first of another writer; the source has connected again
-    MEDIA = lib.SHB_FOLLOW_MEDIA  #: with a frame: what the track carries is not what it was, or is known for the first time
+    MEDIA = lib.SHB_FOLLOW_MEDIA  #: with a frame: what the track carries is not what it was
+
+
+_KNOWN = sum(event.value for event in FollowEvent)
 
 
 class Follow(Handle):
@@ -32,8 +35,16 @@ class Follow(Handle):
 
     _what = "follow"
 
-    def __init__(self, name: str, kind: Kind = "video", channel: int = 0, stream: int = 0, *, start: Start = "oldest",
-                 owner: int | None = None) -> None:
+    def __init__(
+        self,
+        name: str,
+        kind: Kind = "video",
+        channel: int = 0,
+        stream: int = 0,
+        *,
+        start: Start = "oldest",
+        owner: int | None = None,
+    ) -> None:
         """`start` holds in each buffer, as for `Map.reader`; `owner`: only buffers of the user of this id.
 
         Raises ArgumentError, SystemFailure.
@@ -51,16 +62,19 @@ class Follow(Handle):
         self._streams: weakref.WeakSet[Stream[Any]] = weakref.WeakSet()
 
     def next(self, timeout: float | None = None) -> tuple[Frame | None, FollowEvent]:
-        """The next frame and what has happened since the last call; comes without a frame as soon as something has.
+        """The next frame and what has happened since the last call, or None and what has happened.
 
-        Waits up to `timeout` seconds, None: without end. Raises Timeout: neither; ArgumentError: the buffer has no such track; Corrupt: the
-        buffer is damaged, and the next call looks for another one; SystemFailure.
+        Waits up to `timeout` seconds, None: without end. Raises Timeout: neither; ArgumentError: the buffer
+        has no such track; Corrupt: the buffer is damaged, and the next call looks for another one;
+        SystemFailure.
         """
         deadline, catcher, events = Deadline(timeout), self._catcher, ffi.new("uint32_t *")
         while True:
             with self._alone():
-                result = lib.shb_follow_read(self._use(), catcher.memory, len(catcher.memory), deadline.left_ms(), catcher.frame, events)
-                happened = FollowEvent(events[0])
+                result = lib.shb_follow_read(
+                    self._use(), catcher.memory, len(catcher.memory), deadline.left_ms(), catcher.frame, events
+                )
+                happened = FollowEvent(events[0] & _KNOWN)
                 if result == lib.SHB_ERR_TOO_BIG:
                     catcher.grow()
                     continue
@@ -72,6 +86,7 @@ class Follow(Handle):
                 return None, happened
             if result != lib.SHB_ERR_TIMEOUT or deadline.over():
                 raise error_of(result, self._name)
+            self._give_way()
 
     def __iter__(self) -> Iterator[tuple[Frame | None, FollowEvent]]:
         return self
@@ -85,7 +100,10 @@ class Follow(Handle):
             return info_of(self._present(lib.shb_follow_map), self._name)
 
     def stats(self) -> ReaderStats:
-        """Counters of the reader in use, which is another one in each buffer. Raises NotFound while there is no buffer."""
+        """Counters of the reader in use, which is another one in each buffer.
+
+        Raises NotFound while there is no buffer.
+        """
         with self._alone():
             return stats_of(self._present(lib.shb_follow_reader), self._name)
 
@@ -96,11 +114,17 @@ class Follow(Handle):
         return pointer
 
     def stream(self) -> Stream[tuple[Frame | None, FollowEvent]]:
-        """For asyncio: `async for frame, events in follow.stream():`. Never ends by itself. Raises SystemFailure."""
+        """For asyncio: `async for frame, events in follow.stream():`. Never ends by itself.
+
+        Raises SystemFailure.
+        """
         return Stream(_Following(self))
 
     def close(self) -> None:
-        """Closes it. A call that another thread is in ends within 0.2 s, with UseAfterClose. Closing twice does nothing."""
+        """Closes it.
+
+        A call that another thread is in ends within 0.2 s, with UseAfterClose. Closing twice does nothing.
+        """
         super().close()
         for stream in list(self._streams):
             stream.wake()
@@ -111,7 +135,8 @@ class _Following(Handle):
 
     _what = "set of readers"
 
-    #: A name that appears, and a host that goes without a word, have no descriptor. libshb looks as often by itself.
+    #: A name that appears, and a host that goes without a word, have no descriptor. libshb looks as often by
+    #: itself.
     look_every: float | None = 0.2
 
     def __init__(self, follow: Follow) -> None:
@@ -151,5 +176,5 @@ class _Following(Handle):
 
     def close(self) -> None:
         if not self._is_inherited():
-            with self._follow._lock:
+            with self._follow._at_once():
                 super().close()

@@ -10,8 +10,21 @@ from typing import Any, Iterable, Iterator, Literal
 from ._handles import NAME_RULE, U32, U64, Deadline, Handle, c_text, known_time, make, none_if, whole
 from ._shb import ffi, lib
 from .errors import ArgumentError, Closed, Corrupt, Error, Overrun, Timeout, UseAfterClose, check, error_of
-from .records import (STARTS, BufferInfo, Description, Frame, FrameFields, Geometry, Kind, ReaderStats, Start, Stats, choice, track_name,
-                      track_of)
+from .records import (
+    STARTS,
+    BufferInfo,
+    Description,
+    Frame,
+    FrameFields,
+    Geometry,
+    Kind,
+    ReaderStats,
+    Start,
+    Stats,
+    choice,
+    track_name,
+    track_of,
+)
 from .stream import Stream
 
 Where = Literal["oldest", "newest", "key"]
@@ -60,8 +73,22 @@ class Catcher:
                 self._description = self._fetch_description(reader)
                 self._described = (f.epoch, f.description)
             described = self._description
-        return (f.size, f.flags, f.sequence, f.epoch, known_time(f.pts), known_time(f.dts), known_time(f.duration), f.lost, f.lost_before, f.left_out,
-                f.arrival_ns, f.wall_ns, none_if(f.clock_offset, lib.SHB_OFFSET_NONE), described)
+        return (
+            f.size,
+            f.flags,
+            f.sequence,
+            f.epoch,
+            known_time(f.pts),
+            known_time(f.dts),
+            known_time(f.duration),
+            f.lost,
+            f.lost_before,
+            f.left_out,
+            f.arrival_ns,
+            f.wall_ns,
+            none_if(f.clock_offset, lib.SHB_OFFSET_NONE),
+            described,
+        )
 
     def copy(self, reader: Any) -> Frame:
         return Frame(*(*self.fields(reader), ffi.buffer(self.memory, self.frame.size)[:]))
@@ -83,7 +110,8 @@ class Map(Handle):
     def __init__(self, name: str, *, owner: int | None = None) -> None:
         """Attaches the buffer `name`; `owner`: only when it belongs to the user of this id.
 
-        Raises ArgumentError, NotFound, VersionMismatch, Corrupt, WrongOwner, SystemFailure (EACCES: it is not for this user).
+        Raises ArgumentError, NotFound, VersionMismatch, Corrupt, WrongOwner, SystemFailure (EACCES: it is not
+        for this user).
         """
         options = make("shb_attach_options_t")
         if owner is not None:
@@ -96,7 +124,10 @@ class Map(Handle):
 
     @property
     def alive(self) -> bool:
-        """True while the creator has the buffer open. One that was killed counts as alive for up to half a second."""
+        """True while the creator has the buffer open.
+
+        One that was killed counts as alive for up to half a second.
+        """
         return bool(lib.shb_map_alive(self._use()))
 
     @property
@@ -141,17 +172,28 @@ class Map(Handle):
         check(lib.shb_reader_open(self._use(), *track_of(kind, channel, stream), choice("start", start, STARTS), out), track)
         return Reader(out[0], track)
 
-    def open_av(self, channel: int = 0, stream: int = 0, where: Where | None = None, *, back: float | None = None,
-                monotonic_ns: int | None = None, wall_ns: int | None = None) -> tuple[Reader, Reader]:
-        """Opens video and audio of a source at one moment, which is named as for `Reader.seek`: what a recording begins with.
+    def open_av(
+        self,
+        channel: int = 0,
+        stream: int = 0,
+        where: Where | None = None,
+        *,
+        back: float | None = None,
+        monotonic_ns: int | None = None,
+        wall_ns: int | None = None,
+    ) -> tuple[Reader, Reader]:
+        """Opens video and audio of a source at one moment, which is named as for `Reader.seek`.
 
-        The audio begins at its first frame that is not before the picture. After a loss video goes on at a key frame, audio at the oldest
-        frame held. Raises ArgumentError, Corrupt, SystemFailure.
+        That is what a recording begins with. The audio begins at its first frame that is not before the picture. After a loss video goes on at a
+        key frame, audio at the oldest frame held. Raises ArgumentError, Corrupt, SystemFailure.
         """
         seek, ns = _moment(where, back, monotonic_ns, wall_ns)
         video, audio = ffi.new("shb_reader_t **"), ffi.new("shb_reader_t **")
         channel, stream, _ = track_of("video", channel, stream)
-        check(lib.shb_open_av(self._use(), channel, stream, seek, ns, video, audio), self._track("video and audio", channel, stream))
+        check(
+            lib.shb_open_av(self._use(), channel, stream, seek, ns, video, audio),
+            self._track("video and audio", channel, stream),
+        )
         return Reader(video[0], self._track("video", channel, stream)), Reader(audio[0], self._track("audio", channel, stream))
 
     def _track(self, kind: str, channel: int, stream: int) -> str:
@@ -221,7 +263,8 @@ class Borrowing:
 class Reader(Handle):
     """One reader of one track; made by `Map.reader` and `Map.open_av`. Any thread, one at a time.
 
-    `for frame in reader:` reads frame after frame, waits for each, and ends when the host has closed the buffer or has died.
+    `for frame in reader:` reads frame after frame, waits for each, and ends when the host has closed the
+    buffer or has died.
     """
 
     _what = "reader"
@@ -234,20 +277,27 @@ class Reader(Handle):
         self._borrowed = False
 
     def read(self, timeout: float | None = None) -> Frame:
-        """The next frame, with a copy of its bytes. Waits up to `timeout` seconds, None: without end, 0: not at all.
+        """The next frame, with a copy of its bytes.
 
-        Raises Timeout; Closed once the host is gone and everything held has been read; Corrupt; ArgumentError while a frame is borrowed.
+        Waits up to `timeout` seconds, None: without end, 0: not at all.
+
+        Raises Timeout; Closed once the host is gone and everything held has been read; Corrupt; ArgumentError
+        while a frame is borrowed.
         """
         deadline, catcher = Deadline(timeout), self._catcher
         while True:
             with self._alone():
-                result = lib.shb_reader_read(self._use_unborrowed(), catcher.memory, len(catcher.memory), deadline.left_ms(), catcher.frame)
+                result = lib.shb_reader_read(
+                    self._use_unborrowed(), catcher.memory, len(catcher.memory), deadline.left_ms(), catcher.frame
+                )
                 if result == lib.SHB_OK:
                     return catcher.copy(self._use())
                 if result == lib.SHB_ERR_TOO_BIG:
                     catcher.grow()
-                elif result != lib.SHB_ERR_TIMEOUT or deadline.over():
-                    raise error_of(result, self._name)
+                    continue
+            if result != lib.SHB_ERR_TIMEOUT or deadline.over():
+                raise error_of(result, self._name)
+            self._give_way()
 
     def __iter__(self) -> Iterator[Frame]:
         return self
@@ -259,19 +309,26 @@ class Reader(Handle):
             raise StopIteration from None
 
     def wait(self, timeout: float | None = None) -> None:
-        """Waits until `read` has something to say, as that does. Raises Timeout, Closed, Corrupt, ArgumentError."""
+        """Waits until `read` has something to say, as that does.
+
+        Raises Timeout, Closed, Corrupt, ArgumentError.
+        """
         deadline = Deadline(timeout)
         while True:
             with self._alone():
                 result = lib.shb_reader_wait(self._use_unborrowed(), deadline.left_ms())
             if result != lib.SHB_ERR_TIMEOUT or deadline.over():
                 return check(result, self._name)
+            self._give_way()
 
     def borrow(self, timeout: float | None = None, *, strict: bool = True) -> Borrowing:
-        """The next frame where it lies, without a copy: `with reader.borrow() as frame:`. Waits and fails as `read` does.
+        """The next frame where it lies, without a copy: `with reader.borrow() as frame:`.
 
-        The writer does not wait, so the bytes may change inside the block. Its end raises Overrun when they did: what was made of them does
-        not count, and the frame is in the `lost` of the next one. With strict=False `frame.overrun` says it instead. One frame at a time.
+        Waits and fails as `read` does.
+
+        The writer does not wait, so the bytes may change inside the block. Its end raises Overrun when they
+        did: what was made of them does not count, and the frame is in the `lost` of the next one. With
+        strict=False `frame.overrun` says it instead. One frame at a time.
         """
         return Borrowing(self, timeout, strict)
 
@@ -279,17 +336,24 @@ class Reader(Handle):
         deadline, catcher, place = Deadline(timeout), self._catcher, ffi.new("void **")
         while True:
             with self._alone():
-                result = lib.shb_reader_borrow(self._use_unborrowed(), deadline.left_ms(), place, catcher.frame)
-                if result == lib.SHB_OK:
-                    return self._borrowed_frame(place[0])
+                pointer = self._use_unborrowed()
+                try:
+                    result = lib.shb_reader_borrow(pointer, deadline.left_ms(), place, catcher.frame)
+                    if result == lib.SHB_OK:
+                        self._borrowed = True
+                        return self._borrowed_frame(pointer, place[0])
+                except BaseException:
+                    # Ctrl-C: nobody will return it.
+                    self._return(pointer)
+                    raise
+                del pointer
             if result != lib.SHB_ERR_TIMEOUT or deadline.over():
                 raise error_of(result, self._name)
+            self._give_way()
 
-    def _borrowed_frame(self, place: Any) -> tuple[BorrowedFrame, Any]:
-        pointer = self._use()
-        self._borrowed = True
+    def _borrowed_frame(self, pointer: Any, place: Any) -> tuple[BorrowedFrame, Any]:
         frame = BorrowedFrame(*self._catcher.fields(pointer))
-        # Whatever is made of the view holds the reader, and with it the mapping: touching it later is never a crash.
+        # Whatever is made of the view holds the reader, and with it the mapping: no touch of it is a crash.
         bytes_of_it = ffi.gc(place, lambda _, held=pointer: None)
         frame._view = memoryview(ffi.buffer(bytes_of_it, frame.size)).toreadonly()
         return frame, pointer
@@ -307,17 +371,25 @@ class Reader(Handle):
             raise ArgumentError(f"{self._name}: a frame is borrowed; leave its with block first")
         return pointer
 
-    def seek(self, where: Where | None = None, *, back: float | None = None, monotonic_ns: int | None = None,
-             wall_ns: int | None = None) -> None:
+    def seek(
+        self,
+        where: Where | None = None,
+        *,
+        back: float | None = None,
+        monotonic_ns: int | None = None,
+        wall_ns: int | None = None,
+    ) -> None:
         """Moves the reader, forward or back, as often as wanted. Exactly one of these says where:
 
-        where         "oldest" frame held, "newest": the next to be written, "key": the newest key frame held, or the next to come
+        where         "oldest" frame held, "newest": the next to be written, "key": the newest key frame held,
+                      or the next to come
         back          the newest key frame that arrived at least so many seconds ago
         monotonic_ns  the newest key frame that arrived at or before this time of CLOCK_MONOTONIC, ns
         wall_ns       the same with CLOCK_REALTIME, ns since 1970-01-01 UTC
 
-        When no key frame is held from so long ago, it goes to the oldest one held; when there is none at all, to the next one to come.
-        What is jumped over is not lost. Raises ArgumentError, also while a frame is borrowed; Corrupt.
+        When no key frame is held from so long ago, it goes to the oldest one held; when there is none at all,
+        to the next one to come. What is jumped over is not lost. Raises ArgumentError, also while a frame is
+        borrowed; Corrupt.
         """
         seek, ns = _moment(where, back, monotonic_ns, wall_ns)
         with self._alone():
@@ -329,23 +401,32 @@ class Reader(Handle):
             return stats_of(self._use(), self._name)
 
     def stream(self) -> Stream[Frame]:
-        """For asyncio: `async for frame in reader.stream():`. Ends as `for frame in reader:` does. Raises SystemFailure."""
+        """For asyncio: `async for frame in reader.stream():`. Ends as `for frame in reader:` does.
+
+        Raises SystemFailure.
+        """
         return Stream(_FramesOf(self))
 
     def close(self) -> None:
-        """Closes it, and takes it out of its set. A call that another thread is in ends within 0.2 s, with UseAfterClose."""
+        """Closes it, and takes it out of its set.
+
+        A call that another thread is in ends within 0.2 s, with UseAfterClose.
+        """
         readers = None if self._set is None else self._set()
         if readers is None or self._is_inherited():
             super().close()
             return
-        with readers._lock:
+        with readers._at_once():
             readers._take_out(self)
             super().close()
         readers._wake()
 
 
 def _lock_all(readers: Iterable[Reader]) -> ExitStack:
-    """The readers for this thread alone. In one order everywhere, so that two threads never wait for each other."""
+    """The readers for this thread alone.
+
+    In one order everywhere, so that two threads never wait for each other.
+    """
     stack = ExitStack()
     for reader in sorted(readers, key=id):
         stack.enter_context(reader._alone())
@@ -353,10 +434,10 @@ def _lock_all(readers: Iterable[Reader]) -> ExitStack:
 
 
 def wait_any(readers: Iterable[Reader], timeout: float | None = None, *, after: Reader | None = None) -> Reader:
-    """Waits until one of 1 to 1024 readers, of any tracks and buffers, has something to say; that one is the result.
+    """Waits until one of 1 to 1024 readers has something to say; that one is the result.
 
-    A reader whose buffer is closed or damaged has that to say. `after`: the one that was found last, which is looked at last. Any thread.
-    Raises Timeout; ArgumentError, also while a frame is borrowed; SystemFailure.
+    They may be of any tracks and buffers. A reader whose buffer is closed or damaged has that to say. `after`: the one that was found last, which is
+    looked at last. Any thread. Raises Timeout; ArgumentError, also while a frame is borrowed; SystemFailure.
     """
     every = list(readers)
     if not 1 <= len(every) <= 1024:
@@ -371,13 +452,17 @@ def wait_any(readers: Iterable[Reader], timeout: float | None = None, *, after: 
             return every[int(index[0])]
         if result != lib.SHB_ERR_TIMEOUT or deadline.over():
             raise error_of(result, "readers")
+        for reader in every:
+            reader._give_way()
 
 
 class ReaderSet(Handle):
-    """Readers with one file descriptor, for an event loop (asyncio: `stream`; selectors, GLib, Qt: `fileno`). Any thread, one at a time.
+    """Readers with one file descriptor, for an event loop (asyncio: `stream`; selectors, GLib, Qt: `fileno`).
 
-    When `fileno` is readable, call `next(0)` and read from the reader that it finds, again and again until it raises Timeout: only then the
-    descriptor waits for what comes next.
+    Any thread, one at a time.
+
+    When `fileno` is readable, call `next(0)` and read from the reader that it finds, again and again until it
+    raises Timeout: only then the descriptor waits for what comes next.
     """
 
     _what = "set of readers"
@@ -400,8 +485,11 @@ class ReaderSet(Handle):
         return len(self._readers)
 
     def add(self, reader: Reader) -> None:
-        """Takes a reader in, which stays its owner's. Raises ArgumentError for one that is in a set; SystemFailure."""
-        with self._alone(), reader._alone():
+        """Takes a reader in, which stays its owner's.
+
+        Raises ArgumentError for one that is in a set; SystemFailure.
+        """
+        with self._at_once(), reader._at_once():
             pointer = reader._use()
             check(lib.shb_set_add(self._use(), pointer), reader._name, "the reader is in a set already")
             self._readers[_number(pointer)] = reader
@@ -409,14 +497,14 @@ class ReaderSet(Handle):
 
     def remove(self, reader: Reader) -> None:
         """Takes a reader out. One that is not in this set is left alone."""
-        with self._alone():
+        with self._at_once():
             self._use()
             self._take_out(reader)
         self._wake()
 
     def _take_out(self, reader: Reader) -> None:
         """Under the set's lock."""
-        with reader._alone():
+        with reader._at_once():
             if reader in self._readers.values():
                 pointer = reader._use()
                 check(lib.shb_set_remove(self._use(), pointer), reader._name)
@@ -428,7 +516,9 @@ class ReaderSet(Handle):
         return int(lib.shb_set_fd(self._use()))
 
     def next(self, timeout: float | None = None) -> Reader:
-        """A reader that has something to say, in turns; waits as `Reader.read` does. Raises Timeout, SystemFailure.
+        """A reader that has something to say, in turns; waits as `Reader.read` does.
+
+        Raises Timeout, SystemFailure.
 
         A reader whose buffer was closed is found again and again, until it is closed or taken out of the set.
         """
@@ -440,23 +530,28 @@ class ReaderSet(Handle):
                     return self._readers[_number(out[0])]
             if result != lib.SHB_ERR_TIMEOUT or deadline.over():
                 raise error_of(result, "set of readers")
+            self._give_way()
+            for reader in list(self._readers.values()):
+                reader._give_way()
 
     def stream(self) -> Stream[tuple[Reader, Frame]]:
         """For asyncio: `async for reader, frame in readers.stream():`.
 
-        A reader whose buffer is closed leaves the set once everything held has been read. The stream ends when the set is empty.
+        A reader whose buffer is closed leaves the set once everything held has been read. The stream ends
+        when the set is empty.
         """
         return Stream(_FramesOfAll(self))
 
     def close(self) -> None:
         """Closes the set. Its readers stay open."""
-        if self._is_inherited():
+        if self._is_inherited() or self.closed:
             super().close()
             return
-        with self._lock, _lock_all(self._readers.values()):
-            for reader in self._readers.values():
-                reader._set = None
-            self._readers.clear()
+        with self._at_once():
+            for reader in list(self._readers.values()):
+                # One that was released has left the set by itself.
+                if not reader.closed:
+                    self._take_out(reader)
             super().close()
         self._wake()
 
@@ -465,7 +560,7 @@ class ReaderSet(Handle):
             stream.wake()
 
     def __del__(self) -> None:
-        # With its locks: a reader of it may be in use.
+        # With the locks: a reader of it may be in use.
         if hasattr(self, "_streams"):
             self.close()
 
@@ -531,9 +626,9 @@ class _FramesOf:
 
 
 def guard(on: bool = True) -> None:
-    """Goes on when the owner of a buffer cuts its file short: Corrupt instead of the signal SIGBUS, which ends the process.
+    """Corrupt instead of the signal SIGBUS, which ends the process, when an owner cuts his buffer short.
 
-    Installs a handler of SIGBUS for the whole process; guard(False) puts back the one before. Call it before other threads attach buffers.
-    Raises SystemFailure.
+    Installs a handler of SIGBUS for the whole process; guard(False) puts back the one before. Call it before
+    other threads attach buffers. Raises SystemFailure.
     """
     check(lib.shb_guard(on), "guard")

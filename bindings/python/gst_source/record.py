@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Records the video and audio of a source into a file, from seconds before now on, as they come: nothing is decoded or encoded.
+"""Records video and audio of a source into a file, from seconds before now on. Nothing is decoded.
 
     python3 -m gst_source.record camera camera.mkv
     python3 -m gst_source.record camera event.mp4 --before 10 --duration 30
 
-Needs PyAV (Debian: python3-av). An example of the package; `gst-source-read record` does the same without Python.
+Needs PyAV (Debian: python3-av). An example of the package.
 """
 
 from __future__ import annotations
@@ -12,10 +12,11 @@ from __future__ import annotations
 import argparse
 import importlib
 import io
+import os
 import signal
 import sys
 from fractions import Fraction
-from typing import Any, Iterable
+from typing import Any, Iterable, Literal
 
 import gst_source
 from gst_source import Description, Frame, Reader
@@ -25,8 +26,18 @@ PATIENCE_NS = 5_000_000_000
 SECOND = 1_000_000_000
 
 # What FFmpeg calls the form of the frames, each by itself.
-FORMATS = {("H264", "byte-stream"): "h264", ("H265", "byte-stream"): "hevc", ("AAC", "adts"): "aac", ("MP1", ""): "mp3", ("MP2", ""): "mp3",
-           ("MP3", ""): "mp3", ("AC3", ""): "ac3", ("EAC3", ""): "eac3", ("PCMA", ""): "alaw", ("PCMU", ""): "mulaw"}
+FORMATS = {
+    ("H264", "byte-stream"): "h264",
+    ("H265", "byte-stream"): "hevc",
+    ("AAC", "adts"): "aac",
+    ("MP1", ""): "mp3",
+    ("MP2", ""): "mp3",
+    ("MP3", ""): "mp3",
+    ("AC3", ""): "ac3",
+    ("EAC3", ""): "eac3",
+    ("PCMA", ""): "alaw",
+    ("PCMU", ""): "mulaw",
+}
 
 
 class Failure(Exception):
@@ -43,7 +54,7 @@ def what_matters(media: Description) -> tuple[Any, ...]:
 
 
 def open_frame(av: Any, frame: Frame, media: Description) -> Any:
-    """The frame as a file of its own: from there PyAV has what it cannot be given, the codec's parameters and the mark of a key frame."""
+    """The frame as a file of its own: PyAV reads the codec's parameters there and cannot be given them."""
     pcm = {"sample_rate": str(media.sample_rate), "channels": str(media.channels)} if media.code.startswith("PCM") else {}
     if media.width:
         # Some senders send their parameter sets once, and not before each key frame.
@@ -57,7 +68,7 @@ def open_frame(av: Any, frame: Frame, media: Description) -> Any:
 class Track:
     """One track on its way into the file."""
 
-    def __init__(self, reader: Reader, name: str) -> None:
+    def __init__(self, reader: Reader, name: Literal["video", "audio"]) -> None:
         self.reader = reader
         self.name = name
         self.first: Frame | None = None
@@ -67,7 +78,7 @@ class Track:
         self.frames = 0
 
     def begin(self, frame: Frame) -> bool:
-        """Whether the track can begin with this frame: one that can be decoded, of which it is known what it is."""
+        """Whether the track can begin with this frame, or has begun."""
         if frame.key and not frame.header and frame.description is not None:
             self.first, self.media = frame, frame.description
         return self.first is not None
@@ -77,13 +88,17 @@ class Track:
         if (self.media.code, self.media.format) not in FORMATS:
             raise Failure(f"{self.name}: {self.media.code} {self.media.format} cannot be recorded")
         template = open_frame(av, self.first, self.media).streams[0]
-        # PyAV 14 has a function of its own for it.
+        # PyAV 14 has a function of its own for it; opaque: without an encoder.
         add = getattr(out, "add_stream_from_template", None)
-        self.stream = out.add_stream(template=template) if add is None else add(template)
+        self.stream = out.add_stream(template=template) if add is None else add(template, opaque=True)
 
     def has_changed(self, frame: Frame) -> bool:
         """Whether the frame is of something else than the file's head says."""
-        return frame.description is not None and self.media is not None and what_matters(frame.description) != what_matters(self.media)
+        return (
+            frame.description is not None
+            and self.media is not None
+            and what_matters(frame.description) != what_matters(self.media)
+        )
 
     def write(self, av: Any, out: Any, frame: Frame, begin_ns: int) -> None:
         """`begin_ns`: the moment that is 0 in the file."""
@@ -95,11 +110,14 @@ class Track:
         unit = self.stream.time_base
         dts = max(round(Fraction(dts_ns, SECOND) / unit), self.last_dts + 1)
         pts = max(round(Fraction(pts_ns, SECOND) / unit), dts)
-        if frame.key and self.media.width:
-            packet = next(open_frame(av, frame, self.media).demux())
-        else:
-            packet = av.Packet(frame.data)
-            packet.time_base = unit
+        packet = av.Packet(frame.data)
+        packet.time_base = unit
+        try:
+            packet.is_keyframe = frame.key
+        except AttributeError:
+            # PyAV before 12 marks none by itself.
+            if frame.key and self.media.width:
+                packet = next(open_frame(av, frame, self.media).demux())
         packet.stream = self.stream
         packet.dts, packet.pts = (round(time * unit / packet.time_base) for time in (dts, pts))
         out.mux_one(packet)
@@ -116,7 +134,7 @@ def times(frame: Frame) -> tuple[int, int]:
 
 
 def frames_of(tracks: list[Track]) -> Iterable[tuple[Track | None, Frame | None]]:
-    """Frames of all tracks as they come, and (None, None) when none has come for a second; ends with the buffer."""
+    """Frames of all tracks as they come, (None, None) after a second without; ends with the buffer."""
     by_reader = {track.reader: track for track in tracks}
     last = None
     while by_reader:
@@ -134,7 +152,7 @@ def record(av: Any, tracks: list[Track], path: str, duration: float | None) -> l
     """Until the buffer is closed, the time is over or Ctrl-C; the result: what was recorded."""
     held: list[tuple[Track, Frame]] = []
     out: Any = None
-    begin_ns = 0
+    begin_ns, begun = 0, False
     missing = set(tracks)
     try:
         for track, frame in frames_of(tracks):
@@ -142,15 +160,19 @@ def record(av: Any, tracks: list[Track], path: str, duration: float | None) -> l
                 held.append((track, frame))
             if out is None:
                 # The head of a file lists its tracks, so each is waited for, but not for ever.
-                if not held or (any(one.first is None for one in tracks) and held[-1][1].arrival_ns - held[0][1].arrival_ns < PATIENCE_NS):
+                if not held or (
+                    any(one.first is None for one in tracks) and held[-1][1].arrival_ns - held[0][1].arrival_ns < PATIENCE_NS
+                ):
                     continue
                 missing = {one for one in tracks if one.first is not None}
                 begin_ns = min(times(kept)[0] for _, kept in held)
-                out = av.open(path, "w")
+                # What has been recorded is in the file at once, whatever ends the process.
+                out = av.open(path, "w", options={"flush_packets": "1"})
                 for one in tracks:
                     if one in missing:
                         one.add_to(av, out)
                 out.start_encoding()
+                begun = True
             for one, kept in held:
                 if one.has_changed(kept):
                     tell(f"{one.name}: the stream has changed; the file ends here")
@@ -169,6 +191,9 @@ def record(av: Any, tracks: list[Track], path: str, duration: float | None) -> l
     finally:
         if out is not None:
             out.close()
+            # What is only a head, or not even that, is no recording.
+            if not any(one.frames for one in tracks) and os.path.exists(path) and (begun or os.path.getsize(path) == 0):
+                os.unlink(path)
     return tracks
 
 
@@ -176,7 +201,9 @@ def main() -> int:
     parser = argparse.ArgumentParser(prog="gst_source.record", description="Records a source of a shared buffer into a file.")
     parser.add_argument("name", help="name of the buffer")
     parser.add_argument("out", help="file; its ending says the format: .mkv, .mp4, .ts, ...")
-    parser.add_argument("--before", type=float, default=0.0, metavar="SECONDS", help="begin so long ago, as far as the buffer reaches (0)")
+    parser.add_argument(
+        "--before", type=float, default=0.0, metavar="SECONDS", help="begin so long ago, as far as the buffer reaches (0)"
+    )
     parser.add_argument("--duration", type=float, metavar="SECONDS", help="length of the recording; default: until Ctrl-C")
     parser.add_argument("--channel", type=int, default=0, metavar="N")
     parser.add_argument("--stream", type=int, default=0, metavar="N")
@@ -187,27 +214,25 @@ def main() -> int:
     except ImportError:
         tell("PyAV is missing; on Debian: apt-get install python3-av")
         return 1
-    av.logging.set_level(av.logging.ERROR)
+    av.logging.set_level(av.logging.PANIC)
     try:
         with gst_source.Map(options.name) as map:
             video, audio = map.open_av(options.channel, options.stream, back=options.before)
             with video, audio:
-                tracks = [Track(reader, kind) for reader, kind in ((video, "video"), (audio, "audio"))
-                          if map.stats(kind, options.channel, options.stream).presence != "absent"]  # type: ignore[arg-type]
-                recorded = record(av, tracks, options.out, options.duration)
+                every = (Track(video, "video"), Track(audio, "audio"))
+                presence = {one: map.stats(one.name, options.channel, options.stream).presence for one in every}
+                recorded = record(av, [one for one in every if presence[one] != "absent"], options.out, options.duration)
     except KeyboardInterrupt:
         recorded = []
     except (gst_source.Error, Failure) as error:
         tell(str(error))
         return 1
     except av.error.FFmpegError as error:
-        tell(f"{options.out}: {error}")
+        tell(f"{options.out}: {error.strerror}")
         return 1
     parts = [f"{track.frames} {track.name} frames of {track.media.code}" for track in recorded if track.frames and track.media]
     tell(f"{options.out}: {', '.join(parts)}" if parts else "nothing was recorded")
-    if not parts:
-        return 1
-    return 0
+    return 0 if parts else 1
 
 
 if __name__ == "__main__":

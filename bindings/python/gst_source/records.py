@@ -1,4 +1,7 @@
-"""Values: what a track carries, its frames and its counters. Times are nanoseconds (ns), sizes bytes, rates per second."""
+"""Values: what a track carries, its frames, its counters.
+
+Times are nanoseconds (ns), sizes bytes, rates per second.
+"""
 
 from __future__ import annotations
 
@@ -44,8 +47,12 @@ class Geometry:
         struct = make("shb_geometry_t")
         struct.channels = whole("channels", self.channels, 1, 1024)
         struct.streams = whole("streams", self.streams, 1, 64)
-        for name, lowest, highest in (("video_frames", 16, 1 << 16), ("audio_frames", 16, 1 << 16), ("video_bytes", 1 << 16, 1 << 30),
-                                      ("audio_bytes", 1 << 16, 1 << 30)):
+        for name, lowest, highest in (
+            ("video_frames", 16, 1 << 16),
+            ("audio_frames", 16, 1 << 16),
+            ("video_bytes", 1 << 16, 1 << 30),
+            ("audio_bytes", 1 << 16, 1 << 30),
+        ):
             value = whole(name, getattr(self, name), lowest, highest)
             if value & (value - 1):
                 raise ArgumentError(f"{name}: {value} is not a power of two")
@@ -54,17 +61,22 @@ class Geometry:
 
     @staticmethod
     def from_c(struct: Any) -> Geometry:
-        return Geometry(struct.channels, struct.streams, struct.video_frames, struct.audio_frames, struct.video_bytes, struct.audio_bytes)
+        return Geometry(
+            struct.channels, struct.streams, struct.video_frames, struct.audio_frames, struct.video_bytes, struct.audio_bytes
+        )
 
 
 @dataclass(frozen=True)
 class Description:
-    """What a track carries, as its writer read it from the stream. 0 and the empty text stand for what is not known."""
+    """What a track carries, as its writer read it from the stream.
+
+    0 and the empty text stand for what is not known.
+    """
 
     code: str  #: encoding name: "H264", "H265", "AAC", "MP3", "AC3", "OPUS", "PCMA", ...
     profile: str = ""  #: "high", "main", ...
     level: str = ""  #: "4.1", ...
-    format: str = ""  #: form of the frames: "byte-stream", "adts", "raw", "loas"; empty where a codec has only one
+    format: str = ""  #: of the frames: "byte-stream", "adts", "raw", "loas"; empty where there is only one
     media: int = 0  #: number of the kind of media (48 H.264, 64 H.265, 21 AAC, ...; docs/shared-buffer.md)
     width: int = 0  #: video: pixels
     height: int = 0  #: video: pixels
@@ -77,7 +89,8 @@ class Description:
     channels: int = 0  #: audio
     samples_per_frame: int = 0  #: audio: of each channel
     nominal_bitrate: int = 0  #: audio: bits per second as announced
-    #: What a decoder or a muxer needs before the first frame; empty: nothing; None: it has been overwritten since.
+    #: What a decoder or a muxer needs before the first frame; empty: nothing; None: it has been overwritten
+    #: since.
     codec_data: bytes | None = field(default=b"", repr=False)
     serial: int = 0  #: rises by one at every change within one epoch; of no account when it is written
 
@@ -94,18 +107,45 @@ class Description:
             if len(text) > longest or b"\0" in text:
                 raise ArgumentError(f"{name}: {getattr(self, name)!r} is not a text of at most {longest} bytes")
             setattr(struct, name, text)
-        for name in ("media", "width", "height", "fps_n", "fps_d", "ref_frames", "reorder_frames", "sample_rate", "channels",
-                     "samples_per_frame", "nominal_bitrate"):
+        for name in (
+            "media",
+            "width",
+            "height",
+            "fps_n",
+            "fps_d",
+            "ref_frames",
+            "reorder_frames",
+            "sample_rate",
+            "channels",
+            "samples_per_frame",
+            "nominal_bitrate",
+        ):
             setattr(struct, name, whole(name, getattr(self, name), -(2**31), 2**31 - 1))
         struct.scan_type = choice("scan", self.scan, {name: number for number, name in enumerate(SCANS)})
         return struct
 
     @staticmethod
     def from_c(struct: Any, codec_data: bytes | None) -> Description:
-        return Description(py_text(struct.code), py_text(struct.profile), py_text(struct.level), py_text(struct.format), struct.media,
-                           struct.width, struct.height, struct.fps_n, struct.fps_d, SCANS[min(max(struct.scan_type, 0), 2)],
-                           struct.ref_frames, struct.reorder_frames, struct.sample_rate, struct.channels, struct.samples_per_frame,
-                           struct.nominal_bitrate, codec_data, struct.serial)
+        return Description(
+            py_text(struct.code),
+            py_text(struct.profile),
+            py_text(struct.level),
+            py_text(struct.format),
+            struct.media,
+            struct.width,
+            struct.height,
+            struct.fps_n,
+            struct.fps_d,
+            SCANS[min(max(struct.scan_type, 0), 2)],
+            struct.ref_frames,
+            struct.reorder_frames,
+            struct.sample_rate,
+            struct.channels,
+            struct.samples_per_frame,
+            struct.nominal_bitrate,
+            codec_data,
+            struct.serial,
+        )
 
 
 @dataclass(eq=False)
@@ -182,9 +222,23 @@ class Stats:
 
     @staticmethod
     def from_c(struct: Any) -> Stats:
-        return Stats(struct.writer_pid, struct.epoch, struct.frames, struct.bytes, struct.key_frames, struct.left_out, struct.held,
-                     struct.total_frames, struct.total_bytes, struct.total_left_out, known_time(struct.age_ns), struct.bitrate,
-                     struct.fps_milli / 1000, none_if(struct.clock_offset, lib.SHB_OFFSET_NONE), PRESENCES[min(struct.presence, 2)])
+        return Stats(
+            struct.writer_pid,
+            struct.epoch,
+            struct.frames,
+            struct.bytes,
+            struct.key_frames,
+            struct.left_out,
+            struct.held,
+            struct.total_frames,
+            struct.total_bytes,
+            struct.total_left_out,
+            known_time(struct.age_ns),
+            struct.bitrate,
+            struct.fps_milli / 1000,
+            none_if(struct.clock_offset, lib.SHB_OFFSET_NONE),
+            PRESENCES[min(struct.presence, 2)],
+        )
 
 
 @dataclass(frozen=True)
@@ -203,8 +257,17 @@ class ReaderStats:
 
     @staticmethod
     def from_c(struct: Any) -> ReaderStats:
-        return ReaderStats(struct.frames, struct.bytes, struct.key_frames, struct.lost, struct.losses, struct.left_out, struct.epochs,
-                           struct.waiting, struct.offered)
+        return ReaderStats(
+            struct.frames,
+            struct.bytes,
+            struct.key_frames,
+            struct.lost,
+            struct.losses,
+            struct.left_out,
+            struct.epochs,
+            struct.waiting,
+            struct.offered,
+        )
 
 
 @dataclass(frozen=True)
@@ -219,16 +282,26 @@ class BufferInfo:
     group: int  #: group id of its files
     mode: int  #: permissions of its files
     version: int  #: layout version
-    heartbeat_age_ns: int | None  #: since the creator's last heartbeat, which comes every 250 ms; None for other layout versions
+    heartbeat_age_ns: int | None  #: since its last heartbeat (every 250 ms); None for other layout versions
     total_bytes: int  #: shared memory that it takes, 0 for other layout versions
     geometry: Geometry | None  #: None for other layout versions
 
     @staticmethod
     def from_c(struct: Any) -> BufferInfo:
         sound = struct.geometry.channels > 0
-        return BufferInfo(py_text(struct.name).removeprefix("/"), bool(struct.alive), struct.creator_pid, bool(struct.pid_is_ours),
-                          struct.owner, struct.group, struct.mode, struct.version, struct.heartbeat_age_ns if sound else None,
-                          struct.total_bytes, Geometry.from_c(struct.geometry) if sound else None)
+        return BufferInfo(
+            py_text(struct.name).removeprefix("/"),
+            bool(struct.alive),
+            struct.creator_pid,
+            bool(struct.pid_is_ours),
+            struct.owner,
+            struct.group,
+            struct.mode,
+            struct.version,
+            struct.heartbeat_age_ns if sound else None,
+            struct.total_bytes,
+            Geometry.from_c(struct.geometry) if sound else None,
+        )
 
 
 def track_of(kind: str, channel: int, stream: int) -> tuple[int, int, int]:

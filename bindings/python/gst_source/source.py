@@ -1,4 +1,4 @@
-"""Sources: live streams that are kept coming into a buffer. The first one of a process loads and initialises GStreamer.
+"""Sources: live streams that are kept coming into a buffer. The first one of a process loads GStreamer.
 
 Options have the names, units and defaults of docs/protocols.md. The library writes its log, options included, to standard output.
 """
@@ -8,15 +8,13 @@ from __future__ import annotations
 import re
 import threading
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Any, Callable, ClassVar, Union
+from typing import Any, Callable, ClassVar, Union
 
 from ._handles import U32, Handle, c_text, py_text, whole
+from ._shb import ffi as shb_ffi
 from .buffer import Buffer, report_from_thread
 from .errors import ArgumentError, Error, OpenFailed
 from .records import SCANS, Scan
-
-if TYPE_CHECKING:
-    from . import _source
 
 
 @dataclass(frozen=True)
@@ -69,16 +67,22 @@ class SourceStatus:
 
 def _library() -> Any:
     """Loaded with the first source: who only reads needs no GStreamer."""
-    from . import _source
+    global _loaded
+    if _loaded is None:
+        # libgstreamer brings libunwind, which has functions of the names of libgcc's. What is loaded by
+        # dlopen finds libgcc's first only when they are global. Otherwise libsrt begins an exception with the
+        # one and ends it with the other, which crashes (Debian 12: libgstreamer of 13 has no libunwind).
+        # Test: source_test.Playing.test_other_protocols_by_their_scheme
+        _stays_loaded.append(shb_ffi.dlopen("libgcc_s.so.1", shb_ffi.RTLD_NOW | shb_ffi.RTLD_GLOBAL))
+        from . import _source
 
-    global _handlers_are_set
-    if not _handlers_are_set:
         _source.ffi.def_extern(name="gst_source_python_media_changed")(_media_changed)
-        _handlers_are_set = True
-    return _source
+        _loaded = _source
+    return _loaded
 
 
-_handlers_are_set = False
+_loaded: Any = None
+_stays_loaded: list[Any] = []
 
 
 class _Listener:
@@ -127,16 +131,24 @@ def _both_or_none(**texts: str) -> None:
 class Source(Handle):
     """A live stream that is kept coming: when it ends or fails, it is connected again, until it is closed.
 
-    Made by `open_source`, `Buffer.open` or one of the classes RtspSource, SrtSource, RtmpSource, UdpSource and HlsSource, which open it.
-    That it could be opened says nothing yet of the server. It plays until it, or its buffer, is closed, or the interpreter ends, also when
-    no variable holds it. Any thread.
+    Made by `open_source`, `Buffer.open` or one of the classes RtspSource, SrtSource, RtmpSource, UdpSource
+    and HlsSource, which open it. That it could be opened says nothing yet of the server. It plays until it,
+    or its buffer, is closed, or the interpreter ends, also when no variable holds it. Any thread.
     """
 
     _what = "source"
     _type: ClassVar[str]
 
-    def __init__(self, buffer: Buffer, url: str, channel: int, stream: int, on_media_change: MediaChangeHandler | None,
-                 open_function: str, *options: int | bytes) -> None:
+    def __init__(
+        self,
+        buffer: Buffer,
+        url: str,
+        channel: int,
+        stream: int,
+        on_media_change: MediaChangeHandler | None,
+        open_function: str,
+        *options: int | bytes,
+    ) -> None:
         library = _library()
         lib = library.lib
         self._listener = None if on_media_change is None else _Listener(on_media_change)
@@ -149,19 +161,22 @@ class Source(Handle):
 
         location = c_text("url", url)
         with buffer._alone():
-            pointer = lib.gst_source_create(getattr(lib, self._type), buffer._use(), whole("channel", channel, 0, 2**31 - 1),
-                                            whole("stream", stream, 0, 2**31 - 1))
+            pointer = lib.gst_source_create(
+                getattr(lib, self._type),
+                buffer._use(),
+                whole("channel", channel, 0, 2**31 - 1),
+                whole("stream", stream, 0, 2**31 - 1),
+            )
             if pointer == library.ffi.NULL:
                 raise OpenFailed(f"{_public(url)}: no source could be made; standard output says why")
             super().__init__(pointer, destroy)
             self._buffer = buffer
             self._url = _public(url)
             buffer._children.append(self)
-        if user is not None:
-            lib.gst_source_set_media_change_callback(pointer, lib.gst_source_python_media_changed, user)
         with self._turn:
-            opened = not self.closed and getattr(lib, open_function)(pointer, location, *options) == 0
-        del pointer
+            if user is not None:
+                lib.gst_source_set_media_change_callback(self._use(), lib.gst_source_python_media_changed, user)
+            opened = getattr(lib, open_function)(self._use(), location, *options) == 0
         if not opened:
             self.close()
             raise OpenFailed(f"{self._url}: could not be opened; standard output says why")
@@ -177,8 +192,21 @@ class Source(Handle):
         s = library.ffi.new("source_status_t *")
         if library.lib.gst_source_get_status(self._use(), s) != 0:
             raise Error(f"{self._url}: no status")
-        return SourceStatus(py_text(s.state), py_text(s.source_mode), py_text(s.video_code), s.video_bitrate, s.width, s.height, s.fps,
-                            s.video_real_fps, py_text(s.audio_code), s.audio_bitrate, s.sample_rate, s.channels, s.audio_real_fps)
+        return SourceStatus(
+            py_text(s.state),
+            py_text(s.source_mode),
+            py_text(s.video_code),
+            s.video_bitrate,
+            s.width,
+            s.height,
+            s.fps,
+            s.video_real_fps,
+            py_text(s.audio_code),
+            s.audio_bitrate,
+            s.sample_rate,
+            s.channels,
+            s.audio_real_fps,
+        )
 
     def media(self) -> tuple[VideoInfo | None, AudioInfo | None]:
         """Parameters of its video and of its audio, None while there is no such stream."""
@@ -190,9 +218,10 @@ class Source(Handle):
         return _media_of(records[0]), _media_of(records[1])  # type: ignore[return-value]
 
     def close(self) -> None:
-        """Ends it: stops its threads and brings its pipeline down, within 0.1 s as a rule (docs/protocols.md has the exceptions).
+        """Ends it: stops its threads and brings its pipeline down, within 0.1 s as a rule.
 
-        Waits for an `on_media_change` that is running. Called in that of the same source it changes nothing and raises Error.
+        docs/protocols.md has the exceptions. Waits for an `on_media_change` that is running. Called in that of the same source it changes nothing
+        and raises Error.
         """
         if self._is_inherited():
             super().close()
@@ -212,38 +241,81 @@ class Source(Handle):
 
 
 class RtspSource(Source):
-    """rtsp://, rtsps:// (TLS), rtspt:// (TCP only), rtspu:// (UDP only), and the other forms that rtspsrc takes."""
+    """rtsp://, rtsps:// (TLS), rtspt:// (TCP only), rtspu:// (UDP only), and what else rtspsrc takes."""
 
     _type = "SOURCE_TYPE_RTSP"
 
-    def __init__(self, buffer: Buffer, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-                 caching: int = 200, protocols: int = 4, latency: int = 2000, contimeout: int = 15, user: str = "", pwd: str = "") -> None:
+    def __init__(
+        self,
+        buffer: Buffer,
+        url: str,
+        *,
+        channel: int = 0,
+        stream: int = 0,
+        on_media_change: MediaChangeHandler | None = None,
+        caching: int = 200,
+        protocols: int = 4,
+        latency: int = 2000,
+        contimeout: int = 15,
+        user: str = "",
+        pwd: str = "",
+    ) -> None:
         """Opens `url` into the tracks of `channel` and `stream`.
 
-        on_media_change  called with a VideoInfo or AudioInfo when one has changed, on a thread of the source: it must return soon, must not
-                         close this source, and must not wait for a thread that does
+        on_media_change  called with a VideoInfo or AudioInfo when one has changed, on a thread of the source:
+                         it must return soon, must not close this source, and must not wait for a thread that
+                         does
         caching          without effect on this protocol
-        protocols        transports that may be used, a bit mask: 1 UDP, 2 UDP multicast, 4 TCP (interleaved), 16 HTTP tunnel, 32 TLS
+        protocols        transports that may be used, a bit mask: 1 UDP, 2 UDP multicast, 4 TCP (interleaved),
+                         16 HTTP tunnel, 32 TLS
         latency          ms of jitter buffer, up to 2147483647
         contimeout       s to wait for the server over TCP, up to 4294
         user, pwd        credentials, both or none
 
-        Raises ArgumentError; OpenFailed: no pipeline or thread could be made; UseAfterClose: the buffer is closed.
+        Raises ArgumentError; OpenFailed: no pipeline or thread could be made; UseAfterClose: the buffer is
+        closed.
         """
         _both_or_none(user=user, pwd=pwd)
-        super().__init__(buffer, url, channel, stream, on_media_change, "gst_rtsp_source_open_live_stream",
-                         whole("caching", caching, 0, U32), whole("protocols", protocols, 1, U32), whole("latency", latency, 0, 2**31 - 1),
-                         whole("contimeout", contimeout, 0, 4294), c_text("user", user), c_text("pwd", pwd))
+        super().__init__(
+            buffer,
+            url,
+            channel,
+            stream,
+            on_media_change,
+            "gst_rtsp_source_open_live_stream",
+            whole("caching", caching, 0, U32),
+            whole("protocols", protocols, 1, U32),
+            whole("latency", latency, 0, 2**31 - 1),
+            whole("contimeout", contimeout, 0, 4294),
+            c_text("user", user),
+            c_text("pwd", pwd),
+        )
 
 
 class SrtSource(Source):
-    """srt://HOST:PORT (caller), srt://:PORT (listener), srt://HOST:PORT?mode=rendezvous&localport=N (rendezvous)."""
+    """srt://HOST:PORT (caller), srt://:PORT (listener), srt://HOST:PORT?mode=rendezvous&localport=N
+    (rendezvous).
+    """
 
     _type = "SOURCE_TYPE_SRT"
 
-    def __init__(self, buffer: Buffer, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-                 caching: int = 200, mode: str = "caller", streamid: str = "", passphrase: str = "", keylen: int = 0, latency: int = 125,
-                 tslatency: int = 50, localaddress: str = "") -> None:
+    def __init__(
+        self,
+        buffer: Buffer,
+        url: str,
+        *,
+        channel: int = 0,
+        stream: int = 0,
+        on_media_change: MediaChangeHandler | None = None,
+        caching: int = 200,
+        mode: str = "caller",
+        streamid: str = "",
+        passphrase: str = "",
+        keylen: int = 0,
+        latency: int = 125,
+        tslatency: int = 50,
+        localaddress: str = "",
+    ) -> None:
         """Opens `url` into the tracks of `channel` and `stream`; the first three options as for RtspSource.
 
         caching       0 sets the demultiplexer latency to 0, everything else leaves it at 50 ms
@@ -265,10 +337,22 @@ class SrtSource(Source):
             raise ArgumentError("passphrase and keylen: one of them alone has no effect, and the stream would not be encrypted")
         if passphrase and not 10 <= len(passphrase.encode()) <= 79:
             raise ArgumentError("passphrase: not 10 to 79 characters")
-        super().__init__(buffer, url, channel, stream, on_media_change, "gst_srt_source_open_live_stream",
-                         whole("caching", caching, 0, U32), c_text("mode", mode), c_text("streamid", streamid),
-                         c_text("passphrase", passphrase), keylen, whole("latency", latency, 0, 2**31 - 1),
-                         whole("tslatency", tslatency, 0, U32), c_text("localaddress", localaddress))
+        super().__init__(
+            buffer,
+            url,
+            channel,
+            stream,
+            on_media_change,
+            "gst_srt_source_open_live_stream",
+            whole("caching", caching, 0, U32),
+            c_text("mode", mode),
+            c_text("streamid", streamid),
+            c_text("passphrase", passphrase),
+            keylen,
+            whole("latency", latency, 0, 2**31 - 1),
+            whole("tslatency", tslatency, 0, U32),
+            c_text("localaddress", localaddress),
+        )
 
 
 class RtmpSource(Source):
@@ -276,8 +360,21 @@ class RtmpSource(Source):
 
     _type = "SOURCE_TYPE_RTMP"
 
-    def __init__(self, buffer: Buffer, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-                 caching: int = 200, contimeout: int = 10, idle_timeout: int = 0, user: str = "", pwd: str = "", token: str = "") -> None:
+    def __init__(
+        self,
+        buffer: Buffer,
+        url: str,
+        *,
+        channel: int = 0,
+        stream: int = 0,
+        on_media_change: MediaChangeHandler | None = None,
+        caching: int = 200,
+        contimeout: int = 10,
+        idle_timeout: int = 0,
+        user: str = "",
+        pwd: str = "",
+        token: str = "",
+    ) -> None:
         """Opens `url` into the tracks of `channel` and `stream`; the first three options as for RtspSource.
 
         caching       without effect on this protocol
@@ -289,9 +386,20 @@ class RtmpSource(Source):
         Raises as RtspSource does.
         """
         _both_or_none(user=user, pwd=pwd)
-        super().__init__(buffer, url, channel, stream, on_media_change, "gst_rtmp_source_open_live_stream",
-                         whole("caching", caching, 0, U32), whole("contimeout", contimeout, 0, U32),
-                         whole("idle_timeout", idle_timeout, 0, U32), c_text("user", user), c_text("pwd", pwd), c_text("token", token))
+        super().__init__(
+            buffer,
+            url,
+            channel,
+            stream,
+            on_media_change,
+            "gst_rtmp_source_open_live_stream",
+            whole("caching", caching, 0, U32),
+            whole("contimeout", contimeout, 0, U32),
+            whole("idle_timeout", idle_timeout, 0, U32),
+            c_text("user", user),
+            c_text("pwd", pwd),
+            c_text("token", token),
+        )
 
 
 class UdpSource(Source):
@@ -299,18 +407,38 @@ class UdpSource(Source):
 
     _type = "SOURCE_TYPE_UDP"
 
-    def __init__(self, buffer: Buffer, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-                 caching: int = 200, ts_latency: int = 700, mtu: int = 1492) -> None:
+    def __init__(
+        self,
+        buffer: Buffer,
+        url: str,
+        *,
+        channel: int = 0,
+        stream: int = 0,
+        on_media_change: MediaChangeHandler | None = None,
+        caching: int = 200,
+        ts_latency: int = 700,
+        mtu: int = 1492,
+    ) -> None:
         """Opens `url` into the tracks of `channel` and `stream`; the first three options as for RtspSource.
 
         caching     0 sets the demultiplexer latency to 0
         ts_latency  ms of demultiplexer latency, up to 2147483647
         mtu         bytes of the largest datagram, up to 2147483647
 
-        Five seconds without a datagram end the session; it is connected again about three seconds later. Raises as RtspSource does.
+        Five seconds without a datagram end the session; it is connected again about three seconds later.
+        Raises as RtspSource does.
         """
-        super().__init__(buffer, url, channel, stream, on_media_change, "gst_udp_source_open_live_stream",
-                         whole("caching", caching, 0, U32), whole("ts_latency", ts_latency, 0, 2**31 - 1), whole("mtu", mtu, 0, 2**31 - 1))
+        super().__init__(
+            buffer,
+            url,
+            channel,
+            stream,
+            on_media_change,
+            "gst_udp_source_open_live_stream",
+            whole("caching", caching, 0, U32),
+            whole("ts_latency", ts_latency, 0, 2**31 - 1),
+            whole("mtu", mtu, 0, 2**31 - 1),
+        )
 
 
 class HlsSource(Source):
@@ -318,9 +446,25 @@ class HlsSource(Source):
 
     _type = "SOURCE_TYPE_HLS"
 
-    def __init__(self, buffer: Buffer, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-                 caching: int = 200, islive: bool = False, timeout: int = 15, retries: int = 3, proxy: str = "", proxy_id: str = "",
-                 proxy_pwd: str = "", user_agent: str = "", user_id: str = "", user_pw: str = "") -> None:
+    def __init__(
+        self,
+        buffer: Buffer,
+        url: str,
+        *,
+        channel: int = 0,
+        stream: int = 0,
+        on_media_change: MediaChangeHandler | None = None,
+        caching: int = 200,
+        islive: bool = False,
+        timeout: int = 15,
+        retries: int = 3,
+        proxy: str = "",
+        proxy_id: str = "",
+        proxy_pwd: str = "",
+        user_agent: str = "",
+        user_id: str = "",
+        user_pw: str = "",
+    ) -> None:
         """Opens `url` into the tracks of `channel` and `stream`; the first three options as for RtspSource.
 
         caching              0 sets the demultiplexer latency to 0, everything else leaves it at 50 ms
@@ -337,25 +481,54 @@ class HlsSource(Source):
         _both_or_none(proxy_id=proxy_id, proxy_pwd=proxy_pwd)
         if proxy_id and not proxy:
             raise ArgumentError("proxy_id and proxy_pwd have no effect without proxy")
-        super().__init__(buffer, url, channel, stream, on_media_change, "gst_hls_source_open_live_stream",
-                         whole("caching", caching, 0, U32), int(islive), whole("timeout", timeout, 0, 3600),
-                         whole("retries", retries, -1, 2**31 - 1), c_text("proxy", proxy), c_text("proxy_id", proxy_id),
-                         c_text("proxy_pwd", proxy_pwd), c_text("user_agent", user_agent), c_text("user_id", user_id),
-                         c_text("user_pw", user_pw))
+        super().__init__(
+            buffer,
+            url,
+            channel,
+            stream,
+            on_media_change,
+            "gst_hls_source_open_live_stream",
+            whole("caching", caching, 0, U32),
+            int(islive),
+            whole("timeout", timeout, 0, 3600),
+            whole("retries", retries, -1, 2**31 - 1),
+            c_text("proxy", proxy),
+            c_text("proxy_id", proxy_id),
+            c_text("proxy_pwd", proxy_pwd),
+            c_text("user_agent", user_agent),
+            c_text("user_id", user_id),
+            c_text("user_pw", user_pw),
+        )
 
 
 _CLASSES: dict[str, Callable[..., Source]] = {
-    "udp": UdpSource, "rtsp": RtspSource, "rtsps": RtspSource, "rtspt": RtspSource, "rtspu": RtspSource, "srt": SrtSource,
-    "rtmp": RtmpSource, "rtmps": RtmpSource, "http": HlsSource, "https": HlsSource,
+    "udp": UdpSource,
+    "rtsp": RtspSource,
+    "rtsps": RtspSource,
+    "rtspt": RtspSource,
+    "rtspu": RtspSource,
+    "srt": SrtSource,
+    "rtmp": RtmpSource,
+    "rtmps": RtmpSource,
+    "http": HlsSource,
+    "https": HlsSource,
 }
 
 
-def open_source(buffer: Buffer, url: str, *, channel: int = 0, stream: int = 0, on_media_change: MediaChangeHandler | None = None,
-                **options: Any) -> Source:
-    """Opens a live stream by the class that its scheme stands for: `open_source(buffer, "rtsp://camera.example/live", latency=500)`.
+def open_source(
+    buffer: Buffer,
+    url: str,
+    *,
+    channel: int = 0,
+    stream: int = 0,
+    on_media_change: MediaChangeHandler | None = None,
+    **options: Any,
+) -> Source:
+    """Opens a live stream by the class that its scheme stands for: `open_source(buffer,
+    "rtsp://camera.example/live", latency=500)`.
 
-    `options` are those of the class: RtspSource, SrtSource, RtmpSource, UdpSource, HlsSource. Raises as they do; ArgumentError also for
-    another scheme, TypeError for an option that the class does not have.
+    `options` are those of the class: RtspSource, SrtSource, RtmpSource, UdpSource, HlsSource. Raises as they
+    do; ArgumentError also for another scheme, TypeError for an option that the class does not have.
     """
     scheme, separator, _ = url.partition("://")
     if not separator or scheme.lower() not in _CLASSES:

@@ -22,26 +22,35 @@ class Takes(Protocol[T]):
     look_every: float | None
 
     def watch(self, stream: Stream[T]) -> None:
-        """Calls `stream.wake` when `take` has something else to say. Holds no reference that keeps the stream alive."""
+        """Calls `stream.wake` when `take` has something else to say.
 
-    def fileno(self) -> int: ...
+        Holds no reference that keeps the stream alive.
+        """
+
+    def fileno(self) -> int:
+        ...
 
     def take(self) -> T:
-        """What is there. Raises Timeout, after which the descriptor waits for what comes next; StopAsyncIteration."""
+        """What is there.
 
-    def close(self) -> None: ...
+        Raises Timeout, after which the descriptor waits for what comes next; StopAsyncIteration.
+        """
+
+    def close(self) -> None:
+        ...
 
 
 class Stream(AsyncIterator[T], Generic[T]):
     """An asynchronous iterator over frames; made by the `stream` functions. It belongs to one task.
 
-    Whoever breaks out of a loop over it closes it: `async with reader.stream() as stream:`. A stream that nobody refers to any more
-    is closed as well. Cancelling the task loses no frame.
+    Whoever breaks out of a loop over it closes it: `async with reader.stream() as stream:`. A stream that
+    nobody refers to any more is closed as well. Cancelling the task loses no frame.
     """
 
     def __init__(self, source: Takes[T]) -> None:
         self._source: Takes[T] | None = source
-        # Its own: the number must stay this file's until the loop has forgotten it, also when the set is closed first.
+        # Its own: the number must stay this file's until the loop has forgotten it, also when the set is
+        # closed first.
         self._fd = os.dup(source.fileno())
         self._loop: asyncio.AbstractEventLoop | None = None
         self._waiting: asyncio.Future[None] | None = None
@@ -112,7 +121,9 @@ class Stream(AsyncIterator[T], Generic[T]):
     async def __aenter__(self) -> Stream[T]:
         return self
 
-    async def __aexit__(self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None) -> None:
+    async def __aexit__(
+        self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None
+    ) -> None:
         self.close()
 
     def __del__(self) -> None:

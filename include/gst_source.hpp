@@ -185,7 +185,7 @@ using MonotonicTime = std::chrono::time_point<std::chrono::steady_clock, std::ch
 // A time of CLOCK_REALTIME: nanoseconds since 1970-01-01 UTC.
 using WallTime = std::chrono::time_point<std::chrono::system_clock, std::chrono::nanoseconds>;
 
-// How long a call may wait. Less than 0 is no_wait.
+// How long a call may wait. Less than 0 ms is no_wait, 2^31 ms and more are forever.
 using Timeout = std::chrono::milliseconds;
 inline constexpr Timeout no_wait = Timeout::zero();
 inline constexpr Timeout forever = Timeout::max();
@@ -280,7 +280,7 @@ struct Description {
 
 // One frame: an access unit of video, or an audio frame.
 struct Frame {
-    ByteView data;               // valid as long as the memory that the frame was read into
+    ByteView data;               // valid as long as what it was read into, or as it is borrowed
     std::uint64_t sequence = 0;  // number of the frame within the epoch, from 0
     std::uint64_t epoch = 0;     // rises whenever a new writer opens the track; sequence begins anew
     // Times of the stream. They begin anew with each epoch.
@@ -431,8 +431,7 @@ inline constexpr std::uint32_t http = 16;
 inline constexpr std::uint32_t tls = 32;
 }  // namespace rtsp_transport
 
-// The options of each protocol, with what they do and what they are worth on real networks:
-// docs/protocols.md.
+// The options of each protocol. What they do, as measured: docs/protocols.md.
 struct RtspOptions {
     std::uint32_t protocols = rtsp_transport::tcp;  // not 0 and not `http` alone, with which nothing plays
     std::chrono::milliseconds latency{2000};        // jitter buffer; 0 to 2^31 - 1 ms
@@ -512,7 +511,7 @@ struct SourceOptions {
     RtmpOptions rtmp{};
     UdpOptions udp{};
     HlsOptions hls{};
-    MediaCallback on_media_change{};
+    MediaCallback on_media_change{};  // may be empty; stays the same as long as the source is open
 };
 
 enum class SourceState {
@@ -612,7 +611,7 @@ class Writer {
     // How the time stamps of the frames from now on relate to CLOCK_MONOTONIC; empty: not known.
     Result<void> set_clock(std::optional<std::chrono::nanoseconds> clock_offset);
     // Writes one frame. Never waits.
-    // Errors: too_big: the frame is left out, which readers see; invalid_argument: no data, a negative time.
+    // Errors: too_big: the frame is left out, which readers see; invalid_argument: no bytes, a time below 0.
     Result<void> write(ByteView data, const FrameInfo &info = {});
     // Publishes measured rates: bits per second, frames per second.
     Result<void> set_rates(std::uint32_t bitrate, double fps);
@@ -752,6 +751,12 @@ class FrameRange {
         bool at_end() const { return range_->error_.code() != Errc::ok; }
         FrameRange *range_ = nullptr;
     };
+
+    FrameRange(FrameRange &&) noexcept = default;
+    FrameRange &operator=(FrameRange &&) noexcept = default;
+    FrameRange(const FrameRange &) = delete;
+    FrameRange &operator=(const FrameRange &) = delete;
+    ~FrameRange() = default;
 
     // Reads the next frame. A range goes on where it stood, also after a timeout.
     Iterator begin() {
@@ -2026,7 +2031,7 @@ inline Result<void> BorrowedFrame::give_back() {
     if (reader_ == nullptr) {
         return detail::not_open("the borrowed frame");
     }
-    const std::shared_ptr<shb_reader_t> reader = std::move(reader_);
+    const std::shared_ptr<shb_reader_t> reader = std::exchange(reader_, nullptr);
     return detail::done(shb_reader_return(reader.get()));
 }
 

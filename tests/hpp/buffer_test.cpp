@@ -485,6 +485,7 @@ TEST_F(HppBuffer, WriterRefusesWhatDoesNotFit) {
     description.codec_data.resize(SHB_CODEC_DATA_MAX + 1);
     EXPECT_TRUE(Fails(writer.describe(description), gs::Errc::too_big));
     EXPECT_TRUE(Fails(writer.write(Text("frame"), Key(-1ns)), gs::Errc::invalid_argument, "below 0"));
+    EXPECT_TRUE(Fails(writer.write(Bytes()), gs::Errc::invalid_argument));
     EXPECT_TRUE(Fails(writer.set_rates(0, -1), gs::Errc::invalid_argument));
     EXPECT_TRUE(Fails(writer.set_rates(0, 1e9), gs::Errc::invalid_argument));
 }

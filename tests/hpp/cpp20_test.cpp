@@ -1,4 +1,5 @@
 // The same header in C++20, in one program with files in C++17: spans, ranges and designated initialisers.
+#include <algorithm>
 #include <iterator>
 #include <ranges>
 #include <span>
@@ -28,11 +29,8 @@ TEST(HppCpp20, FramesAreSpansAndRanges) {
     buffer.close();
     std::size_t sum = 0;
     gs::FrameRange frames = reader.frames();
-    for (const std::size_t size : frames | std::views::transform([](const gs::Frame &frame) {
-                                      return std::span<const std::uint8_t>(frame.data).size_bytes();
-                                  })) {
-        sum += size;
-    }
+    std::ranges::for_each(frames,
+                          [&sum](const gs::Frame &frame) { sum += std::span<const std::uint8_t>(frame.data).size_bytes(); });
     EXPECT_EQ(sum, 6U);
     EXPECT_EQ(frames.error().code(), gs::Errc::closed);
 }

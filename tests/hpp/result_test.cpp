@@ -89,7 +89,7 @@ template <typename Owner>
 constexpr bool kOnlyMoves = std::is_nothrow_move_constructible_v<Owner> &&std::is_nothrow_move_assignable_v<Owner> &&
                             !std::is_copy_constructible_v<Owner> && !std::is_copy_assignable_v<Owner>;
 static_assert(kOnlyMoves<gs::Buffer> && kOnlyMoves<gs::Source> && kOnlyMoves<gs::Writer> && kOnlyMoves<gs::Map> &&
-              kOnlyMoves<gs::Reader> && kOnlyMoves<gs::BorrowedFrame> && kOnlyMoves<gs::Follow>);
+              kOnlyMoves<gs::Reader> && kOnlyMoves<gs::BorrowedFrame> && kOnlyMoves<gs::Follow> && kOnlyMoves<gs::FrameRange>);
 static_assert(std::is_move_constructible_v<gs::Set> && std::is_move_assignable_v<gs::Set> &&
               !std::is_copy_constructible_v<gs::Set> && !std::is_copy_assignable_v<gs::Set>);
 

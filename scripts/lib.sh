@@ -10,7 +10,8 @@ build_packages=(build-essential meson ninja-build pkg-config libgstreamer1.0-dev
 runtime_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad glib-networking ca-certificates)
 sender_packages=(ffmpeg)
 # What the tests add: their framework, the servers they play from, and the analysis tools.
-test_packages=(libgtest-dev libgmock-dev libavformat-dev libavcodec-dev libavutil-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
+test_packages=(libavformat-dev libavcodec-dev libavutil-dev
+    libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
     libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps iproute2 git clang clang-format
     clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
     g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user)

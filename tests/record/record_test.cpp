@@ -216,8 +216,8 @@ nanoseconds WaitBegun(const Scene &scene, const Process &recorder, const std::st
     return Monotonic();
 }
 
-// What stands in a file that was not completed plays as far as it is whole, and a player finds no less in the file itself.
-// How many of the material's pictures that are.
+// What stands in a file that was not completed plays as far as it is whole, and a player finds no less in the file
+// itself. Returns how many of the material's pictures that are.
 size_t ExpectWholePart(const Material &material, const Scene &scene, const std::string &path) {
     SCOPED_TRACE(path);
     const std::string whole = scene.dir.File("whole-" + std::filesystem::path(path).filename().string());

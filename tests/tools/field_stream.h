@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-// Pictures of 64x64, each in two access units: the top field, which decoding can start with, and the bottom field.
-// Every sample is coded as it is (I_PCM), so a decoder gives exactly FieldSample() back; the colours are neutral.
+// Pictures of 64x64, each in two access units: the top field, which decoding can start with, and the bottom
+// field. Every sample is coded as it is (I_PCM), so a decoder gives exactly FieldSample() back. The colours
+// are neutral.
 class FieldStream {
   public:
     static constexpr unsigned kSize = 64;

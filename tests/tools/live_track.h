@@ -9,7 +9,7 @@
 
 #include "shb.h"
 
-// The access units of a file or of a byte stream, as GStreamer's parser cuts them. The name ends in .h264 or .h265.
+// The access units of a byte stream, as GStreamer's parser cuts them. The name ends in .h264 or .h265.
 std::vector<std::string> AccessUnits(const std::string &file);
 std::string Joined(const std::vector<std::string> &units, size_t begin, size_t end);
 

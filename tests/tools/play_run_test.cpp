@@ -200,7 +200,7 @@ TEST_F(Play, FailuresAreOneLine) {
     const std::string start = "gst-source-read: ";
     const Child::Variables here = Environment();
     const Child::Variables undecodable = Environment("avdec_h264:NONE,openh264dec:NONE");
-    const std::vector<std::tuple<std::vector<std::string>, Child::Variables, std::string>> cases{
+    std::vector<std::tuple<std::vector<std::string>, Child::Variables, std::string>> cases{
         {{m_name + "-not"}, here, m_name + "-not: no shared buffer of this name"},
         {{m_name, "--stream", "1"}, here, m_name + " has 1 channel of 1 stream, counted from 0"},
         {{m_name, "--no-audio"}, undecodable, "H.264 needs a decoder: apt install gstreamer1.0-libav"},
@@ -213,6 +213,10 @@ TEST_F(Play, FailuresAreOneLine) {
          Environment("xvimagesink:NONE,ximagesink:NONE,glimagesink:NONE"),
          "the GStreamer element \"ximagesink\" is missing; it is in the package gstreamer1.0-x"},
     };
+    const LiveBuffer sound(m_name + "-sound");
+    sound.LeaveOut(SHB_VIDEO);
+    cases.push_back({{sound.Name()}, here, sound.Name() + " has no video, and no sound device can be opened"});
+    cases.push_back({{sound.Name(), "--no-audio"}, {{"DISPLAY", ""}}, sound.Name() + " has no video"});
     for (const auto &[arguments, variables, message] : cases) {
         Child child(Playing(arguments), variables);
         EXPECT_EQ(child.Wait(), 1) << message;

@@ -1,4 +1,4 @@
-// Still pictures of real streams in a shared buffer, compared with what ffmpeg makes of the same access units.
+// Still pictures of real streams in a shared buffer, compared with what ffmpeg makes of the same units.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,8 +71,8 @@ double Difference(const Picture &a, const Picture &b) {
     return static_cast<double>(sum) / static_cast<double>(a.rgb.size());
 }
 
-// Chroma is brought to full size in different ways, of interlaced pictures field by field. A wrong colour matrix
-// alone makes 10.
+// Chroma is brought to full size in different ways, of interlaced pictures field by field. A wrong colour
+// matrix alone makes 10.
 constexpr double kSame = 4;
 constexpr double kSameAsJpeg = 6;
 

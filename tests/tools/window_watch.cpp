@@ -47,7 +47,8 @@ struct WindowWatch::Connection {
 };
 
 WindowWatch::WindowWatch()
-    // It says its number on standard output once it can be used; without -noreset it starts anew with the last client's end.
+    // It says its number on standard output once it can be used. Without -noreset it starts anew when its last
+    // client goes, and refuses connections meanwhile.
     : m_server(Words("Xvfb -displayfd 1 -noreset -nolisten tcp -screen 0 1280x1024x24")) {
     if (!WaitWhileRunning(m_server, [this] { return Has(m_server.Out(), "\n"); })) {
         throw std::runtime_error("Xvfb: " + m_server.Err());

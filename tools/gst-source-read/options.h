@@ -30,8 +30,8 @@ struct Options {
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
     bool follow = false;
-    std::string format;  // container of video and audio together; empty: the frames of one track
     bool kind_given = false;
+    std::string format;  // container of video and audio together; empty: the frames of one track
 
     RecordOptions record;
 

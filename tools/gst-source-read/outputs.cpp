@@ -127,8 +127,7 @@ PipelinePtr OpenSound() {
     PipelinePtr sound = Chain({convert.get(), resample.get(), sink.get()});
     // Where nothing can be opened, it takes fakesink.
     const GList *chosen = GST_BIN_CHILDREN(sink.get());
-    const GstElementFactory *factory =
-        chosen != nullptr ? gst_element_get_factory(static_cast<GstElement *>(chosen->data)) : nullptr;
+    GstElementFactory *factory = chosen != nullptr ? gst_element_get_factory(static_cast<GstElement *>(chosen->data)) : nullptr;
     const bool fake = factory == nullptr || std::strcmp(GST_OBJECT_NAME(factory), "fakesink") == 0;
     return fake ? nullptr : std::move(sound);
 }

@@ -8,7 +8,7 @@ namespace reader {
 // True when the environment names one.
 bool HasDisplay();
 
-// Bins with one sink pad that takes what a decoder gives. Each has its device open and is in the state READY.
+// Bins with one sink pad that takes what a decoder gives. Each is in the state READY: its device is open.
 
 // Throws std::runtime_error with a message for people when no window can be opened.
 PipelinePtr OpenWindow();

@@ -98,7 +98,7 @@ void OnDecodedPad(GstElement * /*decoder*/, GstPad *pad, gpointer user) {
 
 class Player {
   public:
-    Player(const Options &options, std::string name, bool picture);
+    Player(const Options &options, std::string name, bool window, bool sound_only);
     ~Player() { gst_element_set_state(m_pipeline.get(), GST_STATE_NULL); }
     Player(const Player &) = delete;
     Player &operator=(const Player &) = delete;
@@ -134,17 +134,21 @@ class Player {
     bool m_hostGone = false;
 };
 
-Player::Player(const Options &options, std::string name, bool picture) : m_options(options), m_name(std::move(name)) {
+Player::Player(const Options &options, std::string name, bool window, bool sound_only)
+    : m_options(options), m_name(std::move(name)) {
     // The title of the window.
     g_set_application_name(m_name.c_str());
-    if (picture) {
+    if (window) {
         m_video.output = OpenWindow();
     }
     if (options.view.sound) {
         m_audio.output = OpenSound();
-        if (!m_audio.output) {
+        if (!m_audio.output && !sound_only) {
             Complain("no sound: no sound device can be opened");
         }
+    }
+    if (!m_audio.output && sound_only) {
+        throw std::runtime_error(m_name + " has no video" + (options.view.sound ? ", and no sound device can be opened" : ""));
     }
     for (Branch *branch : {&m_video, &m_audio}) {
         branch->pipeline = m_pipeline.get();
@@ -389,15 +393,16 @@ int RunPlay(const Options &options) {
     if (map) {
         CheckTrack(map.get(), name, options.channel, options.stream);
     }
-    const bool picture = HasDisplay();
-    if (!picture && !IsSoundOnly(map, options)) {
+    const bool window = HasDisplay();
+    const bool sound_only = IsSoundOnly(map, options);
+    if (!window && !sound_only) {
         throw std::runtime_error(
             "no display: neither DISPLAY nor WAYLAND_DISPLAY is set. A picture: gst-source-read snapshot " + name +
             " OUT.jpg. On another machine: ssh HOST gst-source-read read " + name + " --format mpegts - | ffplay -");
     }
     tool::interrupts::Install(-1);
     StartGStreamer();
-    return Player(options, name, picture).Go();
+    return Player(options, name, window, sound_only).Go();
 }
 
 }  // namespace reader

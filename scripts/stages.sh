@@ -18,7 +18,10 @@ tidy() {
         (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang)
 }
 
-shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on,python} examples/*.sh .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
+shell_scripts() {
+    (cd "$root" && shellcheck -x scripts/{run,test,on,python} examples/*.sh .ci/run tests/make_materials.sh \
+        tests/unit/no_live_objects.sh)
+}
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts

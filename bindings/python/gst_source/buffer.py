@@ -244,9 +244,9 @@ class Writer(Handle):
     def on_stall(self, handler: StallHandler | None) -> None:
         """Sets what to call when the stall watch finds the track without data; None: nothing.
 
-        `handler(silent_ms)`: for how long. It runs on a thread of its own. It must not call `Writer.close`, `Buffer.close` or `on_stall`, which
-        raise Error there, nor wait for a thread that does. After this function has returned, the handler
-        before is not running and will not be called.
+        `handler(silent_ms)`: for how long. It runs on a thread of its own. It must not call `Writer.close`,
+        `Buffer.close` or `on_stall`, which raise Error there, nor wait for a thread that does. After this function
+        has returned, the handler before is not running and will not be called.
         """
         _refuse_in_stall_handler("Writer.on_stall")
         pointer = self._use()

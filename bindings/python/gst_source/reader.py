@@ -184,8 +184,9 @@ class Map(Handle):
     ) -> tuple[Reader, Reader]:
         """Opens video and audio of a source at one moment, which is named as for `Reader.seek`.
 
-        That is what a recording begins with. The audio begins at its first frame that is not before the picture. After a loss video goes on at a
-        key frame, audio at the oldest frame held. Raises ArgumentError, Corrupt, SystemFailure.
+        That is what a recording begins with. The audio begins at its first frame that is not before the picture.
+        After a loss video goes on at a key frame, audio at the oldest frame held. Raises ArgumentError, Corrupt,
+        SystemFailure.
         """
         seek, ns = _moment(where, back, monotonic_ns, wall_ns)
         video, audio = ffi.new("shb_reader_t **"), ffi.new("shb_reader_t **")
@@ -436,8 +437,9 @@ def _lock_all(readers: Iterable[Reader]) -> ExitStack:
 def wait_any(readers: Iterable[Reader], timeout: float | None = None, *, after: Reader | None = None) -> Reader:
     """Waits until one of 1 to 1024 readers has something to say; that one is the result.
 
-    They may be of any tracks and buffers. A reader whose buffer is closed or damaged has that to say. `after`: the one that was found last, which is
-    looked at last. Any thread. Raises Timeout; ArgumentError, also while a frame is borrowed; SystemFailure.
+    They may be of any tracks and buffers. A reader whose buffer is closed or damaged has that to say. `after`: the
+    one that was found last, which is looked at last. Any thread. Raises Timeout; ArgumentError, also while a frame is
+    borrowed; SystemFailure.
     """
     every = list(readers)
     if not 1 <= len(every) <= 1024:

@@ -220,8 +220,8 @@ class Source(Handle):
     def close(self) -> None:
         """Ends it: stops its threads and brings its pipeline down, within 0.1 s as a rule.
 
-        docs/protocols.md has the exceptions. Waits for an `on_media_change` that is running. Called in that of the same source it changes nothing
-        and raises Error.
+        docs/protocols.md has the exceptions. Waits for an `on_media_change` that is running. Called in that of the
+        same source it changes nothing and raises Error.
         """
         if self._is_inherited():
             super().close()

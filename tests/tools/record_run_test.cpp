@@ -194,7 +194,7 @@ TEST_P(InEachContainer, SegmentsAddUp) {
     }
     EXPECT_EQ(video, station.Sent(SHB_VIDEO));
     EXPECT_EQ(audio, station.Sent(SHB_AUDIO));
-    EXPECT_TRUE(Has(recorder.Err(), ": the next segment: H264 ")) << recorder.Err();
+    EXPECT_TRUE(Has(recorder.Err(), ": the next segment into ")) << recorder.Err();
     EXPECT_TRUE(Has(recorder.Err(), ": 3 files, 00:00:06, 150 video frames, ")) << recorder.Err();
 }
 

@@ -104,7 +104,7 @@ void AvSource::OnPadAdded(GstElement * /*element*/, GstPad *pad, gpointer self) 
 
 GstPadProbeReturn AvSource::OnPadData(GstPad * /*pad*/, GstPadProbeInfo *info, gpointer data) {
     auto &branch = *static_cast<Branch *>(data);
-    const auto note = [&branch](const GstBuffer *buffer) {
+    const auto note = [&branch](GstBuffer *buffer) {
         if (branch.kind == SHB_VIDEO && GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) == FALSE) {
             branch.keys.push_back(GST_BUFFER_PTS(buffer));
         }
@@ -229,7 +229,7 @@ GstFlowReturn AvSource::OnSample(gpointer sink, gpointer data) {
 }
 
 // As the writer of the track has found it, since parsers know fewer kinds of pictures that can be begun with.
-bool AvSource::IsKey(Branch &branch, const GstBuffer *buffer) {
+bool AvSource::IsKey(Branch &branch, GstBuffer *buffer) {
     if (branch.kind == SHB_AUDIO) {
         return true;
     }

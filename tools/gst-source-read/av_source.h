@@ -84,7 +84,7 @@ class AvSource {
     void Discard(Branch &branch);
     void Disconnect(Branch &branch);
     void TakeSample(Branch &branch, GstSample *sample);
-    bool IsKey(Branch &branch, const GstBuffer *buffer);
+    bool IsKey(Branch &branch, GstBuffer *buffer);
     FormatId FormatOf(GstCaps *caps);
     void Tell(Event event);
     void Wake() const;

@@ -29,12 +29,11 @@ struct Options {
     std::string output;              // empty: standard output, unless records go there; "-": standard output
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
+    std::string format;              // container of video and audio together; empty: the frames of one track
     bool follow = false;
     bool kind_given = false;
-    std::string format;  // container of video and audio together; empty: the frames of one track
 
     RecordOptions record;
-
     ViewOptions view;
 
     bool force = false;  // of remove

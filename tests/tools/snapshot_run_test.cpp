@@ -38,9 +38,9 @@ struct Picture {
 Picture PictureOf(const std::string &file) {
     const TempDir dir;
     const std::string out = dir.File("out.ppm");
-    std::vector<std::string> command = Words("ffmpeg -nostdin -v error -y -vsync 0 -i");
+    std::vector<std::string> command = Words("ffmpeg -nostdin -v error -y -i");
     command.push_back(file);
-    for (const std::string &word : Words("-pix_fmt rgb24 -update 1")) {
+    for (const std::string &word : Words("-fps_mode passthrough -pix_fmt rgb24 -update 1")) {
         command.push_back(word);
     }
     command.push_back(out);

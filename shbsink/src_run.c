@@ -293,8 +293,7 @@ static gboolean is_before_picture(Track *track, const ShbSrcFrame *frame) {
     Track *video = other_track(track);
     if (track->kind != SHB_AUDIO || resolution_of(video) != RESOLVED_FRAME || !GST_CLOCK_TIME_IS_VALID(frame->pts))
         return FALSE;
-    GstClockTime half = GST_CLOCK_TIME_IS_VALID(frame->duration) ? frame->duration / 2 : 0;
-    return frame->pts + half < video->first_time;
+    return frame->pts < video->first_time;
 }
 
 static void step_first(Track *track) {

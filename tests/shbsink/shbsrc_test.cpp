@@ -494,10 +494,10 @@ TEST_P(ShbSrcStart, BeginsThere) {
 INSTANTIATE_TEST_SUITE_P(
     Rules, ShbSrcStart,
     ::testing::Values(
-        StartCase{"key", {5, 6, 7, 8, 9}, {9, 10, 11, 12, 13, 14, 15, 16, 17, 18}},
+        StartCase{"key", {5, 6, 7, 8, 9}, {10, 11, 12, 13, 14, 15, 16, 17, 18}},
         StartCase{"oldest", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18}},
         StartCase{"-1h", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18}},
-        StartCase{"-0s", {5, 6, 7, 8, 9}, {9, 10, 11, 12, 13, 14, 15, 16, 17, 18}}, StartCase{"newest", {}, {}}));
+        StartCase{"-0s", {5, 6, 7, 8, 9}, {10, 11, 12, 13, 14, 15, 16, 17, 18}}, StartCase{"newest", {}, {}}));
 
 TEST(ShbSrc, StreamWithoutSoundIsNotWaitedFor) {
     Host host(UniqueName(), false);

@@ -195,7 +195,12 @@ void Cutter::AssignFollower(Frame frame) {
         EndOlder();
     }
     if (!m_open.empty() && Fits(m_open.back(), frame)) {
-        Put(m_open.back(), std::move(frame));
+        const File &newest = m_open.back();
+        // Sound that begins just before the first picture. A muxer would drop it as well, and mp4mux would then
+        // begin the track at the wrong time.
+        if (!newest.opened || frame.pts >= newest.start.zero) {
+            Put(m_open.back(), std::move(frame));
+        }
         return;
     }
     if (m_wanted.empty() && !m_open.empty()) {

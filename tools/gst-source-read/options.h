@@ -8,10 +8,11 @@
 #include "parsed.h"
 #include "record_options.h"
 #include "shb.h"
+#include "view_options.h"
 
 namespace reader {
 
-enum class Command { kList, kTracks, kRead, kRecord, kRemove };
+enum class Command { kList, kTracks, kRead, kRecord, kPlay, kSnapshot, kRemove };
 
 struct Options {
     Command command = Command::kList;
@@ -31,6 +32,8 @@ struct Options {
     std::string format;              // container of video and audio together; empty: the frames of one track
 
     RecordOptions record;
+
+    ViewOptions view;
 
     bool follow = false;
     bool kind_given = false;

@@ -4,18 +4,24 @@
 # Lists files only, so a clone that belongs to another user (root in a container) is as good as one's own.
 tracked() { git -c safe.directory="$root" -C "$root" ls-files -z -- "$@"; }
 
-layout() { tracked '*.c' '*.cpp' '*.h' | (cd "$root" && xargs -0 clang-format --dry-run --Werror); }
+layout() { tracked '*.c' '*.cpp' '*.h' '*.hpp' | (cd "$root" && xargs -0 clang-format --dry-run --Werror); }
 
 lint() {
     # What the macro makes is nothing to look into, and unknown to it.
     (cd "$root" && cppcheck --quiet --enable=warning,performance,portability --inline-suppr --error-exitcode=1 --library=gtk \
-        '-DGST_ELEMENT_REGISTER_DEFINE(a,b,c,d)=' -Iinclude -Ishbsink -Isrc -j "$(nproc)" src shbsink tools)
+        '-DGST_ELEMENT_REGISTER_DEFINE(a,b,c,d)=' -Iinclude -Ishbsink -Isrc -j "$(nproc)" src shbsink tools examples)
 }
 
-# The library's, the sink's and the tools' own sources, with the flags of the clang build.
-tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
+# The sources of the library, the sink, the tools and the examples, with the flags of the clang build.
+tidy() {
+    tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' 'examples/*.cpp' |
+        (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang)
+}
 
-shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
+shell_scripts() {
+    (cd "$root" && shellcheck -x scripts/{run,test,on,python} examples/*.sh .ci/run tests/make_materials.sh \
+        tests/unit/no_live_objects.sh)
+}
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts
@@ -49,7 +55,7 @@ asan_dir() {
 
 arm64_dir() { configure arm64 --cross-file "$root/tests/arm64.ini" -Dbuffer_only=true; }
 
-tsan_dir() { configure tsan -Db_sanitize=thread -Doptimization=1 -Dwerror=false '-Dtest_parts=unit,faults,shbsink,tools,peers'; }
+tsan_dir() { configure tsan -Db_sanitize=thread -Doptimization=1 -Dwerror=false '-Dtest_parts=unit,faults,shbsink,tools,hpp,peers'; }
 
 fuzz_dir() {
     CC=clang CXX=clang++ configure fuzz -Db_sanitize=address,undefined -Db_lundef=false -Doptimization=1 -Dtest_parts=unit,fuzz

@@ -20,6 +20,11 @@
 /* A track that is silent while the other goes on says so, or a muxer waits for it. */
 #define GAP_AFTER_NS (GST_SECOND)
 #define GAP_MARGIN_NS (GST_SECOND / 2)
+/*
+ * Least rise of the times: more than two ticks of 90 kHz, so that they differ in a transport stream as well.
+ * mpegtsmux rounds towards the start of the segment, from both sides.
+ */
+#define STEP_NS (GST_SECOND / 45000 + 1)
 #define MAX_BATCH 512
 
 const gchar *shb_src_kind_name(shb_kind_t kind) {
@@ -194,13 +199,13 @@ static void set_times(Track *track, ShbSrcFrame *frame) {
     if (track->kind == SHB_VIDEO) {
         if (!GST_CLOCK_TIME_IS_VALID(dts))
             dts = MIN(pts, frame->arrival);
-        if (GST_CLOCK_TIME_IS_VALID(track->last_dts) && dts <= track->last_dts)
-            dts = track->last_dts + 1;
+        if (GST_CLOCK_TIME_IS_VALID(track->last_dts))
+            dts = MAX(dts, track->last_dts + STEP_NS);
         pts = MAX(pts, dts);
         track->last_dts = dts;
     } else {
-        if (GST_CLOCK_TIME_IS_VALID(track->last_pts) && pts <= track->last_pts)
-            pts = track->last_pts + 1;
+        if (GST_CLOCK_TIME_IS_VALID(track->last_pts))
+            pts = MAX(pts, track->last_pts + STEP_NS);
         dts = pts;
     }
     track->last_pts = pts;

@@ -442,6 +442,22 @@ TEST_F(CutterTest, DurationDoesNotWaitForATrackThatIsSilent) {
     EXPECT_EQ(Nth(0).Times(SHB_VIDEO).size(), 50u);
 }
 
+// Its decoding time says that the file is open by then.
+TEST_F(CutterTest, SoundFromJustBeforeTheFirstPictureIsLeftAway) {
+    Start();
+    VideoAt(kSecond, kSecond - 80 * kMs, true);
+    VideoAt(kSecond + 160 * kMs, kSecond - kPicture, false);
+    Audio(kSecond - kMs);
+    Audio(kSecond + kSound - kMs);
+    VideoAt(kSecond + 80 * kMs, kSecond, false);
+    Audio(kSecond + 2 * kSound - kMs);
+    Cut().Advance(now);
+    Cut().Finish();
+    EXPECT_EQ(Nth(0).start.zero, kSecond);
+    EXPECT_EQ(Nth(0).Times(SHB_AUDIO), (std::vector<int64_t>{1019, 1039}));
+    EXPECT_EQ(Cut().LeftOut(SHB_AUDIO), 0u);
+}
+
 TEST_F(CutterTest, AsManyFramesAsWanted) {
     Cutter::Rules rules;
     rules.frames = 30;
@@ -450,6 +466,7 @@ TEST_F(CutterTest, AsManyFramesAsWanted) {
     EXPECT_TRUE(Cut().Done());
     Cut().Finish();
     EXPECT_EQ(Nth(0).Times(SHB_VIDEO).size(), 30u);
+    EXPECT_EQ(Nth(0).Times(SHB_AUDIO), Steps(0, 1200 * kMs, kSound));
 }
 
 TEST_F(CutterTest, WithoutFramesThereIsNoFile) {

@@ -208,17 +208,25 @@ void Station::Carry(const Media *video, const Media *audio) {
     for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
         if (m_media[kind] == nullptr) {
             shb_set_presence(m_buffer.get(), 0, 0, kind, SHB_PRESENCE_ABSENT);
-            continue;
+        } else {
+            OpenWriter(kind);
         }
-        const Media &media = *m_media[kind];
-        m_writers[kind] = shbtest::OpenWriter(m_buffer, kind);
-        const shb_writer_t *opened = m_writers[kind].get();
-        ASSERT_NE(opened, nullptr);
-        ASSERT_EQ(
-            shb_writer_describe(m_writers[kind].get(), &media.description, media.codec_data.data(), media.codec_data.size()),
-            SHB_OK);
-        ASSERT_EQ(shb_writer_set_clock(m_writers[kind].get(), m_begin), SHB_OK);
     }
+}
+
+void Station::CarrySound(const Media *audio) {
+    m_writers[SHB_AUDIO].reset();
+    m_media[SHB_AUDIO] = audio;
+    OpenWriter(SHB_AUDIO);
+}
+
+void Station::OpenWriter(shb_kind_t kind) {
+    const Media &media = *m_media[kind];
+    m_writers[kind] = shbtest::OpenWriter(m_buffer, kind);
+    shb_writer_t *writer = m_writers[kind].get();
+    ASSERT_NE(writer, nullptr);
+    ASSERT_EQ(shb_writer_describe(writer, &media.description, media.codec_data.data(), media.codec_data.size()), SHB_OK);
+    ASSERT_EQ(shb_writer_set_clock(writer, m_begin), SHB_OK);
 }
 
 void Station::Write(shb_kind_t kind, int64_t from, int64_t until) {
@@ -303,7 +311,7 @@ Probed Probe(const std::string &path) {
 }
 
 std::string Decode(const std::string &path) {
-    Child child({"ffmpeg", "-nostdin", "-v", "warning", "-i", path, "-f", "null", "-"});
+    Child child({"ffmpeg", "-nostdin", "-v", "error", "-i", path, "-f", "null", "-"});
     EXPECT_EQ(child.Wait(), 0) << path;
     // The elementary streams of the materials do not say in which order pictures are shown.
     std::string complaints;

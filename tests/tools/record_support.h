@@ -41,6 +41,8 @@ class Station {
     explicit Station(const std::string &test);
     // Writers for these; null: the source has no such track. A new epoch begins.
     void Carry(const Media *video, const Media *audio);
+    // Another sound beside the picture that goes on.
+    void CarrySound(const Media *audio);
     // The frames from one time to another, ns, both tracks in the order of time. The material is repeated.
     void Send(int64_t from, int64_t until);
     void SendOnly(shb_kind_t kind, int64_t from, int64_t until);
@@ -54,6 +56,7 @@ class Station {
     size_t Sent(shb_kind_t kind) const { return m_sent[kind]; }
 
   private:
+    void OpenWriter(shb_kind_t kind);
     void Write(shb_kind_t kind, int64_t from, int64_t until);
 
     const std::string m_name;

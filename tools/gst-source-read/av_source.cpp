@@ -44,12 +44,13 @@ AvSource::AvSource(Settings settings, const Container &container)
         m_branches[kind].kind = kind;
     }
     m_pipeline.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
+    m_bin = GST_BIN(m_pipeline.get());
     GstElement *source = MakeElement("shbsrc", "gst-source");
     g_object_set(source, "buffer", m_settings.buffer.c_str(), "channel", static_cast<gint>(m_settings.channel), "stream",
                  static_cast<gint>(m_settings.stream), "start", m_settings.start.c_str(), "follow",
                  m_settings.follow ? TRUE : FALSE, "interval", static_cast<guint>(m_settings.interval_ms), nullptr);
     g_signal_connect(source, "pad-added", G_CALLBACK(OnPadAdded), this);
-    gst_bin_add(GST_BIN(m_pipeline.get()), source);
+    gst_bin_add(m_bin, source);
     // What goes wrong stands on the bus.
     gst_element_set_state(m_pipeline.get(), GST_STATE_PLAYING);
 }
@@ -103,7 +104,7 @@ void AvSource::OnPadAdded(GstElement * /*element*/, GstPad *pad, gpointer self) 
 
 GstPadProbeReturn AvSource::OnPadData(GstPad * /*pad*/, GstPadProbeInfo *info, gpointer data) {
     auto &branch = *static_cast<Branch *>(data);
-    const auto note = [&branch](const GstBuffer *buffer) {
+    const auto note = [&branch](GstBuffer *buffer) {
         if (branch.kind == SHB_VIDEO && GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) == FALSE) {
             branch.keys.push_back(GST_BUFFER_PTS(buffer));
         }
@@ -161,7 +162,7 @@ void AvSource::TakeCaps(Branch &branch, GstCaps *caps) {
 void AvSource::Connect(Branch &branch) {
     const Parser parser = ParserOf(branch.caps.get());
     GstElement *sink = MakeElement("appsink", kBase);
-    gst_bin_add(GST_BIN(m_pipeline.get()), sink);
+    gst_bin_add(m_bin, sink);
     const CapsPtr form = FormIn(m_container, branch.caps.get());
     g_object_set(sink, "caps", form.get(), "sync", FALSE, "async", FALSE, "enable-last-sample", FALSE, nullptr);
     GstAppSinkCallbacks callbacks{};
@@ -179,7 +180,7 @@ void AvSource::Connect(Branch &branch) {
     GstElement *first = sink;
     if (parser.factory != nullptr) {
         first = branch.parser = MakeElement(parser.factory, parser.package);
-        gst_bin_add(GST_BIN(m_pipeline.get()), branch.parser);
+        gst_bin_add(m_bin, branch.parser);
         // Whoever joins a transport stream later finds the parameter sets at each key frame.
         if (branch.kind == SHB_VIDEO && m_container.changes_picture) {
             g_object_set(branch.parser, "config-interval", -1, nullptr);
@@ -198,7 +199,7 @@ void AvSource::Connect(Branch &branch) {
 void AvSource::Discard(Branch &branch) {
     branch.sink = MakeElement("fakesink", kCore);
     g_object_set(branch.sink, "sync", FALSE, "async", FALSE, nullptr);
-    gst_bin_add(GST_BIN(m_pipeline.get()), branch.sink);
+    gst_bin_add(m_bin, branch.sink);
     gst_element_sync_state_with_parent(branch.sink);
     const PadPtr into(gst_element_get_static_pad(branch.sink, "sink"));
     gst_pad_link(branch.pad, into.get());
@@ -211,7 +212,7 @@ void AvSource::Disconnect(Branch &branch) {
     for (GstElement **element : {&branch.parser, &branch.sink}) {
         if (*element != nullptr) {
             gst_element_set_state(*element, GST_STATE_NULL);
-            gst_bin_remove(GST_BIN(m_pipeline.get()), *element);
+            gst_bin_remove(m_bin, *element);
             *element = nullptr;
         }
     }
@@ -228,7 +229,7 @@ GstFlowReturn AvSource::OnSample(gpointer sink, gpointer data) {
 }
 
 // As the writer of the track has found it, since parsers know fewer kinds of pictures that can be begun with.
-bool AvSource::IsKey(Branch &branch, const GstBuffer *buffer) {
+bool AvSource::IsKey(Branch &branch, GstBuffer *buffer) {
     if (branch.kind == SHB_AUDIO) {
         return true;
     }
@@ -252,7 +253,7 @@ void AvSource::TakeSample(Branch &branch, GstSample *sample) {
     GstCaps *caps = gst_sample_get_caps(sample);
     if (branch.last_caps == nullptr || (caps != branch.last_caps && gst_caps_is_equal(caps, branch.last_caps) == FALSE)) {
         branch.format = FormatOf(caps);
-        branch.last_caps = caps;
+        branch.last_caps = Caps(branch.format);
     }
     Frame frame;
     frame.kind = branch.kind;

@@ -115,7 +115,7 @@ bool Cutter::ReachesEnd(const Frame &frame) {
             return true;
         }
     }
-    return m_rules.frames > 0 && m_lead_frames >= m_rules.frames && lead;
+    return m_rules.frames > 0 && m_lead_frames >= m_rules.frames && (lead || frame.pts >= m_lead_end);
 }
 
 void Cutter::Assign(Frame frame) {
@@ -176,6 +176,7 @@ void Cutter::AssignLead(Frame frame) {
     }
     ++m_lead_frames;
     m_last_lead = TimeOf(frame);
+    m_lead_end = std::max(m_lead_end, frame.pts + frame.duration);
     if (reason.empty()) {
         Put(m_open.back(), std::move(frame));
     } else {
@@ -194,7 +195,12 @@ void Cutter::AssignFollower(Frame frame) {
         EndOlder();
     }
     if (!m_open.empty() && Fits(m_open.back(), frame)) {
-        Put(m_open.back(), std::move(frame));
+        const File &newest = m_open.back();
+        // Sound that begins just before the first picture. A muxer would drop it as well, and mp4mux would then
+        // begin the track at the wrong time.
+        if (!newest.opened || frame.pts >= newest.start.zero) {
+            Put(m_open.back(), std::move(frame));
+        }
         return;
     }
     if (m_wanted.empty() && !m_open.empty()) {

@@ -128,6 +128,7 @@ class Cutter {
     int64_t m_begin_decoding = 0;
     int64_t m_next_cut = INT64_MAX;
     int64_t m_last_lead = INT64_MIN;
+    int64_t m_lead_end = INT64_MIN;  // presentation
     uint64_t m_lead_frames = 0;
     int64_t m_recorded = 0;
 };

@@ -57,11 +57,18 @@ void StartGStreamer() {
     }
 }
 
-GstElement *MakeElement(const char *factory, const char *package) {
-    GstElement *element = gst_element_factory_make(factory, nullptr);
-    if (element == nullptr) {
+void RequireElement(const char *factory, const char *package) {
+    if (!HasFactory(factory)) {
         throw std::runtime_error(std::string("the GStreamer element \"") + factory + "\" is missing; it is in the package " +
                                  package);
+    }
+}
+
+GstElement *MakeElement(const char *factory, const char *package) {
+    RequireElement(factory, package);
+    GstElement *element = gst_element_factory_make(factory, nullptr);
+    if (element == nullptr) {
+        throw std::runtime_error(std::string("the GStreamer element \"") + factory + "\" cannot be made");
     }
     return element;
 }

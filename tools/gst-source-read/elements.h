@@ -14,6 +14,9 @@ void StartGStreamer();
 // Floating. Throws std::runtime_error, which names the Debian package that brings the element.
 GstElement *MakeElement(const char *factory, const char *package);
 
+// The same without making one.
+void RequireElement(const char *factory, const char *package);
+
 // The text of an error message, one line for people.
 std::string ErrorText(GstMessage *message);
 

@@ -22,21 +22,23 @@ constexpr const char *kBase = "gstreamer1.0-plugins-base";
 constexpr const char *kCore = "libgstreamer1.0-0";
 
 // Room for decoding times before the beginning, which are of pictures that are shown later.
-constexpr GstClockTime kOrigin = 1000 * 3600 * GST_SECOND;
+constexpr GstClockTime kOrigin = GstClockTime{3'600'000} * GST_SECOND;
 
 GstClockTime Placed(int64_t time, int64_t zero) {
     return static_cast<GstClockTime>(static_cast<int64_t>(kOrigin) + time - zero);
 }
 
-// GStreamer 1.22: mp4mux in fragments writes neither where a track begins nor an edit list. What is killed stays
-// playable only so, and both are made up for: every track begins at the same decoding time (see Write).
-GstElement *MakeMuxer(const Container &container) {
-    GstElement *muxer = MakeElement(container.muxer, container.package);
-    if (std::strcmp(container.muxer, "mp4mux") == 0) {
-        constexpr guint kFragmentMs = 500;
-        g_object_set(muxer, "fragment-duration", kFragmentMs, nullptr);
-    }
-    return muxer;
+bool IsMp4(const Container &container) {
+    return std::strcmp(container.muxer, "mp4mux") == 0;
+}
+
+// What has been killed is playable only in fragments. GStreamer 1.22 to 1.26: mp4mux that writes the header first
+// says neither where a track begins, so every track has to begin at the same decoding time (see Write), nor what
+// AC-3 needs, which it writes over the first fragment. With AC-3 the header comes after the first fragment; a
+// killed file then plays in everything that uses libavformat, and not in VLC.
+bool HasHeaderFirst(const Container &container, const FileWriter::TrackCaps &caps) {
+    return IsMp4(container) && !(caps[SHB_AUDIO] != nullptr &&
+                                 gst_structure_has_name(gst_caps_get_structure(caps[SHB_AUDIO], 0), "audio/x-ac3") != FALSE);
 }
 
 // What the system said, without the framework's words around it.
@@ -84,7 +86,14 @@ FileWriter::~FileWriter() {
 
 void FileWriter::Build(const TrackCaps &caps, GstElement *sink) {
     const ElementPtr owned_sink(GST_ELEMENT(gst_object_ref_sink(sink)));
-    const ElementPtr muxer(GST_ELEMENT(gst_object_ref_sink(MakeMuxer(m_container))));
+    const ElementPtr muxer(GST_ELEMENT(gst_object_ref_sink(MakeElement(m_container.muxer, m_container.package))));
+    m_header_first = HasHeaderFirst(m_container, caps);
+    if (IsMp4(m_container)) {
+        constexpr guint kFragmentMs = 500;
+        constexpr int kFirstFragmentThenHeader = 1;
+        g_object_set(muxer.get(), "fragment-duration", kFragmentMs, "fragment-mode",
+                     m_header_first ? 0 : kFirstFragmentThenHeader, nullptr);
+    }
     if (!m_fd && std::strcmp(m_container.muxer, "matroskamux") == 0) {
         g_object_set(muxer.get(), "streamable", TRUE, nullptr);
     }
@@ -116,7 +125,7 @@ void FileWriter::AddTrack(shb_kind_t kind, const GstCaps *caps, GstElement *muxe
     if (into == nullptr || gst_pad_link(from.get(), into.get()) != GST_PAD_LINK_OK) {
         throw std::runtime_error(m_name + ": the muxer does not take the " + (kind == SHB_VIDEO ? "picture" : "sound"));
     }
-    if (kind == SHB_VIDEO && std::strcmp(m_container.muxer, "mp4mux") == 0) {
+    if (kind == SHB_VIDEO && IsMp4(m_container)) {
         // The default follows the announced frame rate, which real frames do not keep.
         constexpr guint kTimescale = 90000;
         g_object_set(into.get(), "trak-timescale", kTimescale, nullptr);
@@ -179,8 +188,7 @@ void FileWriter::Write(Frame frame) {
     GST_BUFFER_PTS(buffer) = Placed(frame.pts, m_start.zero);
     GST_BUFFER_DTS(buffer) = Placed(frame.dts, m_start.zero);
     GST_BUFFER_DURATION(buffer) = frame.duration > 0 ? static_cast<GstClockTime>(frame.duration) : GST_CLOCK_TIME_NONE;
-    const bool first = track.frames == 0;
-    if (first && std::strcmp(m_container.muxer, "mp4mux") == 0) {
+    if (track.frames == 0 && m_header_first) {
         GST_BUFFER_DTS(buffer) = Placed(m_start.decoding_zero, m_start.zero);
     }
     ++track.frames;

@@ -66,7 +66,8 @@ class FileWriter {
     const Container &m_container;
     const FileStart m_start;
     const std::string m_name;
-    tool::Fd m_fd;  // none: standard output
+    tool::Fd m_fd;                // none: standard output
+    bool m_header_first = false;  // of MP4
     std::array<Track, kKinds> m_tracks;
     int64_t m_length = 0;
     std::string m_reason;

@@ -9,6 +9,7 @@
 
 #include "buffers.h"
 #include "codec.h"
+#include "elements.h"
 #include "interrupts.h"
 #include "output.h"
 #include "text.h"
@@ -20,6 +21,8 @@ using std::chrono::milliseconds;
 
 // What a muxer has not taken yet: the disk, or whoever reads the pipe, is slower than the stream.
 constexpr uint64_t kMostQueued = uint64_t{32} << 20;
+// A source that does not say what it has is given 5 s by the element to bring the other kind, which may be none.
+constexpr std::chrono::seconds kPresence{6};
 // Between a frame's time and its arrival.
 constexpr std::chrono::seconds kLateness{2};
 
@@ -254,7 +257,8 @@ bool MuxRun::IsOver() {
         now - *m_first_frame > std::chrono::nanoseconds(m_settings.duration) + kLateness) {
         return true;
     }
-    const int64_t patience = m_settings.timeout > 0 || m_first_frame ? m_settings.timeout : m_settings.duration;
+    const bool until_end = m_settings.timeout == 0 && !m_first_frame && m_settings.duration > 0;
+    const int64_t patience = until_end ? m_settings.duration + std::chrono::nanoseconds(kPresence).count() : m_settings.timeout;
     if (patience > 0 && now - m_last_frame > std::chrono::nanoseconds(patience)) {
         if (m_status.files > 0) {
             m_observer.Tell(m_settings.source.buffer + ": nothing has come for " +
@@ -308,6 +312,7 @@ void MuxRun::CloseAll() {
 }
 
 bool MuxRun::Go() {
+    RequireElement(m_settings.container->muxer, m_settings.container->package);
     m_source = std::make_unique<AvSource>(m_settings.source, *m_settings.container);
     for (Step(); !IsOver(); Step()) {
         Wait();

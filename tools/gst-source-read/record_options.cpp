@@ -52,6 +52,9 @@ void AddRecordFlags(CLI::App &command, RecordOptions &options) {
 }
 
 void CheckRecord(RecordOptions &options, std::string &name) {
+    if (options.places.empty()) {
+        tool::Refuse("record: no file given; its name ends in " + KnownSuffixes());
+    }
     options.out = options.places.back();
     if (options.places.size() > 1) {
         name = options.places.front();

@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "command_line.h"
+#include "container_names.h"
 #include "secrets.h"
 #include "stream_url.h"
 
@@ -435,6 +436,15 @@ void CheckDumps(const Options &options) {
     }
     if ((video_out || audio_out) && options.urls.size() > 1) {
         Refuse("a dump to standard output takes exactly one source");
+    }
+    for (const auto &[flag, file] :
+         {std::pair("--dump-video", &options.dump_video), std::pair("--dump-audio", &options.dump_audio)}) {
+        const std::string suffix = ContainerSuffix(*file);
+        if (!suffix.empty()) {
+            Refuse(std::string(flag) + " writes the bare frames of one track, which is no " + suffix +
+                   "; beside a running host: gst-source-read record " + (options.name.empty() ? "NAME" : options.name) + " " +
+                   *file);
+        }
     }
     if (!options.dump_video.empty() && options.dump_video == options.dump_audio) {
         Refuse("--dump-video and --dump-audio name the same file");

@@ -42,6 +42,7 @@ const std::map<std::string, Recipe> &Recipes() {
         {"h264_pcma", {Codec::H264, Codec::Pcma, 320, 180, 25, {}}},
         {"h264_pcmu", {Codec::H264, Codec::Pcmu, 320, 180, 25, {}}},
         {"h264_bframes", {Codec::H264, Codec::None, 320, 180, 25, {"-tune", "film", "-bf", "2"}}},
+        {"h264_bframes_aac", {Codec::H264, Codec::Aac, 320, 180, 25, {"-tune", "film", "-bf", "2"}}},
         {"h264_only", {Codec::H264, Codec::None, 640, 360, 25, {}}},
         {"h265_aac", {Codec::H265, Codec::Aac, 320, 180, 25, {}}},
         {"h265_opus", {Codec::H265, Codec::Opus, 320, 180, 25, {}}},

@@ -107,16 +107,18 @@ std::optional<int> Process::Wait(Clock::duration bound) {
     return status_;
 }
 
-void Process::Pause() {
+void Process::Signal(int number) {
     if (pid_ > 0 && !status_) {
-        kill(pid_, SIGSTOP);
+        kill(pid_, number);
     }
 }
 
+void Process::Pause() {
+    Signal(SIGSTOP);
+}
+
 void Process::Resume() {
-    if (pid_ > 0 && !status_) {
-        kill(pid_, SIGCONT);
-    }
+    Signal(SIGCONT);
 }
 
 void Process::Stop() {

@@ -29,6 +29,7 @@ class Process {
     bool Running();
     // Exit status as a shell tells it (128 + signal when killed), nothing when it still runs after `bound`.
     std::optional<int> Wait(Clock::duration bound = kPatience);
+    void Signal(int number);
     void Pause();
     void Resume();
     // SIGTERM, and SIGKILL if that is not enough. What the process left in its group goes with it.

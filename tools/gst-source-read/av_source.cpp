@@ -253,7 +253,7 @@ void AvSource::TakeSample(Branch &branch, GstSample *sample) {
     GstCaps *caps = gst_sample_get_caps(sample);
     if (branch.last_caps == nullptr || (caps != branch.last_caps && gst_caps_is_equal(caps, branch.last_caps) == FALSE)) {
         branch.format = FormatOf(caps);
-        branch.last_caps = caps;
+        branch.last_caps = Caps(branch.format);
     }
     Frame frame;
     frame.kind = branch.kind;

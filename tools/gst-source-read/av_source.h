@@ -68,7 +68,7 @@ class AvSource {
         CapsPtr caps;                  // of shbsrc
         GstElement *parser = nullptr;  // borrowed from the pipeline; null: none
         GstElement *sink = nullptr;
-        GstCaps *last_caps = nullptr;  // of the last sample, borrowed from m_formats
+        const GstCaps *last_caps = nullptr;  // of the last sample, as in m_formats
         FormatId format = 0;
         int64_t last_dts = INT64_MIN;
         std::deque<GstClockTime> keys;  // presentation times of key frames on their way through the parser

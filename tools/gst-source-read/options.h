@@ -30,12 +30,13 @@ struct Options {
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
     std::string format;              // container of video and audio together; empty: the frames of one track
-    bool follow = false;
-    bool kind_given = false;
 
     RecordOptions record;
+
     ViewOptions view;
 
+    bool follow = false;
+    bool kind_given = false;
     bool force = false;  // of remove
 };
 

@@ -145,7 +145,7 @@ struct ChangeRow {
 
 TEST(RecordsChanges, AnotherCodecBeginsAnotherFile) {
     const std::vector<ChangeRow> rows = {{"udp_mkv", Protocol::Udp, "h264_aac", "h265_opus", "mkv"},
-                                         {"udp_mp4", Protocol::Udp, "h264_mp3", "h264_aac", "mp4"},
+                                         {"udp_mp4", Protocol::Udp, "h265_aac", "h264_mp3", "mp4"},
                                          {"rtsp_mp4", Protocol::Rtsp, "h264_aac", "h265_opus", "mp4"}};
     SideBySide(rows, [](const ChangeRow &row) {
         const Material &first = GetMaterial(row.first);

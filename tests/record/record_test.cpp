@@ -119,7 +119,8 @@ TEST(RecordsSegments, OneAfterTheOther) {
         Recording recording(row.protocol);
         recording.Play(material);
         ASSERT_TRUE(recording.WaitPlayed(material, 3));
-        const auto recorder = recording.Record(std::string("%H%M%S.") + row.ending, {"--segment", "1s", "--duration", "5500ms"});
+        const auto recorder =
+            recording.Record(std::string("%H%M%S.") + row.ending, {"--segment", "1s", "--duration", "5500ms"});
         ASSERT_EQ(recorder->Wait(), 0) << recorder->Output();
         const auto files = ReportedFiles(*recorder);
         ASSERT_GE(files.size(), 5U);

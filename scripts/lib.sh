@@ -9,13 +9,16 @@ build_packages=(build-essential meson ninja-build pkg-config libgstreamer1.0-dev
 # Elements at run time; glib-networking and ca-certificates are what rtsps:// and https:// need.
 runtime_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad glib-networking ca-certificates)
 sender_packages=(ffmpeg)
-# What the tests add: their framework, the servers they play from, and the analysis tools.
-test_packages=(libavformat-dev libavcodec-dev libavutil-dev
+# The Python package, and what its example of a recorder needs.
+python_packages=(python3 python3-dev python3-cffi python3-av)
+# What the tests add: their framework, the servers they play from, decoders and a display to look at, and the analysis tools.
+test_packages=(gstreamer1.0-libav gstreamer1.0-x xvfb libx11-dev libavformat-dev libavcodec-dev libavutil-dev
     libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
-    libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3 procps iproute2 git clang clang-format
-    clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
+    libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3-numpy mypy
+    procps iproute2 git clang clang-format clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
     g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user)
-all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${test_packages[@]}")
+all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${python_packages[@]}"
+    "${test_packages[@]}")
 
 note() { printf '%s: %s\n' "${0##*/}" "$*" >&2; }
 fail() {

@@ -4,7 +4,7 @@
 # Lists files only, so a clone that belongs to another user (root in a container) is as good as one's own.
 tracked() { git -c safe.directory="$root" -C "$root" ls-files -z -- "$@"; }
 
-layout() { tracked '*.c' '*.cpp' '*.h' | (cd "$root" && xargs -0 clang-format --dry-run --Werror); }
+layout() { tracked '*.c' '*.cpp' '*.h' '*.hpp' | (cd "$root" && xargs -0 clang-format --dry-run --Werror); }
 
 lint() {
     # What the macro makes is nothing to look into, and unknown to it.
@@ -13,9 +13,15 @@ lint() {
 }
 
 # The sources of the library, the sink, the tools and the examples, with the flags of the clang build.
-tidy() { tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' | (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang); }
+tidy() {
+    tracked 'src/*.cpp' 'shbsink/*.c' 'tools/*.cpp' 'examples/*.c' 'examples/*.cpp' |
+        (cd "$root" && xargs -0 -P "$(nproc)" -n 3 clang-tidy --quiet -p build/clang)
+}
 
-shell_scripts() { (cd "$root" && shellcheck -x scripts/{run,test,on} examples/*.sh .ci/run tests/make_materials.sh tests/unit/no_live_objects.sh); }
+shell_scripts() {
+    (cd "$root" && shellcheck -x scripts/{run,test,on,python} examples/*.sh .ci/run tests/make_materials.sh \
+        tests/unit/no_live_objects.sh)
+}
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts
@@ -49,7 +55,7 @@ asan_dir() {
 
 arm64_dir() { configure arm64 --cross-file "$root/tests/arm64.ini" -Dbuffer_only=true; }
 
-tsan_dir() { configure tsan -Db_sanitize=thread -Doptimization=1 -Dwerror=false '-Dtest_parts=unit,faults,shbsink,tools,peers'; }
+tsan_dir() { configure tsan -Db_sanitize=thread -Doptimization=1 -Dwerror=false '-Dtest_parts=unit,faults,shbsink,tools,hpp,peers'; }
 
 fuzz_dir() {
     CC=clang CXX=clang++ configure fuzz -Db_sanitize=address,undefined -Db_lundef=false -Doptimization=1 -Dtest_parts=unit,fuzz

@@ -1,4 +1,4 @@
-// The built reader tool and the reader examples, beside buffers of this process and beside a real host.
+// The built reader tool and the reader example, beside buffers of this process and beside a real host.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/prctl.h>
@@ -837,23 +837,6 @@ TEST(ReadRun, RemoveLeavesTheLivingAloneUnlessForced) {
     EXPECT_EQ(reader.Out(), Frame(1, 0, 100) + Frame(1, 1, 100));
 }
 
-namespace {
-
-// The library comes into a Python that knows nothing of its sanitizer.
-Child::Variables PythonVariables() {
-    Child::Variables variables{{"SHB_LIBRARY", FromEnvironment("SHB_LIBRARY", "libshb.so.2")}};
-    for (const std::string &line : Lines(ReadAll("/proc/self/maps"))) {
-        const size_t path = line.find('/');
-        if (path != std::string::npos && Has(line, "/libasan.so")) {
-            variables["LD_PRELOAD"] = line.substr(path);
-            variables["ASAN_OPTIONS"] = "detect_leaks=0";
-        }
-    }
-    return variables;
-}
-
-}  // namespace
-
 TEST(ReadRunBesideAHost, EveryReaderGetsWhatTheHostDumps) {
     const std::string name = BufferName("bytes");
     const RemoveLeftover leftover{name};
@@ -868,19 +851,16 @@ TEST(ReadRunBesideAHost, EveryReaderGetsWhatTheHostDumps) {
     ASSERT_TRUE(WaitWhileRunning(video, [&video] { return Records(video.Out()).size() > 30; })) << video.Err();
 
     const std::string example = FromEnvironment("SHB_EXAMPLE_READER", "shb-example-reader");
-    const std::string script = FromEnvironment("SHB_EXAMPLE_READER_PY", "reader.py");
     Child c_video({example, name});
     Child c_audio({example, name, "audio"});
-    Child py_video({"python3", script, name}, PythonVariables());
-    Child py_audio({"python3", script, name, "audio"}, PythonVariables());
-    for (Child *one : {&c_video, &c_audio, &py_video, &py_audio}) {
+    for (Child *one : {&c_video, &c_audio}) {
         ASSERT_TRUE(WaitWhileRunning(*one, [one] { return one->Out().size() > 1000; })) << one->Err();
     }
     const size_t at_start = Records(video.Out()).size();
     ASSERT_TRUE(WaitWhileRunning(video, [&] { return Records(video.Out()).size() > at_start + 50; })) << video.Err();
     host.Signal(SIGTERM);
     EXPECT_EQ(host.Wait(), 0) << host.Err();
-    for (Child *one : {&video, &audio, &c_video, &c_audio, &py_video, &py_audio}) {
+    for (Child *one : {&video, &audio, &c_video, &c_audio}) {
         EXPECT_EQ(one->Wait(), 0) << one->Err();
     }
 
@@ -888,7 +868,7 @@ TEST(ReadRunBesideAHost, EveryReaderGetsWhatTheHostDumps) {
     const std::string dumped_audio = ReadAll(dir.File("audio"));
     EXPECT_TRUE(ReadAll(dir.File("read")) == dumped_video);
     EXPECT_TRUE(audio.Out() == dumped_audio);
-    // The examples begin in the middle, with a key frame, and go to the same end.
+    // The example begins in the middle, with a key frame, and goes to the same end.
     std::vector<size_t> key_places;
     size_t place = 0;
     uint64_t sequence = 0;
@@ -900,68 +880,52 @@ TEST(ReadRunBesideAHost, EveryReaderGetsWhatTheHostDumps) {
         place += frame["size_bytes"].get<size_t>();
     }
     EXPECT_EQ(place, dumped_video.size());
-    for (const std::string &out : {c_video.Out(), py_video.Out()}) {
-        ASSERT_LE(out.size(), dumped_video.size());
-        const size_t begin = dumped_video.size() - out.size();
-        EXPECT_TRUE(dumped_video.compare(begin, out.size(), out) == 0);
-        EXPECT_EQ(std::count(key_places.begin(), key_places.end(), begin), 1);
-    }
-    for (const std::string &out : {c_audio.Out(), py_audio.Out()}) {
-        ASSERT_LE(out.size(), dumped_audio.size());
-        EXPECT_TRUE(dumped_audio.compare(dumped_audio.size() - out.size(), out.size(), out) == 0);
-        // ADTS begins with twelve set bits.
-        EXPECT_EQ(out.compare(0, 1, "\xff"), 0);
-    }
-    for (const Child *one : {&c_video, &py_video}) {
-        EXPECT_EQ(Lines(one->Err()), std::vector<std::string>{"H264 constrained-baseline 320x180"});
-    }
-    for (const Child *one : {&c_audio, &py_audio}) {
-        EXPECT_EQ(Lines(one->Err()), std::vector<std::string>{"AAC 48000 Hz, 2 channels"});
-    }
+    const std::string out = c_video.Out();
+    ASSERT_LE(out.size(), dumped_video.size());
+    const size_t begin = dumped_video.size() - out.size();
+    EXPECT_TRUE(dumped_video.compare(begin, out.size(), out) == 0);
+    EXPECT_EQ(std::count(key_places.begin(), key_places.end(), begin), 1);
+    const std::string sound = c_audio.Out();
+    ASSERT_LE(sound.size(), dumped_audio.size());
+    EXPECT_TRUE(dumped_audio.compare(dumped_audio.size() - sound.size(), sound.size(), sound) == 0);
+    // ADTS begins with twelve set bits.
+    EXPECT_EQ(sound.compare(0, 1, "\xff"), 0);
+    EXPECT_EQ(Lines(c_video.Err()), std::vector<std::string>{"H264 constrained-baseline 320x180"});
+    EXPECT_EQ(Lines(c_audio.Err()), std::vector<std::string>{"AAC 48000 Hz, 2 channels"});
 }
 
-TEST(ReadRunBesideAHost, ExamplesTellWhatIsWrong) {
+TEST(ReadRunBesideAHost, ExampleTellsWhatIsWrong) {
     const std::string example = FromEnvironment("SHB_EXAMPLE_READER", "shb-example-reader");
-    const std::string script = FromEnvironment("SHB_EXAMPLE_READER_PY", "reader.py");
     const std::string name = BufferName("none");
-    for (const std::vector<std::string> &command : {std::vector<std::string>{example}, {"python3", script}}) {
-        Child usage(command, PythonVariables());
-        EXPECT_EQ(usage.Wait(), 2);
-        EXPECT_TRUE(Has(usage.Err(), "usage: ")) << usage.Err();
-        auto with_name = command;
-        with_name.push_back(name);
-        Child none(with_name, PythonVariables());
-        EXPECT_EQ(none.Wait(), 1);
-        EXPECT_EQ(none.Err(), name + ": not found\n");
-    }
+    Child usage({example});
+    EXPECT_EQ(usage.Wait(), 2);
+    EXPECT_TRUE(Has(usage.Err(), "usage: ")) << usage.Err();
+    Child none({example, name});
+    EXPECT_EQ(none.Wait(), 1);
+    EXPECT_EQ(none.Err(), name + ": not found\n");
 }
 
-TEST(ReadRunBesideAHost, ExamplesTellLossesAndChanges) {
+TEST(ReadRunBesideAHost, ExampleTellsLossesAndChanges) {
     const std::string example = FromEnvironment("SHB_EXAMPLE_READER", "shb-example-reader");
-    const std::string script = FromEnvironment("SHB_EXAMPLE_READER_PY", "reader.py");
-    for (const std::vector<std::string> &command : {std::vector<std::string>{example}, {"python3", script}}) {
-        OwnBuffer own("examples");
-        shb_description_t description = Picture(1920);
-        ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
-        own.Write(1, 0, 1);
-        auto with_name = command;
-        with_name.push_back(own.name);
-        Child child(with_name, PythonVariables());
-        ASSERT_TRUE(WaitWhileRunning(child, [&child] { return child.Out().size() == 100; })) << child.Err();
-        child.Signal(SIGSTOP);
-        ASSERT_TRUE(WaitFor([&child] { return Stopped(child); }));
-        description = Picture(1280);
-        ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
-        own.Write(1, 1, 102);
-        own.writer.reset();
-        own.buffer.reset();
-        child.Signal(SIGCONT);
-        EXPECT_EQ(child.Wait(), 0) << child.Err();
-        // The newest key frame is number 100.
-        EXPECT_EQ(Lines(child.Err()),
-                  (std::vector<std::string>{"H264 high 1920x1080", "99 frames lost before frame 100", "H264 high 1280x1080"}));
-        EXPECT_EQ(child.Out(), Frame(1, 0, 100) + Frame(1, 100, 100) + Frame(1, 101, 100));
-    }
+    OwnBuffer own("examples");
+    shb_description_t description = Picture(1920);
+    ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
+    own.Write(1, 0, 1);
+    Child child({example, own.name});
+    ASSERT_TRUE(WaitWhileRunning(child, [&child] { return child.Out().size() == 100; })) << child.Err();
+    child.Signal(SIGSTOP);
+    ASSERT_TRUE(WaitFor([&child] { return Stopped(child); }));
+    description = Picture(1280);
+    ASSERT_EQ(shb_writer_describe(own.writer.get(), &description, nullptr, 0), SHB_OK);
+    own.Write(1, 1, 102);
+    own.writer.reset();
+    own.buffer.reset();
+    child.Signal(SIGCONT);
+    EXPECT_EQ(child.Wait(), 0) << child.Err();
+    // The newest key frame is number 100.
+    EXPECT_EQ(Lines(child.Err()),
+              (std::vector<std::string>{"H264 high 1920x1080", "99 frames lost before frame 100", "H264 high 1280x1080"}));
+    EXPECT_EQ(child.Out(), Frame(1, 0, 100) + Frame(1, 100, 100) + Frame(1, 101, 100));
 }
 
 TEST(ReadRunBesideAHost, TheHostSaysWhichTrackTheSourceDoesNotHave) {

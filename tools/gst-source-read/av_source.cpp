@@ -104,7 +104,7 @@ void AvSource::OnPadAdded(GstElement * /*element*/, GstPad *pad, gpointer self) 
 
 GstPadProbeReturn AvSource::OnPadData(GstPad * /*pad*/, GstPadProbeInfo *info, gpointer data) {
     auto &branch = *static_cast<Branch *>(data);
-    const auto note = [&branch](const GstBuffer *buffer) {
+    const auto note = [&branch](GstBuffer *buffer) {
         if (branch.kind == SHB_VIDEO && GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT) == FALSE) {
             branch.keys.push_back(GST_BUFFER_PTS(buffer));
         }
@@ -229,7 +229,7 @@ GstFlowReturn AvSource::OnSample(gpointer sink, gpointer data) {
 }
 
 // As the writer of the track has found it, since parsers know fewer kinds of pictures that can be begun with.
-bool AvSource::IsKey(Branch &branch, const GstBuffer *buffer) {
+bool AvSource::IsKey(Branch &branch, GstBuffer *buffer) {
     if (branch.kind == SHB_AUDIO) {
         return true;
     }
@@ -253,7 +253,7 @@ void AvSource::TakeSample(Branch &branch, GstSample *sample) {
     GstCaps *caps = gst_sample_get_caps(sample);
     if (branch.last_caps == nullptr || (caps != branch.last_caps && gst_caps_is_equal(caps, branch.last_caps) == FALSE)) {
         branch.format = FormatOf(caps);
-        branch.last_caps = caps;
+        branch.last_caps = Caps(branch.format);
     }
     Frame frame;
     frame.kind = branch.kind;

@@ -68,7 +68,7 @@ class AvSource {
         CapsPtr caps;                  // of shbsrc
         GstElement *parser = nullptr;  // borrowed from the pipeline; null: none
         GstElement *sink = nullptr;
-        GstCaps *last_caps = nullptr;  // of the last sample, borrowed from m_formats
+        const GstCaps *last_caps = nullptr;  // of the last sample, as in m_formats
         FormatId format = 0;
         int64_t last_dts = INT64_MIN;
         std::deque<GstClockTime> keys;  // presentation times of key frames on their way through the parser
@@ -84,7 +84,7 @@ class AvSource {
     void Discard(Branch &branch);
     void Disconnect(Branch &branch);
     void TakeSample(Branch &branch, GstSample *sample);
-    bool IsKey(Branch &branch, const GstBuffer *buffer);
+    bool IsKey(Branch &branch, GstBuffer *buffer);
     FormatId FormatOf(GstCaps *caps);
     void Tell(Event event);
     void Wake() const;

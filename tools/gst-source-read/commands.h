@@ -12,6 +12,8 @@ int RunRead(const Options &options);
 // Video and audio in a container, to standard output.
 int RunReadMuxed(const Options &options);
 int RunRecord(const Options &options);
+int RunPlay(const Options &options);
+int RunSnapshot(const Options &options);
 int RunRemove(const Options &options);
 
 }  // namespace reader

@@ -22,7 +22,7 @@ constexpr const char *kBase = "gstreamer1.0-plugins-base";
 constexpr const char *kCore = "libgstreamer1.0-0";
 
 // Room for decoding times before the beginning, which are of pictures that are shown later.
-constexpr GstClockTime kOrigin = 1000 * 3600 * GST_SECOND;
+constexpr GstClockTime kOrigin = GstClockTime{3'600'000} * GST_SECOND;
 
 GstClockTime Placed(int64_t time, int64_t zero) {
     return static_cast<GstClockTime>(static_cast<int64_t>(kOrigin) + time - zero);

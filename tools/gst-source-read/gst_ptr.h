@@ -39,6 +39,8 @@ struct StopPipeline {
 using ElementPtr = std::unique_ptr<GstElement, UnrefObject>;
 using PadPtr = std::unique_ptr<GstPad, UnrefObject>;
 using BusPtr = std::unique_ptr<GstBus, UnrefObject>;
+using ClockPtr = std::unique_ptr<GstClock, UnrefObject>;
+using FactoryPtr = std::unique_ptr<GstElementFactory, UnrefObject>;
 using BufferPtr = std::unique_ptr<GstBuffer, UnrefBuffer>;
 using CapsPtr = std::unique_ptr<GstCaps, UnrefCaps>;
 using SamplePtr = std::unique_ptr<GstSample, UnrefSample>;

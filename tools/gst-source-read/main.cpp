@@ -21,6 +21,10 @@ int Run(const reader::Options &options) {
             return options.format.empty() ? reader::RunRead(options) : reader::RunReadMuxed(options);
         case reader::Command::kRecord:
             return reader::RunRecord(options);
+        case reader::Command::kPlay:
+            return reader::RunPlay(options);
+        case reader::Command::kSnapshot:
+            return reader::RunSnapshot(options);
         case reader::Command::kRemove:
             return reader::RunRemove(options);
     }

@@ -9,6 +9,7 @@
 #include "command_line.h"
 #include "container.h"
 #include "container_names.h"
+#include "view_options.h"
 
 #ifndef TOOL_VERSION
 #define TOOL_VERSION "unknown"
@@ -44,6 +45,8 @@ class CommandLine {
             "                     [--output FILE|-] [--frames N] [--duration SECONDS] [--follow] [--json]\n"
             "gst-source-read read [NAME] --format mpegts|mkv [-] [--channel N] [--stream N] [--start ...] [--frames N] ...\n"
             "gst-source-read record [NAME] OUT.mkv|.mp4|.ts [--segment TIME] [--from -10s] [--duration TIME] ...\n"
+            "gst-source-read play [NAME] [--channel N] [--stream N] [--no-audio] [--follow]\n"
+            "gst-source-read snapshot NAME OUT.jpg|OUT.png|- [--channel N] [--stream N] [--timeout SECONDS]\n"
             "gst-source-read remove NAME [--force]\n\n"
             "Without NAME: the one live buffer of this machine. COMMAND --help tells what a command's flags mean."));
         m_app.set_version_flag("--version", std::string(kProgram) + " " + TOOL_VERSION);
@@ -52,6 +55,11 @@ class CommandLine {
         AddTracks();
         AddRead();
         AddRecord();
+        AddPlayOptions(*Add(Command::kPlay, "play", "play [NAME] [FLAGS]", "a window with the picture, and the sound"),
+                       m_options);
+        AddSnapshotOptions(*Add(Command::kSnapshot, "snapshot", "snapshot NAME OUT.jpg|OUT.png|- [FLAGS]",
+                                "the newest key frame as a picture"),
+                           m_options);
         AddRemove();
         m_app.footer(
             "Exit code: 0 all went well; 1 nothing arrived, or something failed, with one line that says what; 2 the command\n"
@@ -84,6 +92,9 @@ class CommandLine {
         }
         if (m_options.command == Command::kRemove && m_options.name.empty()) {
             tool::Refuse("remove: no NAME given");
+        }
+        if (m_options.command == Command::kSnapshot) {
+            CheckSnapshotOptions(m_options);
         }
         if (m_options.command == Command::kRead) {
             CheckRead();

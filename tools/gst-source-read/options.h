@@ -8,10 +8,11 @@
 #include "parsed.h"
 #include "record_options.h"
 #include "shb.h"
+#include "view_options.h"
 
 namespace reader {
 
-enum class Command { kList, kTracks, kRead, kRecord, kRemove };
+enum class Command { kList, kTracks, kRead, kRecord, kPlay, kSnapshot, kRemove };
 
 struct Options {
     Command command = Command::kList;
@@ -28,12 +29,14 @@ struct Options {
     std::string output;              // empty: standard output, unless records go there; "-": standard output
     uint64_t frames = 0;             // 0: no such end
     std::optional<double> duration;  // s
-    bool follow = false;
-    std::string format;  // container of video and audio together; empty: the frames of one track
-    bool kind_given = false;
+    std::string format;              // container of video and audio together; empty: the frames of one track
 
     RecordOptions record;
 
+    ViewOptions view;
+
+    bool follow = false;
+    bool kind_given = false;
     bool force = false;  // of remove
 };
 

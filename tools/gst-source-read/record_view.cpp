@@ -68,8 +68,10 @@ void RecordView::Tell(const std::string &line) {
 
 void RecordView::Opened(const FileWriter &file, const MuxStatus &status) {
     const std::string &reason = file.Start().reason;
-    const std::string into = FormatsText(status) + " into " + tool::Printable(file.Name());
-    Tell(m_name + ": " + (reason.empty() ? "" : reason + ": ") + into);
+    const std::string formats = FormatsText(status);
+    const std::string what = (reason.empty() ? "" : reason + "; ") + (formats != m_told_formats ? formats + " " : "");
+    m_told_formats = formats;
+    Tell(m_name + ": " + what + "into " + tool::Printable(file.Name()));
 }
 
 void RecordView::Finished(const FileWriter &file, const MuxStatus &status, bool complete) {

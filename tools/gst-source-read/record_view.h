@@ -36,6 +36,7 @@ class RecordView : public MuxObserver {
     Clock::time_point m_begin = Clock::now();
     Clock::time_point m_due = Clock::now();
     bool m_told_of_waiting = false;
+    std::string m_told_formats;
 };
 
 }  // namespace reader

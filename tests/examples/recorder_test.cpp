@@ -243,8 +243,10 @@ TEST_F(Recorder, LossesAreCounted) {
     const Report report = Reports(*recorder).front();
     const RecordedFile file = ReadRecorded(report.path);
     size_t missing = 0;
-    for (const auto &[original, recorded] :
-         {std::make_pair(&Original(material).video, &file.video), std::make_pair(&Original(material).audio, &file.audio)}) {
+    const RecordedFile &sent = Original(material);
+    const std::pair<const RecordedStream *, const RecordedStream *> kinds[] = {{&sent.video, &file.video},
+                                                                               {&sent.audio, &file.audio}};
+    for (const auto &[original, recorded] : kinds) {
         const auto positions = Positions(*original, *recorded);
         ASSERT_FALSE(positions.empty());
         ASSERT_LT(*std::max_element(positions.begin(), positions.end()), original->packets.size());

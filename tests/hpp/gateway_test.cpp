@@ -90,6 +90,15 @@ std::vector<std::string> Pictures(const std::string &file) {
     return hashes;
 }
 
+std::size_t CountLines(const std::string &text, const char *start) {
+    std::istringstream lines(text);
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line);) {
+        count += line.rfind(start, 0) == 0 ? 1U : 0U;
+    }
+    return count;
+}
+
 class GatewayPlays : public testing::Test {
   protected:
     void Open(const std::string &options = "") {
@@ -105,18 +114,13 @@ class GatewayPlays : public testing::Test {
     void ExpectReceived(Gateway &gateway, const std::string &description) {
         const std::string file = folder.Write("stream.sdp", gateway.Sdp());
         Child receiver(Words("ffmpeg -nostdin -v error -protocol_whitelist file,udp,rtp -i " + file +
-                             " -map 0:v -map 0:a -frames:v 50 -frames:a 50 -f framecrc -"));
-        EXPECT_EQ(receiver.Wait(120s), 0) << receiver.Err();
-        const std::string out = receiver.Out();
-        std::size_t pictures = 0;
-        std::size_t sounds = 0;
-        std::istringstream lines(out);
-        for (std::string line; std::getline(lines, line);) {
-            pictures += line.rfind("0,", 0) == 0 ? 1U : 0U;
-            sounds += line.rfind("1,", 0) == 0 ? 1U : 0U;
-        }
-        EXPECT_EQ(pictures, 50U) << out;
-        EXPECT_EQ(sounds, 50U) << out;
+                             " -map 0:v -map 0:a -flush_packets 1 -f framecrc -"));
+        // Counted here: ffmpeg's own limits end all streams with the first that reaches its own.
+        const auto received = [&] { return CountLines(receiver.Out(), "0,") >= 50 && CountLines(receiver.Out(), "1,") >= 50; };
+        EXPECT_TRUE(WaitFor([&] { return received() || !receiver.Running(); }) && received())
+            << receiver.Out() << receiver.Err();
+        receiver.Signal(SIGINT);
+        receiver.Wait();
         Child probe(
             Words("ffprobe -v error -protocol_whitelist file,udp,rtp -show_entries "
                   "stream=codec_name,width,height,sample_rate -of csv=p=0 " +

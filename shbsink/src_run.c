@@ -249,6 +249,19 @@ static gboolean doze(GstShbSrc *self, guint ms) {
     return goes_on;
 }
 
+static gboolean get_stats(const Track *track, shb_kind_t kind, shb_stats_t *stats) {
+    shb_map_t *map = shb_follow_map(track->track.reader);
+    return map != NULL && shb_map_stats(map, track->track.channel, track->track.stream, kind, stats) == SHB_OK;
+}
+
+/* For how long the source has brought this track already, by its rate of frames: 0 when that is not known yet. */
+static GstClockTime flowed(const Track *track) {
+    shb_stats_t stats = SHB_INIT(shb_stats_t);
+    if (!get_stats(track, track->kind, &stats) || stats.fps_milli == 0)
+        return 0;
+    return gst_util_uint64_scale(stats.frames, 1000 * GST_SECOND, stats.fps_milli);
+}
+
 /* Whether the other track is not to be waited for, by one that could go on since `since`. */
 static gboolean is_without_other(Track *track, GstClockTime since) {
     Track *other = other_track(track);
@@ -256,12 +269,12 @@ static gboolean is_without_other(Track *track, GstClockTime since) {
         return TRUE;
     /* Both look at the same mapping; each has its own reader of it. */
     shb_stats_t stats = SHB_INIT(shb_stats_t);
-    shb_map_t *map = shb_follow_map(track->track.reader);
-    if (map == NULL || shb_map_stats(map, track->track.channel, track->track.stream, other->kind, &stats) != SHB_OK)
+    if (!get_stats(track, other->kind, &stats))
         return FALSE;
     if (stats.presence == SHB_PRESENCE_ABSENT)
         return TRUE;
-    return monotonic_now() - since > (stats.total_frames > 0 ? FIRST_KEY_NS : SECOND_TRACK_NS);
+    GstClockTime waited = monotonic_now() - since;
+    return stats.total_frames > 0 ? waited > FIRST_KEY_NS : MAX(waited, flowed(track)) > SECOND_TRACK_NS;
 }
 
 static void step_attach(Track *track) {

@@ -536,6 +536,19 @@ TEST(ShbSrc, SourceThatDoesNotSayWhatItHasIsWaitedForAFewSeconds) {
     EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), Numbers(player.VideoFrames()));
 }
 
+TEST(ShbSrc, SourceThatHasRunWithoutSoundForLongIsNotWaitedFor) {
+    Host host(UniqueName(), false);
+    // Eight seconds of a source that runs at this rate.
+    host.Group(200);
+    shb_writer_set_rates(host.VideoWriter().get(), 0, 25000);
+    host.Group();
+    const auto before = std::chrono::steady_clock::now();
+    Player player(host.Name());
+    ASSERT_TRUE(player.AwaitFrames(5));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4));
+    EXPECT_EQ((std::vector<std::string>{"video", "no-more-pads"}), player.With([&] { return player.order_; }));
+}
+
 TEST(ShbSrc, NewCodecIsANewCapsEvent) {
     Host host;
     host.Group(2);

@@ -26,11 +26,15 @@ def header_fields(header):
 
 
 def known_tests():
-    """Suite.Case of every GoogleTest case, as the sources have it."""
+    """Suite.Case of every GoogleTest case, Class.test_case of every Python one, as the sources have them."""
     cases = set()
     for source in (ROOT / "tests").rglob("*.cpp"):
         for suite, case in re.findall(r"^TEST(?:_[FP])?\(\s*(\w+),\s*(\w+)\)", source.read_text(), re.MULTILINE):
             cases.add(f"{suite}.{case}")
+    for source in (ROOT / "tests").rglob("*_test.py"):
+        text = source.read_text()
+        for suite, body in re.findall(r"^class (\w+)\(.*\):\n((?:[ \t]+.*\n|\n)*)", text, re.MULTILINE):
+            cases.update(f"{suite}.{case}" for case in re.findall(r"^    def (test_\w+)\(", body, re.MULTILINE))
     return cases
 
 
@@ -41,7 +45,7 @@ def main():
         fields = header_fields(header)
         if fields is None:
             continue
-        for case in re.findall(r"\b[A-Z]\w+\.[A-Z]\w+\b", fields[-1]):
+        for case in re.findall(r"\b[A-Z]\w+\.(?:[A-Z]|test_)\w+\b", fields[-1]):
             if case not in cases:
                 sys.exit(f"{header.relative_to(ROOT)}: there is no test {case}")
         rows.append(f"| `{header.stem}` | " + " | ".join(field.replace("|", "\\|") for field in fields) + " |")

@@ -4,6 +4,7 @@
 #include "Logger.h"
 #include "workarounds/HammeringSrtCaller.h"
 #include "workarounds/LostSrtStop.h"
+#include "workarounds/MixedUnwinders.h"
 
 #include <memory>
 
@@ -155,6 +156,7 @@ bool CSrtSource::_CreateGstElements() {
     if (m_bElementsCreated) {
         return true;
     }
+    UseOneUnwinder();
     _CreatePipeline();
     m_pSrtSrc = MakeElement("srtsrc", "Srtsrc");
     if (m_pSrtSrc != nullptr) {

@@ -69,11 +69,6 @@ def _library() -> Any:
     """Loaded with the first source: who only reads needs no GStreamer."""
     global _loaded
     if _loaded is None:
-        # libgstreamer brings libunwind, which has functions of the names of libgcc's. What is loaded by
-        # dlopen finds libgcc's first only when they are global. Otherwise libsrt begins an exception with the
-        # one and ends it with the other, which crashes (Debian 12: libgstreamer of 13 has no libunwind).
-        # Test: source_test.Playing.test_other_protocols_by_their_scheme
-        _stays_loaded.append(shb_ffi.dlopen("libgcc_s.so.1", shb_ffi.RTLD_NOW | shb_ffi.RTLD_GLOBAL))
         from . import _source
 
         _source.ffi.def_extern(name="gst_source_python_media_changed")(_media_changed)
@@ -82,7 +77,6 @@ def _library() -> Any:
 
 
 _loaded: Any = None
-_stays_loaded: list[Any] = []
 
 
 class _Listener:

@@ -76,6 +76,29 @@ static gboolean fails_first(GstShbSrc *self) {
     return first;
 }
 
+/* What a reading thread cannot get over: a damaged buffer, or one of the same name that is made otherwise. */
+static gboolean ends_track(Track *track, ShbSrcResult result) {
+    GstShbSrc *self = track->src;
+    const gchar *name = track->track.name;
+    switch (result) {
+        case SHB_SRC_END:
+            break;
+        case SHB_SRC_CORRUPT:
+            if (fails_first(self))
+                GST_ELEMENT_ERROR(self, RESOURCE, READ, ("The shared buffer \"%s\" is damaged.", name), (NULL));
+            break;
+        case SHB_SRC_NO_SUCH:
+            if (fails_first(self))
+                GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("The shared buffer \"%s\" has no such track.", name),
+                                  ("channel %u, stream %u", track->track.channel, track->track.stream));
+            break;
+        default:
+            return FALSE;
+    }
+    track->phase = PHASE_DONE;
+    return TRUE;
+}
+
 /* ---- Pads --------------------------------------------------------------------------------------------------------- */
 
 gboolean shb_src_query(GstPad *pad, GstObject *parent, GstQuery *query) {
@@ -278,17 +301,11 @@ static gboolean is_without_other(Track *track, GstClockTime since) {
 }
 
 static void step_attach(Track *track) {
-    switch (shb_src_track_attach(&track->track, TICK_MS)) {
-        case SHB_SRC_FRAME:
-            track->resolved_at = monotonic_now();
-            track->phase = PHASE_SEEK;
-            break;
-        case SHB_SRC_END:
-            track->phase = PHASE_DONE;
-            break;
-        default:
-            break;
-    }
+    ShbSrcResult result = shb_src_track_attach(&track->track, TICK_MS);
+    if (ends_track(track, result) || result != SHB_SRC_FRAME)
+        return;
+    track->resolved_at = monotonic_now();
+    track->phase = PHASE_SEEK;
 }
 
 /* Sound begins with the first picture, so it waits until that one is known. */
@@ -316,25 +333,19 @@ static gboolean is_before_picture(Track *track, const ShbSrcFrame *frame) {
 
 static void step_first(Track *track) {
     ShbSrcFrame frame;
-    switch (shb_src_track_read(&track->track, TICK_MS, &frame)) {
-        case SHB_SRC_FRAME:
-            track->new_caps |= frame.new_caps;
-            if (is_before_picture(track, &frame)) {
-                gst_buffer_unref(frame.buffer);
-                break;
-            }
-            /* What a start passes over is not lost. */
-            frame.lost = frame.left_out = 0;
-            track->held = frame;
-            resolve(track, RESOLVED_FRAME);
-            track->phase = PHASE_GATE;
-            break;
-        case SHB_SRC_END:
-            track->phase = PHASE_DONE;
-            break;
-        default:
-            break;
+    ShbSrcResult result = shb_src_track_read(&track->track, TICK_MS, &frame);
+    if (ends_track(track, result) || result != SHB_SRC_FRAME)
+        return;
+    track->new_caps |= frame.new_caps;
+    if (is_before_picture(track, &frame)) {
+        gst_buffer_unref(frame.buffer);
+        return;
     }
+    /* What a start passes over is not lost. */
+    frame.lost = frame.left_out = 0;
+    track->held = frame;
+    resolve(track, RESOLVED_FRAME);
+    track->phase = PHASE_GATE;
 }
 
 static void open_gate(GstShbSrc *self) {
@@ -479,7 +490,8 @@ static void step_run(Track *track) {
             wait = 0;
             continue;
         }
-        if (!push_batch(track) || result == SHB_SRC_END)
+        gboolean takes = push_batch(track);
+        if (ends_track(track, result) || !takes)
             track->phase = PHASE_DONE;
         else if (wait == 0)
             doze(self, self->interval_in_force);

@@ -4,6 +4,9 @@
 
 #include "stream_caps.h"
 
+/* Between a frame's time and its arrival: more than any source runs ahead or lags. */
+#define FARTHEST_NS ((int64_t)(600 * GST_SECOND))
+
 gboolean shb_src_track_open(ShbSrcTrack *track, shb_kind_t kind, const gchar *name, guint channel, guint stream,
                             gboolean follow, gboolean newest) {
     *track = (ShbSrcTrack){
@@ -165,12 +168,17 @@ static int64_t offset_of(ShbSrcTrack *track, const shb_frame_t *frame) {
     return track->offset;
 }
 
-static GstClockTime place(uint64_t time, int64_t offset) {
-    if (time == SHB_TIME_NONE || offset == SHB_OFFSET_NONE)
+/*
+ * A time that is far from when its frame came is one that nobody knows: damage, or an encoder's slip, behind which
+ * all later frames would have to stay.
+ */
+static GstClockTime place(uint64_t time, int64_t offset, uint64_t arrival) {
+    int64_t placed;
+    if (time > INT64_MAX || arrival > INT64_MAX || offset == SHB_OFFSET_NONE ||
+        __builtin_add_overflow((int64_t)time, offset, &placed) || placed < 0)
         return GST_CLOCK_TIME_NONE;
-    /* Before the machine was started: damage, or a stream with absurd times. */
-    int64_t placed = (int64_t)time + offset;
-    return placed < 0 ? GST_CLOCK_TIME_NONE : (GstClockTime)placed;
+    int64_t early = placed - (int64_t)arrival;
+    return early > FARTHEST_NS || early < -FARTHEST_NS ? GST_CLOCK_TIME_NONE : (GstClockTime)placed;
 }
 
 /* False: the frame is passed over. */
@@ -231,8 +239,8 @@ static gboolean take_frame(ShbSrcTrack *track, const shb_frame_t *frame, guint8 
     out->epoch = frame->epoch;
     out->sequence = frame->sequence;
     int64_t offset = offset_of(track, frame);
-    out->pts = place(frame->pts, offset);
-    out->dts = place(frame->dts, offset);
+    out->pts = place(frame->pts, offset, frame->arrival_ns);
+    out->dts = place(frame->dts, offset, frame->arrival_ns);
     out->duration = frame->duration == SHB_TIME_NONE ? GST_CLOCK_TIME_NONE : frame->duration;
     out->arrival = frame->arrival_ns;
     out->buffer = gst_buffer_new_wrapped(data, frame->size);

@@ -20,9 +20,9 @@ static gboolean parse_back(const gchar *text, uint64_t *ns) {
         if (g_strcmp0(end, units[i].name) != 0)
             continue;
         gdouble seconds = number * units[i].seconds;
-        if (!isfinite(seconds) || seconds < 0 || seconds > MOST_SECONDS)
+        if (!isfinite(seconds) || seconds < 0)
             return FALSE;
-        *ns = (uint64_t)(seconds * 1e9);
+        *ns = (uint64_t)(MIN(seconds, MOST_SECONDS) * 1e9);
         return TRUE;
     }
     return FALSE;

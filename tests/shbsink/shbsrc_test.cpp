@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "coded.h"
+#include "shb_layout.h"
 #include "shb_support.h"
 
 namespace {
@@ -784,6 +785,24 @@ TEST(ShbSrc, TimesThatAreNotKnownAreMadeToFit) {
     EXPECT_GT(video[2].pts - video[1].pts, 119 * kMs);
 }
 
+TEST(ShbSrc, WrongTimeOfOneFrameStaysItsOwn) {
+    Host host;
+    host.Absent(SHB_AUDIO);
+    host.Picture(true);
+    host.PictureAt(3600 * 1000 * kMs, false);
+    host.PictureAt(UINT64_MAX / 2 + 1, false);
+    for (int i = 0; i < 3; ++i)
+        host.Picture(false);
+    Player player(host.Name(), Set("start", "oldest"));
+    ASSERT_TRUE(player.AwaitFrames(6));
+    const auto video = player.VideoFrames();
+    for (size_t i = 1; i < video.size(); ++i) {
+        EXPECT_GT(video[i].dts, video[i - 1].dts) << i;
+        EXPECT_LT(video[i].dts, video[0].dts + 5000 * kMs) << i;
+    }
+    EXPECT_EQ(kVideoStep, video[5].pts - video[4].pts);
+}
+
 TEST(ShbSrc, AnswersForALiveSource) {
     Host host;
     host.Group();
@@ -850,6 +869,40 @@ TEST(ShbSrc, TrackOutsideOfTheBufferIsAnError) {
     Player player(host.Name(), Set("stream", "1"));
     EXPECT_EQ(std::to_string(GST_RESOURCE_ERROR_SETTINGS) + ": The shared buffer \"" + host.Name() + "\" has no such track.",
               player.Error());
+}
+
+TEST(ShbSrc, LaterBufferWithoutTheTrackIsAnError) {
+    const std::string name = UniqueName();
+    for (const bool begun : {false, true}) {
+        shb_geometry_t geometry = SmallGeometry();
+        geometry.streams = 2;
+        Buffer buffer;
+        if (begun)
+            buffer = Create(name, geometry);
+        Player player(name, [](GstElement *element) { g_object_set(element, "stream", 1, "follow", TRUE, nullptr); });
+        buffer.reset();
+        geometry.streams = 1;
+        buffer = Create(name, geometry);
+        EXPECT_EQ(std::to_string(GST_RESOURCE_ERROR_SETTINGS) + ": The shared buffer \"" + name + "\" has no such track.",
+                  player.Error());
+    }
+}
+
+TEST(ShbSrc, DamageWhileItRunsIsAnError) {
+    for (const bool follow : {false, true}) {
+        Host host;
+        host.Group();
+        Player player(host.Name(), [follow](GstElement *element) { g_object_set(element, "follow", follow, nullptr); });
+        ASSERT_TRUE(player.AwaitFrames(5, 9));
+        {
+            const Segment segment("/dev/shm/" + host.Name());
+            auto *track = reinterpret_cast<shb_track_t *>(segment.bytes + SHB_PAGE_BYTES);
+            track->tail = track->head + 5;
+        }
+        EXPECT_EQ(std::to_string(GST_RESOURCE_ERROR_READ) + ": The shared buffer \"" + host.Name() + "\" is damaged.",
+                  player.Error());
+        EXPECT_EQ(5u, player.VideoFrames().size());
+    }
 }
 
 TEST(ShbSrc, WhatIsNoBufferIsAnError) {

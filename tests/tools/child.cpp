@@ -104,6 +104,12 @@ const std::string &Child::Screen() {
     return m_screen;
 }
 
+void Child::Type(std::string_view keys) const {
+    if (!tool::WriteAll(m_terminal.Get(), keys)) {
+        throw std::runtime_error("a terminal takes no keys");
+    }
+}
+
 void Child::Resize(unsigned short columns, unsigned short rows) const {
     winsize size{};
     size.ws_col = columns;

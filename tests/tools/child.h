@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fd.h"
@@ -37,6 +38,8 @@ class Child {
     std::string Err() const { return ReadAll(m_dir.File("err")); }
     // What the terminal has received so far.
     const std::string &Screen();
+    // What a person types.
+    void Type(std::string_view keys) const;
     void Resize(unsigned short columns, unsigned short rows) const;
 
   private:

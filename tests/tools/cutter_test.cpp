@@ -356,6 +356,34 @@ TEST_F(CutterTest, ASilentTrackEndsWhereItCannotBeSkipped) {
     EXPECT_EQ(Nth(0).Times(SHB_VIDEO).size() + Nth(1).Times(SHB_VIDEO).size(), 525u);
 }
 
+// After an outage one track has the times of before still waiting, and the other one comes later.
+TEST_F(CutterTest, TracksThatComeBackOneAfterTheOtherGoOnInTheirFile) {
+    for (const bool skips : {true, false}) {
+        shelf.files.clear();
+        Cutter::Rules rules;
+        rules.skips = skips;
+        Start(rules);
+        Both(0, 2 * kSecond);
+        Audio(2 * kSecond);
+        Cut().Advance(now);
+        now += 60 * kSecond;
+        for (int64_t pts = 62 * kSecond; pts < 63 * kSecond; pts += kSound) {
+            Audio(pts);
+        }
+        Cut().Advance(now);
+        now += kSecond;
+        for (int64_t pts = 62 * kSecond; pts < 64 * kSecond; pts += kPicture) {
+            Video(pts, pts == 62 * kSecond);
+        }
+        Cut().Advance(now);
+        Cut().Finish();
+        ASSERT_EQ(shelf.files.size(), 1u) << skips;
+        EXPECT_TRUE(Nth(0).skips.empty());
+        EXPECT_EQ(Nth(0).Times(SHB_VIDEO).size(), 100u);
+        EXPECT_EQ(Nth(0).Times(SHB_AUDIO).size(), 151u);
+    }
+}
+
 TEST_F(CutterTest, SoundGoesOnWhileThePictureIsSilent) {
     for (const bool skips : {true, false}) {
         shelf.files.clear();

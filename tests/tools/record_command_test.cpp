@@ -262,6 +262,39 @@ TEST(RecordLong, OneTrackAlone) {
     EXPECT_EQ(Probe(dir.File("absent.mkv")).audio.codec, "");
 }
 
+TEST(RecordCommand, ATrackThatTheSourceDoesNotHaveIsNoRecording) {
+    const TempDir dir;
+    Station silent("no-sound");
+    silent.Carry(&H264(), nullptr);
+    silent.Send(0, kSecond);
+    const std::string reason = "gst-source-read: " + silent.Name() + ": the source carries no audio\n";
+    Child recorder(Recording(silent, dir.File("x.m4a"), {"--audio-only"}));
+    EXPECT_EQ(recorder.Wait(), 1);
+    EXPECT_EQ(recorder.Err(), reason);
+    Child reader(Reading({"read", silent.Name(), "--format", "mkv", "--kind", "audio"}));
+    EXPECT_EQ(reader.Wait(), 1);
+    EXPECT_EQ(reader.Err(), reason);
+    EXPECT_TRUE(FilesIn(dir.File("")).empty());
+}
+
+// The picture goes on nowhere, and nothing of the sound can be recorded any more.
+TEST(RecordCommand, EndsWithTheHostAlsoWhenNothingIsCarriedAnyMore) {
+    const Media g711 = MakeG711("PCMU");
+    const TempDir dir;
+    Station station("not-carried");
+    station.Carry(&H264(), &Aac());
+    station.Send(0, 2 * kSecond);
+    Child recorder(Recording(station, dir.File("x.m4a"), {"--audio-only", "--no-follow"}));
+    ASSERT_TRUE(WaitWhileRunning(recorder, [&recorder] { return SaysInto(recorder); })) << recorder.Err();
+    station.CarrySound(&g711);
+    station.Send(2 * kSecond, 3 * kSecond);
+    ASSERT_TRUE(WaitWhileRunning(recorder, [&recorder] { return Has(recorder.Err(), "; going on without it\n"); }))
+        << recorder.Err();
+    station.Close();
+    EXPECT_EQ(recorder.Wait(), 0) << recorder.Err();
+    EXPECT_GT(Probe(dir.File("x.m4a")).audio.packets.size(), 90u);
+}
+
 TEST(RecordLong, ASourceThatBringsNothingIsGivenUp) {
     const TempDir dir;
     Station station("nothing");
@@ -417,6 +450,43 @@ TEST(RecordCommand, JsonHasAnObjectAFile) {
                               {"audio_lost_frames", 0}});
 }
 
+TEST(RecordCommand, AStandardOutputThatNobodyTakesEndsItInOrder) {
+    const TempDir dir;
+    const Running station("json-pipe");
+    Child recorder(Recording(station, dir.File("cam.mkv"), {"--json", "--segment", "1s"}), {}, Child::Output::kClosedPipe);
+    EXPECT_EQ(recorder.Wait(), 256 + SIGPIPE);
+    const std::vector<std::string> files = FilesIn(dir.File(""));
+    ASSERT_GE(files.size(), 2u);
+    for (const std::string &file : files) {
+        // Without its end, it would not know.
+        EXPECT_GT(Probe(file).duration, 0.9) << file;
+    }
+}
+
+TEST(RecordCommandOnATerminal, ATerminalThatIsHeldHoldsUpNothing) {
+    const TempDir dir;
+    const std::string out = dir.File("cam.mkv");
+    Running station("held");
+    Child recorder(Recording(station, out), {{"TERM", "xterm"}}, Child::Output::kTerminal);
+    ASSERT_TRUE(WaitWhileRunning(recorder, [&recorder] { return Has(recorder.Screen(), "video "); })) << recorder.Screen();
+    constexpr const char *kHold = "\x13";
+    constexpr const char *kGoOn = "\x11";
+    recorder.Type(kHold);
+    // A key frame every second, each of which is longer than the line is away.
+    for (int second = 4; second < 8; ++second) {
+        const auto before = std::filesystem::file_size(out);
+        station.Send(second * kSecond, (second + 1) * kSecond);
+        ASSERT_TRUE(WaitWhileRunning(recorder, [&] { return std::filesystem::file_size(out) > before + 40'000; })) << second;
+        // The time of one line, at least.
+        const auto begin = std::chrono::steady_clock::now();
+        ASSERT_TRUE(WaitFor([&] { return std::chrono::steady_clock::now() - begin > 600ms; }));
+    }
+    recorder.Type(kGoOn);
+    recorder.Signal(SIGINT);
+    EXPECT_EQ(recorder.Wait(), 0);
+    EXPECT_TRUE(Has(recorder.Screen(), ": 1 file, 00:00:08, 200 video frames")) << recorder.Screen();
+}
+
 TEST(RecordCommandOnATerminal, ProgressIsDrawnInPlace) {
     const TempDir dir;
     const Running station("screen");
@@ -455,6 +525,10 @@ TEST(ReadMuxed, IsForPlayersBehindAPipe) {
             << reader.Err();
         EXPECT_TRUE(Has(reader.Err(), ": 00:00:02, 50 video frames, ")) << reader.Err();
     }
+    Child short_of(
+        Reading({"read", station.Name(), "--format", "ts", "--start", "oldest", "--frames", "1000", "--duration", "1"}));
+    EXPECT_EQ(short_of.Wait(), 1);
+    EXPECT_EQ(Lines(short_of.Err()).back(), "gst-source-read: the time ran out before 1000 frames had arrived");
     Child sound(Reading({"read", station.Name(), "--format", "ts", "--kind", "audio", "--start", "oldest", "--frames", "40"}));
     EXPECT_EQ(sound.Wait(), 0) << sound.Err();
     const TempDir dir;

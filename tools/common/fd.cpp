@@ -23,6 +23,12 @@ Fd::~Fd() {
     }
 }
 
+int Fd::Close() {
+    const int fd = std::exchange(m_fd, -1);
+    // It is closed in any case, on Linux.
+    return fd >= 0 && close(fd) != 0 && errno != EINTR ? errno : 0;
+}
+
 Fd Duplicate(int fd) {
     return Fd(fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }

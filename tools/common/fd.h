@@ -20,6 +20,8 @@ class Fd {
 
     int Get() const { return m_fd; }
     explicit operator bool() const { return m_fd >= 0; }
+    // Closes it now. 0, or what the file has failed with, which may be known only then.
+    int Close();
 
   private:
     int m_fd = -1;

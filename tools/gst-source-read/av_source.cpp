@@ -313,9 +313,14 @@ void AvSource::ReadMessages() {
                                                                               {"shbsrc-restarted", What::kRestarted},
                                                                               {"shbsrc-epoch", What::kNewWriter}}};
     const BusPtr bus(gst_element_get_bus(m_pipeline.get()));
-    while (const MessagePtr message{
-        gst_bus_pop_filtered(bus.get(), static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_ELEMENT))}) {
+    while (const MessagePtr message{gst_bus_pop_filtered(
+        bus.get(), static_cast<GstMessageType>(GST_MESSAGE_ERROR | GST_MESSAGE_ELEMENT | GST_MESSAGE_EOS))}) {
         Event event;
+        if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_over = true;
+            continue;
+        }
         if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) {
             event.what = What::kFailed;
             event.text = ErrorText(message.get());
@@ -362,7 +367,7 @@ bool AvSource::Ended() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const auto over = [](const Branch &branch) { return !branch.has || branch.ended; };
     const bool any = std::any_of(m_branches.begin(), m_branches.end(), [](const Branch &branch) { return branch.has; });
-    return m_failed || (any && std::all_of(m_branches.begin(), m_branches.end(), over));
+    return m_failed || m_over || (any && std::all_of(m_branches.begin(), m_branches.end(), over));
 }
 
 const GstCaps *AvSource::Caps(FormatId format) const {

@@ -103,6 +103,7 @@ class AvSource {
     std::vector<CapsPtr> m_formats;
     bool m_stopping = false;
     bool m_failed = false;
+    bool m_over = false;  // all that is linked has ended, also what nobody wants
 
     GstBin *m_bin = nullptr;  // the pipeline, also while it stops
     PipelinePtr m_pipeline;   // goes first

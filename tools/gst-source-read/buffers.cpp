@@ -112,6 +112,18 @@ void CheckTrack(const shb_map_t *map, const std::string &name, uint32_t channel,
     }
 }
 
+void CheckKinds(const shb_map_t *map, const std::string &name, uint32_t channel, uint32_t stream,
+                const std::array<bool, 2> &wanted) {
+    if (wanted[SHB_VIDEO] == wanted[SHB_AUDIO]) {
+        return;
+    }
+    const shb_kind_t kind = wanted[SHB_VIDEO] ? SHB_VIDEO : SHB_AUDIO;
+    shb_stats_t stats{};
+    if (shb_map_stats(map, channel, stream, kind, &stats) == SHB_OK && stats.presence == SHB_PRESENCE_ABSENT) {
+        throw std::runtime_error(name + ": the source carries no " + KindName(kind));
+    }
+}
+
 shb_info_t InfoOf(const shb_map_t *map) {
     shb_info_t info{};
     int result = shb_map_info(map, &info);

@@ -1,6 +1,7 @@
 // The shared buffers of this machine and their tracks.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -34,6 +35,9 @@ Map Attach(const std::string &name);
 Map TryAttachLive(const std::string &name);
 // Throws when the buffer has no such track.
 void CheckTrack(const shb_map_t *map, const std::string &name, uint32_t channel, uint32_t stream);
+// Throws when only one kind is wanted, by shb_kind_t, and the source says that it does not carry it.
+void CheckKinds(const shb_map_t *map, const std::string &name, uint32_t channel, uint32_t stream,
+                const std::array<bool, 2> &wanted);
 shb_info_t InfoOf(const shb_map_t *map);
 
 // "alive", "stopped" when its creator lives and shows no sign of it, "stale" when the creator has gone.

@@ -33,7 +33,20 @@ void Cutter::Expect(shb_kind_t kind) {
     m_tracks[kind].expected = true;
 }
 
+// When the source is back, its tracks come one after the other: each has the patience of a beginning.
+void Cutter::NoteOutage(int64_t now) {
+    const int64_t last = std::max(m_tracks[SHB_VIDEO].last_arrival, m_tracks[SHB_AUDIO].last_arrival);
+    if (last == 0 || now - last <= kSilence) {
+        return;
+    }
+    for (Track &track : m_tracks) {
+        track.last_arrival = now;
+        track.held_before = track.held.size();
+    }
+}
+
 void Cutter::Add(Frame frame, int64_t now) {
+    NoteOutage(now);
     Track &track = m_tracks[frame.kind];
     track.expected = true;
     track.last_arrival = now;
@@ -64,8 +77,9 @@ void Cutter::Advance(int64_t now) {
     }
 }
 
-void Cutter::JudgeSilence(Track &track, Track &other, int64_t now) const {
-    const int64_t lag = TimeOf(track.held.back()) - TimeOf(track.held.front());
+void Cutter::JudgeSilence(const Track &track, Track &other, int64_t now) {
+    const bool came = track.held.size() > track.held_before;
+    const int64_t lag = came ? TimeOf(track.held.back()) - TimeOf(track.held[track.held_before]) : 0;
     const bool long_silent = now - other.last_arrival > kSilence && lag > kPatience;
     other.silent = other.silent || long_silent || track.held_bytes > kMostHeld;
 }
@@ -95,6 +109,7 @@ bool Cutter::ReleaseOne(int64_t now) {
     }
     Frame frame = std::move(track->held.front());
     track->held.pop_front();
+    track->held_before -= track->held_before > 0 ? 1 : 0;
     track->held_bytes -= frame.size;
     Assign(std::move(frame));
     return true;
@@ -126,6 +141,7 @@ void Cutter::Assign(Frame frame) {
     if (ReachesEnd(frame)) {
         track.done = true;
         track.held.clear();
+        track.held_before = 0;
         track.held_bytes = 0;
         return;
     }

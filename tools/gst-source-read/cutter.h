@@ -83,6 +83,7 @@ class Cutter {
         int64_t last_arrival = 0;
         FormatId format = 0;     // of the newest frame
         std::deque<Frame> held;  // they wait for the other track
+        size_t held_before = 0;  // those of them that came before an outage of both tracks
         size_t held_bytes = 0;
         uint64_t left_out = 0;
         int64_t skipped = INT64_MIN;  // up to which the current file knows about the silence
@@ -98,7 +99,8 @@ class Cutter {
 
     bool MayWait(const Track &other) const { return !m_finishing && !other.Finished() && !other.silent; }
     bool ReleaseOne(int64_t now);
-    void JudgeSilence(Track &track, Track &other, int64_t now) const;
+    void NoteOutage(int64_t now);
+    static void JudgeSilence(const Track &track, Track &other, int64_t now);
     bool IsLead(shb_kind_t kind) const;
 
     void Assign(Frame frame);

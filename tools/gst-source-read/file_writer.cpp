@@ -251,6 +251,20 @@ void FileWriter::EndTrack(shb_kind_t kind) {
     gst_app_src_end_of_stream(GST_APP_SRC(track.source.get()));
 }
 
+// A network file system may say only now that there was no room.
+bool FileWriter::CloseFile() {
+    if (!m_fd) {
+        return true;
+    }
+    m_written = Bytes();
+    gst_element_set_state(m_pipeline.get(), GST_STATE_NULL);
+    const int error = m_fd.Close();
+    if (error != 0) {
+        m_reason = std::strerror(error);
+    }
+    return error == 0;
+}
+
 FileWriter::State FileWriter::Look() {
     if (m_end) {
         return *m_end;
@@ -269,7 +283,7 @@ FileWriter::State FileWriter::Look() {
             return State::kRunning;
         }
         if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS) {
-            m_end = State::kDone;
+            m_end = CloseFile() ? State::kDone : State::kFailed;
         } else {
             m_end = State::kFailed;
             m_reason = WriteError(message.get());

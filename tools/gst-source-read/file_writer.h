@@ -62,6 +62,7 @@ class FileWriter {
     static GstFlowReturn OnSample(gpointer sink, gpointer self);
     void Push(Track &track, GstBuffer *buffer);
     void FlushTrack(Track &track);
+    bool CloseFile();
 
     const Container &m_container;
     const FileStart m_start;
@@ -73,7 +74,7 @@ class FileWriter {
     std::string m_reason;
     std::optional<State> m_end;
 
-    // Of the thread that writes to standard output.
+    // Of the thread that writes to standard output; of a file, once it is closed.
     std::atomic<uint64_t> m_written{0};
     std::mutex m_mutex;
     std::exception_ptr m_failure;

@@ -41,6 +41,8 @@ int main(int argc, char **argv) {
         return parsed.exit_code;
     }
     tool::OpenStandardDescriptors();
+    // A limit of the file size is a full disk to us, not the end of the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         // Another user's file may be cut short at any time.
         if (const int result = shb_guard(1); result != SHB_OK) {

@@ -181,17 +181,17 @@ void MuxRun::TakeEvent(const AvSource::Event &event) {
             TellLoss(event);
             break;
         case What::kGone:
-            if (!m_status.gone) {
+            if (first_of_two && !m_status.gone) {
                 m_observer.Tell(name + ": its host has gone" +
                                 (m_settings.source.follow ? "; waiting for it to come back" : ""));
             }
-            m_status.gone = true;
+            m_status.gone = m_status.gone || first_of_two;
             break;
         case What::kRestarted:
-            if (m_status.gone) {
+            if (first_of_two && m_status.gone) {
                 m_observer.Tell(name + ": its host is back");
             }
-            m_status.gone = false;
+            m_status.gone = m_status.gone && !first_of_two;
             break;
         case What::kNewWriter:
             if (first_of_two && m_status.files > 0) {
@@ -241,6 +241,9 @@ void MuxRun::TakeFrames(bool all) {
             }
         }
         m_cutter.Advance(now);
+    } else {
+        // What waits here has come.
+        m_last_frame = Clock::now();
     }
     m_status.recorded = m_cutter.Recorded();
 }
@@ -249,7 +252,7 @@ void MuxRun::TakeFrames(bool all) {
 
 bool MuxRun::IsOver() {
     const Clock::time_point now = Clock::now();
-    if (tool::interrupts::StopRequested() || !m_failure.empty() || m_cutter.Done()) {
+    if (tool::interrupts::StopRequested() || !m_failure.empty() || m_cutter.Done() || !m_observer.IsHeard()) {
         return true;
     }
     // In an outage no frame says that the time is over.

@@ -53,6 +53,8 @@ class MuxObserver {
     virtual void Finished(const FileWriter &file, const MuxStatus &status, bool complete) = 0;
     // Some times a second.
     virtual void Progress(const MuxStatus &status) = 0;
+    // False: nobody takes the report any more, which ends the run.
+    virtual bool IsHeard() const { return true; }
 };
 
 class MuxRun : private Files {

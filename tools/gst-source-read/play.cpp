@@ -46,6 +46,7 @@ struct Branch {
     PipelinePtr output;                // null: not wanted, or there is none
     ElementPtr queue;                  // made anew for each run, as is the decoder
     ElementPtr decoder;                //
+    ElementPtr rest;                   // takes what is not shown
     std::atomic<bool> present{false};  // the source has it
     std::atomic<uint64_t> decoded{0};  // buffers in this run
     CapsPtr caps;                      // these two belong to the source's thread while the pipeline runs
@@ -118,7 +119,7 @@ class Player {
     Next HandleElement(GstMessage *message);
     Next GiveUpSound(const std::string &reason);
     void SayLoss(const GstStructure &said) const;
-    void SayHost(bool gone);
+    void SayHost(const GstStructure &said, bool gone);
     void SayProgress();
     std::string Media() const;
 
@@ -171,6 +172,12 @@ void Player::OnSourcePad(GstElement * /*source*/, GstPad *pad, gpointer user) {
     Branch &branch = std::strcmp(GST_PAD_NAME(pad), KindName(SHB_VIDEO)) == 0 ? self.m_video : self.m_audio;
     branch.present = true;
     if (!branch.output) {
+        // The element takes a pad without a peer for a failure.
+        branch.rest = NewElement("fakesink");
+        g_object_set(branch.rest.get(), "sync", FALSE, "async", FALSE, nullptr);
+        gst_bin_add(GST_BIN(branch.pipeline), branch.rest.get());
+        gst_element_sync_state_with_parent(branch.rest.get());
+        Link(pad, branch.rest.get());
         return;
     }
     branch.caps.reset(gst_pad_get_current_caps(pad));
@@ -202,7 +209,7 @@ void Player::Start() {
 void Player::Stop() {
     gst_element_set_state(m_pipeline.get(), GST_STATE_READY);
     for (Branch *branch : {&m_video, &m_audio}) {
-        for (GstElement *part : {branch->output.get(), branch->queue.get(), branch->decoder.get()}) {
+        for (GstElement *part : {branch->output.get(), branch->queue.get(), branch->decoder.get(), branch->rest.get()}) {
             if (part == nullptr || GST_OBJECT_PARENT(part) != GST_OBJECT(m_pipeline.get())) {
                 continue;
             }
@@ -270,8 +277,12 @@ void Player::SayLoss(const GstStructure &said) const {
     }
 }
 
-// Both tracks say so; the second one is no news.
-void Player::SayHost(bool gone) {
+// Both tracks say so, one after the other.
+void Player::SayHost(const GstStructure &said, bool gone) {
+    const char *kind = gst_structure_get_string(&said, "kind");
+    if (m_video.present && g_strcmp0(kind, KindName(SHB_VIDEO)) != 0) {
+        return;
+    }
     if (gone != m_hostGone) {
         Complain(m_name + (gone ? ": its host has gone" : ": its host is back") +
                  (gone && m_options.follow ? "; waiting for it to come back" : ""));
@@ -290,9 +301,9 @@ Player::Next Player::HandleElement(GstMessage *message) {
     if (gst_structure_has_name(said, "shbsrc-lost")) {
         SayLoss(*said);
     } else if (gst_structure_has_name(said, "shbsrc-gone")) {
-        SayHost(true);
+        SayHost(*said, true);
     } else if (gst_structure_has_name(said, "shbsrc-restarted")) {
-        SayHost(false);
+        SayHost(*said, false);
     }
     return Next::kGoOn;
 }

@@ -1,6 +1,8 @@
 #include <unistd.h>
 
+#include <array>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "buffers.h"
@@ -45,8 +47,11 @@ int RunReadMuxed(const Options &options) {
         return tool::kExitUsage;
     }
     const std::string name = ChooseName(options.name);
+    const std::array<bool, kKinds> wanted{!options.kind_given || options.kind == SHB_VIDEO,
+                                          !options.kind_given || options.kind == SHB_AUDIO};
     if (const Map map = options.follow ? TryAttachLive(name) : Attach(name)) {
         CheckTrack(map.get(), name, options.channel, options.stream);
+        CheckKinds(map.get(), name, options.channel, options.stream, wanted);
     }
     tool::interrupts::Install(-1);
     StartGStreamer();
@@ -58,8 +63,7 @@ int RunReadMuxed(const Options &options) {
     settings.source.stream = options.stream;
     settings.source.start = StartOf(options.start);
     settings.source.follow = options.follow;
-    settings.source.wanted = {!options.kind_given || options.kind == SHB_VIDEO,
-                              !options.kind_given || options.kind == SHB_AUDIO};
+    settings.source.wanted = wanted;
     settings.container = ContainerNamed(options.format);
     settings.duration = static_cast<int64_t>(options.duration.value_or(0) * kNsPerSecond);
     settings.frames = options.frames;
@@ -78,6 +82,10 @@ int RunReadMuxed(const Options &options) {
              tool::Count(status.frames[SHB_VIDEO], "video frame", "video frames") + ", " +
              tool::Count(status.frames[SHB_AUDIO], "audio frame", "audio frames") + ", " + tool::FormatBytes(status.bytes) +
              ", " + std::to_string(status.lost[SHB_VIDEO] + status.lost[SHB_AUDIO]) + " lost");
+    const uint64_t frames = status.frames[SHB_VIDEO] > 0 ? status.frames[SHB_VIDEO] : status.frames[SHB_AUDIO];
+    if (whole && options.duration && frames < options.frames && !tool::interrupts::StopRequested()) {
+        throw std::runtime_error("the time ran out before " + tool::Count(options.frames, "frame", "frames") + " had arrived");
+    }
     return whole ? tool::kExitOk : tool::kExitNothing;
 }
 

@@ -1,4 +1,3 @@
-#include <csignal>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -37,6 +36,7 @@ bool CheckSource(const Options &options, const std::string &name) {
         return true;
     }
     CheckTrack(map.get(), name, options.channel, options.stream);
+    CheckKinds(map.get(), name, options.channel, options.stream, {options.record.video, options.record.audio});
     return shb_map_alive(map.get()) != 0;
 }
 
@@ -49,8 +49,6 @@ int RunRecord(const Options &options) {
     names.Check();
     const bool alive = CheckSource(options, name);
     tool::interrupts::Install(tool::CanDraw(STDERR_FILENO) ? STDERR_FILENO : -1);
-    // A limit of the file size is a full disk to us, not the end of the process.
-    std::signal(SIGXFSZ, SIG_IGN);
     StartGStreamer();
 
     MuxSettings settings;

@@ -1,5 +1,6 @@
 #include "record_view.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <utility>
@@ -41,6 +42,12 @@ uint64_t LostOf(const MuxStatus &status) {
     return status.lost[SHB_VIDEO] + status.lost[SHB_AUDIO];
 }
 
+// A terminal that is held (Ctrl-S), or a pipe that nobody reads, must not hold up the recording.
+bool TakesLines() {
+    pollfd ready{STDERR_FILENO, POLLOUT, 0};
+    return poll(&ready, 1, 0) > 0;
+}
+
 }  // namespace
 
 RecordView::RecordView(std::string name, bool json) : m_name(std::move(name)), m_json(json) {
@@ -54,7 +61,7 @@ RecordView::~RecordView() {
 }
 
 void RecordView::Clear() {
-    if (m_drawn) {
+    if (m_drawn && TakesLines()) {
         m_screen->Room();
         m_screen->Draw({});
     }
@@ -62,8 +69,21 @@ void RecordView::Clear() {
 }
 
 void RecordView::Tell(const std::string &line) {
-    Clear();
-    Complain(line);
+    if (TakesLines()) {
+        Clear();
+        Complain(line);
+    }
+}
+
+void RecordView::Report(const tool::Record &record) {
+    if (!m_json || !IsHeard()) {
+        return;
+    }
+    try {
+        WriteOut(tool::JsonLine(record));
+    } catch (...) {
+        m_deaf = std::current_exception();
+    }
 }
 
 void RecordView::Opened(const FileWriter &file, const MuxStatus &status) {
@@ -81,19 +101,17 @@ void RecordView::Finished(const FileWriter &file, const MuxStatus &status, bool 
         Tell(tool::Printable(file.Name()) + ": " + Length(file.Length()) + ", " + FramesText(video, audio) + ", " +
              tool::FormatBytes(file.Bytes()) + (complete ? "" : ", not complete"));
     }
-    if (m_json) {
-        tool::Record record;
-        record["type"] = "file";
-        record["time"] = tool::TimeNow();
-        record["path"] = file.Name();
-        record["complete"] = complete;
-        record["duration_s"] = tool::Rounded(static_cast<double>(file.Length()) / kNsPerSecond);
-        record["bytes"] = file.Bytes();
-        record["video_frames"] = video;
-        record["audio_frames"] = audio;
-        record["reason"] = tool::TextOrNull(file.Start().reason);
-        WriteOut(tool::JsonLine(record));
-    }
+    tool::Record record;
+    record["type"] = "file";
+    record["time"] = tool::TimeNow();
+    record["path"] = file.Name();
+    record["complete"] = complete;
+    record["duration_s"] = tool::Rounded(static_cast<double>(file.Length()) / kNsPerSecond);
+    record["bytes"] = file.Bytes();
+    record["video_frames"] = video;
+    record["audio_frames"] = audio;
+    record["reason"] = tool::TextOrNull(file.Start().reason);
+    Report(record);
 }
 
 void RecordView::Progress(const MuxStatus &status) {
@@ -108,7 +126,7 @@ void RecordView::Progress(const MuxStatus &status) {
         }
         return;
     }
-    if (now < m_due && m_drawn && !tool::interrupts::RedrawWanted()) {
+    if ((now < m_due && m_drawn && !tool::interrupts::RedrawWanted()) || !TakesLines()) {
         return;
     }
     m_due = now + kInterval;
@@ -141,19 +159,20 @@ void RecordView::Conclude(const MuxStatus &status) {
     Tell(m_name + ": " + tool::Count(status.files, "file", "files") + ", " + Length(status.recorded) + ", " +
          FramesText(status.frames[SHB_VIDEO], status.frames[SHB_AUDIO]) + ", " + tool::FormatBytes(status.bytes) + ", " +
          std::to_string(lost) + " lost");
-    if (m_json) {
-        tool::Record record;
-        record["type"] = "summary";
-        record["time"] = tool::TimeNow();
-        record["name"] = m_name;
-        record["files"] = status.files;
-        record["duration_s"] = tool::Rounded(static_cast<double>(status.recorded) / kNsPerSecond);
-        record["bytes"] = status.bytes;
-        record["video_frames"] = status.frames[SHB_VIDEO];
-        record["audio_frames"] = status.frames[SHB_AUDIO];
-        record["video_lost_frames"] = status.lost[SHB_VIDEO];
-        record["audio_lost_frames"] = status.lost[SHB_AUDIO];
-        WriteOut(tool::JsonLine(record));
+    tool::Record record;
+    record["type"] = "summary";
+    record["time"] = tool::TimeNow();
+    record["name"] = m_name;
+    record["files"] = status.files;
+    record["duration_s"] = tool::Rounded(static_cast<double>(status.recorded) / kNsPerSecond);
+    record["bytes"] = status.bytes;
+    record["video_frames"] = status.frames[SHB_VIDEO];
+    record["audio_frames"] = status.frames[SHB_AUDIO];
+    record["video_lost_frames"] = status.lost[SHB_VIDEO];
+    record["audio_lost_frames"] = status.lost[SHB_AUDIO];
+    Report(record);
+    if (m_deaf) {
+        std::rethrow_exception(m_deaf);
     }
 }
 

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <string>
 
 #include "mux_run.h"
+#include "record.h"
 #include "screen.h"
 
 namespace reader {
@@ -21,13 +23,16 @@ class RecordView : public MuxObserver {
     void Opened(const FileWriter &file, const MuxStatus &status) override;
     void Finished(const FileWriter &file, const MuxStatus &status, bool complete) override;
     void Progress(const MuxStatus &status) override;
-    // The last line.
+    // Standard output takes the objects; the recording does not depend on it, but ends in order without it.
+    bool IsHeard() const override { return m_deaf == nullptr; }
+    // The last line. Throws what standard output has failed with.
     void Conclude(const MuxStatus &status);
 
   private:
     using Clock = std::chrono::steady_clock;
 
     void Clear();
+    void Report(const tool::Record &record);
 
     const std::string m_name;
     const bool m_json;
@@ -37,6 +42,7 @@ class RecordView : public MuxObserver {
     Clock::time_point m_due = Clock::now();
     bool m_told_of_waiting = false;
     std::string m_told_formats;
+    std::exception_ptr m_deaf;
 };
 
 }  // namespace reader

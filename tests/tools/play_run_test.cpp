@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <mutex>
@@ -139,6 +140,35 @@ TEST_F(Play, EndsWithASignal) {
     child.Signal(SIGINT);
     EXPECT_EQ(child.Wait(), 0) << child.Err();
     EXPECT_EQ(Lines(child.Err()).size(), 1U) << child.Err();
+}
+
+// Of a source that does not say what it has.
+TEST_F(Play, WaitsForAPictureThatComesLongAfterTheSound) {
+    const LiveBuffer buffer(m_name);
+    shb_writer_t *sound = nullptr;
+    ASSERT_EQ(shb_writer_open(buffer.Get(), 0, 0, SHB_AUDIO, &sound), SHB_OK);
+    shb_description_t media{};
+    media.media = 21;
+    std::snprintf(media.code, sizeof media.code, "PCMU");
+    media.sample_rate = 8000;
+    media.channels = 1;
+    shb_writer_describe(sound, &media, nullptr, 0);
+    // Ten seconds, at this rate.
+    shb_writer_set_rates(sound, 64000, 50000);
+    const std::string frame(160, '\xff');
+    for (int i = 0; i < 500; ++i) {
+        shb_writer_write(sound, frame.data(), frame.size(), SHB_TIME_NONE, SHB_TIME_NONE, 20'000'000, SHB_FRAME_KEY);
+    }
+    Child child(Playing({m_name, "--no-audio"}), Environment());
+    const std::string waiting = m_name + ": nothing to show yet, waiting for frames\n";
+    EXPECT_TRUE(WaitWhileRunning(child, [&] { return Has(child.Err(), waiting); })) << child.Err();
+    {
+        const LiveSource source(buffer, Coloured(kRed, "320x240", false), false);
+        EXPECT_TRUE(Shows(child, kRed)) << child.Err();
+        child.Signal(SIGINT);
+        EXPECT_EQ(child.Wait(), 0) << child.Err();
+    }
+    shb_writer_close(sound);
 }
 
 TEST_F(Play, GoesOnWithAnotherSizeAndAnotherCodec) {

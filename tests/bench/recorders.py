@@ -31,6 +31,8 @@ from noticed import free_port
 RECORDERS = 20
 CONTAINERS = ["mkv", "mp4"]
 FPS = 25
+# The sender may leave a frame out where the material begins anew.
+MATERIAL_S = 30
 # Effort: full, quick. `warm` is for the start, which ffmpeg takes 5 s for.
 EFFORT = {"rounds": (5, 1), "warm": (8, 6), "seconds": (20, 3), "many seconds": (60, 4)}
 
@@ -41,7 +43,7 @@ def material(folder):
     subprocess.run(
         ["ffmpeg", "-nostdin", "-loglevel", "error", "-y",
          "-f", "lavfi", "-i", f"testsrc2=size=1280x720:rate={FPS},noise=alls=20:allf=t", "-f", "lavfi", "-i", "sine=sample_rate=48000",
-         "-t", "30", "-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", str(FPS), "-pix_fmt", "yuv420p",
+         "-t", str(MATERIAL_S), "-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", str(FPS), "-pix_fmt", "yuv420p",
          "-b:v", "3700k", "-minrate", "3700k", "-maxrate", "3700k", "-bufsize", "3700k", "-nal-hrd", "cbr",
          "-c:a", "aac", "-b:a", "128k", "-ac", "2", "-f", "mpegts", str(path)], check=True)
     return path
@@ -146,14 +148,15 @@ class Bench:
                     with self.record(path) as child:
                         own += self.measure([child], self.effort("seconds"))
                         summary = self.finish(child)
-                        assert summary["video_lost_frames"] == 0 and holes(path) == 0, f"{path.name} lacks frames"
+                        lost = summary["video_lost_frames"] + summary["audio_lost_frames"]
+                        assert lost == 0 and holes(path) <= 1 + summary["duration_s"] // MATERIAL_S, f"{path.name} lacks frames"
                         start.append(child.cpu - own[-1] / 1e9 * summary["duration_s"])
                     path.unlink()
                     path = self.folder / f"ffmpeg-{container}-{number}.{container}"
                     with self.ffmpeg(url, path) as child:
                         other += self.measure([child], self.effort("seconds"))
                         child.end(signal.SIGINT)
-                    # It may leave a frame out where the material begins anew; that it worked all the time is enough.
+                    # That it worked all the time is enough.
                     assert len(packets(path, "v")) >= FPS * self.effort("seconds"), f"{path.name} lacks frames"
                     path.unlink()
                 results[container] = {
@@ -173,6 +176,8 @@ class Bench:
             host_cpu = (cpu_ns(host.process.pid) - before) / (time.monotonic() - begin)
             summaries = [self.finish(child) for child in children]
             missing = [holes(path) for path in paths]
+            # What none of them has was not sent.
+            missing = [one - min(missing) for one in missing]
         return {"recorders": RECORDERS, "seconds": self.effort("many seconds"), "each": each, "host": host_cpu,
                 "lost": [one["video_lost_frames"] + one["audio_lost_frames"] for one in summaries], "holes": missing,
                 "frames": [one["video_frames"] + one["audio_frames"] for one in summaries]}

@@ -36,6 +36,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -556,7 +557,8 @@ class Source {
     // Errors: own_thread: nothing has changed.
     //
     // The destructor does the same. On a thread of the source itself it hands the work to a thread of its own
-    // and returns at once.
+    // and returns at once. From then on no callback begins; one that runs goes on. The end of the process
+    // waits for that thread, up to 5 s.
     Result<void> close();
 
     // Errors: none but not_open.
@@ -1338,6 +1340,9 @@ struct SourceCore {
 
     static void media_changed(void *user, media_code_info_t *info) {
         SourceCore &state = *static_cast<SourceCore *>(user);
+        if (state.abandoned) {
+            return;
+        }
         try {
             MediaChange change;
             if (info->type == 0) {
@@ -1358,6 +1363,7 @@ struct SourceCore {
     KeptException exception;
     void *handle = nullptr;
     bool claimed = false;
+    std::atomic<bool> abandoned{false};  // its Source is gone, and another thread closes it
 };
 
 // On none of the source's own threads.
@@ -1366,16 +1372,41 @@ inline void destroy(SourceCore *source) noexcept {
     delete source;
 }
 
+// Sources that threads of their own are closing.
+inline std::atomic<int> closing_sources{0};
+
+// Such a thread may be the last user of a buffer. If the process ended first, the buffer's files would stay.
+struct WaitForClosingSources {
+    WaitForClosingSources() = default;
+    WaitForClosingSources(const WaitForClosingSources &) = delete;
+    WaitForClosingSources &operator=(const WaitForClosingSources &) = delete;
+    ~WaitForClosingSources() {
+        // Bounded: the process may be ended in a callback, for whose end the close waits.
+        constexpr std::chrono::seconds patience{5};
+        const auto end = std::chrono::steady_clock::now() + patience;
+        while (closing_sources > 0 && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+};
+
 inline void CloseSource::operator()(SourceCore *source) const noexcept {
     // Only a close says that this thread is one which it would have to wait for.
     if (source->handle == nullptr || gst_source_close_live_stream(source->handle) == 0) {
         destroy(source);
         return;
     }
+    static const WaitForClosingSources at_exit;
+    source->abandoned = true;
+    ++closing_sources;
     try {
-        std::thread(destroy, source).detach();
+        std::thread([source] {
+            destroy(source);
+            --closing_sources;
+        }).detach();
     } catch (const std::system_error &) {
         // Without a thread that could wait, the source stays as it is.
+        --closing_sources;
     }
 }
 

@@ -382,4 +382,75 @@ TEST_F(HppStream, SourceMayBeDestroyedInItsCallback) {
     EXPECT_TRUE(Comes(gs::Kind::video, Frames(gs::Kind::video) + 25));
 }
 
+// One kind may call when the callback of the other has just destroyed the source. Here that call is certain to come.
+TEST_F(HppStream, NoCallbackBeginsOnceItsSourceIsDestroyed) {
+    using gs::detail::SourceCore;
+    std::mutex mutex;
+    std::atomic<bool> destroyed{false};
+    std::atomic<int> late{0};
+    SourceCore *core = nullptr;
+    gs::SourceOptions options;
+    options.on_media_change = [&](const gs::MediaChange &) {
+        if (destroyed) {
+            ++late;
+            return;
+        }
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (!destroyed) {
+            gs::detail::CloseSource()(core);
+            destroyed = true;
+            // Still there: the thread that closes it waits for this call.
+            media_code_info_t other{};
+            SourceCore::media_changed(core, &other);
+        }
+    };
+    const std::string own = UniqueName();
+    shb_buffer_t *handle = nullptr;
+    ASSERT_EQ(shb_create(own.c_str(), nullptr, &handle), SHB_OK);
+    core = new SourceCore(std::make_shared<gs::detail::BufferCore>(handle), options);
+    core->handle = gst_source_create(SOURCE_TYPE_UDP, handle, 0, 0);
+    gst_source_set_media_change_callback(core->handle, SourceCore::media_changed, core);
+    ASSERT_EQ(gst_udp_source_open_live_stream(core->handle, url.c_str(), 200, 700, 1492), 0);
+    const Sender sender(url);
+    ASSERT_TRUE(WaitFor([&] { return gs::Map::attach(own).code() == gs::Errc::not_found; }));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(late, 0);
+}
+
+// The thread that closes it is the last user of the buffer.
+TEST_F(HppStream, ProcessMayEndWhileAnotherThreadClosesTheSource) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The process that ends begins this test anew: it has no sender of its own, which it would leave behind.
+    constexpr const char *variable = "HPP_SENT_TO";
+    const char *sent_to = std::getenv(variable);
+    std::optional<Sender> sender;
+    if (sent_to == nullptr) {
+        setenv(variable, url.c_str(), 1);
+        sender.emplace(url);
+    }
+    const auto ending = [](pid_t test) { return "hpp-" + std::to_string(test) + "-ending"; };
+    const auto end = [&] {
+        std::mutex mutex;
+        std::atomic<bool> destroyed{false};
+        std::optional<gs::Source> source;
+        gs::SourceOptions options;
+        options.on_media_change = [&](const gs::MediaChange &) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            source.reset();
+            destroyed = true;
+        };
+        buffer = gs::Buffer::create(ending(getppid())).value();
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            source = gs::Source::open(buffer, sent_to, options).value();
+        }
+        const bool ended = WaitFor([&] { return destroyed.load(); });
+        buffer.close();
+        std::exit(ended ? 0 : 1);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+    unsetenv(variable);
+    EXPECT_TRUE(Fails(gs::remove_buffer(ending(getpid())), gs::Errc::not_found));
+}
+
 }  // namespace

@@ -13,8 +13,8 @@ from typing import Any, Callable, ClassVar, Union
 from ._handles import U32, Handle, c_text, py_text, whole
 from ._shb import ffi as shb_ffi
 from .buffer import Buffer, report_from_thread
-from .errors import ArgumentError, Error, OpenFailed
-from .records import SCANS, Scan
+from .errors import ArgumentError, Busy, Error, OpenFailed
+from .records import SCANS, Kind, Scan, track_name
 
 
 @dataclass(frozen=True)
@@ -117,9 +117,30 @@ def _public(url: str) -> str:
     return re.sub(r"(?<=[?&]passphrase=)[^&#]+", "***", re.sub(r"^(\w+://[^/?#:]*):[^/?#]*@", r"\1:***@", url))
 
 
+def _authority(url: str) -> str:
+    """What stands between the scheme and the path. Raises as `c_text` does."""
+    c_text("url", url)
+    return re.split("[/?#]", url.partition("://")[2], maxsplit=1)[0]
+
+
 def _both_or_none(**texts: str) -> None:
     if len({bool(text) for text in texts.values()}) > 1:
         raise ArgumentError(f"{' and '.join(texts)}: one of them alone has no effect")
+
+
+def _claim(buffer: Buffer, channel: int, stream: int) -> tuple[int, int]:
+    """Under the lock of the buffer: its tracks, for one source alone. Raises ArgumentError, Busy, UseAfterClose.
+
+    A source on others would never play: it would be built again and again.
+    """
+    geometry = buffer.geometry
+    place = whole("channel", channel, 0, geometry.channels - 1), whole("stream", stream, 0, geometry.streams - 1)
+    buffer._check_free(*place)
+    kinds: tuple[Kind, ...] = ("video", "audio")
+    for kind in kinds:
+        if buffer.stats(kind, *place).writer_pid:
+            raise Busy(f"{track_name(kind, *place)}: the track has a writer")
+    return place
 
 
 class Source(Handle):
@@ -132,6 +153,7 @@ class Source(Handle):
 
     _what = "source"
     _type: ClassVar[str]
+    _place: tuple[int, int] | None
 
     def __init__(
         self,
@@ -155,12 +177,8 @@ class Source(Handle):
 
         location = c_text("url", url)
         with buffer._alone():
-            pointer = lib.gst_source_create(
-                getattr(lib, self._type),
-                buffer._use(),
-                whole("channel", channel, 0, 2**31 - 1),
-                whole("stream", stream, 0, 2**31 - 1),
-            )
+            self._place = _claim(buffer, channel, stream)
+            pointer = lib.gst_source_create(getattr(lib, self._type), buffer._use(), *self._place)
             if pointer == library.ffi.NULL:
                 raise OpenFailed(f"{_public(url)}: no source could be made; standard output says why")
             super().__init__(pointer, destroy)
@@ -211,6 +229,10 @@ class Source(Handle):
         records[0].type, records[1].type = 0, 1
         return _media_of(records[0]), _media_of(records[1])  # type: ignore[return-value]
 
+    def _refuse_in_handler(self) -> None:
+        if self._listener is not None and getattr(_thread, "listener", None) is self._listener:
+            raise Error(f"{self._url}: not from its own on_media_change, for whose end it would wait")
+
     def close(self) -> None:
         """Ends it: stops its threads and brings its pipeline down, within 0.1 s as a rule.
 
@@ -220,8 +242,7 @@ class Source(Handle):
         if self._is_inherited():
             super().close()
             return
-        if self._listener is not None and getattr(_thread, "listener", None) is self._listener:
-            raise Error(f"{self._url}: not from its own on_media_change, for whose end it would wait")
+        self._refuse_in_handler()
         with self._turn:
             pointer, lib = self._pointer, _library().lib
             if pointer is not None and lib.gst_source_close_live_stream(pointer) != 0:

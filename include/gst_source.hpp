@@ -448,13 +448,13 @@ struct SrtOptions {
     std::uint32_t keylen = 0;                 // bytes: 16, 24 or 32; 0 without a passphrase
     std::chrono::milliseconds latency{125};   // SRT's receive buffer; 0 to 2^31 - 1 ms
     std::chrono::milliseconds tslatency{50};  // logged only
-    std::string localaddress{};               // address to bind; rendezvous needs one
+    std::string localaddress{};               // address to bind; rendezvous needs one, and ?localport=N in its URL
 };
 
 struct RtmpOptions {
     std::chrono::seconds contimeout{10};   // to connect; 0 to 2^31 - 1 s
-    std::chrono::seconds idle_timeout{0};  // without data until the session ends; 0 never. Not for rtmps
-    std::string token{};                   // secure token. Not for rtmps
+    std::chrono::seconds idle_timeout{0};  // without data until the session ends; 0 never, which rtmps needs
+    std::string token{};                   // secure token; none for rtmps
 };
 
 struct UdpOptions {
@@ -506,7 +506,7 @@ using MediaCallback = std::function<void(const MediaChange &)>;
 struct SourceOptions {
     std::uint32_t channel = 0, stream = 0;  // the tracks that the source writes: video and audio of this stream
     std::uint32_t caching = 200;            // 0 sets the demultiplexer latency of UDP, SRT and HLS to 0
-    std::string user{}, password{};         // RTSP, RTMP: both, or none. HLS: each by itself. rtmps connects without only
+    std::string user{}, password{};         // RTSP, RTMP: both, or none. RTMPS: none. HLS: each by itself
     RtspOptions rtsp{};
     SrtOptions srt{};
     RtmpOptions rtmp{};
@@ -546,7 +546,7 @@ class Source {
     // pipeline is built; the network is not waited for. The first source of a process initialises GStreamer.
     //
     // Before anything is opened, this checks the scheme, that the buffer has the tracks, that nobody else
-    // writes them, and every option that the protocol would silently ignore or that would never play.
+    // writes them, and the options as the structs above describe them.
     // Errors: unknown_scheme; no_such_track; track_in_use; invalid_argument; refused; not_open: of the
     // buffer.
     static Result<Source> open(const Buffer &buffer, const std::string &url, const SourceOptions &options = {});
@@ -1436,6 +1436,16 @@ inline bool has_port(const std::string &url) {
            std::stoi(port) > 0 && std::stoi(port) <= largest;
 }
 
+// srtsrc listens where the location has none.
+inline bool has_host(const std::string &url) {
+    const std::size_t host = url.find(scheme_end) + scheme_end.size();
+    return host < url.size() && std::string_view(":/?#").find(url[host]) == std::string_view::npos;
+}
+
+inline bool has_parameter(const std::string &url, const std::string &name) {
+    return url.find('?' + name + '=') != std::string::npos || url.find('&' + name + '=') != std::string::npos;
+}
+
 // Collects what is wrong with the options: the first finding counts.
 class Check {
   public:
@@ -1482,6 +1492,10 @@ inline OpenCall prepare_rtmp(const std::string &url, const SourceOptions &option
     const unsigned contimeout = check.number("rtmp.contimeout", options.rtmp.contimeout, largest_int);
     const unsigned idle_timeout = check.number("rtmp.idle_timeout", options.rtmp.idle_timeout, largest_int);
     check.that(options.user.empty() == options.password.empty(), credentials_text);
+    const bool tls = url.rfind("rtmps", 0) == 0;
+    check.that(!tls || options.user.empty(), "user and password: rtmps does not connect with them");
+    check.that(!tls || options.rtmp.token.empty(), "rtmp.token has no effect on rtmps");
+    check.that(!tls || options.rtmp.idle_timeout.count() == 0, "rtmp.idle_timeout has no effect on rtmps");
     return [&, contimeout, idle_timeout](void *handle) {
         return gst_rtmp_source_open_live_stream(handle, url.c_str(), options.caching, contimeout, idle_timeout,
                                                 options.user.c_str(), options.password.c_str(), options.rtmp.token.c_str());
@@ -1501,6 +1515,15 @@ inline OpenCall prepare_srt(const std::string &url, const SourceOptions &options
     check.that(
         srt.passphrase.empty() || (srt.passphrase.size() >= shortest_passphrase && srt.passphrase.size() <= longest_passphrase),
         "srt.passphrase is not 10 to 79 characters");
+    const bool listener = srt.mode == SrtMode::listener;
+    const bool rendezvous = srt.mode == SrtMode::rendezvous;
+    const bool localport = has_parameter(url, "localport");
+    // srtsrc binds a random port.
+    check.that(!listener || !has_host(url) || localport, "srt.mode: a listener's URL has no host, or a localport as well");
+    check.that(listener || has_host(url), "srt.mode: the URL has no host, which is a listener's");
+    check.that(!rendezvous || localport, "srt.mode: rendezvous needs a localport in the URL");
+    check.that(!rendezvous || !srt.localaddress.empty() || has_parameter(url, "localaddress"),
+               "srt.localaddress: rendezvous needs one");
     return [&, latency, tslatency](void *handle) {
         const SrtOptions &of = options.srt;
         const char *mode = of.mode == SrtMode::listener ? "listener" : of.mode == SrtMode::rendezvous ? "rendezvous" : "caller";

@@ -86,6 +86,7 @@ struct WrongOption {
 TEST_F(HppSource, OptionsThatCannotPlayAreRefused) {
     constexpr const char *rtsp = "rtsp://127.0.0.1:9/live";
     constexpr const char *rtmp = "rtmp://127.0.0.1:9/live/a";
+    constexpr const char *rtmps = "RTMPS://127.0.0.1:9/live/a";
     constexpr const char *srt = "srt://127.0.0.1:9";
     constexpr const char *hls = "http://127.0.0.1:9/list.m3u8";
     using O = gs::SourceOptions;
@@ -108,6 +109,20 @@ TEST_F(HppSource, OptionsThatCannotPlayAreRefused) {
         {"user and password", rtmp, [](O &o) { o.password = "secret"; }},
         {"rtmp.contimeout", rtmp, [](O &o) { o.rtmp.contimeout = -1s; }},
         {"rtmp.idle_timeout", rtmp, [](O &o) { o.rtmp.idle_timeout = std::chrono::seconds(std::int64_t{1} << 31U); }},
+        {"rtmps does not connect", rtmps,
+         [](O &o) {
+             o.user = "me";
+             o.password = "secret";
+         }},
+        {"rtmp.token", rtmps, [](O &o) { o.rtmp.token = "secret"; }},
+        {"rtmp.idle_timeout", rtmps, [](O &o) { o.rtmp.idle_timeout = 5s; }},
+        {"listener's URL has no host", srt, [](O &o) { o.srt.mode = gs::SrtMode::listener; }},
+        {"listener's URL has no host", "srt://[::1]:9", [](O &o) { o.srt.mode = gs::SrtMode::listener; }},
+        {"which is a listener's", "srt://:9", [](O &) {}},
+        {"which is a listener's", "srt://?mode=listener", [](O &) {}},
+        {"which is a listener's", "srt://:9", [](O &o) { o.srt.mode = gs::SrtMode::rendezvous; }},
+        {"rendezvous needs a localport", srt, [](O &o) { o.srt.mode = gs::SrtMode::rendezvous; }},
+        {"rendezvous needs one", "srt://127.0.0.1:9?localport=8", [](O &o) { o.srt.mode = gs::SrtMode::rendezvous; }},
         {"srt.latency", srt, [](O &o) { o.srt.latency = kTooLong; }},
         {"srt.tslatency", srt, [](O &o) { o.srt.tslatency = kTooLong; }},
         {"srt.keylen is not", srt,
@@ -157,11 +172,18 @@ TEST_F(HppSource, EveryProtocolOpens) {
     options.srt.keylen = 16;
     options.srt.passphrase = "0123456789";
     options.hls.timeout = 1s;
-    for (const gs::SrtMode mode : {gs::SrtMode::caller, gs::SrtMode::listener, gs::SrtMode::rendezvous}) {
+    const std::pair<gs::SrtMode, std::string> srt[] = {{gs::SrtMode::caller, "srt://127.0.0.1:" + udp},
+                                                       {gs::SrtMode::listener, "srt://:" + udp},
+                                                       {gs::SrtMode::listener, "srt://127.0.0.1:9?localport=" + udp},
+                                                       {gs::SrtMode::rendezvous, "srt://127.0.0.1:9?localport=" + udp}};
+    options.srt.localaddress = "127.0.0.1";
+    for (const auto &[mode, location] : srt) {
         options.srt.mode = mode;
-        options.srt.localaddress = mode == gs::SrtMode::rendezvous ? "127.0.0.1" : "";
-        EXPECT_TRUE(Succeeds(gs::Source::open(buffer, "srt://127.0.0.1:" + udp, options)));
+        EXPECT_TRUE(Succeeds(gs::Source::open(buffer, location, options))) << location;
     }
+    options.srt.localaddress.clear();
+    EXPECT_TRUE(Succeeds(gs::Source::open(buffer, "srt://127.0.0.1:9?localaddress=127.0.0.1&localport=" + udp, options)));
+    EXPECT_TRUE(Succeeds(gs::Source::open(buffer, "rtmps://127.0.0.1:" + tcp + "/live/a")));
     for (const std::string &location :
          {"rtsp://127.0.0.1:" + tcp + "/live", "RTMP://127.0.0.1:" + tcp + "/live/a", "http://127.0.0.1:" + tcp + "/list.m3u8",
           "udp://[::1]:" + udp, "udp://127.0.0.1:" + udp + "/path?query"}) {

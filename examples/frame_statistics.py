@@ -99,14 +99,22 @@ def watch(reader: gst_source.Reader, whole: Statistics, interval: float, end: fl
             next_line += interval
 
 
+def seconds(text: str) -> float:
+    """A length of time on the command line."""
+    value = float(text)
+    if not 0 < value < 2**33:
+        raise argparse.ArgumentTypeError(f"{text} is not a number of seconds above 0")
+    return value
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description="Frame statistics of one track of a shared buffer.")
     parser.add_argument("name", help="name of the buffer")
     parser.add_argument("kind", nargs="?", choices=("video", "audio"), default="video")
     parser.add_argument("--channel", type=int, default=0, metavar="N")
     parser.add_argument("--stream", type=int, default=0, metavar="N")
-    parser.add_argument("--interval", type=float, default=1.0, metavar="SECONDS", help="between two lines (1)")
-    parser.add_argument("--duration", type=float, metavar="SECONDS", help="end after this time")
+    parser.add_argument("--interval", type=seconds, default=1.0, metavar="SECONDS", help="between two lines (1)")
+    parser.add_argument("--duration", type=seconds, metavar="SECONDS", help="end after this time")
     options = parser.parse_args()
     # As usual in a pipe: nobody reads any more.
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)

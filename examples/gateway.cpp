@@ -30,6 +30,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace gs = gst_source;
@@ -231,7 +232,11 @@ void check_media(Branch &branch, const gs::Frame &frame) {
 
 // Takes one frame out of the buffer, with one copy.
 void pass_on(Branch &branch) {
-    auto frame = branch.reader.borrow(gs::no_wait).value();
+    auto borrowed = branch.reader.borrow(gs::no_wait);
+    if (borrowed.code() == gs::Errc::timeout) {
+        return;  // overwritten since it was waited for, and no key frame has come yet
+    }
+    gs::BorrowedFrame frame = std::move(borrowed).value();
     check_media(branch, *frame);
     GstBuffer *buffer = gst_buffer_new_memdup(frame->data.data(), frame->data.size());
     GST_BUFFER_PTS(buffer) = clock_time(frame->pts_time().value_or(frame->arrival));
@@ -265,6 +270,9 @@ void throw_bus_error(GstElement *pipeline) {
 void run(const gs::Map &map, const char *host, int port) {
     std::vector<Branch> branches = open_branches(map, port);
     if (branches.empty()) {
+        if (interrupted == 0 && map.alive()) {
+            throw std::runtime_error("frames have come, but no track says what they are");
+        }
         return;
     }
     const Pipeline pipeline = make_pipeline(branches, host);

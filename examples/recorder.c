@@ -109,30 +109,33 @@ static void take_times(track_t *track) {
     track->pts = FFMAX(track->pts, track->dts);
 }
 
-/* Copies the next frame from the buffer right into the packet. SHB_OK or an SHB_ERR_. */
+/* Copies the next frame that can be recorded from the buffer right into the packet. SHB_OK or an SHB_ERR_. */
 static int take_frame(track_t *track) {
-    const void *data;
-    int result = shb_reader_borrow(track->reader, 0, &data, &track->frame);
-    if (result != SHB_OK)
-        return result;
-    bool copied = av_new_packet(track->packet, (int)track->frame.size) == 0;
-    if (copied)
-        memcpy(track->packet->data, data, track->frame.size);
-    result = shb_reader_return(track->reader);
-    if (result == SHB_OK && copied) {
-        track->lost += track->frame.lost + track->frame.left_out;
-        take_description(track);
-        /* Headers are in the codec data. Without a description nobody knows what the frame is. */
-        if ((track->frame.flags & SHB_FRAME_HEADER) == 0 && track->media.code[0] != '\0') {
-            take_times(track);
-            return SHB_OK;
+    for (;;) {
+        const void *data;
+        int result = shb_reader_borrow(track->reader, 0, &data, &track->frame);
+        if (result != SHB_OK)
+            return result;
+        bool copied = av_new_packet(track->packet, (int)track->frame.size) == 0;
+        if (copied)
+            memcpy(track->packet->data, data, track->frame.size);
+        result = shb_reader_return(track->reader);
+        if (result == SHB_OK && copied) {
+            track->lost += track->frame.lost + track->frame.left_out;
+            take_description(track);
+            /* Headers are in the codec data. Without a description nobody knows what the frame is. */
+            if ((track->frame.flags & SHB_FRAME_HEADER) == 0 && track->media.code[0] != '\0') {
+                take_times(track);
+                return SHB_OK;
+            }
         }
+        av_packet_unref(track->packet);
+        /* Overwritten meanwhile: the next frame counts it as lost. */
+        if (result != SHB_OK)
+            return result == SHB_ERR_OVERRUN ? SHB_ERR_TIMEOUT : result;
+        if (!copied)
+            return SHB_ERR_SYSTEM;
     }
-    av_packet_unref(track->packet);
-    if (result == SHB_OK)
-        return copied ? SHB_OK : SHB_ERR_SYSTEM;
-    /* Overwritten meanwhile: the next frame counts it as lost. */
-    return result == SHB_ERR_OVERRUN ? SHB_ERR_TIMEOUT : result;
 }
 
 static enum AVCodecID codec_of(const shb_description_t *media) {

@@ -36,6 +36,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -447,13 +448,13 @@ struct SrtOptions {
     std::uint32_t keylen = 0;                 // bytes: 16, 24 or 32; 0 without a passphrase
     std::chrono::milliseconds latency{125};   // SRT's receive buffer; 0 to 2^31 - 1 ms
     std::chrono::milliseconds tslatency{50};  // logged only
-    std::string localaddress{};               // address to bind; rendezvous needs one
+    std::string localaddress{};               // address to bind; rendezvous needs one, and ?localport=N in its URL
 };
 
 struct RtmpOptions {
     std::chrono::seconds contimeout{10};   // to connect; 0 to 2^31 - 1 s
-    std::chrono::seconds idle_timeout{0};  // without data until the session ends; 0 never. Not for rtmps
-    std::string token{};                   // secure token. Not for rtmps
+    std::chrono::seconds idle_timeout{0};  // without data until the session ends; 0 never, which rtmps needs
+    std::string token{};                   // secure token; none for rtmps
 };
 
 struct UdpOptions {
@@ -505,7 +506,7 @@ using MediaCallback = std::function<void(const MediaChange &)>;
 struct SourceOptions {
     std::uint32_t channel = 0, stream = 0;  // the tracks that the source writes: video and audio of this stream
     std::uint32_t caching = 200;            // 0 sets the demultiplexer latency of UDP, SRT and HLS to 0
-    std::string user{}, password{};         // RTSP, RTMP: both, or none. HLS: each by itself. rtmps connects without only
+    std::string user{}, password{};         // RTSP, RTMP: both, or none. RTMPS: none. HLS: each by itself
     RtspOptions rtsp{};
     SrtOptions srt{};
     RtmpOptions rtmp{};
@@ -545,7 +546,7 @@ class Source {
     // pipeline is built; the network is not waited for. The first source of a process initialises GStreamer.
     //
     // Before anything is opened, this checks the scheme, that the buffer has the tracks, that nobody else
-    // writes them, and every option that the protocol would silently ignore or that would never play.
+    // writes them, and the options as the structs above describe them.
     // Errors: unknown_scheme; no_such_track; track_in_use; invalid_argument; refused; not_open: of the
     // buffer.
     static Result<Source> open(const Buffer &buffer, const std::string &url, const SourceOptions &options = {});
@@ -556,7 +557,8 @@ class Source {
     // Errors: own_thread: nothing has changed.
     //
     // The destructor does the same. On a thread of the source itself it hands the work to a thread of its own
-    // and returns at once.
+    // and returns at once. From then on no callback begins; one that runs goes on. The end of the process
+    // waits for that thread, up to 5 s.
     Result<void> close();
 
     // Errors: none but not_open.
@@ -1338,6 +1340,9 @@ struct SourceCore {
 
     static void media_changed(void *user, media_code_info_t *info) {
         SourceCore &state = *static_cast<SourceCore *>(user);
+        if (state.abandoned) {
+            return;
+        }
         try {
             MediaChange change;
             if (info->type == 0) {
@@ -1358,6 +1363,7 @@ struct SourceCore {
     KeptException exception;
     void *handle = nullptr;
     bool claimed = false;
+    std::atomic<bool> abandoned{false};  // its Source is gone, and another thread closes it
 };
 
 // On none of the source's own threads.
@@ -1366,16 +1372,41 @@ inline void destroy(SourceCore *source) noexcept {
     delete source;
 }
 
+// Sources that threads of their own are closing.
+inline std::atomic<int> closing_sources{0};
+
+// Such a thread may be the last user of a buffer. If the process ended first, the buffer's files would stay.
+struct WaitForClosingSources {
+    WaitForClosingSources() = default;
+    WaitForClosingSources(const WaitForClosingSources &) = delete;
+    WaitForClosingSources &operator=(const WaitForClosingSources &) = delete;
+    ~WaitForClosingSources() {
+        // Bounded: the process may be ended in a callback, for whose end the close waits.
+        constexpr std::chrono::seconds patience{5};
+        const auto end = std::chrono::steady_clock::now() + patience;
+        while (closing_sources > 0 && std::chrono::steady_clock::now() < end) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+};
+
 inline void CloseSource::operator()(SourceCore *source) const noexcept {
     // Only a close says that this thread is one which it would have to wait for.
     if (source->handle == nullptr || gst_source_close_live_stream(source->handle) == 0) {
         destroy(source);
         return;
     }
+    static const WaitForClosingSources at_exit;
+    source->abandoned = true;
+    ++closing_sources;
     try {
-        std::thread(destroy, source).detach();
+        std::thread([source] {
+            destroy(source);
+            --closing_sources;
+        }).detach();
     } catch (const std::system_error &) {
         // Without a thread that could wait, the source stays as it is.
+        --closing_sources;
     }
 }
 
@@ -1403,6 +1434,16 @@ inline bool has_port(const std::string &url) {
     constexpr int largest = 65535;
     return !port.empty() && port.size() <= longest && port.find_first_not_of("0123456789") == std::string::npos &&
            std::stoi(port) > 0 && std::stoi(port) <= largest;
+}
+
+// srtsrc listens where the location has none.
+inline bool has_host(const std::string &url) {
+    const std::size_t host = url.find(scheme_end) + scheme_end.size();
+    return host < url.size() && std::string_view(":/?#").find(url[host]) == std::string_view::npos;
+}
+
+inline bool has_parameter(const std::string &url, const std::string &name) {
+    return url.find('?' + name + '=') != std::string::npos || url.find('&' + name + '=') != std::string::npos;
 }
 
 // Collects what is wrong with the options: the first finding counts.
@@ -1451,6 +1492,10 @@ inline OpenCall prepare_rtmp(const std::string &url, const SourceOptions &option
     const unsigned contimeout = check.number("rtmp.contimeout", options.rtmp.contimeout, largest_int);
     const unsigned idle_timeout = check.number("rtmp.idle_timeout", options.rtmp.idle_timeout, largest_int);
     check.that(options.user.empty() == options.password.empty(), credentials_text);
+    const bool tls = url.rfind("rtmps", 0) == 0;
+    check.that(!tls || options.user.empty(), "user and password: rtmps does not connect with them");
+    check.that(!tls || options.rtmp.token.empty(), "rtmp.token has no effect on rtmps");
+    check.that(!tls || options.rtmp.idle_timeout.count() == 0, "rtmp.idle_timeout has no effect on rtmps");
     return [&, contimeout, idle_timeout](void *handle) {
         return gst_rtmp_source_open_live_stream(handle, url.c_str(), options.caching, contimeout, idle_timeout,
                                                 options.user.c_str(), options.password.c_str(), options.rtmp.token.c_str());
@@ -1470,6 +1515,15 @@ inline OpenCall prepare_srt(const std::string &url, const SourceOptions &options
     check.that(
         srt.passphrase.empty() || (srt.passphrase.size() >= shortest_passphrase && srt.passphrase.size() <= longest_passphrase),
         "srt.passphrase is not 10 to 79 characters");
+    const bool listener = srt.mode == SrtMode::listener;
+    const bool rendezvous = srt.mode == SrtMode::rendezvous;
+    const bool localport = has_parameter(url, "localport");
+    // srtsrc binds a random port.
+    check.that(!listener || !has_host(url) || localport, "srt.mode: a listener's URL has no host, or a localport as well");
+    check.that(listener || has_host(url), "srt.mode: the URL has no host, which is a listener's");
+    check.that(!rendezvous || localport, "srt.mode: rendezvous needs a localport in the URL");
+    check.that(!rendezvous || !srt.localaddress.empty() || has_parameter(url, "localaddress"),
+               "srt.localaddress: rendezvous needs one");
     return [&, latency, tslatency](void *handle) {
         const SrtOptions &of = options.srt;
         const char *mode = of.mode == SrtMode::listener ? "listener" : of.mode == SrtMode::rendezvous ? "rendezvous" : "caller";

@@ -207,6 +207,24 @@ TEST_F(Recorder, ReorderedPicturesWithoutDecodingTimes) {
     }
 }
 
+TEST_F(Recorder, FramesBeforeTheirDescriptionAreLeftOut) {
+    const Material &material = GetMaterial("h264_aac");
+    FeederOptions options;
+    options.described = false;
+    const Feeder feeder(material, options);
+    const auto recorder = StartRecorder(Command(feeder.Name(), "door.mkv", "60", "1"));
+    ASSERT_TRUE(feeder.WaitFrames(SHB_VIDEO, Pictures(material, 1.2)));
+    recorder->Signal(SIGUSR1);
+    ASSERT_TRUE(WaitFor([&] { return !Reports(*recorder).empty() || Has(*recorder, "nothing arrived"); }));
+    ASSERT_EQ(Reports(*recorder).size(), 1U) << recorder->Output();
+    const Report report = Reports(*recorder).front();
+    Excerpt video, audio;
+    ASSERT_TRUE(IsRecordingOf(material, ReadRecorded(report.path), video, audio));
+    EXPECT_EQ(video.first, 0U);
+    EXPECT_EQ(audio.first, 0U);
+    EXPECT_EQ(report.lost, 0U);
+}
+
 TEST_F(Recorder, OneKindIsEnough) {
     for (const char *name : {"h264_only", "aac_only"}) {
         const Material &material = GetMaterial(name);

@@ -314,6 +314,14 @@ TEST_F(GatewayRuns, NamesACodecThatItCannotSend) {
     EXPECT_TRUE(Has(gateway.Err(), "VORBIS: this gateway has no payloader for it")) << gateway.Err();
 }
 
+// Its writer does not say what it writes.
+TEST_F(GatewayRuns, NamesFramesWithoutADescription) {
+    WriteSound(0);
+    Gateway gateway(name, port);
+    EXPECT_EQ(gateway.Wait(), 1);
+    EXPECT_EQ(gateway.Err(), "gateway: frames have come, but no track says what they are\n");
+}
+
 TEST_F(GatewayRuns, CanBeInterruptedBeforeTheFirstFrame) {
     Gateway gateway(name, port);
     // It has the buffer attached once the file is among those that it has mapped.

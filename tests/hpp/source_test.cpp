@@ -86,6 +86,7 @@ struct WrongOption {
 TEST_F(HppSource, OptionsThatCannotPlayAreRefused) {
     constexpr const char *rtsp = "rtsp://127.0.0.1:9/live";
     constexpr const char *rtmp = "rtmp://127.0.0.1:9/live/a";
+    constexpr const char *rtmps = "RTMPS://127.0.0.1:9/live/a";
     constexpr const char *srt = "srt://127.0.0.1:9";
     constexpr const char *hls = "http://127.0.0.1:9/list.m3u8";
     using O = gs::SourceOptions;
@@ -108,6 +109,20 @@ TEST_F(HppSource, OptionsThatCannotPlayAreRefused) {
         {"user and password", rtmp, [](O &o) { o.password = "secret"; }},
         {"rtmp.contimeout", rtmp, [](O &o) { o.rtmp.contimeout = -1s; }},
         {"rtmp.idle_timeout", rtmp, [](O &o) { o.rtmp.idle_timeout = std::chrono::seconds(std::int64_t{1} << 31U); }},
+        {"rtmps does not connect", rtmps,
+         [](O &o) {
+             o.user = "me";
+             o.password = "secret";
+         }},
+        {"rtmp.token", rtmps, [](O &o) { o.rtmp.token = "secret"; }},
+        {"rtmp.idle_timeout", rtmps, [](O &o) { o.rtmp.idle_timeout = 5s; }},
+        {"listener's URL has no host", srt, [](O &o) { o.srt.mode = gs::SrtMode::listener; }},
+        {"listener's URL has no host", "srt://[::1]:9", [](O &o) { o.srt.mode = gs::SrtMode::listener; }},
+        {"which is a listener's", "srt://:9", [](O &) {}},
+        {"which is a listener's", "srt://?mode=listener", [](O &) {}},
+        {"which is a listener's", "srt://:9", [](O &o) { o.srt.mode = gs::SrtMode::rendezvous; }},
+        {"rendezvous needs a localport", srt, [](O &o) { o.srt.mode = gs::SrtMode::rendezvous; }},
+        {"rendezvous needs one", "srt://127.0.0.1:9?localport=8", [](O &o) { o.srt.mode = gs::SrtMode::rendezvous; }},
         {"srt.latency", srt, [](O &o) { o.srt.latency = kTooLong; }},
         {"srt.tslatency", srt, [](O &o) { o.srt.tslatency = kTooLong; }},
         {"srt.keylen is not", srt,
@@ -157,11 +172,18 @@ TEST_F(HppSource, EveryProtocolOpens) {
     options.srt.keylen = 16;
     options.srt.passphrase = "0123456789";
     options.hls.timeout = 1s;
-    for (const gs::SrtMode mode : {gs::SrtMode::caller, gs::SrtMode::listener, gs::SrtMode::rendezvous}) {
+    const std::pair<gs::SrtMode, std::string> srt[] = {{gs::SrtMode::caller, "srt://127.0.0.1:" + udp},
+                                                       {gs::SrtMode::listener, "srt://:" + udp},
+                                                       {gs::SrtMode::listener, "srt://127.0.0.1:9?localport=" + udp},
+                                                       {gs::SrtMode::rendezvous, "srt://127.0.0.1:9?localport=" + udp}};
+    options.srt.localaddress = "127.0.0.1";
+    for (const auto &[mode, location] : srt) {
         options.srt.mode = mode;
-        options.srt.localaddress = mode == gs::SrtMode::rendezvous ? "127.0.0.1" : "";
-        EXPECT_TRUE(Succeeds(gs::Source::open(buffer, "srt://127.0.0.1:" + udp, options)));
+        EXPECT_TRUE(Succeeds(gs::Source::open(buffer, location, options))) << location;
     }
+    options.srt.localaddress.clear();
+    EXPECT_TRUE(Succeeds(gs::Source::open(buffer, "srt://127.0.0.1:9?localaddress=127.0.0.1&localport=" + udp, options)));
+    EXPECT_TRUE(Succeeds(gs::Source::open(buffer, "rtmps://127.0.0.1:" + tcp + "/live/a")));
     for (const std::string &location :
          {"rtsp://127.0.0.1:" + tcp + "/live", "RTMP://127.0.0.1:" + tcp + "/live/a", "http://127.0.0.1:" + tcp + "/list.m3u8",
           "udp://[::1]:" + udp, "udp://127.0.0.1:" + udp + "/path?query"}) {
@@ -380,6 +402,77 @@ TEST_F(HppStream, SourceMayBeDestroyedInItsCallback) {
         return next.has_value();
     }));
     EXPECT_TRUE(Comes(gs::Kind::video, Frames(gs::Kind::video) + 25));
+}
+
+// One kind may call when the callback of the other has just destroyed the source. Here that call is certain to come.
+TEST_F(HppStream, NoCallbackBeginsOnceItsSourceIsDestroyed) {
+    using gs::detail::SourceCore;
+    std::mutex mutex;
+    std::atomic<bool> destroyed{false};
+    std::atomic<int> late{0};
+    SourceCore *core = nullptr;
+    gs::SourceOptions options;
+    options.on_media_change = [&](const gs::MediaChange &) {
+        if (destroyed) {
+            ++late;
+            return;
+        }
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (!destroyed) {
+            gs::detail::CloseSource()(core);
+            destroyed = true;
+            // Still there: the thread that closes it waits for this call.
+            media_code_info_t other{};
+            SourceCore::media_changed(core, &other);
+        }
+    };
+    const std::string own = UniqueName();
+    shb_buffer_t *handle = nullptr;
+    ASSERT_EQ(shb_create(own.c_str(), nullptr, &handle), SHB_OK);
+    core = new SourceCore(std::make_shared<gs::detail::BufferCore>(handle), options);
+    core->handle = gst_source_create(SOURCE_TYPE_UDP, handle, 0, 0);
+    gst_source_set_media_change_callback(core->handle, SourceCore::media_changed, core);
+    ASSERT_EQ(gst_udp_source_open_live_stream(core->handle, url.c_str(), 200, 700, 1492), 0);
+    const Sender sender(url);
+    ASSERT_TRUE(WaitFor([&] { return gs::Map::attach(own).code() == gs::Errc::not_found; }));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(late, 0);
+}
+
+// The thread that closes it is the last user of the buffer.
+TEST_F(HppStream, ProcessMayEndWhileAnotherThreadClosesTheSource) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The process that ends begins this test anew: it has no sender of its own, which it would leave behind.
+    constexpr const char *variable = "HPP_SENT_TO";
+    const char *sent_to = std::getenv(variable);
+    std::optional<Sender> sender;
+    if (sent_to == nullptr) {
+        setenv(variable, url.c_str(), 1);
+        sender.emplace(url);
+    }
+    const auto ending = [](pid_t test) { return "hpp-" + std::to_string(test) + "-ending"; };
+    const auto end = [&] {
+        std::mutex mutex;
+        std::atomic<bool> destroyed{false};
+        std::optional<gs::Source> source;
+        gs::SourceOptions options;
+        options.on_media_change = [&](const gs::MediaChange &) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            source.reset();
+            destroyed = true;
+        };
+        buffer = gs::Buffer::create(ending(getppid())).value();
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            source = gs::Source::open(buffer, sent_to, options).value();
+        }
+        const bool ended = WaitFor([&] { return destroyed.load(); });
+        buffer.close();
+        std::exit(ended ? 0 : 1);
+    };
+    EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+    unsetenv(variable);
+    EXPECT_TRUE(Fails(gs::remove_buffer(ending(getpid())), gs::Errc::not_found));
 }
 
 }  // namespace

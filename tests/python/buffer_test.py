@@ -3,6 +3,8 @@
 import errno
 import os
 import stat
+import sys
+import threading
 import unittest
 from fractions import Fraction
 from pathlib import Path
@@ -291,6 +293,46 @@ class Writers(Case):
             reader.read(0)
 
 
+    def test_audio_is_of_key_frames_unless_it_says_otherwise(self):
+        buffer = self.buffer()
+        video, audio = buffer.writer(), buffer.writer("audio")
+        map = self.map(buffer)
+        readers = map.reader(start="oldest"), map.reader("audio", start="oldest")
+        for writer in (video, audio):
+            for key in (None, True, False):
+                writer.write(b"x", key=key)
+        keys = [[reader.read(0).key for _ in range(3)] for reader in readers]
+        self.assertEqual(keys, [[False, True, False], [True, True, False]])
+        audio.write(b"y")
+        self.assertEqual(map.reader("audio").read(0).data, b"y")
+
+    def test_a_buffer_that_is_closed_has_no_open_writer(self):
+        before = sys.getswitchinterval()
+        self.addCleanup(sys.setswitchinterval, before)
+        sys.setswitchinterval(1e-6)
+        for _ in range(200):
+            buffer = self.buffer(SMALL)
+            writers, started = [], threading.Event()
+
+            def open_again_and_again(buffer=buffer, writers=writers, started=started):
+                try:
+                    while True:
+                        writers.append(buffer.writer())
+                        started.set()
+                        writers[-1].close()
+                except gst_source.UseAfterClose:
+                    pass
+
+            thread = threading.Thread(target=open_again_and_again)
+            thread.start()
+            started.wait()
+            buffer.close()
+            self.assertEqual(buffer._children, [])
+            thread.join(30)
+            self.assertFalse(thread.is_alive())
+            self.assertTrue(all(writer.closed for writer in writers))
+
+
 class StallWatch(Case):
     def stalling(self, handler):
         buffer = self.buffer()
@@ -335,8 +377,6 @@ class StallWatch(Case):
         self.assertEqual([text.split(":")[0] for text in said], ["Writer.close", "Buffer.close", "Writer.on_stall", "closed"])
 
     def test_what_a_handler_raises_goes_to_the_hook_of_threads(self):
-        import threading
-
         raised = []
         before, threading.excepthook = threading.excepthook, lambda what: raised.append(what.exc_type)
         self.addCleanup(setattr, threading, "excepthook", before)

@@ -146,8 +146,26 @@ class Examples(LiveCase):
             self.assertRegex(err, "20 audio frames of AC3\n$")
             self.assertEqual(len(probe(path)["packets"]), 20)
 
+    def test_recording_that_ends_while_a_track_is_waited_for_has_the_other(self):
+        raw = (BUILD / "tests/tone.ac3").read_bytes()
+        path = self.folder() / "out.mkv"
+        with self.buffer() as buffer:
+            writer = buffer.writer("audio")
+            writer.describe(Description("AC3", sample_rate=48000, channels=6))
+            for begin in range(0, 768 * 20, 768):
+                writer.write(raw[begin : begin + 768])
+            child = self.record(buffer.name, path, "--before", 60)
+            # It has the buffer open once the file is among those that it has mapped.
+            maps = Path(f"/proc/{child.pid}/maps")
+            self.assertTrue(eventually(lambda: buffer.name in maps.read_text()))
+        self.assertRegex(self.ended(child), "20 audio frames of AC3\n$")
+        self.assertEqual(len(probe(path)["packets"]), 20)
+
     def test_recording_says_what_is_wrong_in_one_line(self):
         folder = self.folder()
+        for wrong in ("0", "-1", "nan", "inf", "soon"):
+            err = self.ended(self.record("any", folder / "out.mkv", f"--duration={wrong}"), 2)
+            self.assertRegex(err, f"\ngst_source.record: error: argument --duration: [^\n]*{wrong}[^\n]*\n$")
         name = unique_name()
         self.assertEqual(self.ended(self.record(name, folder / "out.mkv"), 1), f"record: {name}: not found\n")
         with self.buffer() as buffer:
@@ -218,6 +236,12 @@ class Examples(LiveCase):
 
     def test_statistics_say_what_is_wrong_in_one_line(self):
         name = unique_name()
+        for option in ("--interval", "--duration"):
+            for wrong in ("0", "-1", "nan"):
+                child = self.statistics(name, f"{option}={wrong}")
+                _, err = child.communicate(timeout=30)
+                self.assertEqual(child.returncode, 2)
+                self.assertIn(f"error: argument {option}: {wrong} is not a number of seconds above 0\n", err)
         child = self.statistics(name)
         self.assertEqual((child.communicate(timeout=30), child.returncode), (("", f"{name}: not found\n"), 1))
 

@@ -3,7 +3,7 @@
 import threading
 import unittest
 
-from support import PICTURE, Case, leftovers, unique_name
+from support import PICTURE, SMALL, Case, leftovers, unique_name
 
 import gst_source
 from gst_source import Description, FollowEvent
@@ -79,6 +79,21 @@ class Following(Case):
         self.assertEqual(
             got, [(b"1", FollowEvent.ATTACHED | FollowEvent.MEDIA), (b"2", FollowEvent(0)), (None, FollowEvent.GONE)]
         )
+
+    def test_what_happened_before_an_error_comes_with_the_next_call(self):
+        name, pts = unique_name(), 0x1122334455667788
+        with gst_source.Follow(name) as follow:
+            with gst_source.Buffer(name, SMALL) as buffer:
+                buffer.writer().write(b"x", pts=pts, key=True)
+                # Behind the times stand the place and the size of the frame, which now is larger than its track.
+                with open(buffer.files[0], "r+b") as file:
+                    file.seek(file.read().index(pts.to_bytes(8, "little")) + 32)
+                    file.write(b"\xff" * 4)
+                with self.assertRaises(gst_source.Corrupt):
+                    follow.next(30)
+            self.assertEqual(follow.next(0), (None, FollowEvent.ATTACHED))
+            with self.assertRaises(gst_source.Timeout):
+                follow.next(0)
 
     def test_refuses_a_track_that_the_buffer_does_not_have(self):
         buffer = self.buffer()

@@ -82,7 +82,7 @@ class Playing(Case):
 
     def test_a_callback_may_use_but_not_close_its_source(self):
         url, said = free_udp_url(), []
-        buffer = self.buffer()
+        buffer = self.buffer(gst_source.Geometry(channels=3))
 
         def changed(media):
             for call in (source.close, buffer.close):
@@ -91,8 +91,10 @@ class Playing(Case):
                 except gst_source.Error as error:
                     said.append(str(error))
             said.append(source.status().state)
-            other = buffer.open(free_udp_url(), channel=0)
-            other.close()
+            try:
+                buffer.open(free_udp_url(), channel=2).close()
+            except gst_source.Busy:
+                pass  # video and audio may call at the same time
             entered.set()
             # A close on another thread waits for this, and this must not need what that holds.
             while not closing.is_set():
@@ -101,6 +103,7 @@ class Playing(Case):
 
         entered, closing = threading.Event(), threading.Event()
         source = buffer.open(url, on_media_change=changed)
+        newer = buffer.open(free_udp_url(), channel=1)
         with sender(url):
             self.assertTrue(entered.wait(30))
             thread = threading.Thread(target=source.close)
@@ -113,6 +116,7 @@ class Playing(Case):
         self.assertIn("connected", said)
         self.assertIn("True", said)
         self.assertFalse(buffer.closed)
+        self.assertFalse(newer.closed)
 
     def test_what_a_callback_raises_goes_to_the_hook_of_threads(self):
         raised = []
@@ -155,6 +159,24 @@ class Playing(Case):
         with sender(url), buffer.open(url, channel=1, stream=1):
             self.assertTrue(eventually(lambda: buffer.stats("video", 1, 1).frames > 0))
             self.assertEqual(buffer.stats("video", 0, 0).epoch, 0)
+
+    def test_tracks_that_a_source_cannot_have_are_refused(self):
+        buffer = self.buffer(gst_source.Geometry(streams=2))
+        url = free_udp_url()
+        for track, name in (({"channel": 1}, "channel"), ({"stream": 2}, "stream")):
+            with self.assertRaisesRegex(gst_source.ArgumentError, f"^{name}: "):
+                buffer.open(url, **track)
+        for kind in ("video", "audio"):
+            with buffer.writer(kind), self.assertRaisesRegex(gst_source.Busy, f"^{kind} 0.0: the track has a writer$"):
+                buffer.open(url)
+        # It has no writer while it has not connected.
+        with buffer.open(url):
+            for call in (lambda: buffer.open(free_udp_url()), buffer.writer):
+                with self.assertRaisesRegex(gst_source.Busy, "^channel 0, stream 0: a source is open there$"):
+                    call()
+            buffer.open(free_udp_url(), stream=1).close()
+            buffer.writer("audio", stream=1).close()
+        buffer.writer().close()
 
     def test_other_protocols_by_their_scheme(self):
         # A real SRT peer; what each option does is the library's own test.
@@ -212,6 +234,7 @@ class Options(Case):
             ("rtsp://h/", {"contimeout": 4295}, "contimeout"),
             ("rtsp://h/", {"protocols": 0}, "protocols"),
             ("rtsp://h/", {"user": "me"}, "user and pwd"),
+            ("rtsp://h/", {"protocols": 16}, "protocols"),
             ("rtsps://h/", {"caching": -1}, "caching"),
             ("rtspt://h/", {"pwd": "x"}, "user and pwd"),
             ("srt://h:1", {"mode": "Listener"}, "mode"),
@@ -220,8 +243,23 @@ class Options(Case):
             ("srt://h:1", {"keylen": 16}, "passphrase and keylen"),
             ("srt://h:1", {"passphrase": "short", "keylen": 16}, "passphrase"),
             ("srt://h:1", {"tslatency": 2**32}, "tslatency"),
+            ("srt://h:1", {"mode": "listener"}, "url"),
+            ("srt://[::1]:1", {"mode": "listener"}, "url"),
+            ("srt://:1", {}, "url"),
+            ("srt://?mode=listener", {}, "url"),
+            ("srt://:1", {"mode": "rendezvous", "localaddress": "127.0.0.1"}, "url"),
+            ("srt://h:1", {"mode": "rendezvous", "localaddress": "127.0.0.1"}, "url"),
+            ("srt://h:1?localport=2", {"mode": "rendezvous"}, "localaddress"),
             ("rtmp://h/a", {"pwd": "x"}, "user and pwd"),
+            ("rtmps://h/a", {"user": "me", "pwd": "x"}, "user and pwd"),
+            ("rtmps://h/a", {"token": "x"}, "token"),
+            ("rtmps://h/a", {"idle_timeout": 5}, "idle_timeout"),
             ("rtmps://h/a", {"idle_timeout": -1}, "idle_timeout"),
+            ("udp://h", {}, "url"),
+            ("udp://[::1]", {}, "url"),
+            ("udp://h:0", {}, "url"),
+            ("udp://h:65536", {}, "url"),
+            ("udp://h:50a/:1", {}, "url"),
             ("udp://h:1", {"mtu": 2**31}, "mtu"),
             ("udp://h:1", {"ts_latency": -1}, "ts_latency"),
             ("http://h/", {"timeout": 3601}, "timeout"),
@@ -247,9 +285,13 @@ with gst_source.Buffer(sys.argv[1]) as buffer:
         ("rtsp://127.0.0.1:1/", {}),
         ("rtsp://127.0.0.1:1/", dict(caching=1, protocols=7, latency=2, contimeout=3, user="U", pwd="P")),
         ("srt://127.0.0.1:1", {}),
-        ("srt://127.0.0.1:1", dict(caching=1, mode="rendezvous", streamid="S", passphrase="0123456789", keylen=24, latency=2,
-                                   tslatency=3, localaddress="127.0.0.1")),
+        ("srt://:1", dict(mode="listener")),
+        ("srt://127.0.0.1:1?localport=1", dict(mode="listener")),
+        ("srt://127.0.0.1:1?localaddress=127.0.0.1&localport=1", dict(mode="rendezvous")),
+        ("srt://127.0.0.1:1?localport=1", dict(caching=1, mode="rendezvous", streamid="S", passphrase="0123456789", keylen=24,
+                                               latency=2, tslatency=3, localaddress="127.0.0.1")),
         ("rtmp://127.0.0.1:1/a/b", {}),
+        ("rtmps://127.0.0.1:1/a/b", {}),
         ("rtmp://127.0.0.1:1/a/b", dict(caching=1, contimeout=2, idle_timeout=3, user="U", pwd="P", token="T")),
         ("http://127.0.0.1:1/", {}),
         ("http://127.0.0.1:1/", dict(caching=1, islive=True, timeout=2, retries=-1, proxy="http://127.0.0.1:1", proxy_id="I",
@@ -267,8 +309,12 @@ with gst_source.Buffer(sys.argv[1]) as buffer:
                 "caching=200,protocols=4,latency=2000,contimeout=15000000,user=,pwd=",
                 "caching=1,protocols=7,latency=2,contimeout=3000000,user=U,pwd=P",
                 "caching=200,mode=caller,streamid=,passphrase=,keylen=0,latency=125,tslatency=50,localaddress=",
+                "caching=200,mode=listener,streamid=,passphrase=,keylen=0,latency=125,tslatency=50,localaddress=",
+                "caching=200,mode=listener,streamid=,passphrase=,keylen=0,latency=125,tslatency=50,localaddress=",
+                "caching=200,mode=rendezvous,streamid=,passphrase=,keylen=0,latency=125,tslatency=50,localaddress=",
                 "caching=1,mode=rendezvous,streamid=S,passphrase=0123456789,keylen=24,latency=2,tslatency=3,"
                 "localaddress=127.0.0.1",
+                "caching=200,contimeout=10,idle_timeout=0,user=,pwd=,token=",
                 "caching=200,contimeout=10,idle_timeout=0,user=,pwd=,token=",
                 "caching=1,contimeout=2,idle_timeout=3,user=U,pwd=P,token=T",
                 "caching=200,islive=0,timeout=15,retries=3,proxy=,proxy_id=,proxy_pwd=,user_agent=",

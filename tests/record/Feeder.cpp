@@ -107,6 +107,8 @@ void Feeder::Open(shb_kind_t kind, const Material &material) {
     description.samples_per_frame = kind == SHB_AUDIO ? material.samplesPerFrame : 0;
     const std::string &data = track.stream->codecData;
     if (shb_writer_open(buffer_, 0, 0, kind, &track.writer) != SHB_OK ||
+        (!options_.described &&
+         shb_writer_write(track.writer, "?", 1, SHB_TIME_NONE, SHB_TIME_NONE, SHB_TIME_NONE, SHB_FRAME_KEY) != SHB_OK) ||
         shb_writer_describe(track.writer, &description, data.data(), data.size()) != SHB_OK) {
         throw std::runtime_error("the track cannot be written");
     }

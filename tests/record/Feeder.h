@@ -20,6 +20,7 @@ nanoseconds Monotonic();
 struct FeederOptions {
     bool adts = true;           // false: raw AAC, as from RTMP
     bool decodingTimes = true;  // false: the video has none
+    bool described = true;      // false: a frame of each track comes before its description
     shb_geometry_t geometry{};
     std::string name;  // of the buffer; empty: one of its own
 };

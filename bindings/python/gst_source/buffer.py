@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Any, Callable, Protocol
 
 from ._handles import NAME_RULE, U32, U64, Handle, c_text, make, none_if, py_text, whole
 from ._shb import ffi, lib
-from .errors import ArgumentError, Error, check
+from .errors import ArgumentError, Busy, Error, check
 from .records import PRESENCES, BufferInfo, Description, Geometry, Kind, Presence, Stats, choice, track_name, track_of
 
 if TYPE_CHECKING:
@@ -23,6 +23,12 @@ _thread = threading.local()
 
 
 class _Child(Protocol):
+    #: channel and stream of a source, whose tracks may have no writer yet; None: not a source
+    _place: tuple[int, int] | None
+
+    def _refuse_in_handler(self) -> None:
+        """Raises Error on a thread that a close would wait for."""
+
     def close(self) -> None:
         ...
 
@@ -142,6 +148,11 @@ class Buffer(Handle):
         number = choice("presence", presence, {name: number for number, name in enumerate(PRESENCES)})
         check(lib.shb_set_presence(self._use(), *track_of(kind, channel, stream), number), track_name(kind, channel, stream))
 
+    def _check_free(self, channel: int, stream: int) -> None:
+        """Under the lock. Raises Busy when a source has these tracks."""
+        if any(child._place == (channel, stream) for child in self._children):
+            raise Busy(f"channel {channel}, stream {stream}: a source is open there")
+
     def writer(self, kind: Kind = "video", channel: int = 0, stream: int = 0) -> Writer:
         """Opens a track for writing, which begins a new epoch. Raises ArgumentError, Busy, SystemFailure."""
         return Writer(self, kind, channel, stream)
@@ -160,14 +171,21 @@ class Buffer(Handle):
         Raises Error in a handler of its own sources and writers, which stay open then.
         """
         _refuse_in_stall_handler("Buffer.close")
-        while not self._is_inherited():
-            # Not held while a child closes: that waits for handlers, which may want it.
+        if self._is_inherited():
+            super().close()
+        else:
             with self._lock:
-                if not self._children:
-                    break
-                newest = self._children[-1]
-            newest.close()
-        super().close()
+                for child in self._children:
+                    child._refuse_in_handler()
+            while True:
+                # Not held while a child closes: that waits for handlers, which may want it.
+                with self._lock:
+                    if not self._children:
+                        # Closed before another thread can open one more.
+                        self._pointer = None
+                        break
+                    newest = self._children[-1]
+                newest.close()
         atexit.unregister(self.close)
 
 
@@ -178,12 +196,15 @@ class Writer(Handle):
     """
 
     _what = "writer"
+    _place: tuple[int, int] | None = None
 
     def __init__(self, buffer: Buffer, kind: Kind, channel: int, stream: int) -> None:
         self._buffer = buffer
         self._name = track_name(kind, channel, stream)
+        self._is_audio = kind == "audio"
         out = ffi.new("shb_writer_t **")
         with buffer._alone():
+            buffer._check_free(channel, stream)
             check(lib.shb_writer_open(buffer._use(), *track_of(kind, channel, stream), out), self._name)
             super().__init__(out[0], lib.shb_writer_close)
             self._handlers: list[Any] = []
@@ -216,7 +237,7 @@ class Writer(Handle):
         pts: int | None = None,
         dts: int | None = None,
         duration: int | None = None,
-        key: bool = False,
+        key: bool | None = None,
         discont: bool = False,
         header: bool = False,
     ) -> None:
@@ -224,13 +245,15 @@ class Writer(Handle):
 
         data                bytes, or anything that has a buffer of them
         pts, dts, duration  ns from 0; None: not known
-        key                 decoding can start here (every audio frame is a key frame)
+        key                 decoding can start here; None: yes in an audio track, no in a video track. Readers
+                            begin at a key frame unless they say otherwise
         discont             the stream has a gap right before this frame
         header              the frame holds headers only
 
         Raises ArgumentError, also for an empty frame; TooBig: it is larger than the track and was left out.
         """
         with ffi.from_buffer(data) as place, self._alone():
+            key = self._is_audio if key is None else key
             flags = key * lib.SHB_FRAME_KEY | discont * lib.SHB_FRAME_DISCONT | header * lib.SHB_FRAME_HEADER
             times = (_c_time("pts", pts), _c_time("dts", dts), _c_time("duration", duration))
             result = lib.shb_writer_write(self._use(), place, len(place), *times, flags)
@@ -258,9 +281,12 @@ class Writer(Handle):
         self._handlers.append(user)
         check(lib.shb_writer_on_stall(pointer, lib.gst_source_python_stalled, user), self._name)
 
+    def _refuse_in_handler(self) -> None:
+        _refuse_in_stall_handler("Writer.close")
+
     def close(self) -> None:
         """Closes the track; what was written stays readable. Waits for a stall handler that is running."""
-        _refuse_in_stall_handler("Writer.close")
+        self._refuse_in_handler()
         if self._is_inherited():
             super().close()
             return

@@ -56,7 +56,7 @@ class Exists(Error):
 
 
 class Busy(Error):
-    """The track has a live writer already."""
+    """The track has a live writer, or a source, already."""
 
 
 class Closed(Error):

@@ -59,6 +59,8 @@ class Follow(Handle):
         super().__init__(out[0], lib.shb_follow_close)
         self._name = f"{name}: {track_name(kind, channel, stream)}"
         self._catcher = Catcher()
+        # What came with an error, for the next call.
+        self._pending = FollowEvent(0)
         self._streams: weakref.WeakSet[Stream[Any]] = weakref.WeakSet()
 
     def next(self, timeout: float | None = None) -> tuple[Frame | None, FollowEvent]:
@@ -66,7 +68,7 @@ class Follow(Handle):
 
         Waits up to `timeout` seconds, None: without end. Raises Timeout: neither; ArgumentError: the buffer
         has no such track; Corrupt: the buffer is damaged, and the next call looks for another one;
-        SystemFailure.
+        SystemFailure. What has happened before one of the last three comes with the next call.
         """
         deadline, catcher, events = Deadline(timeout), self._catcher, ffi.new("uint32_t *")
         while True:
@@ -74,17 +76,22 @@ class Follow(Handle):
                 result = lib.shb_follow_read(
                     self._use(), catcher.memory, len(catcher.memory), deadline.left_ms(), catcher.frame, events
                 )
-                happened = FollowEvent(events[0] & _KNOWN)
                 if result == lib.SHB_ERR_TOO_BIG:
+                    # They come again with the frame.
                     catcher.grow()
                     continue
+                happened = self._pending | FollowEvent(events[0] & _KNOWN)
                 if FollowEvent.ATTACHED in happened:
                     catcher.forget_description()
+                if result not in (lib.SHB_OK, lib.SHB_ERR_TIMEOUT):
+                    self._pending = happened
+                    raise error_of(result, self._name)
+                self._pending = FollowEvent(0)
                 if result == lib.SHB_OK:
                     return catcher.copy(lib.shb_follow_reader(self._use())), happened
-            if result == lib.SHB_ERR_TIMEOUT and happened:
+            if happened:
                 return None, happened
-            if result != lib.SHB_ERR_TIMEOUT or deadline.over():
+            if deadline.over():
                 raise error_of(result, self._name)
             self._give_way()
 

@@ -404,7 +404,7 @@ class Reader(Handle):
     def stream(self) -> Stream[Frame]:
         """For asyncio: `async for frame in reader.stream():`. Ends as `for frame in reader:` does.
 
-        Raises SystemFailure.
+        Raises ArgumentError for a reader that is in a set or has another stream; SystemFailure.
         """
         return Stream(_FramesOf(self))
 

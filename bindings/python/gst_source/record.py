@@ -40,6 +40,14 @@ FORMATS = {
 }
 
 
+def seconds(text: str) -> float:
+    """A length of time on the command line."""
+    value = float(text)
+    if not 0 < value < 2**33:
+        raise argparse.ArgumentTypeError(f"{text} is not a number of seconds above 0")
+    return value
+
+
 class Failure(Exception):
     """What ends a recording with a line for people."""
 
@@ -154,38 +162,58 @@ def record(av: Any, tracks: list[Track], path: str, duration: float | None) -> l
     out: Any = None
     begin_ns, begun = 0, False
     missing = set(tracks)
+
+    def begin() -> None:
+        """The file, with the tracks that have begun."""
+        nonlocal out, begin_ns, begun, missing
+        missing = {one for one in tracks if one.first is not None}
+        begin_ns = min(times(kept)[0] for _, kept in held)
+        # What has been recorded is in the file at once, whatever ends the process.
+        out = av.open(path, "w", options={"flush_packets": "1"})
+        for one in tracks:
+            if one in missing:
+                one.add_to(av, out)
+        out.start_encoding()
+        begun = True
+
+    def write_held() -> bool:
+        """Whether the recording goes on."""
+        for one, kept in held:
+            if one.has_changed(kept):
+                tell(f"{one.name}: the stream has changed; the file ends here")
+                return False
+            late_ns = 0 if duration is None else times(kept)[0] - begin_ns - round(duration * SECOND)
+            if duration is not None and late_ns >= 0:
+                missing.discard(one)
+                # The other track may never get there.
+                if not missing or late_ns > PATIENCE_NS:
+                    return False
+            elif one in missing:
+                one.write(av, out, kept, begin_ns)
+        held.clear()
+        return True
+
     try:
-        for track, frame in frames_of(tracks):
-            if track is not None and frame is not None and (track.first is not None or track.begin(frame)):
-                held.append((track, frame))
-            if out is None:
-                # The head of a file lists its tracks, so each is waited for, but not for ever.
-                if not held or (
-                    any(one.first is None for one in tracks) and held[-1][1].arrival_ns - held[0][1].arrival_ns < PATIENCE_NS
-                ):
-                    continue
-                missing = {one for one in tracks if one.first is not None}
-                begin_ns = min(times(kept)[0] for _, kept in held)
-                # What has been recorded is in the file at once, whatever ends the process.
-                out = av.open(path, "w", options={"flush_packets": "1"})
-                for one in tracks:
-                    if one in missing:
-                        one.add_to(av, out)
-                out.start_encoding()
-                begun = True
-            for one, kept in held:
-                if one.has_changed(kept):
-                    tell(f"{one.name}: the stream has changed; the file ends here")
+        try:
+            for track, frame in frames_of(tracks):
+                if track is not None and frame is not None and (track.first is not None or track.begin(frame)):
+                    held.append((track, frame))
+                if out is None:
+                    # The head of a file lists its tracks, so each is waited for, but not for ever.
+                    if not held or (
+                        any(one.first is None for one in tracks)
+                        and held[-1][1].arrival_ns - held[0][1].arrival_ns < PATIENCE_NS
+                    ):
+                        continue
+                    begin()
+                if not write_held():
                     return tracks
-                late_ns = 0 if duration is None else times(kept)[0] - begin_ns - round(duration * SECOND)
-                if duration is not None and late_ns >= 0:
-                    missing.discard(one)
-                    # The other track may never get there.
-                    if not missing or late_ns > PATIENCE_NS:
-                        return tracks
-                elif one in missing:
-                    one.write(av, out, kept, begin_ns)
-            held.clear()
+        except KeyboardInterrupt:
+            pass
+        # It has ended while a track was waited for.
+        if out is None and held:
+            begin()
+            write_held()
     except KeyboardInterrupt:
         pass
     finally:
@@ -204,7 +232,7 @@ def main() -> int:
     parser.add_argument(
         "--before", type=float, default=0.0, metavar="SECONDS", help="begin so long ago, as far as the buffer reaches (0)"
     )
-    parser.add_argument("--duration", type=float, metavar="SECONDS", help="length of the recording; default: until Ctrl-C")
+    parser.add_argument("--duration", type=seconds, metavar="SECONDS", help="length of the recording; default: until Ctrl-C")
     parser.add_argument("--channel", type=int, default=0, metavar="N")
     parser.add_argument("--stream", type=int, default=0, metavar="N")
     options = parser.parse_args()

@@ -13,8 +13,8 @@ from typing import Any, Callable, ClassVar, Union
 from ._handles import U32, Handle, c_text, py_text, whole
 from ._shb import ffi as shb_ffi
 from .buffer import Buffer, report_from_thread
-from .errors import ArgumentError, Error, OpenFailed
-from .records import SCANS, Scan
+from .errors import ArgumentError, Busy, Error, OpenFailed
+from .records import SCANS, Kind, Scan, track_name
 
 
 @dataclass(frozen=True)
@@ -117,9 +117,30 @@ def _public(url: str) -> str:
     return re.sub(r"(?<=[?&]passphrase=)[^&#]+", "***", re.sub(r"^(\w+://[^/?#:]*):[^/?#]*@", r"\1:***@", url))
 
 
+def _authority(url: str) -> str:
+    """What stands between the scheme and the path. Raises as `c_text` does."""
+    c_text("url", url)
+    return re.split("[/?#]", url.partition("://")[2], maxsplit=1)[0]
+
+
 def _both_or_none(**texts: str) -> None:
     if len({bool(text) for text in texts.values()}) > 1:
         raise ArgumentError(f"{' and '.join(texts)}: one of them alone has no effect")
+
+
+def _claim(buffer: Buffer, channel: int, stream: int) -> tuple[int, int]:
+    """Under the lock of the buffer: its tracks, for one source alone. Raises ArgumentError, Busy, UseAfterClose.
+
+    A source on others would never play: it would be built again and again.
+    """
+    geometry = buffer.geometry
+    place = whole("channel", channel, 0, geometry.channels - 1), whole("stream", stream, 0, geometry.streams - 1)
+    buffer._check_free(*place)
+    kinds: tuple[Kind, ...] = ("video", "audio")
+    for kind in kinds:
+        if buffer.stats(kind, *place).writer_pid:
+            raise Busy(f"{track_name(kind, *place)}: the track has a writer")
+    return place
 
 
 class Source(Handle):
@@ -132,6 +153,7 @@ class Source(Handle):
 
     _what = "source"
     _type: ClassVar[str]
+    _place: tuple[int, int] | None
 
     def __init__(
         self,
@@ -155,12 +177,8 @@ class Source(Handle):
 
         location = c_text("url", url)
         with buffer._alone():
-            pointer = lib.gst_source_create(
-                getattr(lib, self._type),
-                buffer._use(),
-                whole("channel", channel, 0, 2**31 - 1),
-                whole("stream", stream, 0, 2**31 - 1),
-            )
+            self._place = _claim(buffer, channel, stream)
+            pointer = lib.gst_source_create(getattr(lib, self._type), buffer._use(), *self._place)
             if pointer == library.ffi.NULL:
                 raise OpenFailed(f"{_public(url)}: no source could be made; standard output says why")
             super().__init__(pointer, destroy)
@@ -211,6 +229,10 @@ class Source(Handle):
         records[0].type, records[1].type = 0, 1
         return _media_of(records[0]), _media_of(records[1])  # type: ignore[return-value]
 
+    def _refuse_in_handler(self) -> None:
+        if self._listener is not None and getattr(_thread, "listener", None) is self._listener:
+            raise Error(f"{self._url}: not from its own on_media_change, for whose end it would wait")
+
     def close(self) -> None:
         """Ends it: stops its threads and brings its pipeline down, within 0.1 s as a rule.
 
@@ -220,8 +242,7 @@ class Source(Handle):
         if self._is_inherited():
             super().close()
             return
-        if self._listener is not None and getattr(_thread, "listener", None) is self._listener:
-            raise Error(f"{self._url}: not from its own on_media_change, for whose end it would wait")
+        self._refuse_in_handler()
         with self._turn:
             pointer, lib = self._pointer, _library().lib
             if pointer is not None and lib.gst_source_close_live_stream(pointer) != 0:
@@ -261,15 +282,17 @@ class RtspSource(Source):
                          does
         caching          without effect on this protocol
         protocols        transports that may be used, a bit mask: 1 UDP, 2 UDP multicast, 4 TCP (interleaved),
-                         16 HTTP tunnel, 32 TLS
+                         16 HTTP tunnel, which does not play alone, 32 TLS
         latency          ms of jitter buffer, up to 2147483647
         contimeout       s to wait for the server over TCP, up to 4294
         user, pwd        credentials, both or none
 
-        Raises ArgumentError; OpenFailed: no pipeline or thread could be made; UseAfterClose: the buffer is
-        closed.
+        Raises ArgumentError; Busy: a writer or another source has the tracks; OpenFailed: no pipeline or thread
+        could be made; UseAfterClose: the buffer is closed.
         """
         _both_or_none(user=user, pwd=pwd)
+        if protocols == 16:
+            raise ArgumentError("protocols: nothing plays with 16 alone")
         super().__init__(
             buffer,
             url,
@@ -287,8 +310,8 @@ class RtspSource(Source):
 
 
 class SrtSource(Source):
-    """srt://HOST:PORT (caller), srt://:PORT (listener), srt://HOST:PORT?mode=rendezvous&localport=N
-    (rendezvous).
+    """srt://HOST:PORT with mode="caller", srt://:PORT with mode="listener", srt://HOST:PORT?localport=N with
+    mode="rendezvous" and a localaddress. A mode in the location has no effect.
     """
 
     _type = "SOURCE_TYPE_SRT"
@@ -319,7 +342,7 @@ class SrtSource(Source):
         keylen        bytes of the encryption key: 16, 24, 32, or 0 for none
         latency       ms of SRT latency, up to 2147483647
         tslatency     logged only
-        localaddress  address to bind
+        localaddress  address to bind; mode="rendezvous" needs one
 
         Raises as RtspSource does.
         """
@@ -331,6 +354,17 @@ class SrtSource(Source):
             raise ArgumentError("passphrase and keylen: one of them alone has no effect, and the stream would not be encrypted")
         if passphrase and not 10 <= len(passphrase.encode()) <= 79:
             raise ArgumentError("passphrase: not 10 to 79 characters")
+        has_host = _authority(url)[:1] not in ("", ":")
+        has_port = re.search("[?&]localport=", url) is not None
+        # srtsrc binds a random port.
+        if mode == "listener" and has_host and not has_port:
+            raise ArgumentError("url: a listener's has no host, or a localport as well")
+        if mode != "listener" and not has_host:
+            raise ArgumentError('url: no host, which needs mode="listener"')
+        if mode == "rendezvous" and not has_port:
+            raise ArgumentError("url: rendezvous needs a localport in it")
+        if mode == "rendezvous" and not localaddress and not re.search("[?&]localaddress=", url):
+            raise ArgumentError("localaddress: rendezvous needs one")
         super().__init__(
             buffer,
             url,
@@ -373,13 +407,18 @@ class RtmpSource(Source):
 
         caching       without effect on this protocol
         contimeout    s to wait for the server
-        idle_timeout  s without data after which the session ends, 0 never; not for RTMPS
-        user, pwd     credentials, both or none
-        token         secure token; not for RTMPS
+        idle_timeout  s without data after which the session ends, 0 never; RTMPS needs 0
+        user, pwd     credentials, both or none; none for RTMPS, which does not connect with them
+        token         secure token; none for RTMPS
 
         Raises as RtspSource does.
         """
         _both_or_none(user=user, pwd=pwd)
+        # The library compares it as it stands.
+        if c_text("url", url).startswith(b"rtmps://"):
+            for name, given in (("user and pwd", user), ("token", token), ("idle_timeout", idle_timeout)):
+                if given:
+                    raise ArgumentError(f"{name}: not for rtmps")
         super().__init__(
             buffer,
             url,
@@ -422,6 +461,10 @@ class UdpSource(Source):
         Five seconds without a datagram end the session; it is connected again about three seconds later.
         Raises as RtspSource does.
         """
+        port = re.fullmatch(r".*:([0-9]{1,5})", _authority(url), re.S)
+        # udpsrc takes its default port for a location without one.
+        if port is None or not 1 <= int(port[1]) <= 65535:
+            raise ArgumentError("url: no port from 1 to 65535")
         super().__init__(
             buffer,
             url,

@@ -15,10 +15,56 @@
 
 #include "../free_port.h"
 
+namespace {
+
+// For exec. They point into the texts.
+std::vector<char *> Pointers(const std::vector<std::string> &texts) {
+    std::vector<char *> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (const std::string &text : texts) {
+        pointers.push_back(const_cast<char *>(text.c_str()));
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// This process's own, with these instead or as well.
+std::vector<std::string> Environment(const Child::Variables &variables) {
+    std::vector<std::string> all;
+    for (char **one = environ; *one != nullptr; ++one) {
+        const std::string text = *one;
+        if (variables.count(text.substr(0, text.find('='))) == 0) {
+            all.push_back(text);
+        }
+    }
+    for (const auto &[name, value] : variables) {
+        all.push_back(name + "=" + value);
+    }
+    return all;
+}
+
+}  // namespace
+
 Child::Child(const std::vector<std::string> &command, const Variables &variables, Output output) {
     winsize size{};
     size.ws_col = 100;
     size.ws_row = 30;
+    // Between the fork and the program nothing may allocate: another thread may hold a lock of the allocator,
+    // which the sanitizers' do not let go.
+    const tool::Fd in(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    tool::Fd out(open(m_dir.File("out").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    const tool::Fd err(open(m_dir.File("err").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (output == Output::kClosedPipe) {
+        std::array<int, 2> ends{};
+        if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe");
+        }
+        close(ends[0]);
+        out = tool::Fd(ends[1]);
+    }
+    const std::vector<std::string> environment = Environment(variables);
+    const std::vector<char *> arguments = Pointers(command);
+    const std::vector<char *> settings = Pointers(environment);
     int terminal = -1;
     const pid_t parent = getpid();
     m_id = output == Output::kTerminal ? forkpty(&terminal, nullptr, nullptr, &size) : fork();
@@ -31,26 +77,11 @@ Child::Child(const std::vector<std::string> &command, const Variables &variables
             if (getppid() != parent) {
                 _exit(127);
             }
-            dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-            dup2(open(m_dir.File("out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDOUT_FILENO);
-            dup2(open(m_dir.File("err").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+            dup2(in.Get(), STDIN_FILENO);
+            dup2(out.Get(), STDOUT_FILENO);
+            dup2(err.Get(), STDERR_FILENO);
         }
-        std::array<int, 2> ends{};
-        if (output == Output::kClosedPipe && pipe(ends.data()) == 0) {
-            dup2(ends[1], STDOUT_FILENO);
-            close(ends[0]);
-            close(ends[1]);
-        }
-        for (const auto &[name, value] : variables) {
-            setenv(name.c_str(), value.c_str(), 1);
-        }
-        std::vector<char *> arguments;
-        arguments.reserve(command.size() + 1);
-        for (const std::string &argument : command) {
-            arguments.push_back(const_cast<char *>(argument.c_str()));
-        }
-        arguments.push_back(nullptr);
-        execvp(arguments[0], arguments.data());
+        execvpe(arguments[0], arguments.data(), settings.data());
         _exit(127);
     }
     if (terminal >= 0) {

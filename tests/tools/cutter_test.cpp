@@ -187,6 +187,21 @@ TEST_F(CutterTest, SegmentsHaveEveryFrameOnce) {
 }
 
 // A long group of pictures delays a cut and moves no later one.
+// Groups as long as a segment, whose times are rounded.
+TEST_F(CutterTest, KeyFrameJustBeforeItsCutIsInTime) {
+    Cutter::Rules rules;
+    rules.segment = kSecond;
+    Start(rules);
+    for (int group = 0; group < 3; ++group) {
+        const int64_t begin = group * (kSecond - 5 * kMs);
+        Both(begin, begin + 25 * kPicture - 5 * kMs, 25);
+    }
+    Cut().Finish();
+    ASSERT_EQ(shelf.files.size(), 3u);
+    EXPECT_EQ(Nth(1).Times(SHB_VIDEO).front(), 995);
+    EXPECT_EQ(Nth(2).Times(SHB_VIDEO).front(), 1990);
+}
+
 TEST_F(CutterTest, SegmentsKeepTheirGrid) {
     Cutter::Rules rules;
     rules.segment = kSecond;

@@ -25,6 +25,13 @@ int64_t TimeOf(const Frame &frame) {
     return frame.kind == SHB_VIDEO ? frame.dts : frame.pts;
 }
 
+// The cuts that are due with this frame. A key frame is in time some ms before its cut: times are rounded, and a
+// source is finding its peer's clock at first. Sound can be cut anywhere.
+int64_t DueWith(const Frame &frame) {
+    constexpr int64_t kSlack = kSecond / 50;
+    return frame.kind == SHB_VIDEO ? frame.pts + kSlack : frame.pts;
+}
+
 }  // namespace
 
 Cutter::Cutter(Rules rules, Files &files) : m_rules(std::move(rules)), m_files(files) {}
@@ -174,7 +181,7 @@ std::string Cutter::ReasonToCut(const Frame &frame) const {
     if (m_last_lead != INT64_MIN && TimeOf(frame) - m_last_lead > m_rules.longest_gap) {
         return "an outage of " + tool::FormatElapsed(static_cast<double>(TimeOf(frame) - m_last_lead) / kSecond);
     }
-    if (frame.pts >= m_next_cut) {
+    if (DueWith(frame) >= m_next_cut) {
         return "the next segment";
     }
     return m_wanted;
@@ -268,7 +275,7 @@ void Cutter::StartFile(const std::string &reason, Frame frame) {
         m_begin_decoding = frame.dts;
         m_next_cut = m_rules.segment > 0 ? frame.pts + m_rules.segment : INT64_MAX;
     }
-    while (m_next_cut <= frame.pts) {
+    while (m_next_cut <= DueWith(frame)) {
         m_next_cut += m_rules.segment;
     }
     m_wanted.clear();

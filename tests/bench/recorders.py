@@ -7,7 +7,8 @@ cpu   CPU of one `gst-source-read record` beside that of `ffmpeg -c copy`, which
       turns, and the ratio is taken within a round. The host of the shared buffer is in neither figure: it runs all the time.
 many  Twenty recorders of one buffer at once: what they lose, and what each of them takes.
 
-Leaves recorders.md and recorders.json in FOLDER. Nothing is asserted but that every recorder's file holds all frames that were sent meanwhile.
+Leaves recorders.md and recorders.json in FOLDER. Nothing is asserted but that every recorder lost nothing and that its file holds
+what was sent meanwhile.
 """
 
 import argparse
@@ -43,7 +44,8 @@ def material(folder):
     subprocess.run(
         ["ffmpeg", "-nostdin", "-loglevel", "error", "-y",
          "-f", "lavfi", "-i", f"testsrc2=size=1280x720:rate={FPS},noise=alls=20:allf=t", "-f", "lavfi", "-i", "sine=sample_rate=48000",
-         "-t", str(MATERIAL_S), "-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", str(FPS), "-pix_fmt", "yuv420p",
+         "-t", str(MATERIAL_S), "-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", str(FPS),
+         "-pix_fmt", "yuv420p",
          "-b:v", "3700k", "-minrate", "3700k", "-maxrate", "3700k", "-bufsize", "3700k", "-nal-hrd", "cbr",
          "-c:a", "aac", "-b:a", "128k", "-ac", "2", "-f", "mpegts", str(path)], check=True)
     return path
@@ -117,8 +119,8 @@ class Bench:
 
     @staticmethod
     def ffmpeg(url, path):
-        return Child(["ffmpeg", "-nostdin", "-loglevel", "fatal", "-i", f"{url}?fifo_size=100000&buffer_size=4000000", "-map", "0", "-c", "copy",
-                      "-y", str(path)])
+        return Child(["ffmpeg", "-nostdin", "-loglevel", "fatal", "-i", f"{url}?fifo_size=100000&buffer_size=4000000",
+                      "-map", "0", "-c", "copy", "-y", str(path)])
 
     def measure(self, children, seconds):
         """CPU of each, ns a second, once they have started."""

@@ -373,23 +373,32 @@ TEST_F(HppStream, CloseInTheCallbackIsRefused) {
     EXPECT_TRUE(Succeeds(source.close()));
 }
 
-// A source whose owner goes away in its own callback is closed by another thread.
-TEST_F(HppStream, SourceMayBeDestroyedInItsCallback) {
+// A source that is destroyed in its own callback.
+struct Vanishing {
     std::mutex mutex;
     std::atomic<bool> destroyed{false};
     std::optional<gs::Source> source;
-    gs::SourceOptions options;
-    options.on_media_change = [&](const gs::MediaChange &) {
+
+    template <typename Open>
+    void Begin(const Open &open) {
+        gs::SourceOptions options;
+        options.on_media_change = [this](const gs::MediaChange &) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            source.reset();
+            destroyed = true;
+        };
+        // The callback waits until the source is in its place.
         const std::lock_guard<std::mutex> lock(mutex);
-        source.reset();
-        destroyed = true;
-    };
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        source = Open(options).value();
+        source = open(options).value();
     }
+};
+
+// A source whose owner goes away in its own callback is closed by another thread.
+TEST_F(HppStream, SourceMayBeDestroyedInItsCallback) {
+    Vanishing vanishing;
+    vanishing.Begin([this](const gs::SourceOptions &options) { return Open(options); });
     const Sender sender(url);
-    ASSERT_TRUE(WaitFor([&] { return destroyed.load(); }));
+    ASSERT_TRUE(WaitFor([&] { return vanishing.destroyed.load(); }));
     // Its tracks are free again once it is gone, and the library has let the port go.
     std::optional<gs::Source> next;
     ASSERT_TRUE(WaitFor([&] {
@@ -452,21 +461,10 @@ TEST_F(HppStream, ProcessMayEndWhileAnotherThreadClosesTheSource) {
     }
     const auto ending = [](pid_t test) { return "hpp-" + std::to_string(test) + "-ending"; };
     const auto end = [&] {
-        std::mutex mutex;
-        std::atomic<bool> destroyed{false};
-        std::optional<gs::Source> source;
-        gs::SourceOptions options;
-        options.on_media_change = [&](const gs::MediaChange &) {
-            const std::lock_guard<std::mutex> lock(mutex);
-            source.reset();
-            destroyed = true;
-        };
+        Vanishing vanishing;
         buffer = gs::Buffer::create(ending(getppid())).value();
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            source = gs::Source::open(buffer, sent_to, options).value();
-        }
-        const bool ended = WaitFor([&] { return destroyed.load(); });
+        vanishing.Begin([&](const gs::SourceOptions &options) { return gs::Source::open(buffer, sent_to, options); });
+        const bool ended = WaitFor([&] { return vanishing.destroyed.load(); });
         buffer.close();
         std::exit(ended ? 0 : 1);
     };

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "histogram.h"
 #include "reason.h"
 #include "stream_url.h"
 
@@ -17,6 +20,8 @@ struct TrackSample {
     double measured_fps = 0;  // frames per second, likewise
     uint64_t frames = 0;
     uint64_t bytes = 0;
+    uint64_t key_frames = 0;
+    uint64_t left_out = 0;                    // frames larger than the track, which were not written
     uint64_t epoch = 0;                       // writers that have opened the track so far
     bool open = false;                        // one of them has it open
     uint32_t presence = 0;                    // shb_presence_t
@@ -42,7 +47,20 @@ struct AudioSample : TrackSample {
 // source that waits for a silent sender as well.
 enum class Flow { kNone, kLive, kSilent };
 
+// A reader of the source's tracks, as far as it can be seen: one of the user that this process runs as.
+struct ReaderSample {
+    int pid = 0;  // in its own PID namespace
+    std::string program;
+    bool video = true;  // the track that it reads
+    uint64_t frames = 0;
+    uint64_t bytes = 0;
+    uint64_t lost = 0;               // frames that were overwritten before it had read them
+    std::optional<uint64_t> age_ns;  // since it last read
+};
+
 struct SourceSample {
+    std::string name;    // unique among the sources of a run
+    std::string buffer;  // name of the shared buffer, with its leading "/"
     unsigned channel = 0;
     std::string url;  // without secrets
     Protocol protocol = Protocol::kUdp;
@@ -54,6 +72,10 @@ struct SourceSample {
     std::optional<Reason> last_error;
     // Seconds until the next session begins; only between two sessions.
     std::optional<double> retry_in_s;
+    std::map<std::string, uint64_t> rebuild_reasons;  // rebuilds by what ended the session before, see RebuildReason
+    Histogram first_frame;                            // from the beginning of a session to its first frame
+    Histogram recovery;                               // from the last frame before a rebuild to the first one after it
+    std::vector<ReaderSample> readers;
     VideoSample video;
     AudioSample audio;
 };

@@ -10,11 +10,25 @@ namespace tool {
 
 enum class Phase { kRunning, kClosing, kEnded };
 
+// What this process itself takes of the machine.
+struct ProcessSample {
+    double cpu_s = 0;  // of all threads, since it started
+    uint64_t resident_bytes = 0;
+    uint64_t threads = 0;
+    uint64_t descriptors = 0;
+    double start_time_s = 0;  // since 1970-01-01 UTC
+};
+
 struct RunSample {
     double elapsed_s = 0;
-    std::string buffer_name;
+    std::string buffer_name;  // of the one buffer of all sources; empty when each has its own
     Phase phase = Phase::kRunning;
     std::vector<SourceSample> sources;
+    ProcessSample process;
+    std::string config_file;   // empty without one
+    uint64_t reloads = 0;      // of the file that took effect
+    bool reload_good = true;   // the last one did
+    double reload_time_s = 0;  // when it did, since 1970-01-01 UTC
 };
 
 class View {

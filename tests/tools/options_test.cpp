@@ -72,24 +72,24 @@ std::string Warnings(const std::vector<std::string> &arguments) {
 TEST(Options, Defaults) {
     const Options options = Good({"udp://127.0.0.1:5000"});
     EXPECT_EQ(options.urls, std::vector<std::string>{"udp://127.0.0.1:5000"});
-    EXPECT_EQ(options.caching, 200u);
-    EXPECT_EQ(options.rtsp.protocols, 4u);
-    EXPECT_EQ(options.rtsp.latency, 2000u);
-    EXPECT_EQ(options.rtsp.contimeout, 15u);
-    EXPECT_EQ(options.srt.mode, "caller");
-    EXPECT_EQ(options.srt.keylen, 0u);
-    EXPECT_EQ(options.srt.latency, 125u);
-    EXPECT_EQ(options.srt.tslatency, 50u);
-    EXPECT_EQ(options.rtmp.contimeout, 10u);
-    EXPECT_EQ(options.rtmp.idle_timeout, 0u);
-    EXPECT_EQ(options.udp.ts_latency, 700u);
-    EXPECT_EQ(options.buffer_mode, 0600u);
-    EXPECT_FALSE(options.buffer_group);
-    EXPECT_EQ(options.udp.mtu, 1492u);
-    EXPECT_EQ(options.hls.timeout, 15u);
-    EXPECT_EQ(options.hls.retries, 3);
-    EXPECT_EQ(options.hls.islive, 0u);
-    EXPECT_EQ(options.name, "gst-source-" + std::to_string(getpid()));
+    EXPECT_EQ(options.common.caching, 200u);
+    EXPECT_EQ(options.common.rtsp.protocols, 4u);
+    EXPECT_EQ(options.common.rtsp.latency, 2000u);
+    EXPECT_EQ(options.common.rtsp.contimeout, 15u);
+    EXPECT_EQ(options.common.srt.mode, "caller");
+    EXPECT_EQ(options.common.srt.keylen, 0u);
+    EXPECT_EQ(options.common.srt.latency, 125u);
+    EXPECT_EQ(options.common.srt.tslatency, 50u);
+    EXPECT_EQ(options.common.rtmp.contimeout, 10u);
+    EXPECT_EQ(options.common.rtmp.idle_timeout, 30u);
+    EXPECT_EQ(options.common.udp.ts_latency, 700u);
+    EXPECT_EQ(options.common.memory.mode, 0600u);
+    EXPECT_FALSE(options.common.memory.group);
+    EXPECT_EQ(options.common.udp.mtu, 1492u);
+    EXPECT_EQ(options.common.hls.timeout, 15u);
+    EXPECT_EQ(options.common.hls.retries, 3);
+    EXPECT_EQ(options.common.hls.islive, 0u);
+    EXPECT_EQ(options.common.name, "gst-source-" + std::to_string(getpid()));
     EXPECT_FALSE(options.duration);
     EXPECT_EQ(options.frames, 0u);
     EXPECT_TRUE(options.warnings.empty());
@@ -108,36 +108,36 @@ TEST(Options, EveryFlagReachesItsField) {
                    "a%d --close-timeout 12"));
     EXPECT_TRUE(options.warnings.empty()) << options.warnings.front();
     EXPECT_EQ(options.urls.size(), 5u);
-    EXPECT_EQ(options.caching, 1u);
-    EXPECT_EQ(options.user, "u");
-    EXPECT_EQ(options.password, "p");
-    EXPECT_EQ(options.rtsp.protocols, 5u);
-    EXPECT_EQ(options.rtsp.latency, 2u);
-    EXPECT_EQ(options.rtsp.contimeout, 3u);
-    EXPECT_EQ(options.srt.mode, "listener");
-    EXPECT_EQ(options.srt.streamid, "id");
-    EXPECT_EQ(options.srt.passphrase, "0123456789");
-    EXPECT_EQ(options.srt.keylen, 32u);
-    EXPECT_EQ(options.srt.latency, 4u);
-    EXPECT_EQ(options.srt.tslatency, 5u);
-    EXPECT_EQ(options.srt.localaddress, "127.0.0.1");
-    EXPECT_EQ(options.rtmp.contimeout, 6u);
-    EXPECT_EQ(options.rtmp.idle_timeout, 7u);
-    EXPECT_EQ(options.rtmp.token, "t");
-    EXPECT_EQ(options.udp.ts_latency, 8u);
-    EXPECT_EQ(options.udp.mtu, 9u);
-    EXPECT_EQ(options.hls.timeout, 10u);
-    EXPECT_EQ(options.hls.retries, -1);
-    EXPECT_EQ(options.hls.islive, 1u);
-    EXPECT_EQ(options.hls.proxy, "http://p:3128");
-    EXPECT_EQ(options.hls.proxy_id, "pi");
-    EXPECT_EQ(options.hls.proxy_pwd, "pp");
-    EXPECT_EQ(options.hls.user_agent, "ua");
-    EXPECT_EQ(options.name, "buffer");
-    EXPECT_EQ(options.video_bytes, 16u << 20);
-    EXPECT_EQ(options.buffer_mode, 0640u);
-    EXPECT_EQ(options.buffer_group, 4242u);
-    EXPECT_EQ(options.audio_bytes, 65536u);
+    EXPECT_EQ(options.common.caching, 1u);
+    EXPECT_EQ(options.common.user, "u");
+    EXPECT_EQ(options.common.password, "p");
+    EXPECT_EQ(options.common.rtsp.protocols, 5u);
+    EXPECT_EQ(options.common.rtsp.latency, 2u);
+    EXPECT_EQ(options.common.rtsp.contimeout, 3u);
+    EXPECT_EQ(options.common.srt.mode, "listener");
+    EXPECT_EQ(options.common.srt.streamid, "id");
+    EXPECT_EQ(options.common.srt.passphrase, "0123456789");
+    EXPECT_EQ(options.common.srt.keylen, 32u);
+    EXPECT_EQ(options.common.srt.latency, 4u);
+    EXPECT_EQ(options.common.srt.tslatency, 5u);
+    EXPECT_EQ(options.common.srt.localaddress, "127.0.0.1");
+    EXPECT_EQ(options.common.rtmp.contimeout, 6u);
+    EXPECT_EQ(options.common.rtmp.idle_timeout, 7u);
+    EXPECT_EQ(options.common.rtmp.token, "t");
+    EXPECT_EQ(options.common.udp.ts_latency, 8u);
+    EXPECT_EQ(options.common.udp.mtu, 9u);
+    EXPECT_EQ(options.common.hls.timeout, 10u);
+    EXPECT_EQ(options.common.hls.retries, -1);
+    EXPECT_EQ(options.common.hls.islive, 1u);
+    EXPECT_EQ(options.common.hls.proxy, "http://p:3128");
+    EXPECT_EQ(options.common.hls.proxy_id, "pi");
+    EXPECT_EQ(options.common.hls.proxy_pwd, "pp");
+    EXPECT_EQ(options.common.hls.user_agent, "ua");
+    EXPECT_EQ(options.common.name, "buffer");
+    EXPECT_EQ(options.common.memory.video_bytes, 16u << 20);
+    EXPECT_EQ(options.common.memory.mode, 0640u);
+    EXPECT_EQ(options.common.memory.group, 4242u);
+    EXPECT_EQ(options.common.memory.audio_bytes, 65536u);
     EXPECT_EQ(options.duration, 2.5);
     EXPECT_EQ(options.frames, 11u);
     EXPECT_EQ(options.interval, 0.5);
@@ -160,7 +160,7 @@ TEST(Options, TransportsByNameOrMask) {
                                                        {"udp,multicast,tcp", 7},
                                                        {"4294967295", UINT32_MAX}};
     for (const auto &[text, mask] : table) {
-        EXPECT_EQ(Good({"rtsp://h/", "--protocols", text}).rtsp.protocols, mask) << text;
+        EXPECT_EQ(Good({"rtsp://h/", "--protocols", text}).common.rtsp.protocols, mask) << text;
     }
     EXPECT_TRUE(Contains(Refusal({"rtsp://h/", "--protocols", "sctp"}), "sctp"));
     EXPECT_TRUE(Contains(Refusal({"rtsp://h/", "--protocols", ","}), "--protocols"));
@@ -168,8 +168,8 @@ TEST(Options, TransportsByNameOrMask) {
 }
 
 TEST(Options, NumbersAreUnsigned32Bit) {
-    EXPECT_EQ(Good({"udp://h:1", "--mtu", "0"}).udp.mtu, 0u);
-    EXPECT_EQ(Good({"udp://h:1", "--caching", "4294967295"}).caching, UINT32_MAX);
+    EXPECT_EQ(Good({"udp://h:1", "--mtu", "0"}).common.udp.mtu, 0u);
+    EXPECT_EQ(Good({"udp://h:1", "--caching", "4294967295"}).common.caching, UINT32_MAX);
     for (const char *flag : {"--caching", "--rtsp-latency", "--rtsp-contimeout", "--keylen", "--srt-latency", "--tslatency",
                              "--rtmp-contimeout", "--idle-timeout", "--ts-latency", "--mtu", "--hls-timeout", "--islive"}) {
         for (const char *value : {"-1", "4294967296", "1.5", "", "12x", " 1", "+1", "0x10", "99999999999999999999999"}) {
@@ -186,18 +186,22 @@ TEST(Options, OtherValuesAreCheckedToo) {
     for (const char *value : {"0", "-1", "x", "nan", "inf", "1e300", ""}) {
         EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--duration", value}), "is not a number of seconds above 0"));
         EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--interval", value}), "is not a number of seconds above 0"));
-        EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--stall-watch", value}), "is not a number of seconds above 0"));
+        if (std::string(value) != "0") {
+            EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--stall-watch", value}), "is not a number of seconds above 0"));
+        }
     }
+    EXPECT_EQ(Good({"udp://h:1", "--stall-watch", "0"}).common.stall_watch, 0);
+    EXPECT_FALSE(Good({"udp://h:1"}).common.stall_watch);
     for (const char *value : {"100000", "32K", "2G", "1T", "M", "-64K", "99999999999999999999G"}) {
         EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--video-bytes", value}), "is not a power of two from 64K to 1G"));
     }
-    EXPECT_EQ(Good({"udp://h:1", "--video-bytes", "1G"}).video_bytes, 1u << 30);
+    EXPECT_EQ(Good({"udp://h:1", "--video-bytes", "1G"}).common.memory.video_bytes, 1u << 30);
     EXPECT_TRUE(Contains(Refusal({"srt://h:1", "--mode", "server"}), "is not caller, listener or rendezvous"));
     EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--color", "blue"}), "is not auto, never or always"));
 }
 
 TEST(Options, WrongCommandLines) {
-    EXPECT_TRUE(Contains(Refusal({}), "no URL given"));
+    EXPECT_TRUE(Contains(Refusal({}), "no URL and no --config given"));
     EXPECT_TRUE(Contains(Refusal({"ftp://h/x"}), "ftp://h/x: not a stream URL"));
     EXPECT_TRUE(Contains(Refusal({"udp://h:1", "camera"}), "camera: not a stream URL"));
     EXPECT_TRUE(Contains(Refusal({"foo://u:geheim@h/x"}), "foo://u:***@h/x"));
@@ -240,24 +244,24 @@ TEST(Options, SecretsComeFromFlagThenFileThenEnvironment) {
                               {"GST_SOURCE_PROXY_PASSWORD", "envproxy"}};
 
     Options options = Good({"udp://h:1"}, variables);
-    EXPECT_EQ(options.user, "envuser");
-    EXPECT_EQ(options.password, "envpassword");
-    EXPECT_EQ(options.srt.passphrase, "envpassphrase");
-    EXPECT_EQ(options.rtmp.token, "envtoken");
-    EXPECT_EQ(options.hls.proxy_pwd, "envproxy");
+    EXPECT_EQ(options.common.user, "envuser");
+    EXPECT_EQ(options.common.password, "envpassword");
+    EXPECT_EQ(options.common.srt.passphrase, "envpassphrase");
+    EXPECT_EQ(options.common.rtmp.token, "envtoken");
+    EXPECT_EQ(options.common.hls.proxy_pwd, "envproxy");
 
     options = Good({"udp://h:1", "--credentials", credentials, "--passphrase-file", passphrase, "--token-file", token,
                     "--proxy-pwd-file", proxy},
                    variables);
-    EXPECT_EQ(options.user, "fileuser");
-    EXPECT_EQ(options.password, "filepassword");
-    EXPECT_EQ(options.srt.passphrase, "filepassphrase");
-    EXPECT_EQ(options.rtmp.token, "filetoken");
-    EXPECT_EQ(options.hls.proxy_pwd, "fileproxy");
+    EXPECT_EQ(options.common.user, "fileuser");
+    EXPECT_EQ(options.common.password, "filepassword");
+    EXPECT_EQ(options.common.srt.passphrase, "filepassphrase");
+    EXPECT_EQ(options.common.rtmp.token, "filetoken");
+    EXPECT_EQ(options.common.hls.proxy_pwd, "fileproxy");
 
     options = Good({"udp://h:1", "--user", "flaguser", "--credentials", credentials}, variables);
-    EXPECT_EQ(options.user, "flaguser");
-    EXPECT_EQ(options.password, "filepassword");
+    EXPECT_EQ(options.common.user, "flaguser");
+    EXPECT_EQ(options.common.password, "filepassword");
 }
 
 TEST(Options, WarnsOfWhatTheFrameworkRefuses) {
@@ -293,13 +297,13 @@ TEST(Options, DumpPaths) {
 TEST(Options, WhoMayReadTheBuffer) {
     const Umask mask(022);
     for (const auto &[text, mode] : {std::pair("0600", 0600u), std::pair("604", 0604u), std::pair("0644", 0644u)}) {
-        EXPECT_EQ(Good({"udp://h:1", "--buffer-mode", text}).buffer_mode, mode);
+        EXPECT_EQ(Good({"udp://h:1", "--buffer-mode", text}).common.memory.mode, mode);
     }
     for (const char *text : {"0660", "0700", "0", "06000", "rw", "-600"}) {
         EXPECT_TRUE(Contains(Refusal({"udp://h:1", std::string("--buffer-mode=") + text}), "is not 0600, 0640, 0604 or 0644"))
             << text;
     }
-    EXPECT_EQ(Good({"udp://h:1", "--buffer-mode", "0640", "--buffer-group", "root"}).buffer_group, 0u);
+    EXPECT_EQ(Good({"udp://h:1", "--buffer-mode", "0640", "--buffer-group", "root"}).common.memory.group, 0u);
     EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--buffer-group", "no-such-group"}), "there is no group \"no-such-group\""));
     for (const char *number : {"4294967295", "99999999999"}) {
         EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--buffer-group", number}), "is not a whole number from 0 to 4294967294"));

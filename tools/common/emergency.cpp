@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <mutex>
 
 namespace tool::emergency {
 namespace {
@@ -16,8 +17,15 @@ constexpr std::string_view kShowCursor = "\x1b[?25h\x1b[0m";
 
 // Longer than any path of a shared buffer.
 constexpr size_t kPathSize = 512;
-std::array<std::array<char, kPathSize>, 3> g_files{};
-std::atomic<size_t> g_file_count{0};
+struct File {
+    std::atomic<bool> in_use{false};  // the path is whole
+    std::array<char, kPathSize> path{};
+};
+// Memory that nobody frees: a crash may come at any moment.
+constexpr size_t kMostFiles = 4096;
+std::array<File, kMostFiles> g_files{};
+std::atomic<size_t> g_files_end{0};  // no slot from here on has been used
+std::mutex g_files_mutex;            // of those who add and forget
 std::atomic<int> g_terminal{-1};
 std::atomic<int> g_log_pipe{-1};
 std::atomic<int> g_log_target{-1};
@@ -83,15 +91,24 @@ void OnCrash(int number, siginfo_t *info, void * /*context*/) {
 
 }  // namespace
 
-void RemoveFiles(const std::vector<std::string_view> &paths) {
-    g_file_count.store(0);
-    size_t count = 0;
-    for (const std::string_view path : paths) {
-        if (count < g_files.size() && path.size() < kPathSize) {
-            *std::copy(path.begin(), path.end(), g_files[count++].begin()) = '\0';
+void AddFile(std::string_view path) {
+    const std::lock_guard<std::mutex> lock(g_files_mutex);
+    const auto slot = std::find_if(g_files.begin(), g_files.end(), [](const File &file) { return !file.in_use.load(); });
+    if (slot == g_files.end() || path.size() >= kPathSize) {
+        return;
+    }
+    *std::copy(path.begin(), path.end(), slot->path.begin()) = '\0';
+    slot->in_use.store(true);
+    g_files_end.store(std::max<size_t>(g_files_end.load(), static_cast<size_t>(slot - g_files.begin()) + 1));
+}
+
+void ForgetFile(std::string_view path) {
+    const std::lock_guard<std::mutex> lock(g_files_mutex);
+    for (size_t i = 0; i < g_files_end.load(); ++i) {
+        if (g_files[i].in_use.load() && path == g_files[i].path.data()) {
+            g_files[i].in_use.store(false);
         }
     }
-    g_file_count.store(count);
 }
 
 void RestoreCursor(int fd) {
@@ -113,8 +130,10 @@ void RememberLine(std::string_view line) {
 }
 
 void Clean() {
-    for (size_t i = 0; i < g_file_count.load(); ++i) {
-        unlink(g_files[i].data());
+    for (size_t i = 0; i < g_files_end.load(); ++i) {
+        if (g_files[i].in_use.load()) {
+            unlink(g_files[i].path.data());
+        }
     }
     const int terminal = g_terminal.load();
     if (terminal >= 0) {

@@ -7,8 +7,9 @@
 
 namespace tool::emergency {
 
-// Files of the shared buffer, at most three, removed by Clean(); none when empty.
-void RemoveFiles(const std::vector<std::string_view> &paths);
+// A file that Clean() removes, up to ForgetFile(). At most 4096 of them, those of a thousand shared buffers; what is more stays.
+void AddFile(std::string_view path);
+void ForgetFile(std::string_view path);
 
 // Terminal whose cursor Clean() shows again; -1 for none.
 void RestoreCursor(int fd);

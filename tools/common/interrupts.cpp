@@ -19,6 +19,7 @@ std::atomic<int> g_terminal{-1};
 std::atomic<bool> g_stop{false};
 std::atomic<long long> g_stop_ms{0};
 std::atomic<bool> g_redraw{false};
+std::atomic<bool> g_reload{false};
 
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<long long>::is_always_lock_free,
               "signal handlers can use only lock-free atomics");
@@ -55,6 +56,11 @@ void OnResize(int /*number*/) {
     Wake();
 }
 
+void OnReload(int /*number*/) {
+    g_reload.store(true);
+    Wake();
+}
+
 void Handle(int number, void (*handler)(int)) {
     struct sigaction action {};
     action.sa_handler = handler;
@@ -86,11 +92,11 @@ void OnSuspend(int number) {
 
 }  // namespace
 
-void Install(int terminal) {
+void Install(int terminal, bool hangup_reloads) {
     g_wake.store(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     Handle(SIGINT, OnStop);
     Handle(SIGTERM, OnStop);
-    Handle(SIGHUP, OnStop);
+    Handle(SIGHUP, hangup_reloads ? OnReload : OnStop);
     Handle(SIGWINCH, OnResize);
     Handle(SIGPIPE, SIG_IGN);
     g_terminal.store(terminal);
@@ -115,6 +121,14 @@ bool StopRequested() {
 std::function<bool()> PatienceAfterStop() {
     constexpr long long kPatienceMs = 2000;
     return [until = NowMs() + kPatienceMs] { return StopRequested() && NowMs() >= until; };
+}
+
+bool ReloadRequested() {
+    return g_reload.load();
+}
+
+bool TakeReload() {
+    return g_reload.exchange(false);
 }
 
 bool RedrawWanted() {

@@ -7,7 +7,8 @@ namespace tool::interrupts {
 
 // Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP and SIGPIPE, once. SIGTSTP only has to
 // be handled while a live table hides the cursor of `terminal`; -1 leaves it alone.
-void Install(int terminal);
+// `hangup_reloads`: SIGHUP asks for something to be read again, and not for the end.
+void Install(int terminal, bool hangup_reloads = false);
 
 // Readable after any of them; made empty by Acknowledge().
 int WakeDescriptor();
@@ -16,6 +17,10 @@ void Acknowledge();
 // A wish to end has come. A further one cleans up what must not stay and leaves the process at once, unless
 // it follows within half a second: terminals, shells and timeout(1) often send two signals for one wish.
 bool StopRequested();
+
+// A SIGHUP has asked for it. True until TakeReload().
+bool ReloadRequested();
+bool TakeReload();
 
 // For writes whose other side may take nothing any more: says so two seconds after now at the earliest,
 // and only once the end of the run is asked for.

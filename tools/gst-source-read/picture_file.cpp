@@ -46,13 +46,13 @@ PictureFile::PictureFile(const std::string &path) : m_path(path) {
             Fail(path);
         }
     }
-    tool::emergency::RemoveFiles({m_temporary});
+    tool::emergency::AddFile(m_temporary);
 }
 
 PictureFile::~PictureFile() {
     if (!m_temporary.empty()) {
         unlink(m_temporary.c_str());
-        tool::emergency::RemoveFiles({});
+        tool::emergency::ForgetFile(m_temporary);
     }
 }
 
@@ -66,8 +66,8 @@ void PictureFile::Finish(std::string_view data) {
     if (fsync(m_file.Get()) != 0 || std::rename(m_temporary.c_str(), m_path.c_str()) != 0) {
         Fail(m_path);
     }
+    tool::emergency::ForgetFile(m_temporary);
     m_temporary.clear();
-    tool::emergency::RemoveFiles({});
 }
 
 }  // namespace reader

@@ -38,6 +38,8 @@ void AddHead(Record &record, const char *type, const RunSample &run, const Sourc
     record["time"] = time;
     record["elapsed_s"] = Rounded(run.elapsed_s);
     record["source"] = source.channel;
+    record["name"] = source.name;
+    record["buffer"] = source.buffer;
     record["url"] = source.url;
     record["protocol"] = ProtocolName(source.protocol);
 }

@@ -3,31 +3,42 @@
 #include <fcntl.h>
 #include <gst/gst.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
-#include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <future>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <sstream>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
+#include "capacity.h"
+#include "config_file.h"
+#include "control.h"
 #include "dump.h"
 #include "emergency.h"
 #include "fd.h"
+#include "fleet.h"
 #include "format.h"
 #include "frame_goal.h"
 #include "interrupts.h"
 #include "log_capture.h"
 #include "missing.h"
+#include "process_sample.h"
 #include "reason.h"
 #include "rtmps_policy.h"
 #include "secrets.h"
-#include "source.h"
+#include "service.h"
+#include "service_manager.h"
 #include "view_records.h"
 #include "view_table.h"
 
@@ -37,27 +48,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-// Often enough to see every state of a source and to end soon after the frame that was waited for.
-constexpr std::chrono::milliseconds kTick{50};
+// Often enough for what is measured between two ticks, and to end soon after the frame that was waited for.
+constexpr std::chrono::milliseconds kTick{100};
 // Redraws between two reports, after a change.
 constexpr std::chrono::milliseconds kRedraw{200};
-
-Masker MakeMasker(const Options &options) {
-    Masker masker;
-    for (const std::string &url : options.urls) {
-        for (const std::string &secret : SecretsOf(url)) {
-            masker.Add(secret);
-        }
-    }
-    masker.AddCredentials(options.user, options.password);
-    masker.AddCredentials(options.hls.proxy_id, options.hls.proxy_pwd);
-    for (const std::string &secret : SecretsOf(options.hls.proxy)) {
-        masker.Add(secret);
-    }
-    masker.Add(options.srt.passphrase);
-    masker.Add(options.rtmp.token);
-    return masker;
-}
+// Samples for other threads.
+constexpr std::chrono::seconds kPublish{1};
 
 bool WantsColors(ColorMode mode) {
     return mode == ColorMode::kAlways || (mode == ColorMode::kAuto && ColorsAllowed());
@@ -75,103 +71,86 @@ Fd OpenLog(const std::string &path) {
     return file;
 }
 
-struct DestroyBuffer {
-    void operator()(shb_buffer_t *buffer) const {
-        shb_destroy(buffer);
-        emergency::RemoveFiles({});
-    }
-};
 struct DetachMap {
     void operator()(shb_map_t *map) const { shb_detach(map); }
 };
-using Buffer = std::unique_ptr<shb_buffer_t, DestroyBuffer>;
 using Map = std::unique_ptr<shb_map_t, DetachMap>;
 
-// To be asked before errno changes.
-std::string WhyNotMade(int result, const shb_geometry_t &geometry, const shb_create_options_t &readers) {
-    if (result == SHB_ERR_SYSTEM && errno == EPERM && readers.group_given != 0) {
-        return "this user is not in the group of --buffer-group";
-    }
-    if (result != SHB_ERR_SYSTEM && result != SHB_ERR_NO_SPACE) {
-        return shb_strerror(result);
-    }
-    std::string reason = std::strerror(errno);
-    uint64_t needed = 0;
-    uint64_t available = 0;
-    if (result == SHB_ERR_NO_SPACE && shb_room(&geometry, &needed, &available) == SHB_OK) {
-        reason += "; it takes " + FormatBytes(needed) + " of shared memory, and " + FormatBytes(available) +
-                  " are free. Give smaller --video-bytes and --audio-bytes, or a larger /dev/shm (of a container: --shm-size)";
-    }
-    return reason;
+const char *FromEnvironment(const char *name) {
+    return std::getenv(name);
 }
 
-Buffer MakeBuffer(const Options &options) {
-    shb_geometry_t geometry{};
-    geometry.channels = static_cast<uint32_t>(options.urls.size());
-    geometry.streams = 1;
-    geometry.video_bytes = options.video_bytes;
-    geometry.audio_bytes = options.audio_bytes;
-    shb_create_options_t readers{};
-    readers.mode = options.buffer_mode;
-    readers.group_given = options.buffer_group ? 1 : 0;
-    readers.group = options.buffer_group.value_or(0);
-    shb_buffer_t *buffer = nullptr;
-    const int result = shb_create_with(options.name.c_str(), &geometry, &readers, &buffer);
-    if (result != SHB_OK) {
-        throw std::runtime_error("the shared buffer " + options.name +
-                                 " cannot be made: " + WhyNotMade(result, geometry, readers));
+// The sources of a file that are to be run: all, or the one that is wanted.
+void Choose(ConfigFile &file, const std::string &only) {
+    if (only.empty() || !file.Good()) {
+        return;
     }
-    emergency::RemoveFiles({shb_file(buffer, 0), shb_file(buffer, 1), shb_file(buffer, 2)});
-    Buffer owner(buffer);
-    constexpr double kMsPerSecond = 1000;
-    const auto stall_ms = static_cast<uint32_t>(std::ceil(options.stall_watch * kMsPerSecond));
-    if (shb_set_stall_watch(buffer, stall_ms) != SHB_OK) {
-        throw std::runtime_error("the stall watch of the shared buffer cannot be set");
+    const auto wanted = std::find_if(file.sources.begin(), file.sources.end(),
+                                     [&only](const SourceConfig &source) { return source.name == only; });
+    if (wanted == file.sources.end()) {
+        file.mistakes.push_back({0, 0, "no source is called \"" + only + "\"", true});
+        return;
     }
-    return owner;
+    file.sources = {*wanted};
+    // One address cannot be listened at by every source's own process.
+    file.service.http.clear();
 }
 
-// The framework is initialised once the first source exists.
-void RequireSink() {
-    GstElementFactory *factory = gst_element_factory_find("shbsink");
-    if (factory == nullptr) {
-        throw std::runtime_error(
-            "the GStreamer element \"shbsink\" is missing; GST_PLUGIN_PATH must name the directory of libgstshbsink.so");
+std::string JoinedLines(const std::vector<std::string> &lines) {
+    std::string text;
+    for (const std::string &line : lines) {
+        text += line + "\n";
     }
-    gst_object_unref(factory);
+    return text;
 }
 
-class Host {
+// A run: its sources, its views, and the end.
+class Host : private Service {
   public:
-    Host(const Options &options, Fd out, Fd err)
+    // `file`: what it names is run; without one, the sources of the command line in one buffer.
+    Host(const Options &options, std::optional<ConfigFile> file, Fd out, Fd err)
         : m_options(options),
+          m_file(std::move(file)),
           m_out(std::move(out)),
           m_err(std::move(err)),
           m_dumpsToOut(options.dump_video == "-" || options.dump_audio == "-"),
-          m_live(!options.json && !m_dumpsToOut && CanDraw(m_out.Get())) {}
+          m_live(!options.json && !options.quiet && !m_dumpsToOut && CanDraw(m_out.Get())) {}
 
     int Run();
 
   private:
     enum class End { kAsked, kOutOfTime, kFailed };
 
+    std::shared_ptr<const RunSample> Newest() const override;
+    std::vector<std::string> Log(const std::string &source) const override;
+    bool Restart(const std::string &source) override;
+
     void MakeLog();
+    bool FindRoom();
     void MakeSources();
     void MakeDumps();
     void MakeView();
+    void MakeControl();
     End Watch();
+    void Wait(Clock::time_point until) const;
+    bool GoalsReached(Clock::time_point now);
+    void ServeOthers(Clock::time_point now);
+    ControlAnswer ReadFileAgain();
+    ControlAnswer AskForReload();
     bool ReportDue(Clock::time_point now, uint64_t change) const;
     bool Show(Phase phase);
     RunSample Sample(Phase phase);
     void Close();
-    void LeaveHanging(const std::vector<const Source *> &hanging);
+    void LeaveHanging(const std::vector<std::string> &hanging);
     void CollectDumpErrors();
     void Complain(const std::string &message) const {
         WriteAll(m_err.Get(), "gst-source: " + message + "\n", interrupts::PatienceAfterStop());
     }
+    void ComplainOfLines(const std::string &lines) const;
     int Conclude(End end);
 
     const Options &m_options;
+    std::optional<ConfigFile> m_file;
     const Fd m_out;
     const Fd m_err;
     const bool m_dumpsToOut;
@@ -180,22 +159,36 @@ class Host {
     // In this order: each needs those before it until it is gone.
     Fd m_logFile;
     std::vector<std::string> m_missing;  // element factories; the log's thread, and everybody once the log has ended
-    std::unique_ptr<NewsDesk> m_news;
+    Masker m_masker;
+    NewsDesk m_news;
     std::unique_ptr<LogCapture> m_log;
-    Buffer m_buffer;
+    std::unique_ptr<Fleet> m_fleet;
     Map m_map;
     std::vector<std::unique_ptr<Dump>> m_dumps;
-    std::vector<std::unique_ptr<Source>> m_sources;
     std::unique_ptr<View> m_view;
 
-    std::vector<FrameGoal> m_goals;
+    // What other threads ask for, and what they see.
+    mutable std::mutex m_mutex;
+    std::deque<std::string> m_restarts;
+    std::deque<std::promise<ControlAnswer>> m_reloads;
+    bool m_noMoreReloads = false;
+    std::shared_ptr<const RunSample> m_newest;
+    const Fd m_wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::unique_ptr<ControlServer> m_control;
+
+    std::map<std::string, FrameGoal> m_goals;
     std::vector<std::string> m_errors;
     Clock::time_point m_start;
     Clock::time_point m_end;
     bool m_ended = false;
     Clock::time_point m_lastReport;
     Clock::time_point m_nextReport;
+    Clock::time_point m_nextPublish;
     uint64_t m_lastChange = 0;
+    bool m_ready = false;
+    uint64_t m_reloadCount = 0;
+    bool m_reloadGood = true;
+    double m_reloadTime = 0;
 };
 
 int Host::Run() {
@@ -203,15 +196,45 @@ int Host::Run() {
         Complain("warning: " + warning);
     }
     emergency::HandleCrashes();
-    interrupts::Install(m_live ? m_out.Get() : -1);
+    interrupts::Install(m_live ? m_out.Get() : -1, m_file.has_value());
     MakeLog();
-    m_buffer = MakeBuffer(m_options);
+    if (!FindRoom()) {
+        return kExitNothing;
+    }
+    MakeControl();
     MakeSources();
     MakeDumps();
     MakeView();
     const End end = Watch();
     Close();
     return Conclude(end);
+}
+
+std::shared_ptr<const RunSample> Host::Newest() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_newest;
+}
+
+std::vector<std::string> Host::Log(const std::string &source) const {
+    return m_news.Log(source);
+}
+
+bool Host::Restart(const std::string &source) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const bool known = std::any_of(m_newest->sources.begin(), m_newest->sources.end(),
+                                   [&source](const SourceSample &one) { return one.name == source; });
+    if (known && std::find(m_restarts.begin(), m_restarts.end(), source) == m_restarts.end()) {
+        m_restarts.push_back(source);
+        eventfd_write(m_wake.Get(), 1);
+    }
+    return known;
+}
+
+void Host::ComplainOfLines(const std::string &lines) const {
+    std::istringstream in(lines);
+    for (std::string line; std::getline(in, line);) {
+        Complain(line);
+    }
 }
 
 void Host::MakeLog() {
@@ -224,12 +247,8 @@ void Host::MakeLog() {
     } else if (shares_terminal) {
         target = -1;
     }
-    const Masker masker = MakeMasker(m_options);
-    std::vector<std::string> urls = m_options.urls;
-    std::transform(urls.begin(), urls.end(), urls.begin(), [&](const std::string &url) { return masker.Mask(url); });
-    m_news = std::make_unique<NewsDesk>(urls);
-    m_log = std::make_unique<LogCapture>(target, shares_terminal, masker, [this](const std::string &line) {
-        m_news->OnLine(line);
+    m_log = std::make_unique<LogCapture>(target, shares_terminal, m_masker, [this](const std::string &line) {
+        m_news.OnLine(line);
         const auto factory = MissingElement(line);
         if (factory && std::find(m_missing.begin(), m_missing.end(), *factory) == m_missing.end()) {
             m_missing.push_back(*factory);
@@ -237,18 +256,30 @@ void Host::MakeLog() {
     });
 }
 
+bool Host::FindRoom() {
+    if (!m_file) {
+        return true;
+    }
+    RaiseDescriptorLimit();
+    const std::vector<std::string> lines = Shortages(m_file->sources.size(), NeedsOf(m_file->sources), LimitsNow());
+    ComplainOfLines(JoinedLines(lines));
+    return lines.empty();
+}
+
+void Host::MakeControl() {
+    if (m_file) {
+        m_control = std::make_unique<ControlServer>(RealPath(m_file->path), m_options.only, [this] { return AskForReload(); });
+    }
+}
+
 void Host::MakeSources() {
-    for (const std::string &url : m_options.urls) {
-        const auto channel = static_cast<unsigned>(m_sources.size());
-        const auto protocol = ProtocolOf(url);
-        if (!protocol) {
-            throw std::logic_error("a URL that was not checked: " + PublicUrl(url));
-        }
-        m_sources.push_back(std::make_unique<Source>(channel, url, *protocol, m_buffer.get()));
-        if (channel == 0) {
-            RequireSink();
-        }
-        m_goals.emplace_back(m_options.frames);
+    m_fleet = std::make_unique<Fleet>(m_masker, m_news);
+    m_start = Clock::now();
+    if (m_file) {
+        m_fleet->Apply(m_file->sources);
+        m_fleet->Tick();
+    } else {
+        m_fleet->OpenTogether(SourcesOf(m_options), m_options.common.name);
     }
 }
 
@@ -257,14 +288,15 @@ void Host::MakeDumps() {
         return;
     }
     shb_map_t *map = nullptr;
-    const int result = shb_attach(shb_name(m_buffer.get()), &map);
+    const int result = shb_attach(m_options.common.name.c_str(), &map);
     if (result != SHB_OK) {
         throw std::runtime_error(std::string("the shared buffer cannot be read: ") + shb_strerror(result));
     }
     m_map.reset(map);
-    const auto add = [this](const std::string &pattern, shb_kind_t kind) {
-        for (unsigned channel = 0; !pattern.empty() && channel < m_sources.size(); ++channel) {
-            const std::string path = pattern == "-" ? pattern : DumpPath(pattern, channel, m_sources.size());
+    const size_t sources = m_fleet->Stations().size();
+    const auto add = [&](const std::string &pattern, shb_kind_t kind) {
+        for (unsigned channel = 0; !pattern.empty() && channel < sources; ++channel) {
+            const std::string path = pattern == "-" ? pattern : DumpPath(pattern, channel, sources);
             m_dumps.push_back(std::make_unique<Dump>(m_map.get(), channel, kind, path, m_out.Get()));
         }
     };
@@ -278,33 +310,29 @@ void Host::MakeView() {
         return;
     }
     const RecordFormat format = m_options.json ? RecordFormat::kJson : RecordFormat::kKeyValue;
-    m_view = std::make_unique<RecordView>(format, m_dumpsToOut ? -1 : m_out.Get(), m_dumpsToOut ? m_err.Get() : m_out.Get());
+    // A service has its log, its metrics and its page; a line per source and second would bury the log.
+    const bool silent = !m_options.json && (m_file || m_options.quiet);
+    const int summary = m_dumpsToOut ? m_err.Get() : m_out.Get();
+    m_view = std::make_unique<RecordView>(format, m_dumpsToOut || silent ? -1 : m_out.Get(), silent && m_file ? -1 : summary);
 }
 
 Host::End Host::Watch() {
-    m_start = Clock::now();
-    size_t opened = 0;
-    for (const auto &source : m_sources) {
-        opened += source->Open(m_options) ? 1U : 0U;
-    }
-    if (opened == 0) {
+    if (!m_fleet->AnyHope() && !m_file) {
         return End::kFailed;
     }
     const auto interval = std::chrono::duration_cast<Clock::duration>(Seconds(m_options.interval));
     m_nextReport = m_live ? m_start : m_start + interval;
     for (;;) {
         const auto now = Clock::now();
+        m_fleet->Tick();
+        ServeOthers(now);
         uint64_t change = m_log->LineCount();
-        bool reached = m_options.frames > 0;
-        for (size_t i = 0; i < m_sources.size(); ++i) {
-            m_sources[i]->Take(m_news->Of(i), m_news->IsShared(i));
-            m_sources[i]->Poll();
-            const SourceSample &sample = m_sources[i]->Latest();
-            reached = reached && m_goals[i].Reached(sample, now);
+        for (const auto &station : m_fleet->Stations()) {
+            const SourceSample &sample = station->Latest();
             change += sample.rebuilds + sample.video.epoch + sample.audio.epoch;
         }
         const bool dump_ended = std::any_of(m_dumps.begin(), m_dumps.end(), [](const auto &dump) { return dump->Failed(); });
-        if (interrupts::StopRequested() || reached || dump_ended) {
+        if (interrupts::StopRequested() || dump_ended || GoalsReached(now)) {
             return End::kAsked;
         }
         if (m_options.duration && now - m_start >= Seconds(*m_options.duration)) {
@@ -321,12 +349,119 @@ Host::End Host::Watch() {
                 return End::kAsked;
             }
         }
-        const auto until_report = std::chrono::ceil<std::chrono::milliseconds>(m_nextReport - Clock::now());
-        const auto wait = std::clamp(until_report, std::chrono::milliseconds(0), kTick);
-        pollfd wake{interrupts::WakeDescriptor(), POLLIN, 0};
-        poll(&wake, 1, static_cast<int>(wait.count()));
-        interrupts::Acknowledge();
+        Wait(std::min(m_nextReport, now + kTick));
     }
+}
+
+void Host::Wait(Clock::time_point until) const {
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+    std::array<pollfd, 2> wake{{{interrupts::WakeDescriptor(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}}};
+    poll(wake.data(), wake.size(), static_cast<int>(std::clamp(wait, std::chrono::milliseconds(0), kTick).count()));
+    interrupts::Acknowledge();
+    eventfd_t count = 0;
+    eventfd_read(m_wake.Get(), &count);
+}
+
+bool Host::GoalsReached(Clock::time_point now) {
+    bool reached = m_options.frames > 0;
+    for (const auto &station : m_fleet->Stations()) {
+        if (m_options.frames > 0) {
+            FrameGoal &goal = m_goals.emplace(station->Name(), m_options.frames).first->second;
+            reached = goal.Reached(station->Latest(), now) && reached;
+        }
+    }
+    return reached;
+}
+
+// What other threads, other processes and the service manager want of this one.
+void Host::ServeOthers(Clock::time_point now) {
+    std::deque<std::string> restarts;
+    std::deque<std::promise<ControlAnswer>> reloads;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        restarts.swap(m_restarts);
+        reloads.swap(m_reloads);
+    }
+    for (const std::string &name : restarts) {
+        m_fleet->Restart(name);
+    }
+    if (m_file && (interrupts::TakeReload() || !reloads.empty())) {
+        const ControlAnswer answer = ReadFileAgain();
+        for (auto &reload : reloads) {
+            reload.set_value(answer);
+        }
+    }
+    if (now < m_nextPublish) {
+        return;
+    }
+    m_nextPublish = now + kPublish;
+    auto sample = std::make_shared<RunSample>(Sample(Phase::kRunning));
+    sample->process = SampleProcess();
+    const auto live = std::count_if(sample->sources.begin(), sample->sources.end(),
+                                    [](const SourceSample &source) { return source.flow == Flow::kLive; });
+    const std::string status = std::to_string(live) + " of " + std::to_string(sample->sources.size()) + " sources live";
+    if (!m_ready && m_fleet->AllTried()) {
+        m_ready = true;
+        service_manager::Ready(status);
+    } else {
+        service_manager::Status(status);
+    }
+    // The loop turns, and every source has been looked at.
+    service_manager::Alive();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_newest = std::move(sample);
+}
+
+// On the control's thread.
+ControlAnswer Host::AskForReload() {
+    std::future<ControlAnswer> answer;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_noMoreReloads) {
+            return {false, "the run is ending\n"};
+        }
+        m_reloads.emplace_back();
+        answer = m_reloads.back().get_future();
+    }
+    eventfd_write(m_wake.Get(), 1);
+    return answer.get();
+}
+
+ControlAnswer Host::ReadFileAgain() {
+    ConfigFile file = ReadConfigFile(m_file->path, FromEnvironment);
+    Choose(file, m_options.only);
+    std::string text = file.Report();
+    m_reloadGood = file.Good();
+    if (m_reloadGood) {
+        // What is there already has its place.
+        std::vector<SourceConfig> added;
+        for (const SourceConfig &source : file.sources) {
+            const bool known = std::any_of(m_file->sources.begin(), m_file->sources.end(),
+                                           [&source](const SourceConfig &one) { return one.name == source.name; });
+            if (!known) {
+                added.push_back(source);
+            }
+        }
+        const std::vector<std::string> lines = Shortages(added.size(), NeedsOf(added), LimitsNow());
+        m_reloadGood = lines.empty();
+        text += JoinedLines(lines);
+    }
+    if (!m_reloadGood) {
+        text += m_file->path + ": nothing was changed\n";
+        ComplainOfLines(text);
+        return {false, text};
+    }
+    if (!(file.service == m_file->service)) {
+        text += m_file->path + ": warning: changes of [service] take effect with the next start\n";
+    }
+    const Fleet::Changes changes = m_fleet->Apply(file.sources);
+    m_file = std::move(file);
+    ++m_reloadCount;
+    m_reloadTime = Seconds(std::chrono::system_clock::now().time_since_epoch()).count();
+    text += m_file->path + ": " + std::to_string(changes.added) + " added, " + std::to_string(changes.removed) + " removed, " +
+            std::to_string(changes.changed) + " changed, " + std::to_string(changes.untouched) + " untouched\n";
+    ComplainOfLines(text);
+    return {true, text};
 }
 
 bool Host::ReportDue(Clock::time_point now, uint64_t change) const {
@@ -349,11 +484,14 @@ bool Host::Show(Phase phase) {
 RunSample Host::Sample(Phase phase) {
     RunSample run;
     run.elapsed_s = Seconds((m_ended ? m_end : Clock::now()) - m_start).count();
-    run.buffer_name = shb_name(m_buffer.get());
+    run.buffer_name = m_file ? "" : "/" + m_options.common.name;
     run.phase = phase;
-    for (size_t i = 0; i < m_sources.size(); ++i) {
-        m_sources[i]->Take(m_news->Of(i), m_news->IsShared(i));
-        run.sources.push_back(m_sources[i]->Sample());
+    run.config_file = m_file ? m_file->path : "";
+    run.reloads = m_reloadCount;
+    run.reload_good = m_reloadGood;
+    run.reload_time_s = m_reloadTime;
+    for (const auto &station : m_fleet->Stations()) {
+        run.sources.push_back(station->Sample());
     }
     for (const auto &dump : m_dumps) {
         SourceSample &source = run.sources[dump->Channel()];
@@ -365,33 +503,24 @@ RunSample Host::Sample(Phase phase) {
 void Host::Close() {
     m_end = Clock::now();
     m_ended = true;
+    service_manager::Stopping();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_noMoreReloads = true;
+        for (auto &reload : m_reloads) {
+            reload.set_value({false, "the run is ending\n"});
+        }
+        m_reloads.clear();
+    }
+    m_control.reset();
     if (m_live) {
         Show(Phase::kClosing);
     }
-    // Side by side, because one that waits for the network must not keep the others open.
-    struct Closing {
-        const Source *source;
-        std::future<void> done;
-    };
-    std::vector<Closing> closings;
-    std::vector<std::thread> threads;
-    for (const auto &source : m_sources) {
-        std::packaged_task<void()> task([&source] { source->Destroy(); });
-        closings.push_back({source.get(), task.get_future()});
-        threads.emplace_back(std::move(task));
-    }
-    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(m_options.close_timeout));
-    std::vector<const Source *> hanging;
-    for (const Closing &closing : closings) {
-        if (closing.done.wait_until(deadline) != std::future_status::ready) {
-            hanging.push_back(closing.source);
-        }
-    }
+    const Seconds patience(m_options.close_timeout.value_or(kCloseTimeout));
+    const std::vector<std::string> hanging =
+        m_fleet->Close(Clock::now() + std::chrono::duration_cast<Clock::duration>(patience));
     if (!hanging.empty()) {
         LeaveHanging(hanging);
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
     }
     for (const auto &dump : m_dumps) {
         dump->Finish();
@@ -401,13 +530,13 @@ void Host::Close() {
 
 // A source that does not come back from the framework cannot be freed, nor the buffer that it may still write
 // to. All that is left is to say so and to leave without a trace.
-void Host::LeaveHanging(const std::vector<const Source *> &hanging) {
+void Host::LeaveHanging(const std::vector<std::string> &hanging) {
     for (const auto &dump : m_dumps) {
         dump->Finish();
     }
     std::string names;
-    for (const Source *source : hanging) {
-        names += (names.empty() ? "" : ", ") + source->Url();
+    for (const std::string &name : hanging) {
+        names += (names.empty() ? "" : ", ") + name;
     }
     Complain("did not close in time, left as it is: " + names);
     emergency::Clean();
@@ -427,16 +556,18 @@ int Host::Conclude(End end) {
     m_view->Finish(run);
     m_view.reset();
     // What the sources said while they closed comes before the verdict.
-    m_sources.clear();
+    m_fleet.reset();
     m_log.reset();
     // Not an error by itself: one medium may do without it.
     for (const std::string &factory : m_missing) {
         Complain("the GStreamer element \"" + factory + "\" is missing; is its plug-in installed?");
     }
 
+    // A service whose camera is off does its work all the same.
+    const bool must_deliver = !m_file || m_options.frames > 0;
     std::string silent;
     for (const SourceSample &source : run.sources) {
-        if (!Delivered(source)) {
+        if (must_deliver && !Delivered(source)) {
             silent += (silent.empty() ? "" : ", ") + ("source " + std::to_string(source.channel) + " " + source.url) +
                       (source.state == "failed" ? " (could not be opened)" : "") +
                       (source.last_error ? ": " + FormatReason(*source.last_error) : "");
@@ -454,20 +585,95 @@ int Host::Conclude(End end) {
     return m_errors.empty() ? kExitOk : kExitNothing;
 }
 
-}  // namespace
+// What the file says of the run, where the command line says nothing.
+void UseService(const ServiceConfig &service, Options &options) {
+    if (options.http.empty()) {
+        options.http = service.http;
+    }
+    if (options.http_token.empty()) {
+        options.http_token = service.http_token;
+    }
+    if (options.log_file.empty()) {
+        options.log_file = service.log_file;
+    }
+    if (options.log_level.empty()) {
+        options.log_level = service.log_level;
+    }
+    if (!options.close_timeout) {
+        options.close_timeout = service.close_timeout;
+    }
+}
 
-int RunHost(Options options) {
+int RunOptions(Options &options, std::optional<ConfigFile> file) {
     OpenStandardDescriptors();
-    const Fd policy = UseRtmpsPolicy(options.urls, options.warnings);
+    std::vector<std::string> urls = options.urls;
+    if (file) {
+        UseService(file->service, options);
+        std::transform(file->sources.begin(), file->sources.end(), std::back_inserter(urls),
+                       [](const SourceConfig &source) { return source.url; });
+    }
+    const Fd policy = UseRtmpsPolicy(urls, options.warnings);
     Fd out = Duplicate(STDOUT_FILENO);
     Fd err = Duplicate(STDERR_FILENO);
     const Fd complaints = Duplicate(STDERR_FILENO);
     try {
-        return Host(options, std::move(out), std::move(err)).Run();
+        return Host(options, std::move(file), std::move(out), std::move(err)).Run();
     } catch (const std::exception &error) {
         WriteAll(complaints.Get(), std::string("gst-source: ") + error.what() + "\n");
         return kExitNothing;
     }
+}
+
+int CheckFile(const std::string &path) {
+    const ConfigFile file = ReadConfigFile(path, FromEnvironment);
+    std::fputs(file.Report().c_str(), stderr);
+    if (!file.Good()) {
+        return kExitUsage;
+    }
+    std::printf("%s: good, %s\n", path.c_str(), Count(file.sources.size(), "source", "sources").c_str());
+    return kExitOk;
+}
+
+int Reload(const std::string &path) {
+    const ConfigFile file = ReadConfigFile(path, FromEnvironment);
+    const std::vector<ControlAnswer> answers = AskForReload(RealPath(path));
+    if (answers.empty()) {
+        std::fputs(file.Report().c_str(), stderr);
+        std::fprintf(stderr, "gst-source: no run of this user has %s open\n", path.c_str());
+        return file.Good() ? kExitNothing : kExitUsage;
+    }
+    bool good = true;
+    for (const ControlAnswer &answer : answers) {
+        std::fputs(answer.text.c_str(), answer.good ? stdout : stderr);
+        good = good && answer.good;
+    }
+    return good ? kExitOk : kExitUsage;
+}
+
+}  // namespace
+
+int RunHost(Options options) {
+    if (options.command == Command::kCheck) {
+        return CheckFile(options.config_file);
+    }
+    if (options.command == Command::kReload) {
+        return Reload(options.config_file);
+    }
+    std::optional<ConfigFile> file;
+    if (!options.config_file.empty()) {
+        file = ReadConfigFile(options.config_file, FromEnvironment);
+        Choose(*file, options.only);
+        std::fputs(file->Report().c_str(), stderr);
+        if (!file->Good()) {
+            return kExitUsage;
+        }
+    }
+    if (options.command == Command::kPrintConfig) {
+        ServiceConfig service = file ? file->service : ServiceConfig();
+        std::fputs(PrintConfig(service, file ? file->sources : SourcesOf(options)).c_str(), stdout);
+        return kExitOk;
+    }
+    return RunOptions(options, std::move(file));
 }
 
 }  // namespace tool

@@ -61,15 +61,23 @@ void Masker::Add(const std::string &secret) {
     // A short text occurs by chance anywhere in a line, so it is
     // taken out only where the library writes an option.
     constexpr size_t kUnmistakable = 4;
+    const std::lock_guard<std::mutex> lock(m_rules->mutex);
+    std::vector<Rule> &rules = m_rules->all;
+    const auto add = [&rules](Rule rule) {
+        const bool known = std::any_of(rules.begin(), rules.end(), [&rule](const Rule &one) { return one.text == rule.text; });
+        if (!known) {
+            rules.push_back(std::move(rule));
+        }
+    };
     if (secret.size() >= kUnmistakable) {
-        m_rules.push_back({secret, "***"});
+        add({secret, "***"});
     } else {
         for (const char *key : {"pwd=", "passphrase=", "token="}) {
-            m_rules.push_back({key + secret, std::string(key) + "***"});
+            add({key + secret, std::string(key) + "***"});
         }
     }
     // Longest first: a secret that contains another one must not be left half readable.
-    std::stable_sort(m_rules.begin(), m_rules.end(),
+    std::stable_sort(rules.begin(), rules.end(),
                      [](const Rule &left, const Rule &right) { return left.text.size() > right.text.size(); });
 }
 
@@ -85,7 +93,8 @@ void Masker::AddCredentials(const std::string &user, const std::string &password
 }
 
 std::string Masker::Mask(std::string line) const {
-    for (const Rule &rule : m_rules) {
+    const std::lock_guard<std::mutex> lock(m_rules->mutex);
+    for (const Rule &rule : m_rules->all) {
         for (size_t at = line.find(rule.text); at != std::string::npos;
              at = line.find(rule.text, at + rule.replacement.size())) {
             line.replace(at, rule.text.size(), rule.replacement);

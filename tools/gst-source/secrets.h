@@ -2,6 +2,8 @@
 // a command line, and kept out of what is shown.
 #pragma once
 
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,7 +21,8 @@ std::string ReadSecretFile(const std::string &path, std::vector<std::string> &wa
 // "user:password" on one line, or user and password on two. Errors and warnings as ReadSecretFile.
 Credentials ReadCredentialsFile(const std::string &path, std::vector<std::string> &warnings);
 
-// The library logs the options of an open call in clear; a Masker takes the secrets out of its lines again.
+// The library logs the options of an open call in clear; a Masker takes the secrets out of its lines again. Copies share what
+// they know: a secret added to one is hidden by all. Any thread.
 class Masker {
   public:
     void Add(const std::string &secret);
@@ -32,7 +35,11 @@ class Masker {
         std::string text;
         std::string replacement;
     };
-    std::vector<Rule> m_rules;
+    struct Rules {
+        mutable std::mutex mutex;
+        std::vector<Rule> all;
+    };
+    std::shared_ptr<Rules> m_rules = std::make_shared<Rules>();
 };
 
 }  // namespace tool

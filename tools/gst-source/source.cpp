@@ -39,13 +39,20 @@ bool IsCurrent(const TrackSample &track, uint64_t silent_after) {
     return track.age_ns && *track.age_ns < silent_after;
 }
 
-void ReadTrack(const shb_buffer_t *buffer, unsigned channel, shb_kind_t kind, uint64_t silent_after, TrackSample &track) {
+// `earlier`: key frames of the track's writer when it was looked at last.
+void ReadTrack(const shb_buffer_t *buffer, unsigned channel, shb_kind_t kind, uint64_t silent_after, uint64_t &earlier,
+               TrackSample &track) {
     shb_stats_t stats{};
     if (shb_buffer_stats(buffer, channel, 0, kind, &stats) != SHB_OK) {
         return;
     }
     track.frames = stats.total_frames;
     track.bytes = stats.total_bytes;
+    track.left_out = stats.total_left_out;
+    // The buffer counts the key frames of one writer, the sample those of all.
+    track.key_frames +=
+        stats.epoch == track.epoch && stats.key_frames >= earlier ? stats.key_frames - earlier : stats.key_frames;
+    earlier = stats.key_frames;
     track.epoch = stats.epoch;
     track.open = stats.writer_pid != 0;
     track.presence = stats.presence;
@@ -59,46 +66,46 @@ void ReadTrack(const shb_buffer_t *buffer, unsigned channel, shb_kind_t kind, ui
 
 }  // namespace
 
-Source::Source(unsigned channel, const std::string &url, Protocol protocol, shb_buffer_t *buffer)
-    : m_location(url),
-      m_protocol(protocol),
+Source::Source(const SourceConfig &config, unsigned channel, shb_buffer_t *buffer)
+    : m_config(config),
+      m_protocol(ProtocolOf(config.url).value()),
       m_buffer(buffer),
-      m_handle(gst_source_create(TypeOf(protocol), buffer, static_cast<int>(channel), 0)),
-      m_rebuilds(protocol) {
+      m_handle(gst_source_create(TypeOf(m_protocol), buffer, static_cast<int>(channel), 0)),
+      m_rebuilds(m_protocol) {
+    m_sample.name = config.name;
+    m_sample.buffer = shb_name(buffer);
     m_sample.channel = channel;
-    m_sample.url = PublicUrl(url);
-    m_sample.protocol = protocol;
+    m_sample.url = PublicUrl(config.url);
+    m_sample.protocol = m_protocol;
 }
 
-bool Source::Open(const Options &options) {
-    const char *url = m_location.c_str();
-    const char *user = options.user.c_str();
-    const char *password = options.password.c_str();
+bool Source::Open() {
+    const SourceConfig &with = m_config;
+    const char *url = with.url.c_str();
+    const char *user = with.user.c_str();
+    const char *password = with.password.c_str();
     int result = -1;
     switch (m_protocol) {
         case Protocol::kRtsp:
-            result = gst_rtsp_source_open_live_stream(m_handle.get(), url, options.caching, options.rtsp.protocols,
-                                                      options.rtsp.latency, options.rtsp.contimeout, user, password);
+            result = gst_rtsp_source_open_live_stream(m_handle.get(), url, with.caching, with.rtsp.protocols, with.rtsp.latency,
+                                                      with.rtsp.contimeout, user, password);
             break;
         case Protocol::kRtmp:
-            result = gst_rtmp_source_open_live_stream(m_handle.get(), url, options.caching, options.rtmp.contimeout,
-                                                      options.rtmp.idle_timeout, user, password, options.rtmp.token.c_str());
+            result = gst_rtmp_source_open_live_stream(m_handle.get(), url, with.caching, with.rtmp.contimeout,
+                                                      with.rtmp.idle_timeout, user, password, with.rtmp.token.c_str());
             break;
         case Protocol::kSrt:
-            result = gst_srt_source_open_live_stream(m_handle.get(), url, options.caching, options.srt.mode.c_str(),
-                                                     options.srt.streamid.c_str(), options.srt.passphrase.c_str(),
-                                                     options.srt.keylen, options.srt.latency, options.srt.tslatency,
-                                                     options.srt.localaddress.c_str());
+            result = gst_srt_source_open_live_stream(m_handle.get(), url, with.caching, with.srt.mode.c_str(),
+                                                     with.srt.streamid.c_str(), with.srt.passphrase.c_str(), with.srt.keylen,
+                                                     with.srt.latency, with.srt.tslatency, with.srt.localaddress.c_str());
             break;
         case Protocol::kUdp:
-            result =
-                gst_udp_source_open_live_stream(m_handle.get(), url, options.caching, options.udp.ts_latency, options.udp.mtu);
+            result = gst_udp_source_open_live_stream(m_handle.get(), url, with.caching, with.udp.ts_latency, with.udp.mtu);
             break;
         case Protocol::kHls:
-            result =
-                gst_hls_source_open_live_stream(m_handle.get(), url, options.caching, options.hls.islive, options.hls.timeout,
-                                                options.hls.retries, options.hls.proxy.c_str(), options.hls.proxy_id.c_str(),
-                                                options.hls.proxy_pwd.c_str(), options.hls.user_agent.c_str(), user, password);
+            result = gst_hls_source_open_live_stream(m_handle.get(), url, with.caching, with.hls.islive, with.hls.timeout,
+                                                     with.hls.retries, with.hls.proxy.c_str(), with.hls.proxy_id.c_str(),
+                                                     with.hls.proxy_pwd.c_str(), with.hls.user_agent.c_str(), user, password);
             break;
     }
     m_opened = result == 0;
@@ -113,10 +120,10 @@ void Source::Poll() {
         }
     }
     ReadCounters();
-    TellPresence();
+    ReportPresence();
 }
 
-void Source::TellPresence() {
+void Source::ReportPresence() {
     const auto words = m_presence.Look(m_sample.rebuilds, m_sample, PresenceWatch::Clock::now());
     for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
         if (!words[kind]) {
@@ -131,23 +138,23 @@ void Source::TellPresence() {
     }
 }
 
-void Source::Take(const SourceNews &news, bool shared) {
-    // The library's wait between two sessions.
-    constexpr double kWait = 3;
+void Source::Take(const SourceNews &news) {
+    m_endedAt = news.waiting ? std::optional(news.last_at) : std::nullopt;
     m_sample.last_error = news.last;
-    m_sample.retry_in_s.reset();
-    if (news.waiting && !shared) {
-        const std::chrono::duration<double> gone = std::chrono::steady_clock::now() - news.last_at;
-        m_sample.retry_in_s = std::max(0.0, kWait - gone.count());
-    }
-    if (!shared) {
-        m_rebuilds.OnReconnects(news.reconnects);
-    }
+    m_sample.rebuild_reasons = news.reconnect_reasons;
+    m_rebuilds.OnReconnects(news.reconnects);
 }
 
 const SourceSample &Source::Sample() {
     ReadRecords();
     ReadCounters();
+    m_sample.retry_in_s.reset();
+    if (m_endedAt) {
+        // The library's wait between two sessions.
+        constexpr double kWait = 3;
+        const std::chrono::duration<double> gone = std::chrono::steady_clock::now() - *m_endedAt;
+        m_sample.retry_in_s = std::max(0.0, kWait - gone.count());
+    }
     return m_sample;
 }
 
@@ -184,8 +191,8 @@ void Source::ReadRecords() {
 
 void Source::ReadCounters() {
     const uint64_t silent_after = SilentAfter(m_protocol);
-    ReadTrack(m_buffer, m_sample.channel, SHB_VIDEO, silent_after, m_sample.video);
-    ReadTrack(m_buffer, m_sample.channel, SHB_AUDIO, silent_after, m_sample.audio);
+    ReadTrack(m_buffer, m_sample.channel, SHB_VIDEO, silent_after, m_keyFrames[SHB_VIDEO], m_sample.video);
+    ReadTrack(m_buffer, m_sample.channel, SHB_AUDIO, silent_after, m_keyFrames[SHB_AUDIO], m_sample.audio);
     m_rebuilds.OnEpoch(std::max(m_sample.video.epoch, m_sample.audio.epoch));
     m_sample.rebuilds = m_rebuilds.Count();
     const uint64_t frames = m_sample.video.frames + m_sample.audio.frames;

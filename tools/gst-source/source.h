@@ -2,31 +2,35 @@
 // delivered into its channel of the shared buffer.
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "gst_source_api.h"
-#include "options.h"
 #include "presence.h"
 #include "rebuild_counter.h"
 #include "sample.h"
 #include "shb.h"
+#include "source_config.h"
 
 namespace tool {
 
 class Source {
   public:
-    // The buffer must outlive the source.
-    Source(unsigned channel, const std::string &url, Protocol protocol, shb_buffer_t *buffer);
+    // `config` must have a URL that ProtocolOf() knows. The buffer must outlive the source.
+    Source(const SourceConfig &config, unsigned channel, shb_buffer_t *buffer);
 
-    // False when the library refuses; its log tells why.
-    bool Open(const Options &options);
+    // False when the library refuses; its log says why.
+    bool Open();
 
-    // Notes changes of the state, and tells the buffer which track the source does not have. To be called far more often than the 3 s that a rebuild waits.
+    // Notes changes of the state, and says in the buffer which track the source does not have. To be called far more often
+    // than the 3 s that a rebuild waits.
     void Poll();
 
-    // What the log says of this source. `shared`: other sources have the same location.
-    void Take(const SourceNews &news, bool shared);
+    // What the log says of this source.
+    void Take(const SourceNews &news);
 
     const SourceSample &Sample();
     // The counters and the number of rebuilds as of the last Poll(), the rest as of the last Sample().
@@ -37,8 +41,6 @@ class Source {
     // thread as long as nothing else is called meanwhile.
     void Destroy();
 
-    const std::string &Url() const { return m_sample.url; }
-
   private:
     struct Deleter {
         void operator()(void *handle) const { gst_source_destroy(handle); }
@@ -46,16 +48,18 @@ class Source {
 
     void ReadRecords();
     void ReadCounters();
-    void TellPresence();
+    void ReportPresence();
 
-    const std::string m_location;
+    const SourceConfig m_config;
     const Protocol m_protocol;
     shb_buffer_t *const m_buffer;
     std::unique_ptr<void, Deleter> m_handle;
     bool m_opened = false;
+    std::optional<std::chrono::steady_clock::time_point> m_endedAt;  // the session, while the next one has not begun
     RebuildCounter m_rebuilds;
     PresenceWatch m_presence;
     uint64_t m_framesSeen = 0;
+    std::array<uint64_t, 2> m_keyFrames{};  // by shb_kind_t, of the writer in force
     unsigned m_rebuildsAtMedia = 0;
     bool m_hadMedia = false;
     SourceSample m_sample;

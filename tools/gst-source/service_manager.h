@@ -1,0 +1,20 @@
+// What the system's service manager is told, when there is one.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace tool::service_manager {
+
+// All sources have been opened.
+void Ready(const std::string &status);
+// One line for people.
+void Status(const std::string &status);
+void Stopping();
+// To be called several times in every interval that the manager expects.
+void Alive();
+// That interval, when it expects one.
+std::optional<std::chrono::microseconds> WatchdogInterval();
+
+}  // namespace tool::service_manager

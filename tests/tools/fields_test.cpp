@@ -48,7 +48,7 @@ TEST(Fields, NamesAndOrderOfASampleAreAContract) {
                     "video_frames video_bytes video_age_ms video_lost_frames video_discontinuities audio_codec "
                     "audio_sample_rate_hz audio_channels audio_measured_fps audio_bitrate_bps audio_frames "
                     "audio_bytes audio_age_ms audio_lost_frames audio_discontinuities "
-                    "last_error last_error_code last_error_time attempts"));
+                    "last_error last_error_code last_error_time attempts name buffer"));
 }
 
 TEST(Fields, NamesAndOrderOfASummaryAreAContract) {
@@ -56,7 +56,7 @@ TEST(Fields, NamesAndOrderOfASummaryAreAContract) {
               Words("type time elapsed_s source url protocol delivered rebuilds video_codec video_frames video_bytes "
                     "video_dumped_frames video_lost_frames video_discontinuities audio_codec audio_frames "
                     "audio_bytes audio_dumped_frames audio_lost_frames audio_discontinuities "
-                    "last_error last_error_code last_error_time attempts"));
+                    "last_error last_error_code last_error_time attempts name buffer"));
 }
 
 TEST(Fields, WhatIsUnknownIsNull) {

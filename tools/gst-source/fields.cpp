@@ -33,13 +33,17 @@ void AddError(Record &record, const SourceSample &source) {
     record["attempts"] = source.attempts;
 }
 
+// Behind the fields that were there first.
+void AddPlace(Record &record, const SourceSample &source) {
+    record["name"] = source.name;
+    record["buffer"] = source.buffer;
+}
+
 void AddHead(Record &record, const char *type, const RunSample &run, const SourceSample &source, const std::string &time) {
     record["type"] = type;
     record["time"] = time;
     record["elapsed_s"] = Rounded(run.elapsed_s);
     record["source"] = source.channel;
-    record["name"] = source.name;
-    record["buffer"] = source.buffer;
     record["url"] = source.url;
     record["protocol"] = ProtocolName(source.protocol);
 }
@@ -79,6 +83,7 @@ Record SampleRecord(const RunSample &run, const SourceSample &source, const std:
     record["audio_lost_frames"] = Optional(audio.lost_frames);
     record["audio_discontinuities"] = Optional(audio.discontinuities);
     AddError(record, source);
+    AddPlace(record, source);
     return record;
 }
 
@@ -100,6 +105,7 @@ Record SummaryRecord(const RunSample &run, const SourceSample &source, const std
     record["audio_lost_frames"] = Optional(source.audio.lost_frames);
     record["audio_discontinuities"] = Optional(source.audio.discontinuities);
     AddError(record, source);
+    AddPlace(record, source);
     return record;
 }
 

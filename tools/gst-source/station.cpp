@@ -1,5 +1,7 @@
 #include "station.h"
 
+#include <gst/gst.h>
+
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -11,6 +13,16 @@ namespace tool {
 namespace {
 
 using Seconds = std::chrono::duration<double>;
+
+// The framework is initialised once the first source exists.
+void RequireSink() {
+    GstElementFactory *factory = gst_element_factory_find("shbsink");
+    if (factory == nullptr) {
+        throw std::runtime_error(
+            "the GStreamer element \"shbsink\" is missing; GST_PLUGIN_PATH must name the directory of libgstshbsink.so");
+    }
+    gst_object_unref(factory);
+}
 
 // As long as the library waits between two sessions.
 constexpr std::chrono::seconds kRetry{3};
@@ -48,6 +60,9 @@ void Station::Open() {
         Block(error.what(), "full");
         return;
     }
+    // Without it no source of this process would ever play.
+    static const bool sink_is_there = (RequireSink(), true);
+    static_cast<void>(sink_is_there);
     m_source->Take(m_news);
     m_sessionAt = Clock::now();
     m_awaitsFirst = true;

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <string>
+#include <vector>
+
 using namespace tool;
 
 TEST(Format, BitRates) {
@@ -121,4 +125,25 @@ TEST(Format, CutKeepsWholeCharacters) {
     EXPECT_EQ(Cut("\xc3\xa4\xc3\xb6\xc3\xbc\xc3\xa4", 3), "\xc3\xa4..");
     EXPECT_EQ(Cut("hello", 1), ".");
     EXPECT_EQ(Cut("hello", 0), "");
+}
+
+TEST(Format, EscapesGoAndColorsMayStay) {
+    for (const auto &[text, plain, colored] :
+         std::vector<std::array<std::string, 3>>{{"plain\t\xc3\xa4", "plain\t\xc3\xa4", "plain\t\xc3\xa4"},
+                                                 {"\x1b[31;1mred\x1b[m", "red", "\x1b[31;1mred\x1b[m"},
+                                                 {"a\x1b[2Jb\x1b[?25lc", "abc", "abc"},
+                                                 {"a\x1b]0;title\x07"
+                                                  "b\x1b]8;;x\x1b\\c",
+                                                  "abc", "abc"},
+                                                 {"a\x1bPdata\x1b\\b", "ab", "ab"},
+                                                 {"a\x1b(Bb\x1b"
+                                                  "cc",
+                                                  "abc", "abc"},
+                                                 {"a\x1b", "a", "a"},
+                                                 {"a\x1b[31", "a", "a"},
+                                                 {"a\x1b]0;title", "a", "a"},
+                                                 {"a\x1b(", "a", "a"}}) {
+        EXPECT_EQ(StripEscapes(text, false), plain);
+        EXPECT_EQ(StripEscapes(text, true), colored);
+    }
 }

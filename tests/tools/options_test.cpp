@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <map>
 
+#include "command_line.h"
 #include "temp_dir.h"
 #include "words.h"
 
@@ -211,6 +212,28 @@ TEST(Options, WrongCommandLines) {
     EXPECT_TRUE(Contains(Refusal({"udp://h:1", "udp://h:2", "--dump-video", "-"}), "exactly one source"));
     EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--dump-video", "x", "--dump-audio", "x"}), "the same file"));
     EXPECT_TRUE(Contains(Refusal({"udp://h:1", "--credentials", "/nonexistent/file"}), "/nonexistent/file: "));
+}
+
+TEST(Options, SlipsAreGuessed) {
+    EXPECT_EQ(Refusal({"udp://h:1", "--durtion", "5"}), "gst-source: unknown option --durtion; did you mean --duration?\n");
+    EXPECT_EQ(Refusal({"--jsn"}), "gst-source: unknown option --jsn; did you mean --json?\n");
+    EXPECT_EQ(Refusal({"udp://h:1", "--pasword=geheim"}), "gst-source: unknown option --pasword; did you mean --password?\n");
+    EXPECT_EQ(Refusal({"udp://h:1", "-json"}), "gst-source: unknown option -json; did you mean --json?\n");
+    EXPECT_EQ(Refusal({"udp://h:1", "--no-such-flag"}), "gst-source: unknown option --no-such-flag\n");
+    EXPECT_EQ(Refusal({"udp://h:1", "--x"}), "gst-source: unknown option --x\n");
+}
+
+TEST(Options, SuggestionsAreCloseByOrNone) {
+    const std::vector<std::string> names{"caller", "listener", "rendezvous", "cam1"};
+    EXPECT_EQ(Suggestion("Listner", names), "; did you mean listener?");
+    EXPECT_EQ(Suggestion("clalre", names), "; did you mean caller?");
+    EXPECT_EQ(Suggestion("rend", names), "; did you mean rendezvous?");
+    EXPECT_EQ(Suggestion("cam", names), "; did you mean cam1?");
+    EXPECT_EQ(Suggestion("cam11", names), "; did you mean cam1?");
+    for (const char *text : {"", "-", "xy", "server", "caller", "cab2x"}) {
+        EXPECT_EQ(Suggestion(text, names), "") << text;
+    }
+    EXPECT_EQ(Suggestion("anything", {}), "");
 }
 
 TEST(Options, HelpAndVersion) {

@@ -195,6 +195,7 @@ TEST(ReadRun, FailuresAreOneLine) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
         {{"tracks", own.name + "-not"}, own.name + "-not: no shared buffer of this name"},
         {{"read", own.name + "-not"}, own.name + "-not: no shared buffer of this name"},
+        {{"tracks", "x" + own.name}, "x" + own.name + ": no shared buffer of this name; did you mean " + own.name + "?"},
         {{"remove", own.name + "-not"}, own.name + "-not: no shared buffer of this name"},
         {{"read", "a/b"}, "a/b: not a name that a shared buffer can have"},
         {{"read", own.name, "--channel", "1"}, own.name + " has 1 channel of 1 stream, counted from 0"},

@@ -91,6 +91,18 @@ TEST(ViewOptions, Play) {
     EXPECT_NE(Refusal("play camera --timeout 3").find("--timeout"), std::string::npos);
 }
 
+TEST(ViewOptions, SlipsAreGuessed) {
+    EXPECT_EQ(Refusal("recrod cam out.mkv --segment 5m"),
+              "gst-source-read: \"recrod\" is not a command; did you mean record?\n");
+    EXPECT_EQ(Refusal("xyzzy"), "gst-source-read: \"xyzzy\" is not a command; gst-source-read --help tells more\n");
+    EXPECT_EQ(Refusal("record cam out.mkv --segmnt 5m"), "gst-source-read: unknown option --segmnt; did you mean --segment?\n");
+    EXPECT_EQ(Refusal("list --segment 5m"), "gst-source-read: unknown option --segment\n");
+    EXPECT_EQ(Refusal("list more"), "gst-source-read: unexpected argument \"more\"\n");
+    EXPECT_EQ(Refusal("read --kind vidoe"), "gst-source-read: --kind: \"vidoe\" is not video or audio; did you mean video?\n");
+    EXPECT_NE(Refusal("read --format mpegt").find("; did you mean mpegts?"), std::string::npos);
+    EXPECT_NE(Refusal("record cam out.mkv --from oldset").find("; did you mean oldest?"), std::string::npos);
+}
+
 TEST(ViewOptions, Snapshot) {
     const reader::Options plain = Good("snapshot camera picture.jpg");
     EXPECT_EQ(plain.command, reader::Command::kSnapshot);

@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <sstream>
 #include <string_view>
@@ -61,7 +62,77 @@ std::string OneLine(std::string text) {
     return text;
 }
 
+std::string Comparable(std::string text) {
+    text.erase(0, std::min(text.find_first_not_of('-'), text.size()));
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// Letters to put in, take out, replace or swap with their neighbour until one text is the other.
+size_t Distance(const std::string &a, const std::string &b) {
+    std::vector<std::vector<size_t>> steps(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) {
+        for (size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                steps[i][j] = i + j;
+                continue;
+            }
+            const bool same = a[i - 1] == b[j - 1];
+            steps[i][j] = std::min({steps[i - 1][j] + 1, steps[i][j - 1] + 1, steps[i - 1][j - 1] + (same ? 0 : 1)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                steps[i][j] = std::min(steps[i][j], steps[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return steps[a.size()][b.size()];
+}
+
+std::vector<std::string> OptionsOf(const CLI::App &app) {
+    std::vector<std::string> names;
+    for (const CLI::Option *option : app.get_options()) {
+        for (const std::string &name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
+    }
+    return names;
+}
+
+bool IsOption(const std::string &argument) {
+    return argument.size() > 1 && argument.front() == '-';
+}
+
+// Of a command line that the parser has refused.
+std::optional<std::string> UnknownArgument(const CLI::App &app, bool others) {
+    const std::vector<std::string> rest = app.remaining(true);
+    const auto option = std::find_if(rest.begin(), rest.end(), IsOption);
+    if (option == rest.end()) {
+        return rest.empty() || !others ? std::nullopt : std::optional("unexpected argument \"" + rest.front() + "\"");
+    }
+    // A value is nobody's business: it may be a password.
+    const std::string name = option->substr(0, option->find('='));
+    const std::vector<CLI::App *> commands = app.get_subcommands();
+    return "unknown option " + name + Suggestion(name, OptionsOf(commands.empty() ? app : *commands.front()));
+}
+
 }  // namespace
+
+std::string Suggestion(const std::string &text, const std::vector<std::string> &candidates) {
+    constexpr size_t kLettersPerSlip = 3;
+    constexpr size_t kMostSlips = 3;
+    const std::string wanted = Comparable(text);
+    std::string best;
+    size_t least = kMostSlips + 1;
+    for (const std::string &candidate : candidates) {
+        const std::string known = Comparable(candidate);
+        const bool begins = wanted.size() >= kLettersPerSlip && known.compare(0, wanted.size(), wanted) == 0;
+        const size_t distance = begins ? std::min<size_t>(1, known.size() - wanted.size()) : Distance(wanted, known);
+        if (distance < least && distance <= std::min(wanted.size(), known.size()) / kLettersPerSlip) {
+            least = distance;
+            best = candidate;
+        }
+    }
+    return best.empty() || best == text ? "" : "; did you mean " + best + "?";
+}
 
 void Refuse(const std::string &message) {
     throw CLI::ValidationError(message);
@@ -108,7 +179,13 @@ std::optional<ParseEnd> Parse(const CLI::App &app, const std::string &program, c
             app.exit(error, out, err);
             return ParseEnd{kExitOk, out.str(), {}};
         }
-        return ParseEnd{kExitUsage, {}, program + ": " + OneLine(error.what()) + "\n"};
+        // What is missing beside an unknown option may be what that was meant to be. Behind an unknown command
+        // no option is known.
+        const bool extras = dynamic_cast<const CLI::ExtrasError *>(&error) != nullptr;
+        const bool has_commands = !app.get_subcommands([](const CLI::App *) { return true; }).empty();
+        const bool known_command = !has_commands || !app.get_subcommands().empty();
+        const auto unknown = known_command || extras ? UnknownArgument(app, extras) : std::nullopt;
+        return ParseEnd{kExitUsage, {}, program + ": " + OneLine(unknown.value_or(error.what())) + "\n"};
     } catch (const std::exception &error) {
         return ParseEnd{kExitUsage, {}, program + ": " + OneLine(error.what()) + "\n"};
     }

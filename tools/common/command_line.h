@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "parsed.h"
 
@@ -15,6 +16,9 @@ namespace tool {
 
 // Ends the parsing with a message for people.
 [[noreturn]] void Refuse(const std::string &message);
+
+// "; did you mean --duration?" when one of the candidates is hardly different from the text, empty otherwise.
+std::string Suggestion(const std::string &text, const std::vector<std::string> &candidates);
 
 // The whole text as a number of this range; what has a sign, a
 // fraction or an overflow where none may be is refused.

@@ -1,5 +1,6 @@
 #include "record.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
@@ -32,7 +33,9 @@ std::string KeyValueLine(const Record &record) {
             line += "-";
         } else if (value.is_string()) {
             const auto &text = value.get_ref<const std::string &>();
-            const bool plain = !text.empty() && text != "-" && text.find_first_of(" \"\\\t\n") == std::string::npos;
+            const bool plain = !text.empty() && text != "-" && std::none_of(text.begin(), text.end(), [](unsigned char c) {
+                return c <= ' ' || c == '"' || c == '\\' || c == 0x7f;
+            });
             line += plain ? text : value.dump(-1, ' ', false, Record::error_handler_t::replace);
         } else {
             line += value.dump();

@@ -1,5 +1,6 @@
 #include "text.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -32,6 +33,27 @@ std::string Scaled(double value, const char *unit) {
         decimals = value < 9.995 ? 2 : (value < 99.95 ? 1 : 0);
     }
     return Fixed(value, decimals) + " " + kMultiples[multiple] + unit;
+}
+
+// Bytes of the escape sequence at the beginning; one that has no end reaches to that of the text.
+size_t EscapeSize(std::string_view text) {
+    constexpr std::string_view kStringEnd = "\x1b\\";
+    if (text.size() < 2) {
+        return text.size();
+    }
+    if (text[1] == '[') {
+        // Ends at its first letter.
+        const auto *end = std::find_if(text.begin() + 2, text.end(), [](char c) { return c >= '@' && c <= '~'; });
+        return static_cast<size_t>(end - text.begin()) + (end != text.end() ? 1 : 0);
+    }
+    if (std::string_view("]P^_X").find(text[1]) != std::string_view::npos) {
+        // A title or another text, which ends at a bell or at an escape sequence of its own.
+        const size_t bell = std::min(text.find('\a'), text.size());
+        const size_t end = std::min(text.find(kStringEnd, 2), text.size());
+        return std::min(text.size(), bell < end ? bell + 1 : end + kStringEnd.size());
+    }
+    const size_t end = std::min(text.find_first_not_of(" !\"#$%&'()*+,-./", 1), text.size());
+    return std::min(text.size(), end + 1);
 }
 
 bool IsContinuation(char c) {
@@ -117,6 +139,21 @@ std::string Printable(std::string_view text) {
         } else {
             result += text[i];
         }
+    }
+    return result;
+}
+
+std::string StripEscapes(std::string_view text, bool keep_colors) {
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const size_t plain = std::min(text.find('\x1b'), text.size());
+        result += text.substr(0, plain);
+        text.remove_prefix(plain);
+        const std::string_view sequence = text.substr(0, EscapeSize(text));
+        const bool color = sequence.size() > 2 && sequence[1] == '[' && sequence.back() == 'm';
+        result += keep_colors && color ? sequence : std::string_view();
+        text.remove_prefix(sequence.size());
     }
     return result;
 }

@@ -20,6 +20,9 @@ std::string Count(uint64_t number, const char *one, const char *many);  // "1 fr
 // Without escape sequences and other control characters, which would move the cursor of a terminal.
 std::string Printable(std::string_view text);
 
+// Without escape sequences, as terminals read them; `keep_colors` leaves those that only choose colours.
+std::string StripEscapes(std::string_view text, bool keep_colors);
+
 // Columns that a printable UTF-8 text takes, one a character.
 size_t Columns(std::string_view text);
 

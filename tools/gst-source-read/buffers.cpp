@@ -3,11 +3,13 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
 
+#include "command_line.h"
 #include "text.h"
 
 namespace reader {
@@ -26,6 +28,24 @@ std::string Reason(int result) {
     }
 }
 
+namespace {
+
+// "; did you mean cam1?" when a live buffer is called something like it.
+std::string SimilarName(const std::string &name) {
+    std::vector<std::string> names;
+    try {
+        for (const shb_info_t &info : ListBuffers()) {
+            if (info.alive != 0) {
+                names.push_back(NameOf(info));
+            }
+        }
+    } catch (const std::runtime_error &) {  // NOLINT(bugprone-empty-catch): the first failure is what counts
+    }
+    return tool::Suggestion(name.substr(std::min(name.find_first_not_of('/'), name.size())), names);
+}
+
+}  // namespace
+
 std::string AttachReason(const std::string &name, int result) {
     const bool refused = result == SHB_ERR_SYSTEM && errno == EACCES;
     const std::string reason = Reason(result);
@@ -34,7 +54,7 @@ std::string AttachReason(const std::string &name, int result) {
     if (refused && stat(path.c_str(), &file) == 0) {
         return name + ": it belongs to " + UserName(file.st_uid) + " and is not for this user";
     }
-    return name + ": " + reason;
+    return name + ": " + reason + (result == SHB_ERR_NOT_FOUND ? SimilarName(name) : "");
 }
 
 std::vector<shb_info_t> ListBuffers() {

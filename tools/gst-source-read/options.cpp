@@ -28,10 +28,12 @@ Value ParseWord(const std::string &flag, const std::string &text, const std::vec
         return known->second;
     }
     std::string list;
+    std::vector<std::string> names;
     for (size_t i = 0; i < words.size(); ++i) {
         list += (i == 0 ? "" : (i + 1 == words.size() ? " or " : ", ")) + std::string(words[i].first);
+        names.emplace_back(words[i].first);
     }
-    tool::Refuse(flag + ": \"" + text + "\" is not " + list);
+    tool::Refuse(flag + ": \"" + text + "\" is not " + list + tool::Suggestion(text, names));
 }
 
 class CommandLine {
@@ -87,8 +89,9 @@ class CommandLine {
             m_app.parse(std::move(arguments));
         } catch (const CLI::RequiredError &) {
             const bool wrong = !first.empty() && first.front() != '-';
+            const std::string suggestion = wrong ? tool::Suggestion(first, CommandNames()) : "";
             tool::Refuse((wrong ? "\"" + first + "\" is not a command" : "no command given") +
-                         "; gst-source-read --help tells more");
+                         (suggestion.empty() ? "; gst-source-read --help tells more" : suggestion));
         }
         if (m_options.command == Command::kRemove && m_options.name.empty()) {
             tool::Refuse("remove: no NAME given");
@@ -111,6 +114,14 @@ class CommandLine {
         sub->formatter(tool::MakeHelpFormatter(std::string(kProgram) + " " + usage));
         sub->callback([this, command] { m_options.command = command; });
         return sub;
+    }
+
+    std::vector<std::string> CommandNames() const {
+        std::vector<std::string> names;
+        for (const CLI::App *command : m_app.get_subcommands([](const CLI::App *) { return true; })) {
+            names.push_back(command->get_name());
+        }
+        return names;
     }
 
     void CheckRead() {
@@ -175,15 +186,16 @@ class CommandLine {
         Name(sub);
         Source(sub);
         sub->add_option("OUT", m_options.output)->group("");
-        Value(sub, "--format", "CONTAINER",
-              "mpegts or mkv: video and audio together, for a player behind a pipe, on standard output; --kind takes one alone",
-              [this](const std::string &text) {
-                  const Container *container = ContainerNamed(text);
-                  if (container == nullptr || !container->streamable) {
-                      tool::Refuse("--format: \"" + text + "\" is not mpegts or mkv");
-                  }
-                  m_options.format = container->name;
-              });
+        Value(
+            sub, "--format", "CONTAINER",
+            "mpegts or mkv: video and audio together, for a player behind a pipe, on standard output; --kind takes one alone",
+            [this](const std::string &text) {
+                const Container *container = ContainerNamed(text);
+                if (container == nullptr || !container->streamable) {
+                    tool::Refuse("--format: \"" + text + "\" is not mpegts or mkv" + tool::Suggestion(text, {"mpegts", "mkv"}));
+                }
+                m_options.format = container->name;
+            });
         Value(sub, "--kind", "KIND", "video or audio", [this](const std::string &text) {
             m_options.kind = ParseWord<shb_kind_t>("--kind", text, {{"video", SHB_VIDEO}, {"audio", SHB_AUDIO}});
             m_options.kind_given = true;

@@ -11,7 +11,7 @@ std::string ParseFrom(const std::string &flag, const std::string &text) {
     }
     const std::string wrong = flag + ": \"" + text + "\" is not key, newest, oldest, or how far back, such as -10s";
     if (text.size() < 2 || text.front() != '-') {
-        tool::Refuse(wrong);
+        tool::Refuse(wrong + tool::Suggestion(text, {"key", "newest", "oldest"}));
     }
     constexpr int64_t kNsPerMs = 1'000'000;
     const int64_t back = tool::ParseTime(flag, text.substr(1));

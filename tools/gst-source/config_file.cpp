@@ -258,7 +258,7 @@ class Reader {
                 }
             } else if (name == "log_level") {
                 const auto text = TextOf(name, node);
-                Try(place, [&] { service.log_level = text ? ParseLogLevel(name, *text) : std::string(); });
+                Try(place, [&] { service.log_level = text ? CheckedLogLevel(name, *text) : std::string(); });
             } else if (name == "close_timeout") {
                 const auto text = NumberOf(name, node, false);
                 Try(place, [&] { service.close_timeout = text ? std::optional(ParseSeconds(name, *text)) : std::nullopt; });

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace tool {
@@ -18,8 +19,8 @@ constexpr size_t kFirstCapacity = size_t{256} * 1024;
 
 }  // namespace
 
-Dump::Dump(shb_map_t *map, unsigned channel, shb_kind_t kind, const std::string &path, int standard_output)
-    : m_channel(channel), m_kind(kind), m_path(path) {
+Dump::Dump(shb_map_t *map, unsigned channel, shb_kind_t kind, const std::string &path, int standard_output, const FrameTap *tap)
+    : m_channel(channel), m_kind(kind), m_path(path), m_tap(tap) {
     if (path == "-") {
         m_target = standard_output;
     } else {
@@ -64,6 +65,9 @@ void Dump::Run() {
         shb_frame_t frame{};
         const int result = shb_reader_read(m_reader.get(), data.data(), data.size(), finishing ? 0 : kReadMs, &frame);
         if (result == SHB_OK) {
+            if (!IsWanted(frame, finishing)) {
+                return;
+            }
             m_lost.fetch_add(frame.lost);
             // The first frame of an epoch follows nothing that it could have a gap to.
             if ((frame.flags & SHB_FRAME_DISCONT) != 0 && frame.sequence > 0) {
@@ -84,6 +88,24 @@ void Dump::Run() {
             return;
         } else if (finishing) {
             return;
+        }
+    }
+}
+
+// False once the frames are over that the tap counts.
+bool Dump::IsWanted(const shb_frame_t &frame, bool finishing) {
+    if (m_tap == nullptr) {
+        return true;
+    }
+    const uint64_t number = m_frames.load() + m_lost.load() + frame.lost;
+    for (;;) {
+        const FrameTap::Verdict verdict = m_tap->Judge(m_kind, number, std::chrono::milliseconds(kReadMs));
+        if (verdict != FrameTap::Verdict::kUnknown) {
+            return verdict == FrameTap::Verdict::kWithin;
+        }
+        // A tap that goes on counting has the last word, but nobody waits for it at the end.
+        if (std::exchange(finishing, m_finish.load())) {
+            return false;
         }
     }
 }

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "fd.h"
+#include "frame_tap.h"
 #include "sample.h"
 #include "shb.h"
 
@@ -16,8 +17,10 @@ namespace tool {
 class Dump {
   public:
     // Opens the file and starts reading on a thread of its own. `map` must outlive the dump.
-    // `standard_output`: where a path of "-" goes. Throws std::runtime_error with a message for people.
-    Dump(shb_map_t *map, unsigned channel, shb_kind_t kind, const std::string &path, int standard_output);
+    // `standard_output`: where a path of "-" goes. `tap`, which must outlive the dump: only the frames that it
+    // counts are written. Throws std::runtime_error with a message for people.
+    Dump(shb_map_t *map, unsigned channel, shb_kind_t kind, const std::string &path, int standard_output,
+         const FrameTap *tap = nullptr);
     ~Dump();
     Dump(const Dump &) = delete;
     Dump &operator=(const Dump &) = delete;
@@ -35,7 +38,8 @@ class Dump {
     // fault. To be read after Failed() or Finish().
     const std::string &Error() const { return m_error; }
 
-    // Writes what the buffer still holds and ends the thread. The track's writer should have been closed.
+    // Writes what the buffer still holds and ends the thread. The track's writer should have been closed, and
+    // the tap finished.
     void Finish();
 
   private:
@@ -44,11 +48,13 @@ class Dump {
     };
 
     void Run();
+    bool IsWanted(const shb_frame_t &frame, bool finishing);
     bool Write(const uint8_t *data, size_t size);
 
     const unsigned m_channel;
     const shb_kind_t m_kind;
     const std::string m_path;
+    const FrameTap *const m_tap;
     Fd m_file;
     int m_target = -1;
     std::unique_ptr<shb_reader_t, CloseReader> m_reader;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,9 @@
 #include <system_error>
 
 #include "emergency.h"
+#include "reason.h"
+#include "screen.h"
+#include "text.h"
 
 namespace tool {
 namespace {
@@ -19,10 +23,28 @@ namespace {
 constexpr size_t kLongestLine = size_t{64} * 1024;
 constexpr int kPipeSize = 1024 * 1024;
 
+bool SameFile(int a, int b) {
+    struct stat file_a {};
+    struct stat file_b {};
+    return fstat(a, &file_a) == 0 && fstat(b, &file_b) == 0 && file_a.st_dev == file_b.st_dev && file_a.st_ino == file_b.st_ino;
+}
+
+// The reasons of a failure are shown whatever level the library gives them.
+bool IsOfNote(const std::string &line, LogLevel level, LogLevel least) {
+    if (level <= least) {
+        return true;
+    }
+    const auto reason = ParseReasonLine(line);
+    return reason && (reason->reason.ends || least >= LogLevel::kWarning);
+}
+
 }  // namespace
 
-LogCapture::LogCapture(int target, bool with_errors, Masker masker, std::function<void(const std::string &)> on_line)
+LogCapture::LogCapture(int target, bool with_errors, Masker masker, std::function<void(const std::string &)> on_line,
+                       LogPolicy policy)
     : m_target(target),
+      m_form(IsJournal(target) ? Form::kJournal : (isatty(target) != 0 && ColorsAllowed() ? Form::kColored : Form::kPlain)),
+      m_policy(policy),
       m_masker(std::move(masker)),
       m_withErrors(with_errors),
       m_onLine(std::move(on_line)),
@@ -33,6 +55,7 @@ LogCapture::LogCapture(int target, bool with_errors, Masker masker, std::functio
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe");
     }
+    m_remember = target < 0 || !SameFile(target, m_savedErr.Get());
     m_pipeRead = Fd(ends[0]);
     const Fd write_end(ends[1]);
     // The library does not wait for room. Where the system allows less, the pipe keeps its size.
@@ -86,7 +109,7 @@ void LogCapture::Read() {
         }
     }
     if (!m_partial.empty()) {
-        HandOut(std::move(m_partial));
+        HandOut(m_partial);
     }
 }
 
@@ -103,21 +126,41 @@ void LogCapture::TakeIn(const char *data, size_t size) {
     }
 }
 
-void LogCapture::HandOut(std::string line) {
-    line = m_masker.Mask(std::move(line));
-    if (m_target >= 0) {
-        WriteAll(m_target, line + "\n");
+void LogCapture::HandOut(const std::string &line) {
+    std::string plain = m_masker.Mask(StripEscapes(line, false));
+    const LogLevel level = LevelOf(plain);
+    if (m_target >= 0 && level <= m_policy.to_target) {
+        WriteToTarget(line, plain, level);
     }
-    emergency::RememberLine(line);
+    if (m_remember) {
+        emergency::RememberLine(plain);
+    }
     if (m_onLine) {
-        m_onLine(line);
+        m_onLine(plain);
     }
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_kept.push_back(std::move(line));
-    if (m_kept.size() > kKept) {
-        m_kept.pop_front();
+    if (IsOfNote(plain, level, m_policy.to_table)) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_kept.push_back(std::move(plain));
+        if (m_kept.size() > kKept) {
+            m_kept.pop_front();
+        }
+        m_noted.fetch_add(1);
     }
     m_lines.fetch_add(1);
+}
+
+void LogCapture::WriteToTarget(const std::string &line, const std::string &plain, LogLevel level) const {
+    switch (m_form) {
+        case Form::kPlain:
+            WriteAll(m_target, plain + "\n");
+            break;
+        case Form::kColored:
+            WriteAll(m_target, m_masker.Mask(StripEscapes(line, true)) + "\n");
+            break;
+        case Form::kJournal:
+            WriteAll(m_target, std::string(JournalPrefix(level)) + WithoutStamp(plain) + "\n");
+            break;
+    }
 }
 
 }  // namespace tool

@@ -301,7 +301,7 @@ class CommandLine {
         m_app.add_flag("-v,--verbose", m_options.verbose, "the whole log, under the table as well")->group(m_group);
         m_app
             .add_option_function<std::string>(
-                "--log-level", [this](const std::string &text) { m_options.log_level = ParseLogLevel("--log-level", text); },
+                "--log-level", [this](const std::string &text) { m_options.log_level = CheckedLogLevel("--log-level", text); },
                 "the lowest level of the log that is shown: error, warning, info or debug; default info, under the table "
                 "warning")
             ->type_name("LEVEL")
@@ -441,7 +441,7 @@ ParseResult ParseOptions(int argc, const char *const *argv, const Environment &e
     return result;
 }
 
-std::string ParseLogLevel(const std::string &flag, const std::string &text) {
+std::string CheckedLogLevel(const std::string &flag, const std::string &text) {
     for (const char *level : {"error", "warning", "info", "debug"}) {
         if (text == level) {
             return text;

@@ -50,7 +50,7 @@ using Environment = std::function<const char *(const char *)>;
 ParseResult ParseOptions(int argc, const char *const *argv, const Environment &environment);
 
 // "error", "warning", "info" or "debug". Throws std::runtime_error with a message for people.
-std::string ParseLogLevel(const std::string &label, const std::string &text);
+std::string CheckedLogLevel(const std::string &label, const std::string &text);
 
 // The sources of the command line, each named by its channel.
 std::vector<SourceConfig> SourcesOf(const Options &options);

@@ -103,6 +103,8 @@ void shb_info_from_header(const char *full, shb_header_t *header, const struct s
  * one time namespace.
  */
 uint64_t shb_identity_self(void);
+/* In a forked child, which is another process. */
+void shb_identity_forget(void);
 pid_t shb_identity_pid(uint64_t identity);
 bool shb_identity_alive(uint64_t identity);
 

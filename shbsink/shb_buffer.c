@@ -63,7 +63,7 @@ static bool enter_in_registry(shb_buffer_t *buffer) {
         registry_room = room;
     }
     size_t place = place_in_registry(buffer);
-    memmove(registry + place + 1, registry + place, (registered - place) * sizeof *registry);
+    memmove(registry + place + 1, registry + place, (registered - place) * sizeof(shb_buffer_t *));
     registry[place] = buffer;
     registered++;
     return true;
@@ -75,7 +75,7 @@ static bool take_from_registry(const shb_buffer_t *buffer) {
     if (!is_registered(buffer, place))
         return false;
     registered--;
-    memmove(registry + place, registry + place + 1, (registered - place) * sizeof *registry);
+    memmove(registry + place, registry + place + 1, (registered - place) * sizeof(shb_buffer_t *));
     if (registered == 0) {
         free(registry);
         registry = NULL;
@@ -217,6 +217,7 @@ static int make_waiters(shb_buffer_t *buffer, uint64_t token) {
         header->pid_ns = buffer->origin.pid_ns;
         header->time_ns = buffer->origin.time_ns;
         header->token = token;
+        shb_reader_table_init(shb_reader_table_at(&buffer->places, buffer->waiters));
         result = publish(fd, buffer->waiters_path);
     }
     drop_file(buffer->places.waiters_bytes, fd, result == SHB_OK ? MAP_FAILED : buffer->waiters);
@@ -458,6 +459,21 @@ int shb_buffer_description(const shb_buffer_t *buffer, uint32_t channel, uint32_
         shb_give_struct(out, &description, sizeof description);
     shb_buffer_drop(held);
     return result;
+}
+
+int shb_buffer_readers(const shb_buffer_t *buffer, shb_reader_info_t *out, size_t capacity, size_t *count) {
+    if (count == NULL || (capacity > 0 && (out == NULL || !shb_can_give(out, sizeof *out))))
+        return SHB_ERR_ARG;
+    shb_buffer_t *held = shb_buffer_hold(buffer);
+    if (held == NULL)
+        return SHB_ERR_ARG;
+    const shb_reader_list_t list = {.places = &held->places,
+                                    .base = held->base,
+                                    .table = shb_reader_table_at(&held->places, held->waiters),
+                                    .now = shb_now_ns()};
+    *count = shb_reader_list(&list, out, capacity);
+    shb_buffer_drop(held);
+    return SHB_OK;
 }
 
 int shb_set_presence(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_presence_t presence) {

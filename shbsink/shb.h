@@ -49,7 +49,7 @@ extern "C" {
 
 /* Version of this header; shb_version() has that of the library in use. */
 #define SHB_VERSION_MAJOR 2
-#define SHB_VERSION_MINOR 0
+#define SHB_VERSION_MINOR 1
 #define SHB_VERSION_PATCH 0
 #define SHB_VERSION_NUMBER (SHB_VERSION_MAJOR << 16 | SHB_VERSION_MINOR << 8 | SHB_VERSION_PATCH)
 
@@ -202,6 +202,25 @@ typedef struct shb_reader_stats {
     uint64_t offered;
 } shb_reader_stats_t;
 
+/*
+ * A reader, as shb_buffer_readers and shb_map_readers find it. Readers write this themselves, where any process of
+ * the creator's user may write: figures for people and for monitoring, and nothing to rely on. Since 2.1.
+ */
+typedef struct shb_reader_info {
+    SHB_SIZED(struct shb_reader_info);
+    int32_t pid;         /* process that reads, in its own PID namespace */
+    int32_t pid_is_ours; /* 1: pid means the same to the caller; 0: another PID namespace */
+    shb_kind_t kind;
+    uint32_t channel, stream;
+    uint64_t frames, bytes;  /* as in shb_reader_stats_t, as of its last frame */
+    uint64_t lost, left_out; /* the same */
+    uint64_t waiting;        /* frames written that it has not read yet */
+    /* Times go by the creator's heartbeat, four times a second. */
+    uint64_t open_ns;          /* since it was opened */
+    uint64_t last_read_age_ns; /* since its last frame, SHB_TIME_NONE: it has had none */
+    char program[16];          /* name of the program, NUL-terminated printable ASCII */
+} shb_reader_info_t;
+
 /* A buffer of this machine, as shb_list and shb_map_info find it. */
 typedef struct shb_info {
     SHB_SIZED(struct shb_info);
@@ -276,6 +295,15 @@ SHB_API int shb_buffer_description(const shb_buffer_t *buffer, uint32_t channel,
  * it EXPECTED by itself. Readers find it in shb_stats_t. Any thread. Errors: ARG.
  */
 SHB_API int shb_set_presence(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_presence_t presence);
+
+/*
+ * Lists who reads the buffer now, in the creator's process. Up to `capacity` entries are filled in; *count: how many
+ * there are. out[0].struct_size is the size of each entry. out may be null with capacity 0. Not listed are readers
+ * of other users than the creator's (root is), those of libraries before 2.1, and of more than 64 readers those
+ * that came last. A reader that was killed is not listed any more; one in another PID namespace for up to a minute.
+ * Asks the system about each process. Any thread. Errors: ARG. Since 2.1.
+ */
+SHB_API int shb_buffer_readers(const shb_buffer_t *buffer, shb_reader_info_t *out, size_t capacity, size_t *count);
 
 /*
  * Stall watch, off (0) unless set: when an open track that has carried data gets none for `ms` milliseconds (at
@@ -358,6 +386,12 @@ SHB_API int shb_map_description(const shb_map_t *map, uint32_t channel, uint32_t
  */
 SHB_API int shb_map_codec_data(const shb_map_t *map, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_description_t *out,
                                void *data, size_t capacity, size_t *size);
+
+/*
+ * The same as shb_buffer_readers for a buffer of the caller's own user. Errors: ARG; CORRUPT; NOT_FOUND: this user
+ * may not know who reads, or the creator's library is older than 2.1. Since 2.1.
+ */
+SHB_API int shb_map_readers(const shb_map_t *map, shb_reader_info_t *out, size_t capacity, size_t *count);
 
 /* Where a new reader starts. */
 typedef enum shb_start {

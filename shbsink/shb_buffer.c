@@ -19,11 +19,14 @@
 #include <unistd.h>
 
 /*
- * Every buffer of this process. The pointer travels through a host and an element property before it comes back
- * here, so it is looked up and never followed before it has been found.
+ * Every buffer of this process, in the order of their addresses. The pointer travels through a host and an element
+ * property before it comes back here, so it is looked up and never followed before it has been found. A host of
+ * hundreds of buffers looks up each of them many times a second.
  */
 static pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
-static shb_buffer_t *registry;
+static shb_buffer_t **registry;
+static size_t registered;
+static size_t registry_room;
 
 void shb_registry_lock(void) {
     pthread_mutex_lock(&registry_lock);
@@ -33,15 +36,62 @@ void shb_registry_unlock(void) {
     pthread_mutex_unlock(&registry_lock);
 }
 
+/* Where the buffer stands, or would stand. Under the lock, as the next ones. */
+static size_t place_in_registry(const shb_buffer_t *buffer) {
+    size_t low = 0, high = registered;
+    while (low < high) {
+        size_t middle = low + (high - low) / 2;
+        if ((uintptr_t)registry[middle] < (uintptr_t)buffer)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    return low;
+}
+
+static bool is_registered(const shb_buffer_t *buffer, size_t place) {
+    return place < registered && registry[place] == buffer;
+}
+
+static bool enter_in_registry(shb_buffer_t *buffer) {
+    if (registered == registry_room) {
+        size_t room = registry_room == 0 ? 16 : registry_room * 2;
+        shb_buffer_t **more = realloc(registry, room * sizeof(shb_buffer_t *));
+        if (more == NULL)
+            return false;
+        registry = more;
+        registry_room = room;
+    }
+    size_t place = place_in_registry(buffer);
+    memmove(registry + place + 1, registry + place, (registered - place) * sizeof(shb_buffer_t *));
+    registry[place] = buffer;
+    registered++;
+    return true;
+}
+
+/* False when it is not there. */
+static bool take_from_registry(const shb_buffer_t *buffer) {
+    size_t place = place_in_registry(buffer);
+    if (!is_registered(buffer, place))
+        return false;
+    registered--;
+    memmove(registry + place, registry + place + 1, (registered - place) * sizeof(shb_buffer_t *));
+    if (registered == 0) {
+        free(registry);
+        registry = NULL;
+        registry_room = 0;
+    }
+    return true;
+}
+
 shb_buffer_t *shb_buffer_hold(const shb_buffer_t *buffer) {
     pthread_mutex_lock(&registry_lock);
-    shb_buffer_t *at = registry;
-    while (at != NULL && at != buffer)
-        at = at->next;
-    if (at != NULL)
-        at->holds++;
+    size_t place = place_in_registry(buffer);
+    shb_buffer_t *found = is_registered(buffer, place) ? registry[place] : NULL;
+    if (found != NULL)
+        found->holds++;
     pthread_mutex_unlock(&registry_lock);
-    return at;
+    return found;
 }
 
 void shb_buffer_drop(shb_buffer_t *buffer) {
@@ -167,6 +217,7 @@ static int make_waiters(shb_buffer_t *buffer, uint64_t token) {
         header->pid_ns = buffer->origin.pid_ns;
         header->time_ns = buffer->origin.time_ns;
         header->token = token;
+        shb_reader_table_init(shb_reader_table_at(&buffer->places, buffer->waiters));
         result = publish(fd, buffer->waiters_path);
     }
     drop_file(buffer->places.waiters_bytes, fd, result == SHB_OK ? MAP_FAILED : buffer->waiters);
@@ -277,19 +328,21 @@ int shb_create_with(const char *name, const shb_geometry_t *geometry, const shb_
         free(buffer);
         return result;
     }
-    result = shb_pulse_add_buffer(buffer);
+    pthread_mutex_lock(&registry_lock);
+    bool entered = enter_in_registry(buffer);
+    pthread_mutex_unlock(&registry_lock);
+    result = entered ? shb_pulse_add_buffer(buffer) : SHB_ERR_SYSTEM;
     if (result != SHB_OK) {
         int saved = errno;
+        pthread_mutex_lock(&registry_lock);
+        take_from_registry(buffer);
+        pthread_mutex_unlock(&registry_lock);
         remove_files(buffer);
         shb_buffer_drop(buffer);
         errno = saved;
         return result;
     }
     shb_sweep_waiters(full);
-    pthread_mutex_lock(&registry_lock);
-    buffer->next = registry;
-    registry = buffer;
-    pthread_mutex_unlock(&registry_lock);
     *out = buffer;
     return SHB_OK;
 }
@@ -315,12 +368,7 @@ void shb_destroy(shb_buffer_t *buffer) {
     if (buffer == NULL)
         return;
     pthread_mutex_lock(&registry_lock);
-    shb_buffer_t **at = &registry;
-    while (*at != NULL && *at != buffer)
-        at = &(*at)->next;
-    bool known = *at != NULL;
-    if (known)
-        *at = buffer->next;
+    bool known = take_from_registry(buffer);
     pthread_mutex_unlock(&registry_lock);
     if (!known)
         return;
@@ -411,6 +459,21 @@ int shb_buffer_description(const shb_buffer_t *buffer, uint32_t channel, uint32_
         shb_give_struct(out, &description, sizeof description);
     shb_buffer_drop(held);
     return result;
+}
+
+int shb_buffer_readers(const shb_buffer_t *buffer, shb_reader_info_t *out, size_t capacity, size_t *count) {
+    if (count == NULL || (capacity > 0 && (out == NULL || !shb_can_give(out, sizeof *out))))
+        return SHB_ERR_ARG;
+    shb_buffer_t *held = shb_buffer_hold(buffer);
+    if (held == NULL)
+        return SHB_ERR_ARG;
+    const shb_reader_list_t list = {.places = &held->places,
+                                    .base = held->base,
+                                    .table = shb_reader_table_at(&held->places, held->waiters),
+                                    .now = shb_now_ns()};
+    *count = shb_reader_list(&list, out, capacity);
+    shb_buffer_drop(held);
+    return SHB_OK;
 }
 
 int shb_set_presence(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_presence_t presence) {

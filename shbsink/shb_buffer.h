@@ -29,7 +29,6 @@ struct shb_connection {
 };
 
 struct shb_buffer {
-    shb_buffer_t *next;        /* registry, under its lock */
     shb_buffer_t *next_pulsed; /* buffers with a heartbeat, under the lock of the pulse */
     unsigned holds;            /* 1 for the creator and 1 per open writer, under the registry's lock: the last one unmaps */
     char name[SHB_NAME_MAX + 2];

@@ -43,7 +43,8 @@ typedef struct shb_places {
     shb_geometry_t geometry;
     uint64_t track_bytes[2]; /* per kind: track head, descriptors, payload, rounded to pages */
     uint64_t total_bytes;
-    uint64_t waiters_bytes; /* of the file of waiters */
+    uint64_t words_bytes;   /* of the file of waiters, without the table of readers */
+    uint64_t waiters_bytes; /* with it */
     uint64_t tracks;        /* their number */
 } shb_places_t;
 
@@ -68,6 +69,23 @@ void shb_track_by_number(const shb_places_t *places, void *base, uint64_t number
 int shb_check_header(const shb_header_t *header, uint64_t mapped, shb_places_t *out);
 /* Words of the track in a mapping of the file of waiters. */
 shb_waiters_t *shb_waiters_at(void *base, uint64_t track);
+
+/* ---- Readers that are listed (shb_readers.c) ------------------------------------------------------------------------- */
+
+/* The table in a mapping of the file of waiters that has one. */
+shb_reader_table_t *shb_reader_table_at(const shb_places_t *places, void *waiters);
+void shb_reader_table_init(shb_reader_table_t *table);
+bool shb_reader_table_is_sound(const shb_reader_table_t *table);
+
+typedef struct shb_reader_list {
+    const shb_places_t *places;
+    void *base; /* of the buffer */
+    shb_reader_table_t *table;
+    uint64_t now; /* by the creator's clock */
+} shb_reader_list_t;
+
+/* Fills in up to `capacity` of them; how many there are. Slots of processes that have ended are made free. */
+size_t shb_reader_list(const shb_reader_list_t *list, shb_reader_info_t *out, size_t capacity);
 
 /* ---- Names ----------------------------------------------------------------------------------------------------------- */
 
@@ -103,6 +121,8 @@ void shb_info_from_header(const char *full, shb_header_t *header, const struct s
  * one time namespace.
  */
 uint64_t shb_identity_self(void);
+/* In a forked child, which is another process. */
+void shb_identity_forget(void);
 pid_t shb_identity_pid(uint64_t identity);
 bool shb_identity_alive(uint64_t identity);
 

@@ -120,7 +120,8 @@ bool shb_places_from_geometry(const shb_geometry_t *geometry, shb_places_t *out)
     uint64_t pairs = (uint64_t)g.channels * g.streams;
     out->total_bytes = SHB_PAGE_BYTES + pairs * (out->track_bytes[SHB_VIDEO] + out->track_bytes[SHB_AUDIO]);
     out->tracks = pairs * 2;
-    out->waiters_bytes = sizeof(shb_waiters_header_t) + out->tracks * sizeof(shb_waiters_t);
+    out->words_bytes = sizeof(shb_waiters_header_t) + out->tracks * sizeof(shb_waiters_t);
+    out->waiters_bytes = out->words_bytes + sizeof(shb_reader_table_t);
     return out->total_bytes <= (uint64_t)PTRDIFF_MAX;
 }
 

@@ -25,7 +25,8 @@
 
 #define SHB_LAYOUT_MAGIC UINT64_C(0x3155425242485321) /* "!SHBRBU1" */
 #define SHB_LAYOUT_VERSION 3u
-#define SHB_WAITERS_MAGIC UINT64_C(0x3152455449415721) /* "!WAITER1" */
+#define SHB_WAITERS_MAGIC UINT64_C(0x3152455449415721)      /* "!WAITER1" */
+#define SHB_READER_TABLE_MAGIC UINT64_C(0x3152454441455221) /* "!READER1" */
 
 #define SHB_PAGE_BYTES 4096u
 #define SHB_LINE_BYTES UINT64_C(64)
@@ -79,6 +80,8 @@ typedef struct shb_header {
  * there: whoever may map the word that somebody sleeps on may also take that sleeper away. It is the one thing
  * that readers write, holds nothing but hints, and never holds up a writer: `waiting` costs it one system call,
  * after which it is 0 again. It is also what is locked while a buffer is removed.
+ *
+ * The words of the tracks follow, and behind them the table of readers, which creators before 2.1 do not have.
  */
 typedef struct shb_waiters_header {
     uint64_t magic;
@@ -97,6 +100,40 @@ typedef struct shb_waiters {
     SHB_ATOMIC(uint32_t) waiting; /* 1: somebody sleeps, or is about to, until `wake` changes */
     uint32_t reserved[14];
 } shb_waiters_t;
+
+/*
+ * One reader, in its own words. `claim` is the identity of its process, 0: free; one whose process has ended is
+ * free as well. Times are heartbeats of the creator.
+ */
+typedef struct shb_reader_slot {
+    /* line 0: what changes when a reader comes or goes */
+    SHB_ATOMIC(uint64_t) claim;
+    SHB_ATOMIC(uint64_t) track; /* number + 1, 0 while the slot is being filled in */
+    SHB_ATOMIC(uint64_t) pid_ns;
+    SHB_ATOMIC(uint64_t) time_ns;
+    SHB_ATOMIC(uint64_t) opened_ns;
+    SHB_ATOMIC(uint64_t) program[2]; /* NUL-terminated text */
+    uint64_t reserved0;
+    /* line 1: what changes with each frame */
+    SHB_ATOMIC(uint64_t) frames;
+    SHB_ATOMIC(uint64_t) bytes;
+    SHB_ATOMIC(uint64_t) lost;
+    SHB_ATOMIC(uint64_t) left_out;
+    SHB_ATOMIC(uint64_t) due;     /* index of the frame that comes next if nothing is lost */
+    SHB_ATOMIC(uint64_t) read_ns; /* when the last frame was read, 0: none yet */
+    SHB_ATOMIC(uint64_t) seen_ns; /* when the reader looked last */
+    uint64_t reserved1;
+} shb_reader_slot_t;
+
+#define SHB_READER_SLOTS 64u
+
+typedef struct shb_reader_table {
+    uint64_t magic;
+    uint32_t slots;
+    uint32_t slot_bytes;
+    uint64_t reserved[6];
+    shb_reader_slot_t slot[SHB_READER_SLOTS];
+} shb_reader_table_t;
 
 /*
  * What goes over the socket "+TOKEN" of the buffer (seqpacket): a reader that wants to be woken sends this, and
@@ -205,6 +242,9 @@ SHB_V3(sizeof(shb_waiters_header_t) == SHB_LINE_BYTES);
 SHB_V3(offsetof(shb_waiters_header_t, token) == 32);
 SHB_V3(offsetof(shb_waiters_header_t, pid_ns) == 40);
 SHB_V3(sizeof(shb_waiters_t) == SHB_LINE_BYTES);
+SHB_V3(sizeof(shb_reader_slot_t) == 2 * SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_reader_slot_t, frames) == SHB_LINE_BYTES);
+SHB_V3(offsetof(shb_reader_table_t, slot) == SHB_LINE_BYTES);
 SHB_V3(sizeof(shb_call_t) == 16);
 SHB_V3(offsetof(shb_description_slot_t, words) == SHB_LINE_BYTES);
 SHB_V3(offsetof(shb_description_slot_t, codec_data) == 4 * SHB_LINE_BYTES);

@@ -76,12 +76,28 @@ static uint64_t identity_of(pid_t pid, uint64_t start) {
     return start << IDENTITY_PID_BITS | ((uint64_t)pid & ((UINT64_C(1) << IDENTITY_PID_BITS) - 1));
 }
 
+/* 0: not asked yet in this process. */
+static SHB_ATOMIC(uint64_t) own_identity;
+
+void shb_identity_forget(void) {
+    atomic_store_explicit(&own_identity, 0, memory_order_relaxed);
+}
+
+/*
+ * Asked once: a host that runs out of descriptors later could not read its start time again, and would no longer
+ * know its own tracks. The id is compared because a child that was made without fork() has its parent's memory.
+ */
 uint64_t shb_identity_self(void) {
+    const pid_t pid = getpid();
+    uint64_t known = atomic_load_explicit(&own_identity, memory_order_relaxed);
+    if (known != 0 && shb_identity_pid(known) == pid)
+        return known;
     uint64_t start = 0;
     /* Without /proc the start time stays 0, which stands for "by id only". */
-    if (process_start_time(getpid(), &start) != PROCESS_THERE)
-        start = 0;
-    return identity_of(getpid(), start);
+    if (process_start_time(pid, &start) != PROCESS_THERE)
+        return identity_of(pid, 0);
+    atomic_store_explicit(&own_identity, identity_of(pid, start), memory_order_relaxed);
+    return identity_of(pid, start);
 }
 
 pid_t shb_identity_pid(uint64_t identity) {

@@ -48,6 +48,7 @@ static void after_fork(void) {
  * locks that its parent took before the fork.
  */
 static void forget_all(void) {
+    shb_identity_forget();
     pthread_cond_init(&changed, NULL);
     for (shb_buffer_t *at = buffers; at != NULL; at = at->next_pulsed)
         shb_bell_forget(at);

@@ -27,14 +27,20 @@ static void attach_waiters(shb_map_t *map) {
     if (file < 0)
         return;
     /* One of another user's could be cut short by him. */
+    const shb_places_t *places = &map->places;
     if (fstat(file, &opened) == 0 && S_ISREG(opened.st_mode) && opened.st_uid == map->owner &&
-        (uint64_t)opened.st_size == map->places.waiters_bytes &&
-        pread(file, &header, sizeof header, 0) == (ssize_t)sizeof header && header.magic == SHB_WAITERS_MAGIC &&
-        header.version == SHB_LAYOUT_VERSION && header.token == map->base->token) {
-        void *base = mmap(NULL, (size_t)map->places.waiters_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+        (uint64_t)opened.st_size >= places->words_bytes && pread(file, &header, sizeof header, 0) == (ssize_t)sizeof header &&
+        header.magic == SHB_WAITERS_MAGIC && header.version == SHB_LAYOUT_VERSION && header.token == map->base->token) {
+        /* A creator of another version may have no table of readers there, or something else. */
+        bool whole = (uint64_t)opened.st_size >= places->waiters_bytes;
+        size_t bytes = (size_t)(whole ? places->waiters_bytes : places->words_bytes);
+        void *base = mmap(NULL, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
         if (base != MAP_FAILED) {
             map->waiters = base;
-            map->guarded[1] = shb_guard_add(base, (size_t)map->places.waiters_bytes, &map->damaged);
+            map->waiters_bytes = bytes;
+            map->guarded[1] = shb_guard_add(base, bytes, &map->damaged);
+            if (whole && shb_reader_table_is_sound(shb_reader_table_at(places, base)))
+                map->table = shb_reader_table_at(places, base);
         }
     }
     close(file);
@@ -71,7 +77,7 @@ static void drop_map(shb_map_t *map) {
     if (map->base != NULL)
         munmap(map->base, map->bytes);
     if (map->waiters != NULL)
-        munmap(map->waiters, (size_t)map->places.waiters_bytes);
+        munmap(map->waiters, map->waiters_bytes);
     free(map);
 }
 
@@ -95,10 +101,10 @@ int shb_attach_with(const char *name, const shb_attach_options_t *options, shb_m
         result = map_file(map, fd, &wanted);
         int saved = errno;
         if (result == SHB_OK) {
-            const shb_origin_t self = shb_origin_self();
+            map->self = shb_origin_self();
             map->origin = shb_origin_of(map->base);
             map->near = shb_origin_is_near(&map->origin);
-            map->same_time = map->origin.time_ns == self.time_ns;
+            map->same_time = map->origin.time_ns == map->self.time_ns;
             attach_waiters(map);
             *out = map;
         } else {
@@ -190,6 +196,19 @@ int shb_map_description(const shb_map_t *map, uint32_t channel, uint32_t stream,
     if (result == SHB_OK)
         shb_give_struct(out, &description, sizeof description);
     return result;
+}
+
+int shb_map_readers(const shb_map_t *map, shb_reader_info_t *out, size_t capacity, size_t *count) {
+    if (map == NULL || count == NULL || (capacity > 0 && (out == NULL || !shb_can_give(out, sizeof *out))))
+        return SHB_ERR_ARG;
+    if (map->table == NULL)
+        return SHB_ERR_NOT_FOUND;
+    const shb_reader_list_t list = {.places = &map->places, .base = map->base, .table = map->table, .now = shb_map_now(map)};
+    size_t found = shb_reader_list(&list, out, capacity);
+    if (is_damaged(map))
+        return SHB_ERR_CORRUPT;
+    *count = found;
+    return SHB_OK;
 }
 
 /* Hands codec data out. */
@@ -297,6 +316,7 @@ int shb_reader_open(shb_map_t *map, uint32_t channel, uint32_t stream, shb_kind_
         reader->has_left_out = true;
     }
     atomic_fetch_add_explicit(&map->holds, 1, memory_order_relaxed);
+    shb_reader_enter(reader);
     *out = reader;
     return SHB_OK;
 }
@@ -307,6 +327,7 @@ void shb_reader_close(shb_reader_t *reader) {
     if (reader->set != NULL)
         shb_set_remove(reader->set, reader);
     shb_call_end(reader);
+    shb_reader_leave(reader);
     drop_map(reader->map);
     free(reader);
 }
@@ -322,6 +343,7 @@ static bool creator_gone(shb_reader_t *reader) {
         return true;
     uint64_t now = shb_now_ns();
     uint64_t beat = atomic_load_explicit(&map->base->heartbeat_ns, memory_order_relaxed);
+    shb_reader_show_life(reader, beat);
     if (reader->beat_at == 0 || beat != reader->beat) {
         uint64_t age = shb_heartbeat_age(map->base);
         reader->beat = beat;
@@ -437,6 +459,7 @@ static void move_on(shb_reader_t *reader, const shb_frame_t *frame) {
     reader->delivered = true;
     reader->has_epoch = true;
     reader->epoch = frame->epoch;
+    shb_reader_show_frame(reader);
 }
 
 uint64_t shb_deadline(int timeout_ms) {

@@ -19,14 +19,17 @@ struct shb_map {
     size_t bytes;
     shb_places_t places;
     shb_origin_t origin;
-    bool near;      /* the creator's process id means the same here */
-    bool same_time; /* so does its CLOCK_MONOTONIC */
+    shb_origin_t self; /* of the process that attached it */
+    bool near;         /* the creator's process id means the same here */
+    bool same_time;    /* so does its CLOCK_MONOTONIC */
     uid_t owner;
     gid_t group;
     mode_t mode;
     dev_t device;
     ino_t inode;
     void *waiters;              /* null when they may not be written */
+    size_t waiters_bytes;       /* of that mapping */
+    shb_reader_table_t *table;  /* null when there is none */
     SHB_ATOMIC(unsigned) holds; /* 1 until it is detached, and 1 per open reader: the last one unmaps */
     SHB_ATOMIC(bool) damaged;   /* a part of the file is gone: what is read there is zeros */
     void *guarded[2];           /* of the buffer and of the waiters, null: not guarded */
@@ -63,6 +66,9 @@ struct shb_reader {
     bool watched;       /* the descriptor of the set looks at it */
     bool called;        /* a call is under way */
     uint64_t linked_ns; /* when a connection was last tried, 0: never */
+    /* In the table of readers. */
+    shb_reader_slot_t *slot; /* null: not listed */
+    uint64_t slot_claim;
     shb_set_t *set;
     shb_reader_t *next_in_set;
     bool borrowed; /* frame `next` is in the caller's hands, and these are its values */
@@ -94,6 +100,14 @@ int shb_look(shb_reader_t *reader);
 
 /* Now, by the creator's CLOCK_MONOTONIC. */
 uint64_t shb_map_now(const shb_map_t *map);
+
+/* The reader's entry in the table of readers (shb_readers.c). */
+void shb_reader_enter(shb_reader_t *reader);
+void shb_reader_leave(shb_reader_t *reader);
+/* A frame has been delivered. */
+void shb_reader_show_frame(shb_reader_t *reader);
+/* It has looked and found nothing; `beat`: the creator's last heartbeat. */
+void shb_reader_show_life(shb_reader_t *reader, uint64_t beat);
 
 /* The reader's side of the sockets (shb_call.c). */
 /* Asks to be woken as soon as there is a frame behind those that the reader has seen; false: nobody will. */

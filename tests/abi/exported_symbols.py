@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """A library's dynamic symbol table holds the interface, each function under its version, and nothing else.
 
-    exported_symbols.py LIBRARY VERSION [HEADER]    the functions are those of the header, without one those of libgst_source
+    exported_symbols.py LIBRARY VERSION [HEADER [LATER=FUNCTION,...]...]
+
+The functions are those of the header, without one those of libgst_source. Those that came later have a version of their own.
 """
 
 import re
@@ -19,9 +21,11 @@ EXPECTED = set(re.findall(r"^SHB_API [^(]*?(\w+)\(", Path(sys.argv[3]).read_text
 }
 
 assert EXPECTED
+later = dict(argument.split("=") for argument in sys.argv[4:])
+version_of = {name: version for version, names in later.items() for name in names.split(",")}
 lines = subprocess.run(["nm", "-D", "--defined-only", LIBRARY], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()
 symbols = {line.split()[-1] for line in lines if line.split()[-2] != "A"}
 versions = {line.split()[-1].split("@")[0] for line in lines if line.split()[-2] == "A"}
-expected = {f"{name}@@{VERSION}" for name in EXPECTED}
+expected = {f"{name}@@{version_of.get(name, VERSION)}" for name in EXPECTED}
 assert symbols == expected, f"missing {expected - symbols}, too many {symbols - expected}"
-assert versions == {VERSION}, versions
+assert versions == {VERSION, *later}, versions

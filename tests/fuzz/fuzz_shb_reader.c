@@ -150,7 +150,9 @@ static shb_map_t *attach_image(bool with_waiters) {
     map->near = shb_origin_is_near(&map->origin);
     map->same_time = map->origin.time_ns == self.time_ns;
     map->owner = geteuid();
+    map->self = self;
     map->waiters = with_waiters ? waiters : NULL;
+    map->table = with_waiters ? shb_reader_table_at(&sound_places, waiters) : NULL;
     const int result = shb_check_header(map->base, map->bytes, &map->places);
     DEMAND(result == SHB_OK || result == SHB_ERR_VERSION || result == SHB_ERR_CORRUPT);
     if (result == SHB_OK)
@@ -163,6 +165,18 @@ static void check_frame(const shb_frame_t *frame, size_t most) {
     DEMAND(frame->size > 0 && frame->size <= most);
     DEMAND(frame->epoch != 0);
     DEMAND(frame->lost_before <= frame->lost && frame->lost - frame->lost_before <= frame->sequence);
+}
+
+static void try_readers(const shb_map_t *map) {
+    shb_reader_info_t few[8];
+    size_t count = 0;
+    few[0].struct_size = sizeof few[0];
+    if (shb_map_readers(map, few, 8, &count) != SHB_OK)
+        return;
+    DEMAND(count <= SHB_READER_SLOTS);
+    for (size_t i = 0; i < count && i < 8; i++)
+        DEMAND(few[i].channel < map->places.geometry.channels && few[i].stream < map->places.geometry.streams &&
+               memchr(few[i].program, 0, sizeof few[i].program) != NULL);
 }
 
 static void check_description(int result, const shb_description_t *description) {
@@ -348,6 +362,7 @@ static void operate(shb_map_t *map, stand_t *stand, size_t slot) {
         default:
             DEMAND(shb_map_info(map, &info) == SHB_OK);
             (void)shb_map_alive(map);
+            try_readers(map);
             return;
     }
 }

@@ -112,6 +112,36 @@ shb_info_t InfoOf(const std::string &name) {
 
 }  // namespace
 
+TEST_P(ShbContainers, AReaderOutThereIsListed) {
+    const Buffer buffer = Create(name, SmallGeometry());
+    ASSERT_TRUE(buffer);
+    Child child([&] {
+        meeting->result = Contained([this] {
+            const Map map = Attach(name);
+            const Reader reader = OpenReader(map, SHB_START_NEWEST);
+            meeting->made = 1;
+            while (meeting->stop == 0)
+                Read(reader, 10);
+            return 0;
+        });
+        return 0;
+    });
+    ASSERT_TRUE(Eventually([&] { return IsThere(); }));
+    if (HasNoRight())
+        GTEST_SKIP() << "no right to such namespaces";
+    shb_reader_info_t info{};
+    size_t count = 0;
+    ASSERT_EQ(SHB_OK, shb_buffer_readers(buffer.get(), &info, 1, &count));
+    EXPECT_EQ(1u, count);
+    const bool same = (GetParam().kinds & CLONE_NEWPID) == 0;
+    EXPECT_EQ(same, info.pid_is_ours != 0);
+    EXPECT_EQ(same ? meeting->inner.load() : 1, info.pid);
+    meeting->stop = 1;
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ(SHB_OK, shb_buffer_readers(buffer.get(), nullptr, 0, &count));
+    EXPECT_EQ(0u, count);
+}
+
 TEST_P(ShbContainers, ACreatorOutThereIsAlive) {
     Child creator([&] { return CreateOutThere(); });
     ASSERT_TRUE(Eventually([&] { return IsThere(); }));

@@ -95,6 +95,28 @@ TEST(ShbHost, ALimitOfFileSizesIsNoSignal) {
     EXPECT_EQ(0, child.Wait());
 }
 
+// A source that connects again closes its track and opens it anew.
+TEST(ShbHost, ATrackChangesHandsWithoutADescriptorLeft) {
+    const std::string name = UniqueName();
+    Child child([&] {
+        const Buffer buffer = Create(name, SmallGeometry());
+        Writer writer = OpenWriter(buffer);
+        rlimit limit{};
+        limit.rlim_cur = limit.rlim_max = 0;
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0 || open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0)
+            return 1;
+        shb_stats_t stats{};
+        writer.reset();
+        if (shb_buffer_stats(buffer.get(), 0, 0, SHB_VIDEO, &stats) != SHB_OK || stats.writer_pid != 0)
+            return 2;
+        int result = SHB_ERR_ARG;
+        writer = OpenWriter(buffer, SHB_VIDEO, &result);
+        return -result;
+    });
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_TRUE(FilesOf(name).empty());
+}
+
 TEST(ShbHost, WhatWasAskedForAndWhatThereIs) {
     uint64_t needed = 0, available = 0;
     ASSERT_EQ(SHB_OK, shb_room(nullptr, &needed, &available));

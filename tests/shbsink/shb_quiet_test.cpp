@@ -149,3 +149,82 @@ TEST(ShbQuiet, OnlyAHeartThatStandsStillIsAskedAbout) {
         GTEST_SKIP() << "no right to filter system calls";
     EXPECT_EQ(SIGSYS, signal);
 }
+
+namespace {
+
+// What a host asks about its buffer again and again.
+bool LookAtBuffer(const Buffer &buffer, pid_t writer) {
+    shb_stats_t stats{};
+    shb_description_t description{};
+    shb_geometry_t geometry{};
+    return shb_buffer_stats(buffer.get(), 0, 0, SHB_VIDEO, &stats) == SHB_OK && stats.writer_pid == writer &&
+           shb_buffer_stats(buffer.get(), 0, 0, SHB_AUDIO, &stats) == SHB_OK && stats.writer_pid == 0 &&
+           shb_buffer_description(buffer.get(), 0, 0, SHB_VIDEO, &description) == SHB_OK &&
+           shb_get_geometry(buffer.get(), &geometry) == SHB_OK;
+}
+
+int LookInSilence(const Buffer &buffer, pid_t writer) {
+    if (!LookAtBuffer(buffer, writer))
+        return kWrong;
+    if (!ForbidSystemCalls())
+        return kNoRight;
+    for (int i = 0; i < 1000; i++)
+        if (!LookAtBuffer(buffer, writer))
+            return EndWith(kWrong);
+    return EndWith(kSilent);
+}
+
+Writer OpenDescribedWriter(const Buffer &buffer) {
+    Writer writer = OpenWriter(buffer);
+    shb_description_t description{};
+    description.width = 320;
+    shb_writer_describe(writer.get(), &description, nullptr, 0);
+    return writer;
+}
+
+}  // namespace
+
+TEST(ShbQuiet, AHostThatLooksAtItsBufferMakesNoSystemCall) {
+    const std::string name = UniqueName();
+    Child host([&] {
+        const Buffer buffer = Create(name, SmallGeometry());
+        const Writer writer = OpenDescribedWriter(buffer);
+        return LookInSilence(buffer, getpid());
+    });
+    const int code = host.Wait();
+    if (code == kNoRight)
+        GTEST_SKIP() << "no right to filter system calls";
+    EXPECT_EQ(kSilent, code) << "it made one";
+    EXPECT_EQ(SHB_OK, shb_remove(name.c_str(), 0));
+}
+
+// The writer is the creator's process there as well, and not its own.
+TEST(ShbQuiet, AForkedChildThatLooksAtItsParentsBufferMakesNoSystemCall) {
+    const Buffer buffer = Create(UniqueName(), SmallGeometry());
+    const Writer writer = OpenDescribedWriter(buffer);
+    const pid_t parent = getpid();
+    Child child([&] { return LookInSilence(buffer, parent); });
+    const int code = child.Wait();
+    if (code == kNoRight)
+        GTEST_SKIP() << "no right to filter system calls";
+    EXPECT_EQ(kSilent, code) << "it made one";
+}
+
+// The counterpart: a writer in another process has to be asked about.
+TEST(ShbQuiet, OnlyAWriterOfAnotherProcessIsAskedAbout) {
+    const Buffer buffer = Create(UniqueName(), SmallGeometry());
+    Pipe opened;
+    Child other([&] {
+        const Writer writer = OpenDescribedWriter(buffer);
+        opened.Signal();
+        pause();
+        return 0;
+    });
+    ASSERT_TRUE(opened.Await());
+    Child child([&] { return LookInSilence(buffer, other.Id()); });
+    siginfo_t info{};
+    ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child.Id()), &info, WEXITED | WNOWAIT));
+    if (info.si_code == CLD_EXITED && info.si_status == kNoRight)
+        GTEST_SKIP() << "no right to filter system calls";
+    EXPECT_EQ(SIGSYS, child.WaitSignal());
+}

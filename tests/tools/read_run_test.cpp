@@ -7,12 +7,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 
 #include "run_support.h"
 #include "shb_support.h"
@@ -301,6 +304,33 @@ TEST(ReadRun, AFileThatIsCutShortIsNoCrash) {
     }
 }
 
+TEST(ReadRun, ListTellsWhoReadsAndWhatTheyLost) {
+    const OwnBuffer own("readers");
+    EXPECT_EQ(Listed(own.name)["readers"], Json::array());
+    const shbtest::Map map = shbtest::Attach(own.name);
+    const shbtest::Reader reader = shbtest::OpenReader(map, SHB_START_OLDEST);
+    EXPECT_TRUE(Listed(own.name)["readers"][0]["age_ms"].is_null());
+    own.Write(1, 0, 20);
+    ASSERT_EQ(shbtest::Read(reader).result, SHB_OK);
+    const Json readers = Listed(own.name)["readers"];
+    ASSERT_EQ(readers.size(), 1u);
+    ExpectFields(readers[0], {{"pid", getpid()}, {"pid_here", true}, {"channel", 0}, {"stream", 0}, {"kind", "video"}});
+    ExpectFields(readers[0],
+                 {{"frames", 1}, {"bytes", 100}, {"lost_frames", 4}, {"left_out_frames", 0}, {"waiting_frames", 15}});
+    EXPECT_EQ(readers[0]["program"], std::string(program_invocation_short_name).substr(0, 15));
+    EXPECT_TRUE(readers[0]["age_ms"].is_number() && readers[0]["open_ms"].is_number());
+
+    Child table(Reading({"list"}));
+    EXPECT_EQ(table.Wait(), 0);
+    const std::vector<std::string> lines = Lines(table.Out());
+    const auto line = std::find_if(lines.begin(), lines.end(), [&own](const auto &one) { return one.rfind(own.name, 0) == 0; });
+    ASSERT_NE(line, lines.end());
+    std::istringstream words(*line);
+    const std::vector<std::string> cells{std::istream_iterator<std::string>(words), {}};
+    ASSERT_GE(cells.size(), 3u);
+    EXPECT_EQ(std::vector<std::string>(cells.end() - 3, cells.end() - 1), (std::vector<std::string>{"1", "4"}));
+}
+
 TEST(ReadRun, ListTellsOfOtherVersions) {
     const OwnBuffer own("version");
     std::string header = ReadAll("/dev/shm/" + own.name).substr(0, 4096);
@@ -312,7 +342,8 @@ TEST(ReadRun, ListTellsOfOtherVersions) {
     const Json record = Listed(name);
     ASSERT_TRUE(record.is_object());
     ExpectFields(record, {{"layout_version", 99}, {"state", "alive"}, {"creator_pid", getpid()}});
-    for (const char *unknown : {"heartbeat_age_ms", "total_bytes", "channels", "streams", "video_bytes", "audio_frames"}) {
+    for (const char *unknown :
+         {"heartbeat_age_ms", "total_bytes", "channels", "streams", "video_bytes", "audio_frames", "readers"}) {
         EXPECT_TRUE(record[unknown].is_null()) << unknown;
     }
     Child child(Reading({"tracks", name}));

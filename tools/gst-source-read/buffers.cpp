@@ -157,6 +157,26 @@ shb_info_t InfoOf(const shb_map_t *map) {
     return info;
 }
 
+std::optional<std::vector<shb_reader_info_t>> ReadersOf(const shb_info_t &info) {
+    shb_map_t *attached = nullptr;
+    if (info.alive == 0 || shb_attach(info.name, &attached) != SHB_OK) {
+        return std::nullopt;
+    }
+    const Map map(attached);
+    std::vector<shb_reader_info_t> readers(1);
+    for (;;) {
+        size_t count = 0;
+        if (shb_map_readers(map.get(), readers.data(), readers.size(), &count) != SHB_OK) {
+            return std::nullopt;
+        }
+        if (count <= readers.size()) {
+            readers.resize(count);
+            return readers;
+        }
+        readers.resize(count);
+    }
+}
+
 const char *StateOf(const shb_info_t &info) {
     constexpr uint64_t kLongSilence = 2'000'000'000;
     if (info.alive == 0) {

@@ -39,6 +39,8 @@ void CheckTrack(const shb_map_t *map, const std::string &name, uint32_t channel,
 void CheckKinds(const shb_map_t *map, const std::string &name, uint32_t channel, uint32_t stream,
                 const std::array<bool, 2> &wanted);
 shb_info_t InfoOf(const shb_map_t *map);
+// Nothing where this user may not know. Throws nothing.
+std::optional<std::vector<shb_reader_info_t>> ReadersOf(const shb_info_t &info);
 
 // "alive", "stopped" when its creator lives and shows no sign of it, "stale" when the creator has gone.
 const char *StateOf(const shb_info_t &info);

@@ -1,6 +1,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
 
 #include "buffers.h"
 #include "commands.h"
@@ -25,6 +27,25 @@ std::string ModeText(uint32_t mode) {
     return text;
 }
 
+tool::Record ReaderRecord(const shb_reader_info_t &reader) {
+    tool::Record record;
+    record["pid"] = reader.pid;
+    record["pid_here"] = reader.pid_is_ours != 0;
+    record["program"] = reader.program;
+    record["channel"] = reader.channel;
+    record["stream"] = reader.stream;
+    record["kind"] = KindName(reader.kind);
+    record["frames"] = reader.frames;
+    record["bytes"] = reader.bytes;
+    record["lost_frames"] = reader.lost;
+    record["left_out_frames"] = reader.left_out;
+    record["waiting_frames"] = reader.waiting;
+    record["open_ms"] = reader.open_ns / kNsPerMs;
+    record["age_ms"] =
+        reader.last_read_age_ns == SHB_TIME_NONE ? tool::Record(nullptr) : tool::Record(reader.last_read_age_ns / kNsPerMs);
+    return record;
+}
+
 tool::Record BufferRecord(const shb_info_t &info) {
     const shb_geometry_t &geometry = info.geometry;
     tool::Record record;
@@ -46,6 +67,11 @@ tool::Record BufferRecord(const shb_info_t &info) {
     record["video_frames"] = tool::NumberOrNull(geometry.video_frames);
     record["audio_bytes"] = tool::NumberOrNull(geometry.audio_bytes);
     record["audio_frames"] = tool::NumberOrNull(geometry.audio_frames);
+    record["readers"] = nullptr;
+    if (const auto readers = ReadersOf(info)) {
+        record["readers"] = tool::Record::array();
+        std::transform(readers->begin(), readers->end(), std::back_inserter(record["readers"]), ReaderRecord);
+    }
     return record;
 }
 
@@ -67,6 +93,8 @@ tool::Row BufferRow(const shb_info_t &info) {
                   "-",
                   "-",
                   "-",
+                  "-",
+                  "-",
                   std::to_string(info.version)};
     if (Readable(info)) {
         const shb_geometry_t &geometry = info.geometry;
@@ -74,6 +102,12 @@ tool::Row BufferRow(const shb_info_t &info) {
         row[6] = std::to_string(geometry.channels) + " x " + std::to_string(geometry.streams);
         row[7] = TrackSize(geometry.video_bytes, geometry.video_frames);
         row[8] = TrackSize(geometry.audio_bytes, geometry.audio_frames);
+    }
+    if (const auto readers = ReadersOf(info)) {
+        const uint64_t lost = std::accumulate(readers->begin(), readers->end(), uint64_t{0},
+                                              [](uint64_t sum, const auto &reader) { return sum + reader.lost; });
+        row[9] = std::to_string(readers->size());
+        row[10] = std::to_string(lost);
     }
     return row;
 }
@@ -91,9 +125,9 @@ int RunList(const Options &options) {
         Complain("no shared buffers on this machine");
     } else {
         static const std::vector<tool::ColumnStyle> styles{
-            {"NAME", false, 0, 100},    {"STATE", false, 0, 90}, {"OWNER", false, 0, 65}, {"CREATOR", true, 0, 80},
-            {"HEARTBEAT", true, 0, 60}, {"SIZE", true, 0, 70},   {"TRACKS", true, 0, 50}, {"VIDEO", true, 0, 40},
-            {"AUDIO", true, 0, 30},     {"VERSION", true, 0, 20}};
+            {"NAME", false, 0, 100},    {"STATE", false, 0, 90},  {"OWNER", false, 0, 65}, {"CREATOR", true, 0, 80},
+            {"HEARTBEAT", true, 0, 60}, {"SIZE", true, 0, 70},    {"TRACKS", true, 0, 50}, {"VIDEO", true, 0, 40},
+            {"AUDIO", true, 0, 30},     {"READERS", true, 0, 55}, {"LOST", true, 0, 54},   {"VERSION", true, 0, 20}};
         std::vector<tool::Row> rows(buffers.size());
         std::transform(buffers.begin(), buffers.end(), rows.begin(), BufferRow);
         const size_t width = isatty(STDOUT_FILENO) != 0 ? tool::WindowOf(STDOUT_FILENO).columns : tool::Layout::kAnyWidth;

@@ -1,7 +1,6 @@
 // What the tool concludes from the states and counters of a source.
 #include <gtest/gtest.h>
 
-#include "frame_goal.h"
 #include "presence.h"
 #include "rebuild_counter.h"
 
@@ -43,33 +42,6 @@ TEST(RebuildCounter, LogTellsOfSessionsThatFailAtOnce) {
     EXPECT_EQ(counter.Count(), 5u);
     counter.OnReconnects(4);
     EXPECT_EQ(counter.Count(), 5u);
-}
-
-class FrameGoalTest : public ::testing::Test {
-  protected:
-    FrameGoal m_goal{10};
-    SourceSample m_sample;
-    FrameGoal::Clock::time_point m_now;
-};
-
-TEST_F(FrameGoalTest, CountsVideo) {
-    m_sample.video.frames = 9;
-    m_sample.audio.frames = 1000;
-    EXPECT_FALSE(m_goal.Reached(m_sample, m_now));
-    m_sample.video.frames = 10;
-    EXPECT_TRUE(m_goal.Reached(m_sample, m_now));
-}
-
-TEST_F(FrameGoalTest, CountsAudioOnlyWhenNoVideoFollows) {
-    m_sample.audio.frames = 10;
-    EXPECT_FALSE(m_goal.Reached(m_sample, m_now));
-    m_now += std::chrono::seconds(1);
-    EXPECT_FALSE(m_goal.Reached(m_sample, m_now));
-    m_now += std::chrono::seconds(1);
-    EXPECT_TRUE(m_goal.Reached(m_sample, m_now));
-    // A video track that was opened will bring frames.
-    m_sample.video.epoch = 1;
-    EXPECT_FALSE(m_goal.Reached(m_sample, m_now));
 }
 
 class PresenceWatchTest : public ::testing::Test {

@@ -83,7 +83,8 @@ class Reader {
             } else if (name == "service" || name == "defaults") {
                 At(key.source(), name + " is a table: [" + name + "]");
             } else {
-                At(key.source(), "unknown table or key \"" + name + "\"; there are [service], [defaults] and [[source]]");
+                At(key.source(), "unknown table or key \"" + name + "\"" + Suggestion(name, {"service", "defaults", "source"}) +
+                                     "; there are [service], [defaults] and [[source]]");
             }
         }
         if (defaults != nullptr) {
@@ -392,7 +393,9 @@ class Reader {
     }
 
     void Unknown(const toml::key &key, const std::vector<std::string> &known, const std::string &place) {
-        At(key.source(), "unknown option \"" + std::string(key.str()) + "\" of " + place + "; known are " + QuotedNames(known));
+        const std::string nearest = Suggestion(std::string(key.str()), known);
+        At(key.source(), "unknown option \"" + std::string(key.str()) + "\" of " + place +
+                             (nearest.empty() ? "; known are " + QuotedNames(known) : nearest));
     }
 
     // Defaults were looked at where they stand: their mistakes are not repeated for every source.
@@ -455,8 +458,13 @@ class Reader {
             At(node->source(), PublicUrl(config.url) + ": not a stream URL; known are " + std::string(kSchemes));
             return std::nullopt;
         }
+        if (const auto mistake = UrlMistake(config.url)) {
+            At(node->source(), *mistake);
+            return protocol;
+        }
+        config.url = NormalisedUrl(config.url);
         for (const auto &[url, line] : m_urls) {
-            if (url == config.url) {
+            if (SamePlace(url, config.url)) {
                 At(node->source(), "the same stream as the source of line " + std::to_string(line) +
                                        "; one source has as many readers as are wanted");
                 return protocol;

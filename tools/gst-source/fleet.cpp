@@ -29,7 +29,7 @@ void Fleet::Introduce(const SourceConfig &config) {
     m_news.Add(config.name, m_masker.Mask(config.url));
 }
 
-void Fleet::OpenTogether(const std::vector<SourceConfig> &sources, const std::string &buffer) {
+void Fleet::Share(const std::vector<SourceConfig> &sources, const std::string &buffer) {
     const auto shared = std::make_shared<SharedBuffer>(buffer, static_cast<unsigned>(sources.size()), sources.front().memory);
     double stall_watch = 0;
     for (const SourceConfig &source : sources) {
@@ -40,9 +40,6 @@ void Fleet::OpenTogether(const std::vector<SourceConfig> &sources, const std::st
     }
     // One buffer has one time: the longest, so that no source is ended too early.
     shared->SetStallWatch(stall_watch);
-    for (const auto &station : m_stations) {
-        station->Open();
-    }
 }
 
 Fleet::Changes Fleet::Apply(const std::vector<SourceConfig> &wanted) {

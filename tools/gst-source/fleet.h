@@ -36,8 +36,8 @@ class Fleet {
     Fleet(const Fleet &) = delete;
     Fleet &operator=(const Fleet &) = delete;
 
-    // All sources in one buffer, each with a channel of its own. Once, and then no Apply().
-    void OpenTogether(const std::vector<SourceConfig> &sources, const std::string &buffer);
+    // All sources in one buffer, each with a channel of its own. Opened by the first Tick(). Once, and then no Apply().
+    void Share(const std::vector<SourceConfig> &sources, const std::string &buffer);
 
     // Makes the sources those of the list, each with a buffer of its own. What stays the same is not touched; a source with
     // other options keeps its buffer, and with it its readers. May be called again and again.

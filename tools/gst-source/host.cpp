@@ -14,7 +14,6 @@
 #include <cstring>
 #include <deque>
 #include <future>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -29,9 +28,10 @@
 #include "fd.h"
 #include "fleet.h"
 #include "format.h"
-#include "frame_goal.h"
+#include "frame_tap.h"
 #include "interrupts.h"
 #include "log_capture.h"
+#include "log_level.h"
 #include "missing.h"
 #include "process_sample.h"
 #include "reason.h"
@@ -39,6 +39,7 @@
 #include "secrets.h"
 #include "service.h"
 #include "service_manager.h"
+#include "udp_port.h"
 #include "view_records.h"
 #include "view_table.h"
 
@@ -128,12 +129,13 @@ class Host : private Service {
     void MakeLog();
     bool FindRoom();
     void MakeSources();
-    void MakeDumps();
+    void MakeReaders();
+    void FinishReaders();
     void MakeView();
     void MakeControl();
     End Watch();
     void Wait(Clock::time_point until) const;
-    bool GoalsReached(Clock::time_point now);
+    bool GoalsReached() const;
     void ServeOthers(Clock::time_point now);
     ControlAnswer ReadFileAgain();
     ControlAnswer AskForReload();
@@ -164,6 +166,7 @@ class Host : private Service {
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<Fleet> m_fleet;
     Map m_map;
+    std::vector<std::unique_ptr<FrameTap>> m_taps;  // by channel
     std::vector<std::unique_ptr<Dump>> m_dumps;
     std::unique_ptr<View> m_view;
 
@@ -176,7 +179,6 @@ class Host : private Service {
     const Fd m_wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     std::unique_ptr<ControlServer> m_control;
 
-    std::map<std::string, FrameGoal> m_goals;
     std::vector<std::string> m_errors;
     Clock::time_point m_start;
     Clock::time_point m_end;
@@ -203,7 +205,7 @@ int Host::Run() {
     }
     MakeControl();
     MakeSources();
-    MakeDumps();
+    MakeReaders();
     MakeView();
     const End end = Watch();
     Close();
@@ -247,13 +249,16 @@ void Host::MakeLog() {
     } else if (shares_terminal) {
         target = -1;
     }
-    m_log = std::make_unique<LogCapture>(target, shares_terminal, m_masker, [this](const std::string &line) {
+    const LogPolicy policy = PolicyOf(m_options.quiet, m_options.verbose ? 1 : 0, m_options.log_level);
+    const bool takes_errors = shares_terminal || (target == m_err.Get() && (policy.Filters() || IsJournal(target)));
+    const auto on_line = [this](const std::string &line) {
         m_news.OnLine(line);
         const auto factory = MissingElement(line);
         if (factory && std::find(m_missing.begin(), m_missing.end(), *factory) == m_missing.end()) {
             m_missing.push_back(*factory);
         }
-    });
+    };
+    m_log = std::make_unique<LogCapture>(target, takes_errors, m_masker, on_line, policy);
 }
 
 bool Host::FindRoom() {
@@ -274,17 +279,22 @@ void Host::MakeControl() {
 
 void Host::MakeSources() {
     m_fleet = std::make_unique<Fleet>(m_masker, m_news);
-    m_start = Clock::now();
     if (m_file) {
         m_fleet->Apply(m_file->sources);
-        m_fleet->Tick();
-    } else {
-        m_fleet->OpenTogether(SourcesOf(m_options), m_options.common.name);
+        return;
     }
+    const std::vector<SourceConfig> sources = SourcesOf(m_options);
+    for (const SourceConfig &source : sources) {
+        if (const auto taken = UdpPortTaken(source.url)) {
+            throw std::runtime_error(*taken);
+        }
+    }
+    m_fleet->Share(sources, m_options.common.name);
 }
 
-void Host::MakeDumps() {
-    if (m_options.dump_video.empty() && m_options.dump_audio.empty()) {
+// What reads along in this process.
+void Host::MakeReaders() {
+    if (m_options.dump_video.empty() && m_options.dump_audio.empty() && m_options.frames == 0) {
         return;
     }
     shb_map_t *map = nullptr;
@@ -294,14 +304,28 @@ void Host::MakeDumps() {
     }
     m_map.reset(map);
     const size_t sources = m_fleet->Stations().size();
+    for (unsigned channel = 0; m_options.frames > 0 && channel < sources; ++channel) {
+        m_taps.push_back(
+            std::make_unique<FrameTap>(map, channel, m_options.frames, [this] { eventfd_write(m_wake.Get(), 1); }));
+    }
     const auto add = [&](const std::string &pattern, shb_kind_t kind) {
         for (unsigned channel = 0; !pattern.empty() && channel < sources; ++channel) {
             const std::string path = pattern == "-" ? pattern : DumpPath(pattern, channel, sources);
-            m_dumps.push_back(std::make_unique<Dump>(m_map.get(), channel, kind, path, m_out.Get()));
+            const FrameTap *tap = m_taps.empty() ? nullptr : m_taps[channel].get();
+            m_dumps.push_back(std::make_unique<Dump>(map, channel, kind, path, m_out.Get(), tap));
         }
     };
     add(m_options.dump_video, SHB_VIDEO);
     add(m_options.dump_audio, SHB_AUDIO);
+}
+
+void Host::FinishReaders() {
+    for (const auto &tap : m_taps) {
+        tap->Finish();
+    }
+    for (const auto &dump : m_dumps) {
+        dump->Finish();
+    }
 }
 
 void Host::MakeView() {
@@ -317,6 +341,8 @@ void Host::MakeView() {
 }
 
 Host::End Host::Watch() {
+    m_start = Clock::now();
+    m_fleet->Tick();
     if (!m_fleet->AnyHope() && !m_file) {
         return End::kFailed;
     }
@@ -332,7 +358,7 @@ Host::End Host::Watch() {
             change += sample.rebuilds + sample.video.epoch + sample.audio.epoch;
         }
         const bool dump_ended = std::any_of(m_dumps.begin(), m_dumps.end(), [](const auto &dump) { return dump->Failed(); });
-        if (interrupts::StopRequested() || dump_ended || GoalsReached(now)) {
+        if (interrupts::StopRequested() || dump_ended || GoalsReached()) {
             return End::kAsked;
         }
         if (m_options.duration && now - m_start >= Seconds(*m_options.duration)) {
@@ -362,15 +388,8 @@ void Host::Wait(Clock::time_point until) const {
     eventfd_read(m_wake.Get(), &count);
 }
 
-bool Host::GoalsReached(Clock::time_point now) {
-    bool reached = m_options.frames > 0;
-    for (const auto &station : m_fleet->Stations()) {
-        if (m_options.frames > 0) {
-            FrameGoal &goal = m_goals.emplace(station->Name(), m_options.frames).first->second;
-            reached = goal.Reached(station->Latest(), now) && reached;
-        }
-    }
-    return reached;
+bool Host::GoalsReached() const {
+    return !m_taps.empty() && std::all_of(m_taps.begin(), m_taps.end(), [](const auto &tap) { return tap->Reached(); });
 }
 
 // What other threads, other processes and the service manager want of this one.
@@ -493,6 +512,9 @@ RunSample Host::Sample(Phase phase) {
     for (const auto &station : m_fleet->Stations()) {
         run.sources.push_back(station->Sample());
     }
+    for (size_t channel = 0; channel < m_taps.size(); ++channel) {
+        m_taps[channel]->Report(run.sources[channel]);
+    }
     for (const auto &dump : m_dumps) {
         SourceSample &source = run.sources[dump->Channel()];
         dump->Report(dump->Kind() == SHB_VIDEO ? static_cast<TrackSample &>(source.video) : source.audio);
@@ -522,18 +544,14 @@ void Host::Close() {
     if (!hanging.empty()) {
         LeaveHanging(hanging);
     }
-    for (const auto &dump : m_dumps) {
-        dump->Finish();
-    }
+    FinishReaders();
     CollectDumpErrors();
 }
 
 // A source that does not come back from the framework cannot be freed, nor the buffer that it may still write
 // to. All that is left is to say so and to leave without a trace.
 void Host::LeaveHanging(const std::vector<std::string> &hanging) {
-    for (const auto &dump : m_dumps) {
-        dump->Finish();
-    }
+    FinishReaders();
     std::string names;
     for (const std::string &name : hanging) {
         names += (names.empty() ? "" : ", ") + name;
@@ -612,6 +630,7 @@ int RunOptions(Options &options, std::optional<ConfigFile> file) {
         std::transform(file->sources.begin(), file->sources.end(), std::back_inserter(urls),
                        [](const SourceConfig &source) { return source.url; });
     }
+    KeepFrameworkPlain(STDERR_FILENO);
     const Fd policy = UseRtmpsPolicy(urls, options.warnings);
     Fd out = Duplicate(STDOUT_FILENO);
     Fd err = Duplicate(STDERR_FILENO);

@@ -94,6 +94,8 @@ constexpr const char *kUsage =
     "A file names its sources, each with a shared buffer of its own (docs/gst-source.md). check reports every mistake in it;\n"
     "reload makes the run that has it open read it again: sources that did not change go on untouched.";
 
+constexpr const char *kSchemes = "udp, rtsp, rtsps, rtspt, rtspu, srt, rtmp, rtmps, http and https";
+
 const char *GroupOf(Protocol protocol) {
     switch (protocol) {
         case Protocol::kRtsp:
@@ -167,7 +169,7 @@ class CommandLine {
         }
         for (const CLI::Option *flag : m_sourceFlags) {
             if (flag->count() > 0) {
-                Refuse(flag->get_name() + " is an option of one source: with --config it stands in the file");
+                Refuse(flag->get_name() + " has no place beside --config, which takes its sources from a file");
             }
         }
     }
@@ -237,16 +239,19 @@ class CommandLine {
                 "end after this time")
             ->type_name("SECONDS")
             ->group(m_group);
-        m_app
-            .add_option_function<std::string>(
-                "--frames",
-                [this](const std::string &text) {
-                    m_options.frames = ParseWhole<uint64_t>("--frames", text, 1, std::numeric_limits<uint64_t>::max());
-                },
-                "end once every source has delivered N access units of video (audio frames when it has no video), and count "
-                "no further; together with --duration, running out of time is a failure")
-            ->type_name("N")
-            ->group(m_group);
+        CLI::Option *frames = m_app
+                                  .add_option_function<std::string>(
+                                      "--frames",
+                                      [this](const std::string &text) {
+                                          m_options.frames =
+                                              ParseWhole<uint64_t>("--frames", text, 1, std::numeric_limits<uint64_t>::max());
+                                      },
+                                      "end once every source has delivered N access units of video (audio frames when it has "
+                                      "no video), and count "
+                                      "no further; together with --duration, running out of time is a failure")
+                                  ->type_name("N")
+                                  ->group(m_group);
+        OfSource(frames);
         m_app
             .add_option_function<std::string>(
                 "--close-timeout",
@@ -270,12 +275,13 @@ class CommandLine {
         Text("--http-token-file", m_secrets.http_token_file, "FILE", "the token that requests have to bear");
 
         m_group = "Output";
-        Text("--dump-video", m_options.dump_video, "FILE",
-             "write the video elementary stream as it comes out of the buffer; with several sources %d in the name is the "
-             "channel, "
-             "else the channel is put before the extension; - is standard output (one source, one dump, no table)");
-        Text("--dump-audio", m_options.dump_audio, "FILE",
-             "the same for audio (AAC in ADTS; Opus and PCM frames without framing)");
+        OfSource(
+            Text("--dump-video", m_options.dump_video, "FILE",
+                 "write the video elementary stream as it comes out of the buffer; with several sources %d in the name is the "
+                 "channel, "
+                 "else the channel is put before the extension; - is standard output (one source, one dump, no table)"));
+        OfSource(Text("--dump-audio", m_options.dump_audio, "FILE",
+                      "the same for audio (AAC in ADTS; Opus and PCM frames without framing)"));
         m_app.add_flag("--json", m_options.json, "one JSON object per source and interval, then one summary object per source")
             ->group(m_group);
         Seconds("--interval", m_options.interval, "time between two reports");
@@ -331,11 +337,22 @@ class CommandLine {
     std::vector<const CLI::Option *> m_sourceFlags;
 };
 
-void CheckUrls(const Options &options) {
-    for (const std::string &url : options.urls) {
+void CheckUrls(Options &options) {
+    for (std::string &url : options.urls) {
         if (!ProtocolOf(url)) {
-            Refuse(PublicUrl(url) +
-                   ": not a stream URL; known are udp, rtsp, rtsps, rtspt, rtspu, srt, rtmp, rtmps, http and https");
+            Refuse(PublicUrl(url) + ": not a stream URL; known are " + kSchemes +
+                   (url.find("://") == std::string::npos ? Suggestion(url, {"check", "reload"}) : ""));
+        }
+        if (const auto mistake = UrlMistake(url)) {
+            Refuse(*mistake);
+        }
+        url = NormalisedUrl(url);
+    }
+    for (size_t i = 0; i < options.urls.size(); ++i) {
+        for (size_t j = 0; j < i; ++j) {
+            if (SamePlace(options.urls[i], options.urls[j])) {
+                Refuse(PublicUrl(options.urls[i]) + " is given twice; one source has as many readers as are wanted");
+            }
         }
     }
 }

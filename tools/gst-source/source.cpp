@@ -1,5 +1,7 @@
 #include "source.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -148,6 +150,7 @@ void Source::Take(const SourceNews &news) {
 const SourceSample &Source::Sample() {
     ReadRecords();
     ReadCounters();
+    ReadReaders();
     m_sample.retry_in_s.reset();
     if (m_endedAt) {
         // The library's wait between two sessions.
@@ -207,6 +210,33 @@ void Source::ReadCounters() {
     } else {
         const bool live = IsCurrent(m_sample.video, silent_after) || IsCurrent(m_sample.audio, silent_after);
         m_sample.flow = live ? Flow::kLive : Flow::kSilent;
+    }
+}
+
+// Those of this process are its own business.
+void Source::ReadReaders() {
+    std::array<shb_reader_info_t, kMostReaders> readers{};
+    size_t count = 0;
+    m_sample.readers.clear();
+    if (shb_buffer_readers(m_buffer, readers.data(), readers.size(), &count) != SHB_OK) {
+        return;
+    }
+    for (size_t i = 0; i < std::min(count, readers.size()); ++i) {
+        const shb_reader_info_t &reader = readers[i];
+        if (reader.channel != m_sample.channel || (reader.pid_is_ours != 0 && reader.pid == getpid())) {
+            continue;
+        }
+        ReaderSample sample;
+        sample.pid = reader.pid;
+        sample.program = FieldText(reader.program);
+        sample.video = reader.kind == SHB_VIDEO;
+        sample.frames = reader.frames;
+        sample.bytes = reader.bytes;
+        sample.lost = reader.lost;
+        if (reader.last_read_age_ns != SHB_TIME_NONE) {
+            sample.age_ns = reader.last_read_age_ns;
+        }
+        m_sample.readers.push_back(std::move(sample));
     }
 }
 

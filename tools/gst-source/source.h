@@ -42,12 +42,15 @@ class Source {
     void Destroy();
 
   private:
+    static constexpr size_t kMostReaders = 64;
+
     struct Deleter {
         void operator()(void *handle) const { gst_source_destroy(handle); }
     };
 
     void ReadRecords();
     void ReadCounters();
+    void ReadReaders();
     void ReportPresence();
 
     const SourceConfig m_config;

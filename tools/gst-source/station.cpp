@@ -8,6 +8,7 @@
 
 #include "record.h"
 #include "source_fields.h"
+#include "udp_port.h"
 
 namespace tool {
 namespace {
@@ -46,6 +47,10 @@ Station::~Station() {
 void Station::Open() {
     m_tried = true;
     m_blockedBy.reset();
+    if (const auto taken = UdpPortTaken(m_config.url)) {
+        Block(*taken, "port-in-use");
+        return;
+    }
     try {
         if (!m_buffer) {
             m_buffer = std::make_shared<SharedBuffer>(m_config.name, 1, m_config.memory);

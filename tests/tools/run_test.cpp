@@ -493,7 +493,7 @@ TEST(RunOnATerminal, SimpleTerminalsGetLines) {
 }
 
 TEST(RunOnATerminal, CrashShowsTheCursorAndTheLog) {
-    Child child(Command({UdpUrl(FreeUdpPort())}), {{"TERM", "xterm"}}, Child::Output::kTerminal);
+    Child child(Command({UdpUrl(FreeUdpPort()), "-v"}), {{"TERM", "xterm"}}, Child::Output::kTerminal);
     ASSERT_TRUE(WaitWhileRunning(child, [&child] { return Has(child.Screen(), "pthread start"); })) << child.Screen();
     const size_t before = child.Screen().size();
     child.Signal(SIGABRT);

@@ -420,7 +420,8 @@ class Reader {
 
     void ReadSource(const toml::table &table) {
         SourceConfig config;
-        std::optional<Protocol> protocol = ReadUrl(table, config);
+        const size_t mistakes = m_file.mistakes.size();
+        const std::optional<Protocol> protocol = ReadUrl(table, config);
         if (protocol) {
             ApplyDefaults(config, *protocol);
         }
@@ -431,13 +432,14 @@ class Reader {
                 ReadOption(config, *protocol, key, node);
             }
         }
-        if (protocol) {
+        // What is not read yet leads to doubts that are none.
+        if (protocol && m_file.mistakes.size() == mistakes) {
             for (const std::string &doubt : DoubtsOf(config, [](const char *key) { return std::string(key); })) {
                 At(table.source(), doubt, false);
             }
-            if (named) {
-                m_file.sources.push_back(std::move(config));
-            }
+        }
+        if (protocol && named) {
+            m_file.sources.push_back(std::move(config));
         }
     }
 

@@ -344,7 +344,7 @@ void CheckUrls(Options &options) {
                    (url.find("://") == std::string::npos ? Suggestion(url, {"check", "reload"}) : ""));
         }
         if (const auto mistake = UrlMistake(url)) {
-            Refuse(*mistake);
+            Refuse(PublicUrl(url) + ": " + *mistake);
         }
         url = NormalisedUrl(url);
     }

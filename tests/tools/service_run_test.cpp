@@ -1,0 +1,285 @@
+// The built tool with a file of sources: reloads, restarts, what it refuses, and what a service manager is told.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <map>
+#include <memory>
+
+#include "run_support.h"
+#include "shb.h"
+
+namespace {
+
+std::string Tool() {
+    const char *path = std::getenv("GST_SOURCE_TOOL");
+    return path != nullptr ? path : "gst-source";
+}
+
+struct Detach {
+    void operator()(shb_map_t *map) const { shb_detach(map); }
+    void operator()(shb_reader_t *reader) const { shb_reader_close(reader); }
+};
+using Map = std::unique_ptr<shb_map_t, Detach>;
+using Reader = std::unique_ptr<shb_reader_t, Detach>;
+
+Map Attach(const std::string &name) {
+    shb_map_t *map = nullptr;
+    return Map(shb_attach(name.c_str(), &map) == SHB_OK ? map : nullptr);
+}
+
+shb_stats_t VideoOf(const Map &map) {
+    shb_stats_t stats{};
+    EXPECT_EQ(shb_map_stats(map.get(), 0, 0, SHB_VIDEO, &stats), SHB_OK);
+    return stats;
+}
+
+// A file of sources with names that no other test has, and the tool that has it open.
+class Service : public testing::Test {
+  protected:
+    std::string Name(const std::string &source) const { return BufferName("service") + "-" + source; }
+
+    std::string SourceText(const std::string &source, const std::string &url, const std::string &more = "") const {
+        return "[[source]]\nname = \"" + Name(source) + "\"\nurl = \"" + url + "\"\n" + more;
+    }
+
+    void Write(const std::string &text) { m_file = m_dir.Write("sources.toml", text); }
+
+    Child::Variables Environment() const { return {{"XDG_RUNTIME_DIR", m_dir.File("")}, {"RUNTIME_DIRECTORY", ""}}; }
+
+    std::unique_ptr<Child> Start(std::vector<std::string> more = {}, const Child::Variables &variables = {}) {
+        more.insert(more.begin(), {Tool(), "--config", m_file, "--interval", "0.2"});
+        Child::Variables all = Environment();
+        all.insert(variables.begin(), variables.end());
+        return std::make_unique<Child>(more, all);
+    }
+
+    // The last record of each source, by the name in the file.
+    std::map<std::string, Json> Newest(Child &child) const {
+        std::map<std::string, Json> newest;
+        for (const std::string &line : Lines(child.Out())) {
+            const Json record = Json::parse(line, nullptr, false);
+            if (!record.is_discarded()) {
+                newest[record.at("name").get<std::string>().substr(Name("").size())] = record;
+            }
+        }
+        return newest;
+    }
+
+    // The names of the sources in the last round of reports.
+    bool Reports(Child &child, const std::string &source, const Json &expected) const {
+        const auto newest = Newest(child);
+        const auto found = newest.find(source);
+        if (found == newest.end()) {
+            return false;
+        }
+        for (const auto &[key, value] : expected.items()) {
+            if (found->second.at(key) != value) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    int Reload(std::string &text) {
+        Child reload({Tool(), "reload", m_file}, Environment());
+        const int result = reload.Wait().value_or(-1);
+        text = reload.Out() + reload.Err();
+        return result;
+    }
+
+    static void ExpectOrderlyEnd(Child &child) {
+        child.Signal(SIGTERM);
+        EXPECT_EQ(child.Wait(), 0) << child.Err();
+    }
+
+    TempDir m_dir;
+    std::string m_file;
+};
+
+}  // namespace
+
+TEST_F(Service, ReloadTouchesOnlyWhatHasChanged) {
+    const std::array<std::string, 4> urls{UdpUrl(FreeUdpPort()), UdpUrl(FreeUdpPort()), UdpUrl(FreeUdpPort()),
+                                          UdpUrl(FreeUdpPort())};
+    Write(SourceText("stays", urls[0]) + SourceText("changes", urls[1]) + SourceText("goes", urls[2]));
+    const auto child = Start({"--json"});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "goes", {{"state", "connected"}}); })) << child->Err();
+    const Sender stays(urls[0]);
+    const Sender changes(urls[1]);
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] {
+        return Reports(*child, "stays", {{"flow", "live"}}) && Reports(*child, "changes", {{"flow", "live"}});
+    })) << child->Err();
+    const Map untouched = Attach(Name("stays"));
+    const Map changed = Attach(Name("changes"));
+    ASSERT_TRUE(untouched && changed && Attach(Name("goes")));
+    const uint64_t epoch = VideoOf(untouched).epoch;
+    const uint64_t earlier = VideoOf(changed).epoch;
+
+    Write(SourceText("stays", urls[0]) + SourceText("changes", urls[1], "mtu = 1400\n") + SourceText("comes", urls[3]));
+    std::string text;
+    EXPECT_EQ(Reload(text), 0);
+    EXPECT_EQ(text, m_file + ": 1 added, 1 removed, 1 changed, 1 untouched\n");
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "comes", {{"state", "connected"}}); })) << child->Err();
+    // The same buffer, with another writer: its readers need not attach again.
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return VideoOf(changed).epoch > earlier && VideoOf(changed).frames > 0; }));
+    EXPECT_EQ(shb_map_alive(changed.get()), 1);
+    EXPECT_EQ(VideoOf(untouched).epoch, epoch);
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return !MemoryLeft(Name("goes")); }));
+
+    EXPECT_EQ(Reload(text), 0);
+    EXPECT_EQ(text, m_file + ": 0 added, 0 removed, 0 changed, 3 untouched\n");
+    ExpectOrderlyEnd(*child);
+    for (const char *source : {"stays", "changes", "goes", "comes"}) {
+        EXPECT_FALSE(MemoryLeft(Name(source))) << source;
+    }
+}
+
+TEST_F(Service, WrongFilesChangeNothing) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    Write(SourceText("a", url));
+    const auto child = Start({"--json"});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    const Map map = Attach(Name("a"));
+    ASSERT_TRUE(map);
+    Write(SourceText("b", url) + "mtuu = 3\n");
+    std::string text;
+    EXPECT_EQ(Reload(text), 2);
+    EXPECT_EQ(text, m_file + ":4:1: unknown option \"mtuu\" of a source of udp; did you mean mtu?\n" + m_file +
+                        ": nothing was changed\n");
+    // By the signal as well.
+    child->Signal(SIGHUP);
+    EXPECT_TRUE(
+        WaitWhileRunning(*child, [&] { return Lines(child->Err()).size() > 4 && Has(child->Err(), "nothing was changed"); }));
+    EXPECT_TRUE(Attach(Name("a")));
+    EXPECT_FALSE(Attach(Name("b")));
+    Write(SourceText("a", url) + SourceText("b", UdpUrl(FreeUdpPort())));
+    child->Signal(SIGHUP);
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return Attach(Name("b")) != nullptr; })) << child->Err();
+    ExpectOrderlyEnd(*child);
+}
+
+TEST_F(Service, ASourceThatGoesAndComesBackAtOnce) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    const std::string other = SourceText("b", UdpUrl(FreeUdpPort()));
+    Write(SourceText("a", url) + other);
+    const auto child = Start({"--json"});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    const Sender sender(url);
+    std::string text;
+    for (int round = 0; round < 3; ++round) {
+        Write(other);
+        EXPECT_EQ(Reload(text), 0) << text;
+        Write(SourceText("a", url) + other);
+        EXPECT_EQ(Reload(text), 0) << text;
+    }
+    const auto seen = Newest(*child)["a"]["video_frames"];
+    EXPECT_TRUE(WaitWhileRunning(*child,
+                                 [&] {
+                                     const Map map = Attach(Name("a"));
+                                     return map && VideoOf(map).frames > 20;
+                                 }))
+        << seen << child->Err();
+    ExpectOrderlyEnd(*child);
+}
+
+TEST_F(Service, OneRunAFile) {
+    Write(SourceText("a", UdpUrl(FreeUdpPort())));
+    std::string text;
+    EXPECT_EQ(Reload(text), 1);
+    EXPECT_EQ(text, "gst-source: no run of this user has " + m_file + " open\n");
+    const auto child = Start({"--json"});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    const auto second = Start();
+    EXPECT_EQ(second->Wait(), 1);
+    EXPECT_TRUE(Has(second->Err(), "another run has this file open (process " + std::to_string(child->Id()) + ")"))
+        << second->Err();
+    // A run that was killed leaves its socket behind, which holds up nobody.
+    child->Signal(SIGKILL);
+    EXPECT_EQ(child->Wait(), 256 + SIGKILL);
+    const auto third = Start({"--json"});
+    EXPECT_TRUE(WaitWhileRunning(*third, [&] { return Reports(*third, "a", {{"state", "connected"}}); })) << third->Err();
+    ExpectOrderlyEnd(*third);
+}
+
+TEST_F(Service, OneSourceOfTheFile) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    Write("[service]\nhttp = \"127.0.0.1:1\"\n" + SourceText("a", UdpUrl(FreeUdpPort())) + SourceText("b", url));
+    const auto child = Start({"--json", "--only", Name("b")});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "b", {{"state", "connected"}}); })) << child->Err();
+    EXPECT_FALSE(Attach(Name("a")));
+    // Both are asked.
+    const auto other = Start({"--json", "--only", Name("a")});
+    ASSERT_TRUE(WaitWhileRunning(*other, [&] { return Reports(*other, "a", {{"state", "connected"}}); })) << other->Err();
+    std::string text;
+    EXPECT_EQ(Reload(text), 0);
+    EXPECT_EQ(Lines(text).size(), 2u) << text;
+    const auto none = Start({"--only", "nobody"});
+    EXPECT_EQ(none->Wait(), 2);
+    EXPECT_EQ(none->Err(), m_file + ": no source is called \"nobody\"\n");
+    ExpectOrderlyEnd(*child);
+    ExpectOrderlyEnd(*other);
+}
+
+TEST_F(Service, APortThatAnotherProcessHasIsWaitedFor) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    Write(SourceText("a", url));
+    Child first({Tool(), url, "--json", "--interval", "0.2", "--name", BufferName("service-port")});
+    ASSERT_TRUE(WaitWhileRunning(first, [&first] { return Has(first.Out(), "connected"); })) << first.Err();
+    const auto child = Start({"--json"});
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] {
+        return Reports(*child, "a", {{"state", "failed"}, {"last_error_code", "port-in-use"}});
+    })) << child->Err();
+    const std::string reason = Newest(*child)["a"].at("last_error").get<std::string>();
+    EXPECT_TRUE(Has(reason, "gst-source (process " + std::to_string(first.Id()) + ")")) << reason;
+    // Without a file, it is an error at once.
+    Child second({Tool(), url});
+    EXPECT_EQ(second.Wait(), 1);
+    EXPECT_TRUE(Has(second.Err(), "(process " + std::to_string(first.Id()) + ")")) << second.Err();
+    first.Signal(SIGTERM);
+    first.Wait();
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    ExpectOrderlyEnd(*child);
+}
+
+TEST_F(Service, TheServiceManagerIsTold) {
+    const std::string path = m_dir.File("notify");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof address.sun_path);
+    path.copy(static_cast<char *>(address.sun_path), path.size());
+    const tool::Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    ASSERT_EQ(bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    std::string told;
+    const auto heard = [&](const std::string &text) {
+        std::array<char, 512> message{};
+        for (ssize_t got = 0; (got = recv(socket.Get(), message.data(), message.size(), 0)) > 0;) {
+            told.append(message.data(), static_cast<size_t>(got)).append("|");
+        }
+        return Has(told, text);
+    };
+    // A camera that is off keeps nothing from being ready.
+    Write(SourceText("a", UdpUrl(FreeUdpPort())) + SourceText("b", "rtsp://127.0.0.1:1/off"));
+    const auto child = Start({}, {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", "5000000"}});
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return heard("READY=1\nSTATUS=0 of 2 sources live"); })) << told << child->Err();
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return heard("WATCHDOG=1"); })) << told;
+    child->Signal(SIGTERM);
+    EXPECT_EQ(child->Wait(), 0);
+    EXPECT_TRUE(heard("STOPPING=1")) << told;
+    EXPECT_EQ(child->Out(), "") << "a service does not report by lines";
+}
+
+TEST_F(Service, AThousandSourcesThatDoNotFitAreRefusedWithFigures) {
+    std::string text;
+    for (int i = 0; i < 1000; ++i) {
+        text += SourceText(std::to_string(i), "udp://127.0.0.1:" + std::to_string(20000 + i), "video_bytes = \"1G\"\n");
+    }
+    Write(text);
+    const auto child = Start();
+    EXPECT_EQ(child->Wait(), 1);
+    EXPECT_TRUE(Has(child->Err(), "gst-source: 1000 sources take 1.07 TB of shared memory, and ")) << child->Err();
+    EXPECT_FALSE(MemoryLeft(Name("0")));
+}

@@ -70,6 +70,7 @@ void WriteToTerminal(std::string_view sequence) {
 
 void OnSuspend(int number) {
     const int saved = errno;
+    emergency::LeaveKeyMode();
     WriteToTerminal("\x1b[?25h");
     Handle(number, SIG_DFL);
     raise(number);
@@ -79,8 +80,15 @@ void OnSuspend(int number) {
     // The process stops here and goes on here.
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     Handle(number, OnSuspend);
+    emergency::EnterKeyMode();
     WriteToTerminal("\x1b[?25l");
     errno = saved;
+    OnResize(number);
+}
+
+// Also without OnSuspend: after SIGSTOP, and of a process that began in the background.
+void OnContinue(int number) {
+    emergency::EnterKeyMode();
     OnResize(number);
 }
 
@@ -96,6 +104,7 @@ void Install(int terminal) {
     g_terminal.store(terminal);
     if (terminal >= 0) {
         Handle(SIGTSTP, OnSuspend);
+        Handle(SIGCONT, OnContinue);
     }
 }
 

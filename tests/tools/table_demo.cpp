@@ -91,7 +91,8 @@ int main(int argc, char **argv) {
         if (!view->Show(run)) {
             break;
         }
-        while (!interrupts::StopRequested() && !interrupts::RedrawWanted()) {
+        const uint64_t lines = log.LineCount();
+        while (!interrupts::StopRequested() && !interrupts::RedrawWanted() && log.LineCount() == lines) {
             if (Wait(*view)) {
                 const View::Asked asked = view->OnInput();
                 quit = asked == View::Asked::kQuit;

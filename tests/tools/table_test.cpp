@@ -213,7 +213,7 @@ TEST(Table, ReasonsStandBesideTheirSources) {
     run.sources[4].retry_in_s = 2.5;
     const auto narrow = TableLines(run, {}, {80, 16}, false);
     EXPECT_TRUE(Has(narrow, "404 Not Found, again ")) << Joined(narrow);
-    EXPECT_TRUE(Has(narrow, "waiting")) << Joined(narrow);
+    EXPECT_TRUE(Has(narrow, " failing ")) << Joined(narrow);
     const auto wide = TableLines(run, {}, {140, 16}, false);
     EXPECT_TRUE(Has(wide, "404 Not Found, again in 3 s")) << Joined(wide);
     EXPECT_TRUE(Has(wide, "REASON")) << Joined(wide);

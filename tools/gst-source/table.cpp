@@ -42,13 +42,17 @@ Row TrackRow(const char *name, const TrackSample &track, const std::string &form
 }
 
 std::string_view StateColor(const SourceSample &source) {
-    if (source.state == "failed") {
-        return kRed;
+    switch (StandingOf(source)) {
+        case Standing::kFailing:
+            return kRed;
+        case Standing::kWaiting:
+            break;
+        case Standing::kLive:
+            return source.state == "connected" ? kGreen : kYellow;
+        case Standing::kStopped:
+            return kDim;
     }
-    if (source.state == "connected" && source.flow == Flow::kLive) {
-        return kGreen;
-    }
-    return source.state == "stop" ? kDim : kYellow;
+    return kYellow;
 }
 
 // The last known age of what matters most of a source.
@@ -144,9 +148,9 @@ std::string HeadLine(const RunSample &run, const Table &table, const TableContro
     if (total > 1) {
         rest += ": " + Counts(run);
     }
-    if (!run.buffer_name.empty()) {
-        rest += (total > 1 ? "  into " : " into ") + run.buffer_name;
-    }
+    // Several sources leave less room; where their buffer is gives way first.
+    const std::string into = run.buffer_name.empty() ? "" : " into " + run.buffer_name;
+    rest += total > 1 ? "" : into;
     switch (run.phase) {
         case Phase::kRunning:
             rest += control.keys ? "  (q ends, ? more)" : "  (Ctrl-C ends)";
@@ -158,6 +162,7 @@ std::string HeadLine(const RunSample &run, const Table &table, const TableContro
             rest += "  ended";
             break;
     }
+    rest += total > 1 && !into.empty() ? " " + into : "";
     const std::string whole = Cut(left + rest, columns);
     return whole.size() > left.size() ? paint(kBold, left) + whole.substr(left.size()) : paint(kBold, whole);
 }
@@ -230,7 +235,9 @@ Row ShortRow(const SourceSample &source, size_t number_columns, size_t name_colu
     const std::string number = std::to_string(source.channel);
     Row row(kShortColumns);
     row[kSource] = std::string(number_columns - number.size(), ' ') + number + " " + Cut(FormatName(source), name_columns);
-    row[kState] = FormatShortState(source);
+    // A source that waits for its next session has failed; one that waits for its first frame has not.
+    const std::string state = FormatShortState(source);
+    row[kState] = state == "waiting" && StandingOf(source) == Standing::kFailing ? "failing" : state;
     row[kShortCodec] = ShortCodec(source);
     row[kShortFormat] = sound ? FormatSound(source.audio) : FormatPicture(source.video);
     row[kShortReal] = FormatRate(sound ? source.audio.measured_fps : source.video.measured_fps);

@@ -112,6 +112,10 @@ int WakeDescriptor() {
     return g_wake.load();
 }
 
+void WakeUp() {
+    Wake();
+}
+
 void Acknowledge() {
     eventfd_t count = 0;
     eventfd_read(g_wake.load(), &count);

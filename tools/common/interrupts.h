@@ -13,6 +13,8 @@ void Install(int terminal);
 // Readable after any of them; made empty by Acknowledge().
 int WakeDescriptor();
 void Acknowledge();
+// Makes it readable from any thread.
+void WakeUp();
 
 // A wish to end has come. A further one cleans up what must not stay and leaves the process at once, unless
 // it follows within half a second: terminals, shells and timeout(1) often send two signals for one wish.

@@ -19,7 +19,7 @@ tidy() {
 }
 
 shell_scripts() {
-    (cd "$root" && shellcheck -x scripts/{run,test,on,python} examples/*.sh .ci/run tests/make_materials.sh \
+    (cd "$root" && shellcheck -x scripts/{run,read,test,on,python} examples/*.sh .ci/run tests/make_materials.sh \
         tests/unit/no_live_objects.sh)
 }
 

@@ -40,6 +40,8 @@ class Child {
     const std::string &Screen();
     // What a person types.
     void Type(std::string_view keys) const;
+    // The other side of it.
+    int Terminal() const { return m_terminal.Get(); }
     void Resize(unsigned short columns, unsigned short rows) const;
 
   private:

@@ -54,7 +54,7 @@ TEST(Format, StateSaysWhenNothingComes) {
     SourceSample sample;
     EXPECT_EQ(FormatState(sample), "-");
     sample.state = "connected";
-    EXPECT_EQ(FormatState(sample), "no data");
+    EXPECT_EQ(FormatState(sample), "waiting");
     sample.flow = Flow::kSilent;
     EXPECT_EQ(FormatState(sample), "no data");
     sample.flow = Flow::kLive;
@@ -77,12 +77,37 @@ TEST(Format, StateSaysWhyNothingComesAndWhenItIsTriedAgain) {
     EXPECT_EQ(FormatState(sample), "stop");
     sample.retry_in_s.reset();
     sample.state = "reconnect";
-    EXPECT_EQ(FormatState(sample), "reconnect") << "the next session runs";
+    EXPECT_EQ(FormatState(sample), "reconnect: Not Found") << "the next session runs";
     sample.last_error->ends = false;
     EXPECT_EQ(FormatState(sample), "trying: Not Found");
     sample.flow = Flow::kLive;
     EXPECT_EQ(FormatState(sample), "reconnect");
     EXPECT_NE(FormatSummary(sample).find(", last error: Not Found"), std::string::npos);
+}
+
+TEST(Format, TheReasonStandsBesideASilence) {
+    SourceSample sample;
+    sample.state = "connected";
+    sample.last_error = Reason{"No data came for 5 s", "timeout", "", true};
+    EXPECT_EQ(FormatState(sample), "waiting: No data came for 5 s");
+    EXPECT_EQ(FormatShortState(sample), "waiting");
+    EXPECT_EQ(StandingOf(sample), Standing::kFailing);
+    sample.flow = Flow::kSilent;
+    sample.attempts = 1;
+    EXPECT_EQ(FormatState(sample), "no data: No data came for 5 s");
+    // The session after that failure has brought media.
+    sample.attempts = 0;
+    EXPECT_EQ(FormatState(sample), "no data");
+    EXPECT_EQ(StandingOf(sample), Standing::kWaiting);
+    sample.flow = Flow::kLive;
+    EXPECT_EQ(FormatState(sample), "connected");
+    EXPECT_EQ(StandingOf(sample), Standing::kLive);
+    sample.state = "stop";
+    EXPECT_EQ(StandingOf(sample), Standing::kStopped);
+    sample.state = "failed";
+    sample.flow = Flow::kNone;
+    EXPECT_EQ(FormatState(sample), "failed: No data came for 5 s");
+    EXPECT_EQ(StandingOf(sample), Standing::kFailing);
 }
 
 TEST(Format, Summary) {
@@ -116,6 +141,34 @@ TEST(Format, PrintableTakesTheTerminalsCommandsOut) {
     EXPECT_EQ(Printable("a\tb\rc\x07"), "a b?c?");
     EXPECT_EQ(Printable("\x1b]0;title\x07"), "?]0;title?");
     EXPECT_EQ(Printable("cut \x1b[31"), "cut ");
+}
+
+TEST(Format, PrintableIsValidUtf8WithoutControls) {
+    EXPECT_EQ(Printable("a\xff\xe6z"), "a??z");
+    EXPECT_EQ(Printable("a\xc2\x9b"
+                        "31m"),
+              "a?31m");
+    EXPECT_EQ(Printable(std::string("a\0b", 3)), "a?b");
+    EXPECT_EQ(Printable("\xed\xa0\x80"), "???") << "half of a surrogate pair";
+}
+
+TEST(Format, ColumnsAreThoseOfATerminal) {
+    EXPECT_EQ(Columns("\xe6\xb1\x89\xe5\xad\x97"), 4U) << "two letters of two columns";
+    EXPECT_EQ(Columns("e\xcc\x81"), 1U) << "an accent of its own";
+    EXPECT_EQ(Columns("a\xe2\x80\x8b"
+                      "b"),
+              2U)
+        << "a space of no width";
+    EXPECT_EQ(Columns("\xff\xe6"), 2U);
+    EXPECT_EQ(Cut("\xe6\xb1\x89\xe5\xad\x97\xe5\xad\x97", 5), "\xe6\xb1\x89..");
+    EXPECT_EQ(Cut("\xe6\xb1\x89\xe5\xad\x97\xe5\xad\x97", 4), "\xe6\xb1\x89..");
+    EXPECT_EQ(Cut("\xe6\xb1\x89\xe5\xad\x97\xe5\xad\x97", 3), "..");
+    EXPECT_EQ(Cut("e\xcc\x81"
+                  "abcd",
+                  4),
+              "e\xcc\x81"
+              "a..");
+    EXPECT_EQ(Cut("\xff\xff\xff\xff", 3), "\xff..");
 }
 
 TEST(Format, CutKeepsWholeCharacters) {

@@ -54,6 +54,11 @@ std::string Joined(const std::vector<std::string> &lines) {
     return text;
 }
 
+std::vector<std::string> TableLines(const RunSample &run, const LogTail &log, const Window &window, bool colors,
+                                    const TableControl &control = {}) {
+    return MakeTable(run, log, window, colors, control).lines;
+}
+
 bool Has(const std::vector<std::string> &lines, const std::string &part) {
     return Joined(lines).find(part) != std::string::npos;
 }
@@ -62,11 +67,22 @@ bool Has(const std::vector<std::string> &lines, const std::string &part) {
 
 TEST(Table, NeverLeavesTheWindow) {
     for (const unsigned sources : {1U, 2U, 5U, 100U}) {
-        for (size_t columns = 1; columns < 140; columns += 3) {
-            for (size_t rows = 1; rows < 40; rows += 2) {
-                const auto lines = TableLines(Sources(sources), Log(10), {columns, rows}, false);
+        for (size_t columns = 1; columns < 140; columns += 7) {
+            for (size_t rows = 1; rows < 40; rows += 3) {
+                RunSample run = Sources(sources);
+                run.sources.back().flow = Flow::kNone;
+                run.sources.back().name = "\xe6\xb1\x89\xe5\xad\x97\xe6\xb1\x89\xe5\xad\x97 e\xcc\x81\xff\xe6";
+                const auto lines = TableLines(run, Log(10), {columns, rows}, false);
                 ASSERT_LE(lines.size(), rows);
                 for (const std::string &line : lines) {
+                    ASSERT_LE(Columns(line), columns) << line;
+                }
+                run.sources.back().last_error = Reason{"Not Found", "404", "", true};
+                TableControl control;
+                control.first = sources;
+                control.help = true;
+                control.sort = SortBy::kState;
+                for (const std::string &line : TableLines(run, Log(10), {columns, rows}, false, control)) {
                     ASSERT_LE(Columns(line), columns) << line;
                 }
             }
@@ -113,11 +129,115 @@ TEST(Table, LossesShowOnlyWithADump) {
     EXPECT_TRUE(Has(lines, "77"));
 }
 
-TEST(Table, SourcesThatFindNoRoomAreCounted) {
-    const auto lines = TableLines(Sources(10), Log(10), {100, 11}, false);
-    EXPECT_TRUE(Has(lines, "and 8 more")) << Joined(lines);
-    EXPECT_EQ(lines.size(), 10u);
-    EXPECT_FALSE(Has(TableLines(Sources(2), {}, {100, 9}, false), "more"));
+TEST(Table, ALowWindowHasOneLineASource) {
+    const auto lines = TableLines(Sources(3), {}, {120, 11}, false);
+    EXPECT_TRUE(Has(lines, "SOURCE")) << Joined(lines);
+    EXPECT_TRUE(Has(lines, "H264/MP4A-LATM")) << Joined(lines);
+    EXPECT_TRUE(Has(lines, "12.3 Mb/s")) << Joined(lines);
+    EXPECT_FALSE(Has(lines, " of 3")) << Joined(lines);
+    EXPECT_TRUE(Has(lines, "3 sources: 3 live")) << Joined(lines);
+    EXPECT_EQ(lines.size(), 6U);
+    EXPECT_TRUE(Has(TableLines(Sources(3), {}, {120, 12}, false), "TRACK")) << "three lines a source fit";
+}
+
+TEST(Table, MoreSourcesThanRowsAreScrolled) {
+    RunSample run = Sources(100);
+    for (SourceSample &source : run.sources) {
+        source.name = "cam-" + std::to_string(source.channel);
+    }
+    TableControl control;
+    Table table = MakeTable(run, Log(10), {100, 23}, false, control);
+    EXPECT_EQ(table.lines.size(), 23U);
+    EXPECT_EQ(table.shown, 20U);
+    EXPECT_TRUE(Has(table.lines, "1-20 of 100: 100 live")) << Joined(table.lines);
+    EXPECT_TRUE(Has(table.lines, " 0 cam-0 ")) << Joined(table.lines);
+    EXPECT_TRUE(Has(table.lines, "19 cam-19 ")) << Joined(table.lines);
+    control.first = 11;
+    table = MakeTable(run, {}, {100, 23}, false, control);
+    EXPECT_EQ(table.first, 11U);
+    EXPECT_TRUE(Has(table.lines, "12-31 of 100")) << Joined(table.lines);
+    EXPECT_FALSE(Has(table.lines, "cam-10 ")) << Joined(table.lines);
+    control.first = 1000;
+    table = MakeTable(run, {}, {100, 23}, false, control);
+    EXPECT_EQ(table.first, 80U);
+    EXPECT_TRUE(Has(table.lines, "cam-99 ")) << Joined(table.lines);
+    // A window that grows shows all from the first one on.
+    table = MakeTable(run, {}, {100, 200}, false, control);
+    EXPECT_EQ(table.first, 0U);
+    EXPECT_EQ(table.shown, 100U);
+}
+
+TEST(Table, SourcesAreSorted) {
+    RunSample run = Sources(4);
+    const char *names[] = {"delta", "Alpha", "charlie", "bravo"};
+    for (size_t i = 0; i < run.sources.size(); ++i) {
+        run.sources[i].name = names[i];
+    }
+    run.sources[1].flow = Flow::kNone;
+    run.sources[1].video.age_ns.reset();
+    run.sources[2].state = "failed";
+    run.sources[2].flow = Flow::kNone;
+    run.sources[3].video.bitrate = 99'000'000;
+    run.sources[3].rebuilds = 7;
+    run.sources[0].video.age_ns = 1'000'000'000;
+    const auto order = [&run](SortBy sort, bool reversed) {
+        TableControl control;
+        control.sort = sort;
+        control.reversed = reversed;
+        std::string found;
+        for (const std::string &line : TableLines(run, {}, {120, 10}, false, control)) {
+            found += line.size() > 1 && line[1] == ' ' ? line.substr(0, 1) : "";
+        }
+        return found;
+    };
+    EXPECT_EQ(order(SortBy::kGiven, false), "0123");
+    EXPECT_EQ(order(SortBy::kGiven, true), "3210");
+    EXPECT_EQ(order(SortBy::kName, false), "1320");
+    EXPECT_EQ(order(SortBy::kState, false), "2103");
+    EXPECT_EQ(order(SortBy::kBitRate, false), "3012");
+    EXPECT_EQ(order(SortBy::kAge, false), "1023");
+    EXPECT_EQ(order(SortBy::kRebuilds, false), "3012");
+    TableControl control;
+    control.sort = SortBy::kBitRate;
+    control.reversed = true;
+    const auto lines = TableLines(run, {}, {120, 10}, false, control);
+    EXPECT_TRUE(Has(lines, "4 sources by bit rate, reversed: 2 live, 1 waiting, 1 failing")) << Joined(lines);
+}
+
+TEST(Table, ReasonsStandBesideTheirSources) {
+    RunSample run = Sources(12);
+    run.sources[4].state = "reconnect";
+    run.sources[4].flow = Flow::kSilent;
+    run.sources[4].attempts = 2;
+    run.sources[4].last_error = Reason{"Not Found", "404", "", true};
+    run.sources[4].retry_in_s = 2.5;
+    const auto narrow = TableLines(run, {}, {80, 16}, false);
+    EXPECT_TRUE(Has(narrow, "404 Not Found, again ")) << Joined(narrow);
+    EXPECT_TRUE(Has(narrow, " failing ")) << Joined(narrow);
+    const auto wide = TableLines(run, {}, {140, 16}, false);
+    EXPECT_TRUE(Has(wide, "404 Not Found, again in 3 s")) << Joined(wide);
+    EXPECT_TRUE(Has(wide, "REASON")) << Joined(wide);
+    EXPECT_TRUE(Has(wide, "12 sources: 11 live, 1 failing")) << Joined(wide);
+    EXPECT_FALSE(Has(TableLines(Sources(12), {}, {140, 16}, false), "REASON"));
+}
+
+TEST(Table, ANameStandsBeforeTheUrl) {
+    RunSample run = Sources(1);
+    run.sources[0].url = "udp://127.0.0.1:5000";
+    run.sources[0].name = "gate";
+    EXPECT_TRUE(Has(TableLines(run, {}, {100, 24}, false), "rebuilds  gate  udp://127.0.0.1:5000"));
+    run.sources[0].name = run.sources[0].url;
+    EXPECT_TRUE(Has(TableLines(run, {}, {100, 24}, false), "rebuilds  udp://127.0.0.1:5000"));
+}
+
+TEST(Table, TheKeysHaveALine) {
+    TableControl control;
+    EXPECT_TRUE(Has(TableLines(Sources(1), {}, {100, 24}, false, control), "(Ctrl-C ends)"));
+    control.keys = true;
+    EXPECT_TRUE(Has(TableLines(Sources(1), {}, {100, 24}, false, control), "(q ends, ? more)"));
+    EXPECT_FALSE(Has(TableLines(Sources(1), {}, {100, 24}, false, control), "s: sort"));
+    control.help = true;
+    EXPECT_TRUE(Has(TableLines(Sources(1), {}, {100, 24}, false, control), "s: sort"));
 }
 
 TEST(Table, TellsHowMuchOfTheLogIsNotThere) {
@@ -133,8 +253,17 @@ TEST(Table, TellsHowMuchOfTheLogIsNotThere) {
     EXPECT_FALSE(Has(TableLines(Sources(1), {}, {100, 30}, false), "log:"));
 }
 
+TEST(Table, SaysWhatThePolicyLeavesOut) {
+    LogTail log = Log(3);
+    log.total = 28;
+    log.left_out = 25;
+    EXPECT_TRUE(Has(TableLines(Sources(1), log, {100, 30}, false), "log: 3 of note among 28 lines; -v shows all"));
+    log.left_out = 28;
+    EXPECT_FALSE(Has(TableLines(Sources(1), log, {100, 30}, false), "log:"));
+}
+
 TEST(Table, ForeignTextsCannotCommandTheTerminal) {
-    const auto lines = TableLines(Sources(1), {{"\x1b[2Jlog\x07"}, 1, false}, {140, 24}, false);
+    const auto lines = TableLines(Sources(1), {{"\x1b[2Jlog\x07"}, 1, false, 0}, {140, 24}, false);
     EXPECT_EQ(Joined(lines).find('\x1b'), std::string::npos);
     EXPECT_EQ(Joined(lines).find('\x07'), std::string::npos);
 }

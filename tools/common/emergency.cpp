@@ -1,5 +1,6 @@
 #include "emergency.h"
 
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +31,12 @@ std::atomic<int> g_terminal{-1};
 std::atomic<int> g_log_pipe{-1};
 std::atomic<int> g_log_target{-1};
 
+std::atomic<int> g_keys{-1};
+std::atomic<bool> g_key_mode{false};
+// Its own mode. Written only by whoever holds the flag, while g_key_mode is not set.
+termios g_mode{};
+std::atomic_flag g_mode_busy = ATOMIC_FLAG_INIT;
+
 // The tail of the log as a ring of letters. A crash in the
 // middle of a line shows half of that line, no worse.
 constexpr size_t kTailSize = 8192;
@@ -38,6 +45,21 @@ std::atomic<size_t> g_tail_end{0};
 
 constexpr std::array<int, 5> kCrashes{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 std::array<struct sigaction, kCrashes.size()> g_previous{};
+
+bool InForeground(int terminal) {
+    return terminal >= 0 && tcgetpgrp(terminal) == getpgrp();
+}
+
+// Without the signal that stops a process which has just lost its terminal.
+void SetMode(int terminal, const termios &mode) {
+    sigset_t background;
+    sigset_t before;
+    sigemptyset(&background);
+    sigaddset(&background, SIGTTOU);
+    pthread_sigmask(SIG_BLOCK, &background, &before);
+    tcsetattr(terminal, TCSANOW, &mode);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
 
 void Put(int fd, const char *data, size_t size) {
     while (size > 0) {
@@ -115,6 +137,40 @@ void RestoreCursor(int fd) {
     g_terminal.store(fd);
 }
 
+void UseKeysOf(int fd) {
+    g_keys.store(fd);
+}
+
+void EnterKeyMode() {
+    const int saved = errno;
+    const int terminal = g_keys.load();
+    // A signal handler may interrupt this very function; what it would do is being done.
+    if (InForeground(terminal) && !g_mode_busy.test_and_set()) {
+        termios mode{};
+        if (tcgetattr(terminal, &mode) == 0) {
+            if (!g_key_mode.load()) {
+                g_mode = mode;
+                g_key_mode.store(true);
+            }
+            mode.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+            mode.c_cc[VMIN] = 1;
+            mode.c_cc[VTIME] = 0;
+            SetMode(terminal, mode);
+        }
+        g_mode_busy.clear();
+    }
+    errno = saved;
+}
+
+void LeaveKeyMode() {
+    const int saved = errno;
+    const int terminal = g_keys.load();
+    if (g_key_mode.exchange(false) && InForeground(terminal)) {
+        SetMode(terminal, g_mode);
+    }
+    errno = saved;
+}
+
 void SaveLog(int pipe_fd, int error_fd) {
     g_log_target.store(error_fd);
     g_log_pipe.store(pipe_fd);
@@ -130,6 +186,7 @@ void RememberLine(std::string_view line) {
 }
 
 void Clean() {
+    LeaveKeyMode();
     for (size_t i = 0; i < g_files_end.load(); ++i) {
         if (g_files[i].in_use.load()) {
             unlink(g_files[i].path.data());

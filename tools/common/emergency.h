@@ -14,12 +14,19 @@ void ForgetFile(std::string_view path);
 // Terminal whose cursor Clean() shows again; -1 for none.
 void RestoreCursor(int fd);
 
+// Terminal from which keys are read, -1 for none.
+void UseKeysOf(int fd);
+// Its keys come at once and unseen, until LeaveKeyMode() or Clean() gives it back the mode that it had. Both do
+// nothing in the background, where the terminal is another's.
+void EnterKeyMode();
+void LeaveKeyMode();
+
 // When the process crashes while its standard error is captured, what is in the pipe and the last lines
 // taken out of it go to `error_fd`. -1 for none.
 void SaveLog(int pipe_fd, int error_fd);
 void RememberLine(std::string_view line);
 
-// Removes the memory and shows the cursor.
+// Removes the memory, shows the cursor and gives the terminal its mode back.
 void Clean();
 
 // Cleans up at SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT before the previous handler runs.

@@ -76,6 +76,7 @@ void WriteToTerminal(std::string_view sequence) {
 
 void OnSuspend(int number) {
     const int saved = errno;
+    emergency::LeaveKeyMode();
     WriteToTerminal("\x1b[?25h");
     Handle(number, SIG_DFL);
     raise(number);
@@ -85,8 +86,15 @@ void OnSuspend(int number) {
     // The process stops here and goes on here.
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     Handle(number, OnSuspend);
+    emergency::EnterKeyMode();
     WriteToTerminal("\x1b[?25l");
     errno = saved;
+    OnResize(number);
+}
+
+// Also without OnSuspend: after SIGSTOP, and of a process that began in the background.
+void OnContinue(int number) {
+    emergency::EnterKeyMode();
     OnResize(number);
 }
 
@@ -102,11 +110,16 @@ void Install(int terminal, bool hangup_reloads) {
     g_terminal.store(terminal);
     if (terminal >= 0) {
         Handle(SIGTSTP, OnSuspend);
+        Handle(SIGCONT, OnContinue);
     }
 }
 
 int WakeDescriptor() {
     return g_wake.load();
+}
+
+void WakeUp() {
+    Wake();
 }
 
 void Acknowledge() {

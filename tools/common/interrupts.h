@@ -5,14 +5,16 @@
 
 namespace tool::interrupts {
 
-// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP and SIGPIPE, once. SIGTSTP only has to
-// be handled while a live table hides the cursor of `terminal`; -1 leaves it alone.
-// `hangup_reloads`: SIGHUP asks for something to be read again, and not for the end.
+// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP, SIGCONT and SIGPIPE, once. SIGTSTP and
+// SIGCONT only have to be handled while a live table hides the cursor of `terminal` and reads keys; -1 leaves
+// them alone. `hangup_reloads`: SIGHUP asks for something to be read again, and not for the end.
 void Install(int terminal, bool hangup_reloads = false);
 
 // Readable after any of them; made empty by Acknowledge().
 int WakeDescriptor();
 void Acknowledge();
+// Makes it readable from any thread.
+void WakeUp();
 
 // A wish to end has come. A further one cleans up what must not stay and leaves the process at once, unless
 // it follows within half a second: terminals, shells and timeout(1) often send two signals for one wish.

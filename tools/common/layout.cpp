@@ -57,7 +57,7 @@ std::string Layout::Titles() const {
     return Line(titles);
 }
 
-std::string Layout::Line(const Row &row) const {
+std::string Layout::Line(const Row &row, const Decorate &decorate) const {
     std::string line(m_indent, ' ');
     size_t gap = 0;
     for (size_t column = 0; column < m_widths.size(); ++column) {
@@ -65,7 +65,8 @@ std::string Layout::Line(const Row &row) const {
             continue;
         }
         const std::string pad(m_widths[column] - std::min(m_widths[column], Columns(row[column])), ' ');
-        line += std::string(gap, ' ') + (m_styles[column].right ? pad + row[column] : row[column] + pad);
+        const std::string cell = m_styles[column].right ? pad + row[column] : row[column] + pad;
+        line += std::string(gap, ' ') + (decorate ? decorate(column, cell) : cell);
         gap = kGap;
     }
     line.erase(line.find_last_not_of(' ') + 1);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -30,11 +31,14 @@ class Layout {
            const std::vector<size_t> &hidden = {});
 
     std::string Titles() const;
-    // Without blanks at the end.
-    std::string Line(const Row &row) const;
+    // Without blanks at the end. `decorate` may put what takes no columns around a cell and its blanks.
+    using Decorate = std::function<std::string(size_t column, const std::string &cell)>;
+    std::string Line(const Row &row, const Decorate &decorate = {}) const;
+
+    // Of the widest line that it can make.
+    size_t Width() const;
 
   private:
-    size_t Width() const;
     void Fit(size_t columns);
 
     const std::vector<ColumnStyle> &m_styles;

@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -56,8 +58,27 @@ size_t EscapeSize(std::string_view text) {
     return std::min(text.size(), end + 1);
 }
 
-bool IsContinuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xc0u) == 0x80u;
+struct Letter {
+    size_t bytes = 1;
+    size_t columns = 1;
+    bool valid = true;
+    bool control = false;  // a terminal obeys it
+};
+
+// The one that the text begins with. What is not UTF-8 counts as a letter for each byte.
+Letter FirstLetter(std::string_view text) {
+    constexpr gunichar kIncomplete = static_cast<gunichar>(-2);
+    const gunichar c = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
+    if (c >= kIncomplete) {
+        return {1, 1, false, false};
+    }
+    Letter letter;
+    letter.bytes = static_cast<size_t>(g_unichar_to_utf8(c, nullptr));
+    letter.control = g_unichar_iscntrl(c) != FALSE;
+    if (!letter.control) {
+        letter.columns = g_unichar_iszerowidth(c) != FALSE ? 0 : (g_unichar_iswide(c) != FALSE ? 2 : 1);
+    }
+    return letter;
 }
 
 }  // namespace
@@ -124,21 +145,15 @@ std::string Count(uint64_t number, const char *one, const char *many) {
 std::string Printable(std::string_view text) {
     std::string result;
     result.reserve(text.size());
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c == 0x1b && i + 1 < text.size() && text[i + 1] == '[') {
-            // A control sequence ends at its first letter.
-            i += 2;
-            while (i < text.size() && (text[i] < '@' || text[i] > '~')) {
-                ++i;
-            }
-        } else if (c == '\t') {
+    while (!text.empty()) {
+        const bool sequence = text.front() == '\x1b' && text.size() > 1 && text[1] == '[';
+        const Letter letter = FirstLetter(text);
+        if (text.front() == '\t') {
             result += ' ';
-        } else if (c < 0x20 || c == 0x7f) {
-            result += '?';
-        } else {
-            result += text[i];
+        } else if (!sequence) {
+            result += letter.control || !letter.valid ? "?" : text.substr(0, letter.bytes);
         }
+        text.remove_prefix(sequence ? EscapeSize(text) : letter.bytes);
     }
     return result;
 }
@@ -160,8 +175,10 @@ std::string StripEscapes(std::string_view text, bool keep_colors) {
 
 size_t Columns(std::string_view text) {
     size_t columns = 0;
-    for (const char c : text) {
-        columns += IsContinuation(c) ? 0U : 1U;
+    while (!text.empty()) {
+        const Letter letter = FirstLetter(text);
+        columns += letter.columns;
+        text.remove_prefix(letter.bytes);
     }
     return columns;
 }
@@ -172,12 +189,15 @@ std::string Cut(std::string_view text, size_t columns) {
     }
     constexpr std::string_view kMark = "..";
     const size_t kept = columns > kMark.size() ? columns - kMark.size() : 0;
-    size_t seen = 0;
+    size_t used = 0;
     size_t end = 0;
-    for (; end < text.size(); ++end) {
-        if (!IsContinuation(text[end]) && ++seen > kept) {
+    while (end < text.size()) {
+        const Letter letter = FirstLetter(text.substr(end));
+        if (used + letter.columns > kept) {
             break;
         }
+        used += letter.columns;
+        end += letter.bytes;
     }
     return std::string(text.substr(0, end)) + std::string(kMark.substr(0, columns));
 }

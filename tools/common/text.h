@@ -17,13 +17,14 @@ std::string FormatPicture(int width, int height, int scan);             // "1920
 std::string FormatSound(int sample_rate, int channels);                 // "48000 Hz 2 ch", "-" while unknown
 std::string Count(uint64_t number, const char *one, const char *many);  // "1 frame", "2 frames"
 
-// Without escape sequences and other control characters, which would move the cursor of a terminal.
+// Without escape sequences and other control characters, which would move the cursor of a terminal, and in
+// valid UTF-8.
 std::string Printable(std::string_view text);
 
 // Without escape sequences, as terminals read them; `keep_colors` leaves those that only choose colours.
 std::string StripEscapes(std::string_view text, bool keep_colors);
 
-// Columns that a printable UTF-8 text takes, one a character.
+// Columns that a printable UTF-8 text takes: two for most letters of East Asia, none for an accent of its own.
 size_t Columns(std::string_view text);
 
 // The text cut to `columns`, with ".." at the end when something was cut.

@@ -31,19 +31,55 @@ std::string FormatReason(const Reason &reason) {
     return Printable(status ? reason.code + " " + reason.text : reason.text);
 }
 
-std::string FormatState(const SourceSample &sample) {
-    if (sample.last_error && sample.retry_in_s && sample.state == "reconnect") {
-        const auto seconds = std::max(1, static_cast<int>(std::ceil(*sample.retry_in_s)));
-        return "waiting: " + FormatReason(*sample.last_error) + ", again in " + std::to_string(seconds) + " s";
+const Reason *CurrentReason(const SourceSample &sample) {
+    if (!sample.last_error || sample.state == "stop") {
+        return nullptr;
+    }
+    // With attempts == 0, media have come since, and no session has failed after them.
+    const bool waits = sample.retry_in_s && sample.state == "reconnect";
+    const bool fails = sample.flow == Flow::kNone || sample.attempts > 0 || !sample.last_error->ends;
+    return waits || (fails && sample.flow != Flow::kLive) ? &*sample.last_error : nullptr;
+}
+
+std::string FormatName(const SourceSample &sample) {
+    return Printable(sample.name.empty() ? sample.url : sample.name);
+}
+
+Standing StandingOf(const SourceSample &sample) {
+    if (sample.state == "stop") {
+        return Standing::kStopped;
+    }
+    if (sample.state == "failed" || CurrentReason(sample) != nullptr) {
+        return Standing::kFailing;
+    }
+    return sample.flow == Flow::kLive ? Standing::kLive : Standing::kWaiting;
+}
+
+std::string FormatShortState(const SourceSample &sample) {
+    const Reason *reason = CurrentReason(sample);
+    if (reason != nullptr && sample.retry_in_s && sample.state == "reconnect") {
+        return "waiting";
     }
     // An element that tries again by itself only warns.
-    if (sample.last_error && !sample.last_error->ends && sample.flow != Flow::kLive && sample.state != "stop") {
-        return "trying: " + FormatReason(*sample.last_error);
+    if (reason != nullptr && !reason->ends) {
+        return "trying";
     }
     if (sample.state == "connected" && sample.flow != Flow::kLive) {
-        return "no data";
+        return sample.flow == Flow::kNone ? "waiting" : "no data";
     }
     return sample.state.empty() ? "-" : sample.state;
+}
+
+std::string FormatState(const SourceSample &sample) {
+    std::string text = FormatShortState(sample);
+    if (const Reason *reason = CurrentReason(sample)) {
+        text += ": " + FormatReason(*reason);
+    }
+    if (sample.last_error && sample.retry_in_s && sample.state == "reconnect") {
+        const auto seconds = std::max(1, static_cast<int>(std::ceil(*sample.retry_in_s)));
+        text += ", again in " + std::to_string(seconds) + " s";
+    }
+    return text;
 }
 
 std::string FormatSummary(const SourceSample &sample) {
@@ -61,7 +97,9 @@ std::string FormatSummary(const SourceSample &sample) {
         text += ", last error: " + FormatReason(*sample.last_error);
     }
     text += DumpSummary(sample.video, "video") + DumpSummary(sample.audio, "audio");
-    return text + "  " + Printable(sample.url);
+    const std::string name = FormatName(sample);
+    const std::string url = Printable(sample.url);
+    return text + "  " + (name == url ? "" : name + "  ") + url;
 }
 
 }  // namespace tool

@@ -45,6 +45,12 @@ class View {
     // True for a view that is worth redrawing between two reports when something has changed.
     virtual bool IsLive() const { return false; }
 
+    // What a person types; -1 for nothing. To be asked before every wait, because it comes and goes.
+    virtual int InputDescriptor() const { return -1; }
+    // To be called when that is readable.
+    enum class Asked { kNothing, kRedraw, kQuit };
+    virtual Asked OnInput() { return Asked::kNothing; }
+
   protected:
     View() = default;
 };

@@ -187,6 +187,9 @@ TEST(Snapshot, PixelsAreSquare) {
     Child child(Snapshot({buffer.Name(), dir.File("out.png")}));
     ASSERT_EQ(child.Wait(), 0) << child.Err();
     ExpectSize(dir.File("out.png"), 768, 576);
+    Child small(Snapshot({buffer.Name(), dir.File("small.png"), "--width", "384"}));
+    ASSERT_EQ(small.Wait(), 0) << small.Err();
+    ExpectSize(dir.File("small.png"), 384, 288);
 }
 
 TEST(Snapshot, APictureOfTwoFieldsHasBoth) {

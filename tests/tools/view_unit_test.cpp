@@ -110,7 +110,9 @@ TEST(ViewOptions, Snapshot) {
     EXPECT_EQ(plain.output, "picture.jpg");
     EXPECT_EQ(plain.view.format, reader::PictureFormat::kJpeg);
     EXPECT_EQ(plain.view.timeout, 10);
-    const reader::Options all = Good("snapshot camera --timeout 0.5 A.PNG --channel 3 --stream 1");
+    EXPECT_EQ(plain.view.width, 0);
+    const reader::Options all = Good("snapshot camera --timeout 0.5 A.PNG --channel 3 --stream 1 --width 320");
+    EXPECT_EQ(all.view.width, 320);
     EXPECT_EQ(all.view.format, reader::PictureFormat::kPng);
     EXPECT_EQ(all.view.timeout, 0.5);
     EXPECT_EQ(all.channel, 3U);
@@ -179,6 +181,18 @@ TEST(ViewPackages, AreThoseThatDebianHas) {
         EXPECT_EQ(reader::MissingElement(factory),
                   std::string("the GStreamer element \"") + factory + "\" is missing; it is in the package " + owner);
     }
+}
+
+TEST(SquarePixels, AWidthKeepsTheShape) {
+    const auto narrowed = [](int width, int height, int most) {
+        const reader::PictureSize made = reader::NoWiderThan({width, height}, most);
+        return std::make_pair(made.width, made.height);
+    };
+    EXPECT_EQ(narrowed(1920, 1080, 480), std::make_pair(480, 270));
+    EXPECT_EQ(narrowed(768, 576, 500), std::make_pair(500, 375));
+    EXPECT_EQ(narrowed(1920, 1080, 0), std::make_pair(1920, 1080));
+    EXPECT_EQ(narrowed(320, 240, 480), std::make_pair(320, 240));
+    EXPECT_EQ(narrowed(16384, 2, 1), std::make_pair(1, 1));
 }
 
 TEST(ViewSquare, TheWidthFollowsTheShapeOfThePixels) {

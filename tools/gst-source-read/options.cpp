@@ -48,7 +48,7 @@ class CommandLine {
             "gst-source-read read [NAME] --format mpegts|mkv [-] [--channel N] [--stream N] [--start ...] [--frames N] ...\n"
             "gst-source-read record [NAME] OUT.mkv|.mp4|.ts [--segment TIME] [--from -10s] [--duration TIME] ...\n"
             "gst-source-read play [NAME] [--channel N] [--stream N] [--no-audio] [--follow]\n"
-            "gst-source-read snapshot NAME OUT.jpg|OUT.png|- [--channel N] [--stream N] [--timeout SECONDS]\n"
+            "gst-source-read snapshot NAME OUT.jpg|OUT.png|- [--channel N] [--stream N] [--timeout SECONDS] ...\n"
             "gst-source-read remove NAME [--force]\n\n"
             "Without NAME: the one live buffer of this machine. COMMAND --help tells what a command's flags mean."));
         m_app.set_version_flag("--version", std::string(kProgram) + " " + TOOL_VERSION);

@@ -158,7 +158,7 @@ SamplePtr DecodePicture(const KeyFrame &frame) {
     return Decoder(frame).Run();
 }
 
-SamplePtr EncodePicture(GstSample *picture, PictureFormat format) {
+SamplePtr EncodePicture(GstSample *picture, PictureFormat format, int width) {
     // The conversion looks for them itself and would not say which package has them.
     for (const char *part : {"videoconvert", "videoscale", format == PictureFormat::kPng ? "pngenc" : "jpegenc"}) {
         NewElement(part);
@@ -169,8 +169,9 @@ SamplePtr EncodePicture(GstSample *picture, PictureFormat format) {
     if (raw == nullptr || gst_video_info_from_caps(&info, raw) == FALSE) {
         throw std::runtime_error("the decoder gives no picture in memory");
     }
-    const PictureSize size = SquarePixels({GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info)},
-                                          GST_VIDEO_INFO_PAR_N(&info), GST_VIDEO_INFO_PAR_D(&info));
+    const PictureSize square = SquarePixels({GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info)},
+                                            GST_VIDEO_INFO_PAR_N(&info), GST_VIDEO_INFO_PAR_D(&info));
+    const PictureSize size = NoWiderThan(square, width);
     // By way of RGB: jpegenc takes YUV as it is, and JPEG has another range and other colours than television.
     const CapsPtr rgb(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "RGB", "width", G_TYPE_INT, size.width,
                                           "height", G_TYPE_INT, size.height, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1,

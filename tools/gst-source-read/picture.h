@@ -13,8 +13,8 @@ namespace reader {
 // Ends early with the process's wish to end.
 SamplePtr DecodePicture(const KeyFrame &frame);
 
-// As a file of this format, with square pixels.
-SamplePtr EncodePicture(GstSample *picture, PictureFormat format);
+// As a file of this format, with square pixels; no wider than `width`, unless that is 0.
+SamplePtr EncodePicture(GstSample *picture, PictureFormat format, int width);
 
 // The bytes of a sample, for as long as it lives.
 class SampleBytes {

@@ -19,7 +19,7 @@ int RunSnapshot(const Options &options) {
     StartGStreamer();
     const KeyFrame frame = taker.Take();
     const SamplePtr picture = DecodePicture(frame);
-    const SamplePtr encoded = EncodePicture(picture.get(), options.view.format);
+    const SamplePtr encoded = EncodePicture(picture.get(), options.view.format, options.view.width);
     file.Finish(SampleBytes(encoded.get()).View());
     return tool::kExitOk;
 }

@@ -17,4 +17,12 @@ PictureSize SquarePixels(PictureSize coded, int par_n, int par_d) {
     return width > kWidest ? coded : PictureSize{static_cast<int>(width), coded.height};
 }
 
+PictureSize NoWiderThan(PictureSize size, int width) {
+    if (width <= 0 || size.width <= width) {
+        return size;
+    }
+    const int64_t height = (int64_t{size.height} * width + size.width / 2) / size.width;
+    return {width, static_cast<int>(std::max<int64_t>(height, 1))};
+}
+
 }  // namespace reader

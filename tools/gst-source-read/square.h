@@ -12,4 +12,7 @@ struct PictureSize {
 // leaves the picture as it is.
 PictureSize SquarePixels(PictureSize coded, int par_n, int par_d);
 
+// The same shape with at most this width; 0: any.
+PictureSize NoWiderThan(PictureSize size, int width);
+
 }  // namespace reader

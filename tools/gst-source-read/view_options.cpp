@@ -52,6 +52,15 @@ void AddSnapshotOptions(CLI::App &command, Options &options) {
             "how long to wait for a key frame when none is held")
         ->type_name("SECONDS")
         ->default_str("10");
+    command
+        .add_option_function<std::string>(
+            "--width",
+            [&options](const std::string &text) {
+                constexpr int kWidest = 16384;
+                options.view.width = tool::ParseWhole<int>("--width", text, 1, kWidest);
+            },
+            "a smaller picture, of this width; one that is narrower stays as it is")
+        ->type_name("PIXELS");
 }
 
 void CheckSnapshotOptions(Options &options) {

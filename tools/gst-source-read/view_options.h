@@ -13,6 +13,7 @@ enum class PictureFormat { kJpeg, kPng };
 struct ViewOptions {
     double timeout = 10;  // s
     PictureFormat format = PictureFormat::kJpeg;
+    int width = 0;  // pixels, at most; 0: that of the stream
     bool sound = true;
 };
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gst/gst.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -29,6 +29,7 @@
 #include "fleet.h"
 #include "format.h"
 #include "frame_tap.h"
+#include "http/http_side.h"
 #include "interrupts.h"
 #include "log_capture.h"
 #include "log_level.h"
@@ -97,6 +98,19 @@ void Choose(ConfigFile &file, const std::string &only) {
     file.service.http.clear();
 }
 
+// The program that makes pictures: beside this one, where it stands in the build, or wherever PATH finds it.
+std::string ReaderProgram() {
+    const std::string name = "gst-source-read";
+    std::error_code error;
+    const std::filesystem::path own = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+    for (const std::filesystem::path &path : {own / name, own.parent_path() / name / name}) {
+        if (!error && access(path.c_str(), X_OK) == 0 && std::filesystem::is_regular_file(path, error)) {
+            return path.string();
+        }
+    }
+    return name;
+}
+
 std::string JoinedLines(const std::vector<std::string> &lines) {
     std::string text;
     for (const std::string &line : lines) {
@@ -133,8 +147,10 @@ class Host : private Service {
     void FinishReaders();
     void MakeView();
     void MakeControl();
+    void MakeHttp();
     End Watch();
-    void Wait(Clock::time_point until) const;
+    // False when the person at the terminal wants the end.
+    bool Wait(Clock::time_point until);
     bool GoalsReached() const;
     void ServeOthers(Clock::time_point now);
     ControlAnswer ReadFileAgain();
@@ -175,9 +191,9 @@ class Host : private Service {
     std::deque<std::string> m_restarts;
     std::deque<std::promise<ControlAnswer>> m_reloads;
     bool m_noMoreReloads = false;
-    std::shared_ptr<const RunSample> m_newest;
-    const Fd m_wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::shared_ptr<const RunSample> m_newest = std::make_shared<RunSample>();
     std::unique_ptr<ControlServer> m_control;
+    std::unique_ptr<HttpSide> m_http;
 
     std::vector<std::string> m_errors;
     Clock::time_point m_start;
@@ -187,6 +203,7 @@ class Host : private Service {
     Clock::time_point m_nextReport;
     Clock::time_point m_nextPublish;
     uint64_t m_lastChange = 0;
+    bool m_redraw = false;
     bool m_ready = false;
     uint64_t m_reloadCount = 0;
     bool m_reloadGood = true;
@@ -204,6 +221,7 @@ int Host::Run() {
         return kExitNothing;
     }
     MakeControl();
+    MakeHttp();
     MakeSources();
     MakeReaders();
     MakeView();
@@ -227,7 +245,7 @@ bool Host::Restart(const std::string &source) {
                                    [&source](const SourceSample &one) { return one.name == source; });
     if (known && std::find(m_restarts.begin(), m_restarts.end(), source) == m_restarts.end()) {
         m_restarts.push_back(source);
-        eventfd_write(m_wake.Get(), 1);
+        interrupts::WakeUp();
     }
     return known;
 }
@@ -277,6 +295,15 @@ void Host::MakeControl() {
     }
 }
 
+void Host::MakeHttp() {
+    if (m_options.http.empty()) {
+        return;
+    }
+    Service &self = *this;
+    m_http = std::make_unique<HttpSide>(HttpOptions{m_options.http, m_options.http_token, ReaderProgram()}, self);
+    Complain("page, metrics and API at http://" + m_http->Address() + "/");
+}
+
 void Host::MakeSources() {
     m_fleet = std::make_unique<Fleet>(m_masker, m_news);
     if (m_file) {
@@ -305,8 +332,7 @@ void Host::MakeReaders() {
     m_map.reset(map);
     const size_t sources = m_fleet->Stations().size();
     for (unsigned channel = 0; m_options.frames > 0 && channel < sources; ++channel) {
-        m_taps.push_back(
-            std::make_unique<FrameTap>(map, channel, m_options.frames, [this] { eventfd_write(m_wake.Get(), 1); }));
+        m_taps.push_back(std::make_unique<FrameTap>(map, channel, m_options.frames, [this] { interrupts::WakeUp(); }));
     }
     const auto add = [&](const std::string &pattern, shb_kind_t kind) {
         for (unsigned channel = 0; !pattern.empty() && channel < sources; ++channel) {
@@ -330,7 +356,8 @@ void Host::FinishReaders() {
 
 void Host::MakeView() {
     if (m_live) {
-        m_view = std::make_unique<TableView>(m_out.Get(), WantsColors(m_options.color), *m_log, static_cast<bool>(m_logFile));
+        m_view = std::make_unique<TableView>(m_out.Get(), WantsColors(m_options.color), *m_log, static_cast<bool>(m_logFile),
+                                             STDIN_FILENO);
         return;
     }
     const RecordFormat format = m_options.json ? RecordFormat::kJson : RecordFormat::kKeyValue;
@@ -367,6 +394,7 @@ Host::End Host::Watch() {
         if (ReportDue(now, change)) {
             m_lastReport = now;
             m_lastChange = change;
+            m_redraw = false;
             // Reports keep to the clock; those that were missed are not made up for.
             while (m_nextReport <= now) {
                 m_nextReport += interval;
@@ -375,17 +403,20 @@ Host::End Host::Watch() {
                 return End::kAsked;
             }
         }
-        Wait(std::min(m_nextReport, now + kTick));
+        if (!Wait(std::min(m_nextReport, now + kTick))) {
+            return End::kAsked;
+        }
     }
 }
 
-void Host::Wait(Clock::time_point until) const {
+bool Host::Wait(Clock::time_point until) {
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
-    std::array<pollfd, 2> wake{{{interrupts::WakeDescriptor(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}}};
+    std::array<pollfd, 2> wake{{{interrupts::WakeDescriptor(), POLLIN, 0}, {m_view->InputDescriptor(), POLLIN, 0}}};
     poll(wake.data(), wake.size(), static_cast<int>(std::clamp(wait, std::chrono::milliseconds(0), kTick).count()));
     interrupts::Acknowledge();
-    eventfd_t count = 0;
-    eventfd_read(m_wake.Get(), &count);
+    const View::Asked asked = wake[1].revents != 0 ? m_view->OnInput() : View::Asked::kNothing;
+    m_redraw = m_redraw || asked == View::Asked::kRedraw;
+    return asked != View::Asked::kQuit;
 }
 
 bool Host::GoalsReached() const {
@@ -429,6 +460,9 @@ void Host::ServeOthers(Clock::time_point now) {
     service_manager::Alive();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_newest = std::move(sample);
+    if (m_http) {
+        m_http->OnSample(m_newest, now);
+    }
 }
 
 // On the control's thread.
@@ -442,7 +476,7 @@ ControlAnswer Host::AskForReload() {
         m_reloads.emplace_back();
         answer = m_reloads.back().get_future();
     }
-    eventfd_write(m_wake.Get(), 1);
+    interrupts::WakeUp();
     return answer.get();
 }
 
@@ -487,7 +521,7 @@ bool Host::ReportDue(Clock::time_point now, uint64_t change) const {
     if (now >= m_nextReport) {
         return true;
     }
-    return m_live && (interrupts::RedrawWanted() || (change != m_lastChange && now - m_lastReport >= kRedraw));
+    return m_live && (m_redraw || interrupts::RedrawWanted() || (change != m_lastChange && now - m_lastReport >= kRedraw));
 }
 
 bool Host::Show(Phase phase) {
@@ -535,6 +569,7 @@ void Host::Close() {
         m_reloads.clear();
     }
     m_control.reset();
+    m_http.reset();
     if (m_live) {
         Show(Phase::kClosing);
     }

@@ -5,7 +5,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd -P)
 
 # Without recommends: everything that is needed is named.
 build_packages=(build-essential meson ninja-build pkg-config libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
-    libgstreamer-plugins-bad1.0-dev libcli11-dev nlohmann-json3-dev libcpp-httplib-dev zlib1g-dev)
+    libgstreamer-plugins-bad1.0-dev libcli11-dev nlohmann-json3-dev libtomlplusplus-dev libsystemd-dev libcpp-httplib-dev zlib1g-dev)
 # Elements at run time; glib-networking and ca-certificates are what rtsps:// and https:// need.
 runtime_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad glib-networking ca-certificates)
 sender_packages=(ffmpeg)
@@ -15,7 +15,7 @@ python_packages=(python3 python3-dev python3-cffi python3-av)
 test_packages=(gstreamer1.0-libav gstreamer1.0-x xvfb libx11-dev libavformat-dev libavcodec-dev libavutil-dev
     libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
     libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3-numpy mypy
-    procps iproute2 git clang clang-format clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
+    procps iproute2 systemd git clang clang-format clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
     g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user prometheus chromium chromium-driver python3-selenium
     fonts-dejavu-core)
 all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${python_packages[@]}"

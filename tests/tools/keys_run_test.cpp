@@ -11,8 +11,8 @@ namespace {
 
 class Table : public Child {
   public:
-    explicit Table(const std::string &sources)
-        : Child({Program(), sources}, {{"TERM", "xterm"}, {"NO_COLOR", "1"}}, Output::kTerminal) {
+    explicit Table(const std::string &sources, const std::vector<std::string> &more = {})
+        : Child(Command(sources, more), {{"TERM", "xterm"}, {"NO_COLOR", "1"}}, Output::kTerminal) {
         EXPECT_TRUE(Shows("gst-source"));
     }
     // In what comes from now on.
@@ -31,9 +31,11 @@ class Table : public Child {
     }
 
   private:
-    static std::string Program() {
+    static std::vector<std::string> Command(const std::string &sources, const std::vector<std::string> &more) {
         const char *path = std::getenv("TABLE_DEMO");
-        return path != nullptr ? path : "table-demo";
+        std::vector<std::string> command{path != nullptr ? path : "table-demo", sources};
+        command.insert(command.end(), more.begin(), more.end());
+        return command;
     }
     size_t m_seen = 0;
 };
@@ -104,6 +106,20 @@ TEST(KeysOnATerminal, ACrashGivesTheModeBack) {
         EXPECT_EQ(table.Wait(), 256 + crash);
         EXPECT_TRUE(table.HasUsualMode());
     }
+}
+
+TEST(KeysOnATerminal, LeavingAtOnceGivesTheModeBack) {
+    Table table("3", {"hang"});
+    table.Type("\x03");
+    EXPECT_TRUE(table.Shows("closing ..."));
+    EXPECT_FALSE(table.HasUsualMode());
+    // Those that follow at once are the same wish.
+    EXPECT_TRUE(WaitFor([&table] {
+        table.Type("\x03");
+        return !table.Running();
+    }));
+    EXPECT_EQ(table.Wait(), 130);
+    EXPECT_TRUE(table.HasUsualMode());
 }
 
 // A shell with job control and without an editor for its own line: it leaves the mode of the terminal alone.

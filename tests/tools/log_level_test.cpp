@@ -8,9 +8,13 @@
 
 #include <cstdlib>
 #include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "fd.h"
 #include "temp_dir.h"
+#include "text.h"
 
 using namespace tool;
 
@@ -80,21 +84,63 @@ TEST(LogLevel, OfTheLinesOfTheLog) {
     }
 }
 
-// What the two libraries of this machine write, not what we remember of it.
-TEST(LogLevel, OfWhatTheLibrariesReallyWrite) {
-    gst_init(nullptr, nullptr);
+namespace {
+
+// The lines that the framework's own function would write.
+std::vector<std::string> g_framework_lines;  // NOLINT(cert-err58-cpp): empty
+
+void TakeLine(GstDebugCategory *category, GstDebugLevel level, const gchar *file, const gchar *function, gint line,
+              GObject *object, GstDebugMessage *message, gpointer /*user*/) {
+    gchar *text = gst_debug_log_get_line(category, level, file, function, line, object, message);
+    g_framework_lines.emplace_back(text);
+    g_free(text);
+}
+
+}  // namespace
+
+// What the libraries of this machine write, not what we remember of it.
+TEST(LogLevel, OfWhatGlibReallyWrites) {
     const GLogField fields[] = {{"MESSAGE", "text", -1}, {"GLIB_DOMAIN", "Domain", -1}};
     for (const auto &[glib, level] :
          {std::pair(G_LOG_LEVEL_CRITICAL, LogLevel::kError), std::pair(G_LOG_LEVEL_WARNING, LogLevel::kWarning),
           std::pair(G_LOG_LEVEL_MESSAGE, LogLevel::kInfo), std::pair(G_LOG_LEVEL_INFO, LogLevel::kInfo),
           std::pair(G_LOG_LEVEL_DEBUG, LogLevel::kDebug)}) {
         for (const gsize count : {1U, 2U}) {
-            gchar *text = g_log_writer_format_fields(glib, static_cast<const GLogField *>(fields), count, FALSE);
-            const std::string line(text);
-            g_free(text);
-            EXPECT_EQ(LevelOf(line.substr(line.find_first_not_of('\n'))), level) << line;
+            for (const bool colors : {false, true}) {
+                gchar *text =
+                    g_log_writer_format_fields(glib, static_cast<const GLogField *>(fields), count, colors ? TRUE : FALSE);
+                const std::string line = StripEscapes(text, false);
+                g_free(text);
+                EXPECT_EQ(LevelOf(line.substr(line.find_first_not_of('\n'))), level) << line;
+            }
         }
     }
+}
+
+TEST(LogLevel, OfWhatTheFrameworkReallyWrites) {
+    gst_init(nullptr, nullptr);
+    GstDebugCategory *category = nullptr;
+    GST_DEBUG_CATEGORY_INIT(category, "log-level-test", 0, "");
+    gst_debug_category_set_threshold(category, GST_LEVEL_COUNT);
+    gst_debug_remove_log_function(nullptr);
+    for (const GstDebugColorMode mode : {GST_DEBUG_COLOR_MODE_OFF, GST_DEBUG_COLOR_MODE_UNIX}) {
+        gst_debug_set_color_mode(mode);
+        for (const auto &[framework, level] :
+             {std::pair(GST_LEVEL_ERROR, LogLevel::kError), std::pair(GST_LEVEL_WARNING, LogLevel::kWarning),
+              std::pair(GST_LEVEL_FIXME, LogLevel::kInfo), std::pair(GST_LEVEL_INFO, LogLevel::kInfo),
+              std::pair(GST_LEVEL_DEBUG, LogLevel::kDebug), std::pair(GST_LEVEL_LOG, LogLevel::kDebug),
+              std::pair(GST_LEVEL_TRACE, LogLevel::kDebug)}) {
+            g_framework_lines.clear();
+            gst_debug_add_log_function(TakeLine, nullptr, nullptr);
+            GST_CAT_LEVEL_LOG(category, framework, nullptr, "%s", "ERROR WARN text");
+            gst_debug_remove_log_function(TakeLine);
+            ASSERT_EQ(g_framework_lines.size(), 1U);
+            const std::string line = StripEscapes(g_framework_lines[0], false);
+            EXPECT_EQ(line.find('\x1b'), std::string::npos);
+            EXPECT_EQ(LevelOf(line), level) << line;
+        }
+    }
+    gst_debug_add_log_function(gst_debug_log_default, nullptr, nullptr);
 }
 
 TEST(LogLevel, PolicyOfTheFlags) {

@@ -1,4 +1,5 @@
-// A live table of sources that exist on paper only: `table-demo SOURCES`. For the tests of the keys, and for the eye.
+// A live table of sources that exist on paper only: `table-demo SOURCES [hang]`. For the tests of the keys, and for the
+// eye. With "hang" it does not come to its end.
 #include <poll.h>
 #include <unistd.h>
 
@@ -102,7 +103,11 @@ int main(int argc, char **argv) {
             }
         }
     }
-    run.phase = Phase::kEnded;
+    run.phase = argc > 2 ? Phase::kClosing : Phase::kEnded;
+    while (argc > 2) {
+        view->Show(run);
+        Wait(*view);
+    }
     view->Finish(run);
     view.reset();
 }

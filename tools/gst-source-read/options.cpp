@@ -186,16 +186,16 @@ class CommandLine {
         Name(sub);
         Source(sub);
         sub->add_option("OUT", m_options.output)->group("");
-        Value(
-            sub, "--format", "CONTAINER",
-            "mpegts or mkv: video and audio together, for a player behind a pipe, on standard output; --kind takes one alone",
-            [this](const std::string &text) {
-                const Container *container = ContainerNamed(text);
-                if (container == nullptr || !container->streamable) {
-                    tool::Refuse("--format: \"" + text + "\" is not mpegts or mkv" + tool::Suggestion(text, {"mpegts", "mkv"}));
-                }
-                m_options.format = container->name;
-            });
+        Value(sub, "--format", "CONTAINER",
+              "mpegts or mkv: video and audio together, for a player behind a pipe, on standard output; --kind takes one alone",
+              [this](const std::string &text) {
+                  const std::string suggestion = tool::Suggestion(text, {"mpegts", "mkv"});
+                  const Container *container = ContainerNamed(text);
+                  if (container == nullptr || !container->streamable) {
+                      tool::Refuse("--format: \"" + text + "\" is not mpegts or mkv" + suggestion);
+                  }
+                  m_options.format = container->name;
+              });
         Value(sub, "--kind", "KIND", "video or audio", [this](const std::string &text) {
             m_options.kind = ParseWord<shb_kind_t>("--kind", text, {{"video", SHB_VIDEO}, {"audio", SHB_AUDIO}});
             m_options.kind_given = true;

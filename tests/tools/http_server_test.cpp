@@ -476,6 +476,9 @@ TEST_F(HttpPictures, AFailureHasItsReason) {
                       "/parking-p1) exit 0;; /studio-a) yes;; *) printf good;; esac"));
     const auto error = [&](const std::string &source) { return ErrorOf(FirstPicture(source)); };
     EXPECT_EQ(error("gate-north"), "gst-source-read: no key frame");
+    const Record none = Json("/api/sources/gate-north/picture?else=json");
+    EXPECT_TRUE(none["picture"].is_null());
+    EXPECT_EQ(none["reason"], "gst-source-read: no key frame");
     EXPECT_EQ(error("gate-south"), "the program that makes pictures ended by signal " + std::to_string(SIGSEGV));
     EXPECT_EQ(error("parking-p1"), "the program that makes pictures failed");
     EXPECT_EQ(error("studio-a"), "the picture is too large");

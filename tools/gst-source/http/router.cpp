@@ -213,6 +213,10 @@ HttpAnswer Router::OfSource(const HttpRequest &request, const Segments &path) {
 
 HttpAnswer Router::Picture(const HttpRequest &request, const std::string &source) {
     const tool::Picture picture = m_pictures.Ask(source);
+    // Browsers report every 404 as an error of the page.
+    if (!picture.jpeg && request.target.find("?else=json") != std::string::npos) {
+        return JsonAnswer(Record{{"picture", nullptr}, {"reason", TextOrNull(picture.reason)}});
+    }
     if (!picture.jpeg) {
         return ErrorAnswer(404, picture.reason.empty() ? "the first picture is being made; ask again" : picture.reason);
     }

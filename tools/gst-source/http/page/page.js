@@ -47,7 +47,7 @@ function formatMoment(text) {
   }
   const ago = (Date.now() - date.getTime()) / 1000;
   const day = ago > 43200 ? date.toLocaleDateString(undefined, { day: "numeric", month: "short" }) + " " : "";
-  return day + formatClock(date) + (ago >= 0 ? " (" + formatDuration(ago) + " ago)" : "");
+  return day + formatClock(date) + (ago >= 1 ? " (" + formatDuration(ago) + " ago)" : "");
 }
 
 // ---- what is known of a source ----------------------------------------------------------------------------------
@@ -122,7 +122,7 @@ function mediaOf(source) {
     const channels = { 1: " mono", 2: " stereo" }[source.audio_channels] || (source.audio_channels ? " " + source.audio_channels + " ch" : "");
     parts.push(source.audio_codec + rate + channels);
   }
-  return parts.join(" \u00b7 ");
+  return parts;
 }
 
 // ---- asking the service -----------------------------------------------------------------------------------------
@@ -343,12 +343,11 @@ async function nextPicture() {
 }
 
 async function fetchPicture(entry) {
-  const response = await ask(sourcePath(entry.record.name) + "/picture");
+  const response = await ask(sourcePath(entry.record.name) + "/picture?else=json");
   const old = entry.picture || {};
-  if (!response.ok) {
+  if (response.headers.get("Content-Type") !== "image/jpeg") {
     const why = await response.json().catch(() => ({}));
-    const first = (why.error || "").startsWith("the first picture");
-    entry.picture = { ...old, reason: why.error || "", askAt: performance.now() + (first ? REASK : PICTURE_EVERY) };
+    entry.picture = { ...old, reason: why.reason || "", askAt: performance.now() + (why.reason ? PICTURE_EVERY : REASK) };
     return;
   }
   const tag = response.headers.get("ETag");
@@ -381,7 +380,7 @@ function showPicture(box, entry) {
     } else if (record.video_frames === 0) {
       text = "No picture yet";
     } else {
-      text = picture && picture.reason && !picture.reason.startsWith("the first") ? picture.reason : "Picture on its way";
+      text = picture && picture.reason ? "No picture: " + picture.reason : "Picture on its way";
     }
   }
   setText(all(box, ".no-picture"), text);
@@ -406,6 +405,13 @@ function setText(element, text) {
   if (element.textContent !== text) {
     element.textContent = text;
   }
+}
+// Each in a span, which is not torn apart.
+function setParts(element, parts) {
+  while (element.children.length > parts.length) {
+    element.lastElementChild.remove();
+  }
+  parts.forEach((text, i) => setText(element.children[i] || element.appendChild(document.createElement("span")), text));
 }
 function setAttribute(element, name, value) {
   if (element.getAttribute(name) !== value) {
@@ -501,7 +507,7 @@ function showCard(entry) {
   setText(all(card, ".url"), record.url);
   setAttribute(all(card, ".url"), "title", record.url);
   setProblem(all(card, ".problem"), reasonOf(record));
-  setText(all(card, ".media"), mediaOf(record));
+  setParts(all(card, ".media"), mediaOf(record));
   const age = ageOf(record);
   setText(all(card, ".age"), age === null ? "None yet" : formatDuration(age) + " ago");
   const lost = lossOf(record);

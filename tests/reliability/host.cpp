@@ -123,13 +123,16 @@ class Channel {
     }
 
     bool Open(const std::string &url, unsigned protocols, unsigned latency) {
-        tool::Options options;
-        options.rtsp.protocols = protocols;
-        options.rtsp.latency = 200;
-        options.srt.latency = latency;
-        options.srt.mode = url.find("//:") != std::string::npos ? "listener" : "caller";
-        auto source = std::make_unique<tool::Source>(number_, url, tool::ProtocolOf(url).value(), buffer_);
-        const bool opened = source->Open(options);
+        tool::SourceConfig config;
+        config.name = std::to_string(number_);
+        config.url = url;
+        config.rtsp.protocols = protocols;
+        config.rtsp.latency = 200;
+        config.rtmp.idle_timeout = 0;
+        config.srt.latency = latency;
+        config.srt.mode = url.find("//:") != std::string::npos ? "listener" : "caller";
+        auto source = std::make_unique<tool::Source>(config, number_, buffer_);
+        const bool opened = source->Open();
         const std::lock_guard<std::mutex> lock(mutex_);
         source_ = std::move(source);
         return opened;

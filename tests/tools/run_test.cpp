@@ -456,12 +456,12 @@ TEST(RunOnATerminal, DrawsInPlaceAndGivesTheCursorBack) {
     const std::string name = BufferName("run-terminal");
     const std::string url = UdpUrl(FreeUdpPort());
     Sender sender(url);
-    Child child(Command({url, "--name", name}), {{"TERM", "xterm"}, {"NO_COLOR", ""}}, Child::Output::kTerminal);
+    Child child(Command({url, "--name", name, "-v"}), {{"TERM", "xterm"}, {"NO_COLOR", ""}}, Child::Output::kTerminal);
     ASSERT_TRUE(WaitWhileRunning(child, [&child] { return Has(child.Screen(), "320x180p"); })) << child.Screen();
     EXPECT_TRUE(Has(child.Screen(), "\x1b[?25l"));
     EXPECT_TRUE(Has(child.Screen(), "\x1b[32mconnected")) << child.Screen();
     // The library's log has its place under the table, and the old frame is overwritten.
-    EXPECT_TRUE(Has(child.Screen(), "log: "));
+    EXPECT_TRUE(WaitWhileRunning(child, [&child] { return Has(child.Screen(), "log: "); })) << child.Screen();
     EXPECT_TRUE(Has(child.Screen(), "A\x1b[2K"));
     EXPECT_FALSE(Has(child.Screen(), "\x1b[H\x1b[2J"));
     child.Resize(60, 20);

@@ -42,7 +42,12 @@ const Reason *CurrentReason(const SourceSample &sample) {
 }
 
 std::string FormatName(const SourceSample &sample) {
-    return Printable(sample.name.empty() ? sample.url : sample.name);
+    const bool named = !sample.name.empty() && sample.name != std::to_string(sample.channel);
+    return Printable(named ? sample.name : sample.url);
+}
+
+bool HasOwnBuffer(const SourceSample &sample) {
+    return !sample.name.empty() && sample.buffer == "/" + sample.name;
 }
 
 Standing StandingOf(const SourceSample &sample) {
@@ -83,8 +88,8 @@ std::string FormatState(const SourceSample &sample) {
 }
 
 std::string FormatSummary(const SourceSample &sample) {
-    std::string text =
-        "source " + std::to_string(sample.channel) + ": " + Count(sample.video.frames, "access unit", "access units");
+    std::string text = (HasOwnBuffer(sample) ? Printable(sample.name) : "source " + std::to_string(sample.channel)) + ": " +
+                       Count(sample.video.frames, "access unit", "access units");
     if (sample.video.frames > 0) {
         text += " (" + sample.video.codec + " " + FormatPicture(sample.video) + ", " + FormatBytes(sample.video.bytes) + ")";
     }
@@ -99,7 +104,7 @@ std::string FormatSummary(const SourceSample &sample) {
     text += DumpSummary(sample.video, "video") + DumpSummary(sample.audio, "audio");
     const std::string name = FormatName(sample);
     const std::string url = Printable(sample.url);
-    return text + "  " + (name == url ? "" : name + "  ") + url;
+    return text + "  " + (name == url || HasOwnBuffer(sample) ? "" : name + "  ") + url;
 }
 
 }  // namespace tool

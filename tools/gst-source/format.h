@@ -19,6 +19,8 @@ const Reason *CurrentReason(const SourceSample &sample);
 
 // What a person calls the source: its name, or the URL when it has no other.
 std::string FormatName(const SourceSample &sample);
+// A buffer that is called like the source: its channel is always 0 and says nothing.
+bool HasOwnBuffer(const SourceSample &sample);
 
 // How a source is, as it is counted and sorted: worst first.
 enum class Standing { kFailing, kWaiting, kLive, kStopped };

@@ -621,7 +621,8 @@ int Host::Conclude(End end) {
     std::string silent;
     for (const SourceSample &source : run.sources) {
         if (must_deliver && !Delivered(source)) {
-            silent += (silent.empty() ? "" : ", ") + ("source " + std::to_string(source.channel) + " " + source.url) +
+            silent += (silent.empty() ? "" : ", ") +
+                      (HasOwnBuffer(source) ? source.name : "source " + std::to_string(source.channel) + " " + source.url) +
                       (source.state == "failed" ? " (could not be opened)" : "") +
                       (source.last_error ? ": " + FormatReason(*source.last_error) : "");
         }

@@ -172,6 +172,9 @@ std::string SourceLine(const SourceSample &source, size_t columns, const Painter
     constexpr size_t kStateWidth = 9;
     const std::string number = std::to_string(source.channel);
     std::string head = number + std::string(number.size() < kIndent ? kIndent - number.size() : 1, ' ');
+    if (HasOwnBuffer(source)) {
+        head.clear();
+    }
     std::string state = FormatState(source);
     const size_t state_columns = Columns(state);
     const std::string pad(state_columns < kStateWidth ? kStateWidth - state_columns : 0, ' ');
@@ -234,7 +237,10 @@ Row ShortRow(const SourceSample &source, size_t number_columns, size_t name_colu
     const bool sound = source.video.codec.empty() && !source.audio.codec.empty();
     const std::string number = std::to_string(source.channel);
     Row row(kShortColumns);
-    row[kSource] = std::string(number_columns - number.size(), ' ') + number + " " + Cut(FormatName(source), name_columns);
+    row[kSource] = Cut(FormatName(source), name_columns);
+    if (!HasOwnBuffer(source)) {
+        row[kSource] = std::string(number_columns - number.size(), ' ') + number + " " + row[kSource];
+    }
     // A source that waits for its next session has failed; one that waits for its first frame has not.
     const std::string state = FormatShortState(source);
     row[kState] = state == "waiting" && StandingOf(source) == Standing::kFailing ? "failing" : state;

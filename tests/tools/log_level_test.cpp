@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "fd.h"
+#include "screen.h"
 #include "temp_dir.h"
 #include "text.h"
 

@@ -37,8 +37,4 @@ std::string_view JournalPrefix(LogLevel level);
 // Without the library's own time stamp, of which the journal has a better one.
 std::string WithoutStamp(const std::string &line);
 
-// The framework colours its lines whatever they are written to. Switches that off when standard error is no
-// terminal or NO_COLOR asks for it. To be called before the framework is initialised and threads exist.
-void KeepFrameworkPlain(int standard_error);
-
 }  // namespace tool

@@ -5,9 +5,9 @@
 
 namespace tool::interrupts {
 
-// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP, SIGCONT and SIGPIPE, once. SIGTSTP and
-// SIGCONT only have to be handled while a live table hides the cursor of `terminal` and reads keys; -1 leaves
-// them alone.
+// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP, SIGCONT and SIGPIPE, once. SIGTSTP
+// and SIGCONT only have to be handled while a live table hides the cursor of `terminal` and reads keys; -1
+// leaves them alone.
 void Install(int terminal);
 
 // Readable after any of them; made empty by Acknowledge().

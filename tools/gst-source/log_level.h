@@ -10,7 +10,8 @@ namespace tool {
 // From what matters most to what matters least.
 enum class LogLevel { kError, kWarning, kInfo, kDebug };
 
-// Of a line without escape sequences: the library's, the framework's, GLib's, librtmp's. All others are kInfo.
+// Of a line without escape sequences: the library's, the framework's, GLib's, librtmp's. All others are
+// kInfo.
 LogLevel LevelOf(std::string_view line);
 
 // "error", "warning", "info", "debug".

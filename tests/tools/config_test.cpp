@@ -377,7 +377,8 @@ TEST(Capacity, WhatDoesNotSufficeIsSaidWithBothFigures) {
     EXPECT_TRUE(Shortages(1000, needs, {9'000'000'000, 11'000'000'000, 14000, 9000}).empty());
     const std::vector<std::string> lines = Shortages(1000, needs, {8'000'000'000, 10'000'000'000, 1024, 4096});
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0].rfind("1000 sources take 9.00 GB of shared memory, and 8.00 GB are free in /dev/shm", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[0].rfind("1000 sources take 9.00 GB of shared memory, and 8.00 GB are free in /dev/shm", 0), 0u)
+        << lines[0];
     EXPECT_EQ(lines[1].rfind("1000 sources take about 11.0 GB of memory, shared memory included, and 10.0 GB are available", 0),
               0u)
         << lines[1];
@@ -398,4 +399,26 @@ TEST(Capacity, NeedsGrowWithTheSourcesAndTheirBuffers) {
     EXPECT_EQ(two.descriptors, 2 * one.descriptors);
     EXPECT_EQ(NeedsOf({large}).shared_bytes, one.shared_bytes + (63u << 20));
     EXPECT_GT(LimitsNow().shared_bytes.value_or(0), 0u);
+}
+
+TEST(ServiceGuide, NamesEveryOption) {
+    const std::string guide = ReadAll(std::getenv("SERVICE_GUIDE"));
+    for (const SourceField &field : SourceFields()) {
+        EXPECT_NE(guide.find("`" + std::string(field.key) + "`"), std::string::npos) << field.key;
+    }
+}
+
+// The guide's first file and the installed example are what somebody begins with.
+TEST(ServiceGuide, ItsFilesAreGood) {
+    const std::string guide = ReadAll(std::getenv("SERVICE_GUIDE"));
+    const size_t begin = guide.find("```toml\n");
+    ASSERT_NE(begin, std::string::npos);
+    const std::string first = guide.substr(begin + 8, guide.find("```", begin + 8) - begin - 8);
+    const TempDir dir;
+    ASSERT_EQ(chmod(dir.Write("front-door.password", "secret").c_str(), 0600), 0);
+    for (const std::string &text : {first, ReadAll(std::getenv("SERVICE_EXAMPLE"))}) {
+        const ConfigFile file = ParseConfig(text, dir.Write("file.toml", text), From({{"STUDIO_PASSPHRASE", "0123456789"}}));
+        EXPECT_EQ(file.Report(), "");
+        EXPECT_GE(file.sources.size(), 2u);
+    }
 }

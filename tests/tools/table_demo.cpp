@@ -1,5 +1,5 @@
-// A live table of sources that exist on paper only: `table-demo SOURCES [hang]`. For the tests of the keys, and for the
-// eye. With "hang" it does not come to its end.
+// A live table of sources that exist on paper only: `table-demo SOURCES [hang]`. For the tests of the keys,
+// and for the eye. With "hang" it does not come to its end.
 #include <poll.h>
 #include <unistd.h>
 

@@ -61,7 +61,7 @@ class Keeper {
         if (m_id == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             prctl(PR_SET_NAME, "port-keeper");
-            for (bool orphan = getppid() != parent; !orphan;) {
+            while (getppid() == parent) {
                 pause();
             }
             _exit(0);

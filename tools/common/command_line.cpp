@@ -179,8 +179,8 @@ std::optional<ParseEnd> Parse(const CLI::App &app, const std::string &program, c
             app.exit(error, out, err);
             return ParseEnd{kExitOk, out.str(), {}};
         }
-        // What is missing beside an unknown option may be what that was meant to be. Behind an unknown command
-        // no option is known.
+        // What is missing beside an unknown option may be what that was meant to be. Behind an unknown
+        // command no option is known.
         const bool extras = dynamic_cast<const CLI::ExtrasError *>(&error) != nullptr;
         const bool has_commands = !app.get_subcommands([](const CLI::App *) { return true; }).empty();
         const bool known_command = !has_commands || !app.get_subcommands().empty();

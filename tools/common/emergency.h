@@ -16,8 +16,8 @@ void RestoreCursor(int fd);
 
 // Terminal from which keys are read, -1 for none.
 void UseKeysOf(int fd);
-// Its keys come at once and unseen, until LeaveKeyMode() or Clean() gives it back the mode that it had. Both do
-// nothing in the background, where the terminal is another's.
+// Its keys come at once and unseen, until LeaveKeyMode() or Clean() gives it back the mode that it had. Both
+// do nothing in the background, where the terminal is another's.
 void EnterKeyMode();
 void LeaveKeyMode();
 

@@ -5,9 +5,10 @@
 
 namespace tool::interrupts {
 
-// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP, SIGCONT and SIGPIPE, once. SIGTSTP and
-// SIGCONT only have to be handled while a live table hides the cursor of `terminal` and reads keys; -1 leaves
-// them alone. `hangup_reloads`: SIGHUP asks for something to be read again, and not for the end.
+// Installs the handlers for SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP, SIGCONT and SIGPIPE, once. SIGTSTP
+// and SIGCONT only have to be handled while a live table hides the cursor of `terminal` and reads keys; -1
+// leaves them alone.
+// `hangup_reloads`: SIGHUP asks for something to be read again, and not for the end.
 void Install(int terminal, bool hangup_reloads = false);
 
 // Readable after any of them; made empty by Acknowledge().

@@ -42,6 +42,14 @@ bool ColorsAllowed() {
     return no_color == nullptr || *no_color == '\0';
 }
 
+void KeepFrameworkPlain(int standard_error) {
+    if (isatty(standard_error) == 0 || !ColorsAllowed()) {
+        setenv("GST_DEBUG_NO_COLOR", "1", 1);
+        // It would decide otherwise.
+        unsetenv("GST_DEBUG_COLOR_MODE");
+    }
+}
+
 Screen::Screen(int terminal) : m_terminal(terminal) {
     emergency::RestoreCursor(terminal);
     WriteAll(terminal, kHideCursor, interrupts::PatienceAfterStop());

@@ -44,4 +44,8 @@ Window WindowOf(int terminal);
 // What NO_COLOR asks for: colours unless it is set to something.
 bool ColorsAllowed();
 
+// GStreamer colours its lines whatever they are written to. Switches that off when standard error is no
+// terminal or NO_COLOR asks for it. To be called before GStreamer is initialised and threads exist.
+void KeepFrameworkPlain(int standard_error);
+
 }  // namespace tool

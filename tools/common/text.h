@@ -24,7 +24,8 @@ std::string Printable(std::string_view text);
 // Without escape sequences, as terminals read them; `keep_colors` leaves those that only choose colours.
 std::string StripEscapes(std::string_view text, bool keep_colors);
 
-// Columns that a printable UTF-8 text takes: two for most letters of East Asia, none for an accent of its own.
+// Columns that a printable UTF-8 text takes: two for most letters of East Asia, none for an accent of its
+// own.
 size_t Columns(std::string_view text);
 
 // The text cut to `columns`, with ".." at the end when something was cut.

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -8,6 +10,7 @@
 #include "fd.h"
 #include "options.h"
 #include "output.h"
+#include "screen.h"
 
 namespace {
 
@@ -41,6 +44,7 @@ int main(int argc, char **argv) {
         return parsed.exit_code;
     }
     tool::OpenStandardDescriptors();
+    tool::KeepFrameworkPlain(STDERR_FILENO);
     // A limit of the file size is a full disk to us, not the end of the process.
     std::signal(SIGXFSZ, SIG_IGN);
     try {

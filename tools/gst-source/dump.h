@@ -17,8 +17,8 @@ namespace tool {
 class Dump {
   public:
     // Opens the file and starts reading on a thread of its own. `map` must outlive the dump.
-    // `standard_output`: where a path of "-" goes. `tap`, which must outlive the dump: only the frames that it
-    // counts are written. Throws std::runtime_error with a message for people.
+    // `standard_output`: where a path of "-" goes. `tap`, which must outlive the dump: only the frames that
+    // it counts are written. Throws std::runtime_error with a message for people.
     Dump(shb_map_t *map, unsigned channel, shb_kind_t kind, const std::string &path, int standard_output,
          const FrameTap *tap = nullptr);
     ~Dump();

@@ -196,8 +196,8 @@ bool FrameTap::WaitForMore() {
         const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
         wait_ms = ms > 0 ? static_cast<int>(ms) : -1;
     }
-    // The descriptor stays readable until the set has been asked to the end. Readers that have ended are of no
-    // interest to it any more.
+    // The descriptor stays readable until the set has been asked to the end. Readers that have ended are of
+    // no interest to it any more.
     for (Track &track : m_tracks) {
         if (track.ended && track.reader) {
             shb_set_remove(m_set.get(), track.reader.get());

@@ -40,9 +40,9 @@ class FrameTap {
     // Counts what the buffer still holds and ends the thread. The track's writers should have been closed.
     void Finish();
 
-    // For a reader of the same track that wants the counted frames alone: what is known of the frame with this
-    // number, from 0, of all that the track has had. Waits a while as long as nothing is known. A tap that
-    // ended before its goal lets everything through.
+    // For a reader of the same track that wants the counted frames alone: what is known of the frame with
+    // this number, from 0, of all that the track has had. Waits a while as long as nothing is known. A tap
+    // that ended before its goal lets everything through.
     enum class Verdict { kWithin, kBeyond, kUnknown };
     Verdict Judge(shb_kind_t kind, uint64_t number, std::chrono::milliseconds wait) const;
 

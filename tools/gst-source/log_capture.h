@@ -1,8 +1,8 @@
 // Takes the library's log, which goes to standard output, out of the way of the tool's own output.
 //
-// While it exists, file descriptor 1 (and 2 on request) is a pipe. A thread splits what comes into lines, takes
-// escape sequences and secrets out, hands to the target and keeps for the live table what the policy lets
-// through.
+// While it exists, file descriptor 1 (and 2 on request) is a pipe. A thread splits what comes into lines,
+// takes escape sequences and secrets out, hands to the target and keeps for the live table what the policy
+// lets through.
 #pragma once
 
 #include <atomic>

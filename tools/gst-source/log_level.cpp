@@ -1,7 +1,6 @@
 #include "log_level.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,7 +10,6 @@
 #include <utility>
 
 #include "command_line.h"
-#include "screen.h"
 
 namespace tool {
 namespace {
@@ -175,14 +173,6 @@ std::string_view JournalPrefix(LogLevel level) {
 
 std::string WithoutStamp(const std::string &line) {
     return HasStamp(line) ? line.substr(kStamp.size()) : line;
-}
-
-void KeepFrameworkPlain(int standard_error) {
-    if (isatty(standard_error) == 0 || !ColorsAllowed()) {
-        setenv("GST_DEBUG_NO_COLOR", "1", 1);
-        // It would decide otherwise.
-        unsetenv("GST_DEBUG_COLOR_MODE");
-    }
 }
 
 }  // namespace tool

@@ -10,7 +10,8 @@ namespace tool {
 // From what matters most to what matters least.
 enum class LogLevel { kError, kWarning, kInfo, kDebug };
 
-// Of a line without escape sequences: the library's, the framework's, GLib's, librtmp's. All others are kInfo.
+// Of a line without escape sequences: the library's, the framework's, GLib's, librtmp's. All others are
+// kInfo.
 LogLevel LevelOf(std::string_view line);
 
 // "error", "warning", "info", "debug".
@@ -36,9 +37,5 @@ bool IsJournal(int fd);
 std::string_view JournalPrefix(LogLevel level);
 // Without the library's own time stamp, of which the journal has a better one.
 std::string WithoutStamp(const std::string &line);
-
-// The framework colours its lines whatever they are written to. Switches that off when standard error is no
-// terminal or NO_COLOR asks for it. To be called before the framework is initialised and threads exist.
-void KeepFrameworkPlain(int standard_error);
 
 }  // namespace tool

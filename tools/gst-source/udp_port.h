@@ -12,8 +12,8 @@ struct PortUser {
     std::string name;  // of its program; empty likewise
 };
 
-// Another process with a socket on this port and address, where "0.0.0.0" and "::" overlap with every address.
-// Nothing for multicast addresses, which may be shared, and for names.
+// Another process with a socket on this port and address, where "0.0.0.0" and "::" overlap with every
+// address. Nothing for multicast addresses, which may be shared, and for names.
 std::optional<PortUser> WhoHasUdpPort(const std::string &address, unsigned port);
 
 // The same for a UDP location, in one sentence; nothing when the port is free, and for other locations.

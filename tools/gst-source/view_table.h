@@ -11,8 +11,8 @@ namespace tool {
 
 class TableView : public View {
   public:
-    // `terminal` is not owned. `log` is asked for its last lines and must outlive the view. `input`: where keys
-    // come from, when it is the controlling terminal; -1 for no keys.
+    // `terminal` is not owned. `log` is asked for its last lines and must outlive the view. `input`: where
+    // keys come from, when it is the controlling terminal; -1 for no keys.
     TableView(int terminal, bool colors, const LogCapture &log, bool log_kept_elsewhere, int input = -1);
 
     bool Show(const RunSample &run) override;

@@ -451,7 +451,7 @@ TEST_F(HttpPictures, AreMadeByAProgramAndTagged) {
     EXPECT_EQ(BodyOf(answer), "jpeg-of-/gate-north");
     EXPECT_NE(answer.find("Content-Type: image/jpeg\r\n"), std::string::npos);
     EXPECT_NE(answer.find("Age: "), std::string::npos);
-    EXPECT_EQ(ReadAll(m_dir.File("calls")).rfind("snapshot /gate-north - --channel 0 --timeout 1 --width 480", 0), 0U)
+    EXPECT_EQ(ReadAll(m_dir.File("calls")).rfind("snapshot /gate-north - --channel 0 --timeout 1 --width 640", 0), 0U)
         << ReadAll(m_dir.File("calls"));
     const size_t tag = answer.find("ETag: ");
     ASSERT_NE(tag, std::string::npos);

@@ -513,6 +513,33 @@ TEST_F(HttpPictures, AProgramThatHangsIsKilledWithItsChildrenLong) {
     }
 }
 
+double CpuOfChildren() {
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    const auto seconds = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+TEST_F(HttpPictures, TogetherTakeAQuarterOfACoreLong) {
+    Start("", Program("i=0; while [ $i -lt 300000 ]; do i=$((i+1)); done; echo x >> " + m_dir.File("made") + "; printf jpeg"));
+    const double before = CpuOfChildren();
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WaitFor([&] {
+        for (const auto &source : FakeFleet().sources) {
+            Get("/api/sources/" + source.name + "/picture");
+        }
+        return ReadAll(m_dir.File("made")).size() >= 2 * 5;
+    }));
+    // The rest behind the last one belongs to it.
+    const double spent = CpuOfChildren() - before;
+    const double share =
+        spent / (std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() + 3 * spent / 5);
+    std::printf("5 pictures of %.0f ms took %.0f %% of a core\n", 1000 * spent / 5, 100 * share);
+    EXPECT_LT(share, 0.3);
+}
+
 TEST_F(HttpPictures, TheEndDoesNotWaitForAPicture) {
     Start("", Program("echo $$ > " + m_dir.File("part") + "; mv " + m_dir.File("part") + " " + m_dir.File("self") +
                       "; exec sleep 1000"));

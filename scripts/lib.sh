@@ -16,8 +16,8 @@ test_packages=(gstreamer1.0-libav gstreamer1.0-x xvfb libx11-dev libavformat-dev
     libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
     libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3-numpy mypy
     procps iproute2 systemd git clang clang-format clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
-    g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user prometheus chromium chromium-driver python3-selenium
-    fonts-dejavu-core)
+    g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user 'promtool|prometheus'
+    chromium chromium-driver python3-selenium fonts-dejavu-core)
 all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${python_packages[@]}"
     "${test_packages[@]}")
 
@@ -49,12 +49,26 @@ as_root() {
     fi
 }
 
-# missing_packages PACKAGE...: names those that are not installed, one a line.
+# missing_packages PACKAGE...: names those that are not installed, one a line. NAME|NAME is what releases call differently.
 missing_packages() {
-    local installed package
-    installed=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' "$@" 2>/dev/null || true)
+    local installed package names
+    read -ra names <<<"${*//|/ }"
+    installed=$(dpkg-query -W -f='${Package} ${db:Status-Status}\n' "${names[@]}" 2>/dev/null || true)
     for package; do
-        grep -qxF "$package installed" <<<"$installed" || printf '%s\n' "$package"
+        grep -qxE "(${package//+/\\+}) installed" <<<"$installed" || printf '%s\n' "$package"
+    done
+}
+
+# known_packages PACKAGE...: of NAME|NAME the first one that this release has.
+known_packages() {
+    local package name
+    for package; do
+        for name in ${package//|/ }; do
+            if [ "$name" = "$package" ] || apt-cache show "$name" >/dev/null 2>&1; then
+                printf '%s\n' "$name"
+                break
+            fi
+        done
     done
 }
 
@@ -65,7 +79,7 @@ need_packages() {
     if [ "${#missing[@]}" -eq 0 ]; then
         return 0
     fi
-    local by_hand="as root: apt-get update && apt-get install --no-install-recommends ${missing[*]}"
+    local by_hand="as root: apt-get update && apt-get install --no-install-recommends ${missing[*]}" names
     command -v apt-get >/dev/null || fail "missing Debian packages, and no apt-get to install them with: ${missing[*]}"
     if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
         fail "missing packages, and no sudo; install them $by_hand"
@@ -74,7 +88,8 @@ need_packages() {
     # The password question of sudo belongs to the terminal, so it is asked before the output is held back.
     as_root true || fail "missing packages, and sudo refuses; install them $by_hand"
     quietly as_root apt-get -qq update || note "the package lists could not be refreshed; trying with those at hand"
-    quietly as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install "${missing[@]}" ||
+    mapfile -t names < <(known_packages "${missing[@]}")
+    quietly as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install "${names[@]}" ||
         fail "apt-get could not install ${missing[*]}"
 }
 

@@ -56,7 +56,7 @@ HttpRequest RequestOf(const httplib::Request &request) {
 void Give(const HttpAnswer &answer, httplib::Response &response) {
     response.status = answer.status;
     for (const auto &[name, value] : answer.headers) {
-        response.set_header(name.c_str(), value);
+        response.set_header(name, value);
     }
     if (!answer.body->empty()) {
         response.set_content(answer.body->data(), answer.body->size(), answer.type);

@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 
 namespace tool {
@@ -34,7 +35,8 @@ class Checker {
         const bool first = Line(text, [this](std::string_view line) { RequestLine(line); });
         while (first && m_head.status == 0 && Line(text, [this](std::string_view line) { Header(line); })) {
         }
-        if (m_head.status == 0 && m_hosts != 1) {
+        // Some health checks speak HTTP/1.0 without one. A browser always sends it.
+        if (m_head.status == 0 && m_hosts != 1 && (m_hosts > 1 || !m_old)) {
             Refuse(400, "exactly one Host header is needed");
         }
         m_head.text += "\r\n";
@@ -91,8 +93,10 @@ class Checker {
         if (version != "HTTP/1.1" && version != "HTTP/1.0") {
             Refuse(505, "HTTP/1.1 and HTTP/1.0 are spoken here");
         }
-        if (line.substr(0, first).size() > 16) {
-            Refuse(405, "there is no such method");
+        m_old = version == "HTTP/1.0";
+        constexpr std::array<std::string_view, 7> kMethods{"GET", "HEAD", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"};
+        if (std::find(kMethods.begin(), kMethods.end(), line.substr(0, first)) == kMethods.end()) {
+            Refuse(501, "this method is not known here");
         }
         Keep(line);
     }
@@ -133,6 +137,7 @@ class Checker {
     }
 
     Head m_head;
+    bool m_old = false;  // HTTP/1.0
     size_t m_hosts = 0;
     size_t m_headers = 0;
     size_t m_lengths = 0;

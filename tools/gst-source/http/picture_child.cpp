@@ -72,6 +72,7 @@ class SpawnSettings {
 int Start(const std::vector<std::string> &command, int out, int err, pid_t &id) {
     std::vector<std::string> words = command;
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (std::string &word : words) {
         argv.push_back(word.data());
     }

@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kLongest{5};
 constexpr size_t kMostBytes = size_t{1} << 20U;
 // Enough for a card of the page on a dense screen; the page of one source shows it larger.
-constexpr const char *kWidth = "480";
+constexpr const char *kWidth = "640";
 
 // The command for a source; empty when it has no video to make one of.
 std::vector<std::string> CommandFor(const std::string &program, const RunSample &run, const SourceSample &source) {

@@ -86,7 +86,7 @@ HttpAnswer Router::Answer(const HttpRequest &request) {
 }
 
 HttpAnswer Router::Routed(const HttpRequest &request) {
-    if (!m_address.IsHost(request.Header("host"))) {
+    if (request.headers.count("host") > 0 && !m_address.IsHost(request.Header("host"))) {
         return ErrorAnswer(403, "the Host header is not an address of this service; ask for http://" + m_address.Text() + "/");
     }
     const auto path = SplitTarget(request.target);

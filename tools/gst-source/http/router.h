@@ -39,8 +39,6 @@ class Router {
     // One thread at a time.
     HttpAnswer Answer(const HttpRequest &request);
 
-    struct Route;
-
   private:
     using Clock = std::chrono::steady_clock;
     // A body that stays the same until the next sample, and itself made smaller.

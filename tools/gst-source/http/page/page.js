@@ -371,6 +371,7 @@ function showPicture(box, entry) {
     image.src = picture.url;
   }
   image.hidden = !has;
+  box.classList.toggle("empty", !has);
   image.alt = has ? "Picture of " + entry.record.name : "";
   const record = entry.record;
   let text = "";
@@ -423,7 +424,7 @@ function setAttribute(element, name, value) {
 function niceTop(values, floor) {
   const most = Math.max(floor, ...values.map((value) => value || 0));
   const power = 10 ** Math.floor(Math.log10(most));
-  return [1, 1.5, 2, 3, 4, 5, 6, 8, 10].map((factor) => factor * power).find((top) => top >= most * 1.02) || most * 1.2;
+  return [1, 1.5, 2, 3, 4, 5, 6, 8, 10].map((factor) => factor * power).find((top) => top >= most * 1.15) || most * 1.2;
 }
 
 // Points of a curve as a path; gaps stay gaps. Neighbours are put together where the screen has fewer columns.
@@ -714,11 +715,12 @@ function showPlots(detail, entry) {
   const top = niceTop([...history.rate, ...history.audio], 1000);
   drawCurve(all(rate, "svg"), history.rate, top, 100, 300);
   setAttribute(all(rate, ".second"), "d", curve(history.audio, top, 100, 300, false));
-  setText(all(rate, ".top"), formatRate(top));
+  const flat = (values) => values.every((value) => !value);
+  setText(all(rate, ".top"), flat(history.rate) && flat(history.audio) ? "" : formatRate(top));
   setAttribute(all(rate, "svg"), "aria-label", "Bit rate of ten minutes, now " + formatRate(rateOf(record)));
   const fpsTop = niceTop(history.fps, 1);
   drawCurve(all(fps, "svg"), history.fps, fpsTop, 100, 300);
-  setText(all(fps, ".top"), formatFps(fpsTop) + " fps");
+  setText(all(fps, ".top"), flat(history.fps) ? "" : formatFps(fpsTop) + " fps");
   setAttribute(all(fps, "svg"), "aria-label", "Frame rate of ten minutes, now " + formatFps(record.video_measured_fps) + " per second");
 }
 

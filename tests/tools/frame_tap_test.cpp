@@ -199,7 +199,7 @@ TEST_F(FrameTapTest, IsExactWhileTwoWritersRun) {
                 ASSERT_EQ(shb_writer_open(m_buffer, channel, 0, kind, &writer), SHB_OK);
                 for (uint64_t number = 0; !stop; ++number) {
                     shb_writer_write(writer, "x", 1, 0, 0, 0, 0);
-                    // The rings hold 64 frames: not further ahead than the tap can be.
+                    // The rings hold 64 frames. Once the goal is reached, they lap the dumps.
                     tap.Judge(kind, number, 20ms);
                 }
                 shb_writer_close(writer);

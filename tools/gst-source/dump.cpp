@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -97,11 +98,18 @@ bool Dump::IsWanted(const shb_frame_t &frame, bool finishing) {
     if (m_tap == nullptr) {
         return true;
     }
-    const uint64_t number = m_frames.load() + m_lost.load() + frame.lost;
+    const uint64_t known = m_frames.load() + m_lost.load();
+    const uint64_t number = known + frame.lost;
     for (;;) {
         const FrameTap::Verdict verdict = m_tap->Judge(m_kind, number, std::chrono::milliseconds(kReadMs));
-        if (verdict != FrameTap::Verdict::kUnknown) {
-            return verdict == FrameTap::Verdict::kWithin;
+        if (verdict == FrameTap::Verdict::kWithin) {
+            return true;
+        }
+        if (verdict == FrameTap::Verdict::kBeyond) {
+            // The last of those that count may be among the lost.
+            const uint64_t counted = m_tap->Frames(m_kind);
+            m_lost.fetch_add(counted > known ? std::min(frame.lost, counted - known) : 0);
+            return false;
         }
         // A tap that goes on counting has the last word, but nobody waits for it at the end.
         if (std::exchange(finishing, m_finish.load())) {

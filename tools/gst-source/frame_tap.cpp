@@ -76,6 +76,11 @@ uint64_t FrameTap::Lost() const {
     return m_counted[SHB_VIDEO].lost + m_counted[SHB_AUDIO].lost;
 }
 
+uint64_t FrameTap::Frames(shb_kind_t kind) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_counted[kind].frames;
+}
+
 void FrameTap::Report(SourceSample &sample) const {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_reached) {

@@ -34,6 +34,8 @@ class FrameTap {
     bool Reached() const;
     // Frames that were overwritten before the tap saw them. They count, but nobody knows their bytes.
     uint64_t Lost() const;
+    // Of one track, as far as they are counted.
+    uint64_t Frames(shb_kind_t kind) const;
     // Once the goal is reached: puts what was counted in the place of the counters of the buffer.
     void Report(SourceSample &sample) const;
 

@@ -128,6 +128,7 @@ class Host : private Service {
           m_file(std::move(file)),
           m_out(std::move(out)),
           m_err(std::move(err)),
+          m_journal(IsJournal(m_err.Get())),
           m_dumpsToOut(options.dump_video == "-" || options.dump_audio == "-"),
           m_live(!options.json && !options.quiet && !m_dumpsToOut && CanDraw(m_out.Get())) {}
 
@@ -161,16 +162,15 @@ class Host : private Service {
     void Close();
     void LeaveHanging(const std::vector<std::string> &hanging);
     void CollectDumpErrors();
-    void Complain(const std::string &message) const {
-        WriteAll(m_err.Get(), "gst-source: " + message + "\n", interrupts::PatienceAfterStop());
-    }
-    void ComplainOfLines(const std::string &lines) const;
+    void Complain(const std::string &message, LogLevel level = LogLevel::kError) const;
+    void ComplainOfLines(const std::string &lines, LogLevel level) const;
     int Conclude(End end);
 
     const Options &m_options;
     std::optional<ConfigFile> m_file;
     const Fd m_out;
     const Fd m_err;
+    const bool m_journal;
     const bool m_dumpsToOut;
     const bool m_live;
 
@@ -212,7 +212,7 @@ class Host : private Service {
 
 int Host::Run() {
     for (const std::string &warning : m_options.warnings) {
-        Complain("warning: " + warning);
+        Complain("warning: " + warning, LogLevel::kWarning);
     }
     emergency::HandleCrashes();
     interrupts::Install(m_live ? m_out.Get() : -1, m_file.has_value());
@@ -250,10 +250,15 @@ bool Host::Restart(const std::string &source) {
     return known;
 }
 
-void Host::ComplainOfLines(const std::string &lines) const {
+void Host::Complain(const std::string &message, LogLevel level) const {
+    const std::string prefix(m_journal ? JournalPrefix(level) : "");
+    WriteAll(m_err.Get(), prefix + "gst-source: " + message + "\n", interrupts::PatienceAfterStop());
+}
+
+void Host::ComplainOfLines(const std::string &lines, LogLevel level) const {
     std::istringstream in(lines);
     for (std::string line; std::getline(in, line);) {
-        Complain(line);
+        Complain(line, level);
     }
 }
 
@@ -285,7 +290,7 @@ bool Host::FindRoom() {
     }
     RaiseDescriptorLimit();
     const std::vector<std::string> lines = Shortages(m_file->sources.size(), NeedsOf(m_file->sources), LimitsNow());
-    ComplainOfLines(JoinedLines(lines));
+    ComplainOfLines(JoinedLines(lines), LogLevel::kError);
     return lines.empty();
 }
 
@@ -301,7 +306,7 @@ void Host::MakeHttp() {
     }
     Service &self = *this;
     m_http = std::make_unique<HttpSide>(HttpOptions{m_options.http, m_options.http_token, ReaderProgram()}, self);
-    Complain("page, metrics and API at http://" + m_http->Address() + "/");
+    Complain("page, metrics and API at http://" + m_http->Address() + "/", LogLevel::kInfo);
 }
 
 void Host::MakeSources() {
@@ -501,7 +506,7 @@ ControlAnswer Host::ReadFileAgain() {
     }
     if (!m_reloadGood) {
         text += m_file->path + ": nothing was changed\n";
-        ComplainOfLines(text);
+        ComplainOfLines(text, LogLevel::kError);
         return {false, text};
     }
     if (!(file.service == m_file->service)) {
@@ -513,7 +518,7 @@ ControlAnswer Host::ReadFileAgain() {
     m_reloadTime = Seconds(std::chrono::system_clock::now().time_since_epoch()).count();
     text += m_file->path + ": " + std::to_string(changes.added) + " added, " + std::to_string(changes.removed) + " removed, " +
             std::to_string(changes.changed) + " changed, " + std::to_string(changes.untouched) + " untouched\n";
-    ComplainOfLines(text);
+    ComplainOfLines(text, LogLevel::kInfo);
     return {true, text};
 }
 
@@ -618,6 +623,13 @@ int Host::Conclude(End end) {
 
     // A service whose camera is off does its work all the same.
     const bool must_deliver = !m_file || m_options.frames > 0;
+    for (size_t channel = 0; channel < m_taps.size(); ++channel) {
+        if (m_taps[channel]->Lost() > 0) {
+            m_errors.push_back("source " + std::to_string(channel) + ": " +
+                               Count(m_taps[channel]->Lost(), "frame was", "frames were") +
+                               " overwritten before their bytes could be counted; larger --video-bytes would hold them");
+        }
+    }
     std::string silent;
     for (const SourceSample &source : run.sources) {
         if (must_deliver && !Delivered(source)) {

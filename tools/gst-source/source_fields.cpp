@@ -306,6 +306,8 @@ void DoubtsOfSrt(const SourceConfig &config, const Label &label, const std::func
           name + " is refused by the framework: not 0, 16, 24 or 32");
     doubt(length > 0 && keylen == 0, "the passphrase has no effect without " + name + ": the stream is not encrypted");
     doubt(length == 0 && keylen != 0, name + " has no effect without a passphrase: the stream is not encrypted");
+    doubt(config.url.find("://:") != std::string::npos && config.srt.mode == "caller",
+          PublicUrl(config.url) + " has no host to call: " + label("mode") + " listener waits at that port");
     constexpr size_t kShortest = 10;
     constexpr size_t kLongest = 79;
     doubt(length > 0 && (length < kShortest || length > kLongest), "the passphrase is refused by SRT: not 10 to 79 characters");

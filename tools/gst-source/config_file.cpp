@@ -81,7 +81,8 @@ class Reader {
             } else if (name == "source") {
                 At(key.source(), "a source begins with [[source]], in two brackets");
             } else if (name == "service" || name == "defaults") {
-                At(key.source(), name + " is a table: [" + name + "]");
+                std::string text = name;
+                At(key.source(), text.append(" is a table: [").append(name).append("]"));
             } else {
                 At(key.source(), "unknown table or key \"" + name + "\"" + Suggestion(name, {"service", "defaults", "source"}) +
                                      "; there are [service], [defaults] and [[source]]");

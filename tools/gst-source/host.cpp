@@ -100,7 +100,7 @@ void Choose(ConfigFile &file, const std::string &only) {
 
 // The program that makes pictures: beside this one, where it stands in the build, or wherever PATH finds it.
 std::string ReaderProgram() {
-    const std::string name = "gst-source-read";
+    std::string name = "gst-source-read";
     std::error_code error;
     const std::filesystem::path own = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
     for (const std::filesystem::path &path : {own / name, own.parent_path() / name / name}) {

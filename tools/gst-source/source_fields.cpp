@@ -170,10 +170,7 @@ Set SetParsed(Member member, Parse parse) {
     };
 }
 
-#define MEMBER(path)             \
-    [](auto &config) -> auto & { \
-        return config.path;      \
-    }
+#define MEMBER(path) ([](auto &config) -> auto & { return config.path; })
 #define TEXT(path) SetText(MEMBER(path)), GetText(MEMBER(path))
 #define WHOLE(path) SetWhole(MEMBER(path)), GetWhole(MEMBER(path))
 

@@ -130,7 +130,7 @@ void Station::Take(const SourceNews &news) {
     }
 }
 
-bool Station::Tick() {
+bool Station::Tick(bool may_open) {
     const auto now = Clock::now();
     if (m_closing.valid()) {
         if (!AwaitClose(now)) {
@@ -141,7 +141,7 @@ bool Station::Tick() {
     if (m_retired) {
         return false;
     }
-    if (!m_source && now >= m_retryAt) {
+    if (!m_source && may_open && now >= m_retryAt) {
         UseNext();
         Open();
     }

@@ -41,8 +41,8 @@ class Station {
 
     // What the log says of it.
     void Take(const SourceNews &news);
-    // Looks at the source, and goes on with what was begun. False once it is retired and closed.
-    bool Tick();
+    // Looks at the source, and goes on with what was begun; opens it only with `may_open`. False once it is retired and closed.
+    bool Tick(bool may_open);
 
     bool IsRetired() const { return m_retired; }
     bool IsClosed() const { return !m_source && !m_closing.valid(); }

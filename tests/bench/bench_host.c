@@ -3,8 +3,9 @@
  *
  *     bench_host run URL SECONDS                plays and prints what arrived
  *     bench_host close URL WHEN CYCLES DELAY    opens and closes CYCLES times, prints the duration of each close in ms
- *     bench_host fleet VIDEO_BYTES URL...       plays all, each into a buffer of its own, until SIGTERM; at SIGUSR1 prints the
- *                                               frames of all and of the least: "video ALL LEAST audio ALL LEAST"
+ *     bench_host fleet VIDEO_BYTES URL...       plays all, each into a buffer of its own, until SIGTERM; prints "ready", and at
+ *                                               SIGUSR1 the frames of all and of the least: "video ALL LEAST audio ALL
+ *                                               LEAST"
  *
  * WHEN: "playing" closes DELAY ms after the first video frame of each cycle, "wait" DELAY ms after the state has become "reconnect",
  * "after" DELAY ms after the open.
@@ -118,6 +119,10 @@ static int run_fleet(FILE *out, const char *video_bytes, char **urls, int count)
         if (result != 0) {
             fprintf(stderr, "%s: source %d could not be opened (%d)\n", urls[i], i, result);
         }
+    }
+    if (result == 0) {
+        fprintf(out, "ready\n");
+        fflush(out);
     }
     while (result == 0 && sigwait(&signals, &number) == 0 && number == SIGUSR1) {
         print_frames(out, buffers, count);

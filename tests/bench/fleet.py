@@ -163,6 +163,8 @@ class Bench:
             children = [stack.enter_context(Child(command, env=self.environment, stdout=out, stderr=subprocess.DEVNULL, text=True))
                         for command in commands]
             try:
+                if case == HOST and children[0].process.stdout.readline() != "ready\n":
+                    sys.exit("fleet.py: bench_host has opened nothing")
                 yield children
             finally:
                 # All at once; ffmpeg waits for a datagram more before it ends by SIGTERM.
@@ -421,7 +423,7 @@ def report_kinds(kinds, _):
     rows = [[name, f"{one['descriptors']:.1f}", f"{one['threads']:.1f}", f"{(one['pss_kb'] - one['shared_kb']) / 1024:.2f}"]
             for name, one in kinds["each"].items()]
     return (f"## What a source takes, by protocol\n\nThe difference between {kinds['sources']} sources and one of the same process, while they play; memory (PSS) "
-            "without the shared buffer. A source that connects again takes no more. RTSP over TCP.\n\n"
+            "without the shared buffer, descriptors with the three of its buffer. RTSP over TCP.\n\n"
             + table(["", "descriptors", "threads", "MB"], rows)), []
 
 
@@ -472,7 +474,7 @@ def main():
             before = os.getloadavg()[0]
             results[name] = getattr(bench, name)()
             results["load"][name] = (before, os.getloadavg()[0])
-    (arguments.out / "fleet.json").write_text(json.dumps(results, indent=1) + "\n")
+            (arguments.out / "fleet.json").write_text(json.dumps(results, indent=1) + "\n")
     print(report(results, arguments.out))
 
 

@@ -337,7 +337,7 @@ void Host::MakeReaders() {
     m_map.reset(map);
     const size_t sources = m_fleet->Stations().size();
     for (unsigned channel = 0; m_options.frames > 0 && channel < sources; ++channel) {
-        m_taps.push_back(std::make_unique<FrameTap>(map, channel, m_options.frames, [this] { interrupts::WakeUp(); }));
+        m_taps.push_back(std::make_unique<FrameTap>(map, channel, m_options.frames, interrupts::WakeUp));
     }
     const auto add = [&](const std::string &pattern, shb_kind_t kind) {
         for (unsigned channel = 0; !pattern.empty() && channel < sources; ++channel) {

@@ -372,10 +372,10 @@ TEST(SourceFields, StallWatchIsOnUnlessItIsSwitchedOff) {
 }
 
 TEST(Capacity, WhatDoesNotSufficeIsSaidWithBothFigures) {
-    const Needs needs{9'000'000'000, 2'000'000'000, 14000, 9000};
+    const Needs needs{9'000'000'000, 2'000'000'000, 14000, 9000, 6};
     EXPECT_TRUE(Shortages(1000, needs, {}).empty()) << "no bounds";
-    EXPECT_TRUE(Shortages(1000, needs, {9'000'000'000, 11'000'000'000, 14000, 9000}).empty());
-    const std::vector<std::string> lines = Shortages(1000, needs, {8'000'000'000, 10'000'000'000, 1024, 4096});
+    EXPECT_TRUE(Shortages(1000, needs, {9'000'000'000, 11'000'000'000, 14000, 9000, 2}).empty());
+    const std::vector<std::string> lines = Shortages(1000, needs, {8'000'000'000, 10'000'000'000, 1024, 4096, 2});
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0].rfind("1000 sources take 9.00 GB of shared memory, and 8.00 GB are free in /dev/shm", 0), 0u)
         << lines[0];
@@ -384,6 +384,15 @@ TEST(Capacity, WhatDoesNotSufficeIsSaidWithBothFigures) {
         << lines[1];
     EXPECT_EQ(lines[2].rfind("1000 sources take about 14000 file descriptors, and 1024 may be opened", 0), 0u) << lines[2];
     EXPECT_EQ(lines[3].rfind("1000 sources take about 9000 threads, and 4096 may be started", 0), 0u) << lines[3];
+}
+
+TEST(Capacity, WhatMayNotSufficeIsAWarning) {
+    const Needs needs{0, 0, 0, 0, 6};
+    EXPECT_TRUE(Doubts(1000, needs, {}).empty());
+    EXPECT_TRUE(Doubts(1000, needs, {{}, {}, {}, {}, 6}).empty());
+    EXPECT_EQ(Doubts(1000, needs, {{}, {}, {}, {}, 1.5}),
+              std::vector<std::string>{"1000 sources of 2 Mb/s each take about 6 cores, and this process may use 1.5"});
+    EXPECT_GT(LimitsNow().cores.value_or(0), 0);
 }
 
 TEST(Capacity, NeedsGrowWithTheSourcesAndTheirBuffers) {

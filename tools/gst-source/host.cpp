@@ -289,7 +289,13 @@ bool Host::FindRoom() {
         return true;
     }
     RaiseDescriptorLimit();
-    const std::vector<std::string> lines = Shortages(m_file->sources.size(), NeedsOf(m_file->sources), LimitsNow());
+    const size_t sources = m_file->sources.size();
+    const Needs needs = NeedsOf(m_file->sources);
+    const Limits limits = LimitsNow();
+    for (const std::string &doubt : Doubts(sources, needs, limits)) {
+        Complain("warning: " + doubt, LogLevel::kWarning);
+    }
+    const std::vector<std::string> lines = Shortages(sources, needs, limits);
     ComplainOfLines(JoinedLines(lines), LogLevel::kError);
     return lines.empty();
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <limits>
@@ -136,12 +137,6 @@ std::string ParseSrtMode(const std::string &label, const std::string &text) {
 
 double ParseStallWatch(const std::string &label, const std::string &text) {
     return text == "0" ? 0 : ParseSeconds(label, text, kLongestStallWatch);
-}
-
-std::string NumberText(double value) {
-    std::ostringstream text;
-    text << value;
-    return text.str();
 }
 
 // Setters and getters of a member, `Member` being a function that finds it.
@@ -311,6 +306,12 @@ void DoubtsOfSrt(const SourceConfig &config, const Label &label, const std::func
 }
 
 }  // namespace
+
+std::string NumberText(double value) {
+    std::array<char, 64> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), value);
+    return {text.data(), end.ptr};
+}
 
 bool operator==(const SourceConfig::Memory &left, const SourceConfig::Memory &right) {
     return left.video_bytes == right.video_bytes && left.audio_bytes == right.audio_bytes && left.mode == right.mode &&

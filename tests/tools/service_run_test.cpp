@@ -1,4 +1,4 @@
-// The built tool with a file of sources: reloads, restarts, what it refuses, and what a service manager is told.
+// The built tool with a file of sources: reloads, restarts, what it refuses, and what a service manager gets to know.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -245,7 +245,7 @@ TEST_F(Service, APortThatAnotherProcessHasIsWaitedFor) {
     ExpectOrderlyEnd(*child);
 }
 
-TEST_F(Service, TheServiceManagerIsTold) {
+TEST_F(Service, TheServiceManagerIsNotified) {
     const std::string path = m_dir.File("notify");
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -253,22 +253,22 @@ TEST_F(Service, TheServiceManagerIsTold) {
     path.copy(static_cast<char *>(address.sun_path), path.size());
     const tool::Fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     ASSERT_EQ(bind(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    std::string told;
-    const auto heard = [&](const std::string &text) {
+    std::string messages;
+    const auto received = [&](const std::string &text) {
         std::array<char, 512> message{};
         for (ssize_t got = 0; (got = recv(socket.Get(), message.data(), message.size(), 0)) > 0;) {
-            told.append(message.data(), static_cast<size_t>(got)).append("|");
+            messages.append(message.data(), static_cast<size_t>(got)).append("|");
         }
-        return Has(told, text);
+        return Has(messages, text);
     };
     // A camera that is off keeps nothing from being ready.
     Write(SourceText("a", UdpUrl(FreeUdpPort())) + SourceText("b", "rtsp://127.0.0.1:1/off"));
     const auto child = Start({}, {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", "5000000"}});
-    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return heard("READY=1\nSTATUS=0 of 2 sources live"); })) << told << child->Err();
-    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return heard("WATCHDOG=1"); })) << told;
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return received("READY=1\nSTATUS=0 of 2 sources live"); })) << messages << child->Err();
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return received("WATCHDOG=1"); })) << messages;
     child->Signal(SIGTERM);
     EXPECT_EQ(child->Wait(), 0);
-    EXPECT_TRUE(heard("STOPPING=1")) << told;
+    EXPECT_TRUE(received("STOPPING=1")) << messages;
     EXPECT_EQ(child->Out(), "") << "a service does not report by lines";
 }
 

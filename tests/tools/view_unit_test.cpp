@@ -94,7 +94,7 @@ TEST(ViewOptions, Play) {
 TEST(ViewOptions, SlipsAreGuessed) {
     EXPECT_EQ(Refusal("recrod cam out.mkv --segment 5m"),
               "gst-source-read: \"recrod\" is not a command; did you mean record?\n");
-    EXPECT_EQ(Refusal("xyzzy"), "gst-source-read: \"xyzzy\" is not a command; gst-source-read --help tells more\n");
+    EXPECT_EQ(Refusal("xyzzy"), "gst-source-read: \"xyzzy\" is not a command; gst-source-read --help says more\n");
     EXPECT_EQ(Refusal("record cam out.mkv --segmnt 5m"), "gst-source-read: unknown option --segmnt; did you mean --segment?\n");
     EXPECT_EQ(Refusal("list --segment 5m"), "gst-source-read: unknown option --segment\n");
     EXPECT_EQ(Refusal("list more"), "gst-source-read: unexpected argument \"more\"\n");

@@ -202,17 +202,6 @@ const char *KindName(shb_kind_t kind) {
     return kind == SHB_VIDEO ? "video" : "audio";
 }
 
-const char *PresenceName(uint32_t presence) {
-    switch (presence) {
-        case SHB_PRESENCE_EXPECTED:
-            return "expected";
-        case SHB_PRESENCE_ABSENT:
-            return "absent";
-        default:
-            return "unknown";
-    }
-}
-
 std::vector<Track> TracksOf(const Map &map) {
     std::vector<Track> tracks;
     const shb_geometry_t geometry = InfoOf(map.get()).geometry;

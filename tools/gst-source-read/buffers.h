@@ -60,8 +60,6 @@ struct Track {
 };
 
 const char *KindName(shb_kind_t kind);
-// "unknown", "expected", "absent".
-const char *PresenceName(uint32_t presence);
 // Tracks that have had a writer, or of which the source has said whether it has them.
 std::vector<Track> TracksOf(const Map &map);
 

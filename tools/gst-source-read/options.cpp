@@ -91,7 +91,7 @@ class CommandLine {
             const bool wrong = !first.empty() && first.front() != '-';
             const std::string suggestion = wrong ? tool::Suggestion(first, CommandNames()) : "";
             tool::Refuse((wrong ? "\"" + first + "\" is not a command" : "no command given") +
-                         (suggestion.empty() ? "; gst-source-read --help tells more" : suggestion));
+                         (suggestion.empty() ? "; gst-source-read --help says more" : suggestion));
         }
         if (m_options.command == Command::kRemove && m_options.name.empty()) {
             tool::Refuse("remove: no NAME given");

@@ -10,6 +10,7 @@
 #include "layout.h"
 #include "output.h"
 #include "paint.h"
+#include "presence_name.h"
 #include "record.h"
 #include "screen.h"
 #include "text.h"
@@ -51,7 +52,7 @@ tool::Record TrackRecord(const shb_info_t &info, const Track &track, const std::
     record["channel"] = track.channel;
     record["stream"] = track.stream;
     record["kind"] = KindName(track.kind);
-    record["presence"] = PresenceName(stats.presence);
+    record["presence"] = tool::PresenceName(stats.presence);
     record["epoch"] = stats.epoch;
     record["writer_pid"] = tool::NumberOrNull(stats.writer_pid);
     record["codec"] = tool::TextOrNull(media.code);
@@ -110,7 +111,7 @@ const std::vector<tool::ColumnStyle> &Styles() {
 // A track that the source does not have says so, whatever it has carried before.
 std::string CodecText(const Track &track) {
     if (track.stats.presence == SHB_PRESENCE_ABSENT || track.stats.epoch == 0) {
-        return PresenceName(track.stats.presence);
+        return tool::PresenceName(track.stats.presence);
     }
     const bool known = track.description && track.description->code[0] != '\0';
     return known ? tool::Printable(track.description->code) : "-";

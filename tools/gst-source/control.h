@@ -1,4 +1,4 @@
-// Lets another process of the same user ask a run with a file of sources to read that file again, and hear what came of it.
+// Lets another process of the same user ask a run with a file of sources to read that file again, and get to know what came of it.
 #pragma once
 
 #include <functional>

@@ -89,7 +89,7 @@ constexpr const char *kUsage =
     "       gst-source [FLAGS] --config FILE\n"
     "       gst-source check FILE\n"
     "       gst-source reload FILE\n\n"
-    "Each URL is one source and one channel of the shared buffer, counted from 0. Its scheme tells the protocol:\n"
+    "Each URL is one source and one channel of the shared buffer, counted from 0. Its scheme is the protocol:\n"
     "udp://  rtsp:// rtsps:// rtspt:// rtspu://  srt://  rtmp:// rtmps://  http:// https:// (HLS)\n"
     "A file names its sources, each with a shared buffer of its own (docs/gst-source.md). check reports every mistake in it;\n"
     "reload makes the run that has it open read it again: sources that did not change go on untouched.";

@@ -1,4 +1,4 @@
-// What the system's service manager is told, when there is one.
+// Reports to the system's service manager, when there is one.
 #pragma once
 
 #include <chrono>

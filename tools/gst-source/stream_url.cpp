@@ -196,7 +196,7 @@ std::optional<std::string> LetterMistake(std::string_view url) {
     return std::nullopt;
 }
 
-// What a server tells streams apart by.
+// What makes two streams of a server different.
 std::string StreamOf(const Parts &parts) {
     std::string stream(parts.rest.substr(0, parts.rest.find('#')));
     if (parts.scheme->protocol == Protocol::kSrt) {

@@ -5,6 +5,7 @@
 
 #include "fields.h"
 #include "format.h"
+#include "presence_name.h"
 #include "shb.h"
 
 #ifndef TOOL_VERSION
@@ -37,17 +38,6 @@ Record ReaderRecord(const ReaderSample &reader) {
     record["lost_frames"] = reader.lost;
     record["age_ms"] = reader.age_ns ? Record(*reader.age_ns / kNsPerMs) : Record(nullptr);
     return record;
-}
-
-const char *PresenceName(uint32_t presence) {
-    switch (presence) {
-        case SHB_PRESENCE_EXPECTED:
-            return "expected";
-        case SHB_PRESENCE_ABSENT:
-            return "absent";
-        default:
-            return "unknown";
-    }
 }
 
 const char *StandingName(Standing standing) {

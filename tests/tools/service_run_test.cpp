@@ -1,4 +1,5 @@
 // The built tool with a file of sources: reloads, restarts, what it refuses, and what a service manager is told.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -491,4 +492,20 @@ TEST_F(Service, PrintsWhatIsInForceWithItsFlags) {
     Child full({"sh", "-c", "exec \"$0\" --config \"$1\" --print-config >/dev/full", Tool(), m_file});
     EXPECT_EQ(full.Wait(), 1);
     EXPECT_TRUE(Has(full.Err(), "gst-source: standard output: No space left on device\n")) << full.Err();
+}
+
+TEST_F(Service, ALogThatNobodyTakesHoldsUpNoEnd) {
+    Write(SourceText("a", UdpUrl(FreeUdpPort())));
+    const std::string pipe = m_dir.File("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const tool::Fd reader(open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::string block(4096, 'x');
+    while (write(reader.Get(), block.data(), block.size()) > 0) {
+    }
+    const auto child = std::make_unique<Child>(
+        std::vector<std::string>{"sh", "-c", "exec \"$0\" --config \"$1\" --json --interval 0.2 --log \"$2\"", Tool(), m_file,
+                                 pipe},
+        Environment());
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    ExpectOrderlyEnd(*child);
 }

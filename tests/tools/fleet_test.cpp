@@ -269,8 +269,10 @@ TEST_F(FleetTest, RestartsOfAllAtOnceAndTheEndAmidst) {
         sources.push_back(Udp(std::to_string(i)));
     }
     m_fleet.Apply(sources);
-    m_fleet.Tick();
-    EXPECT_TRUE(m_fleet.AllTried());
+    EXPECT_TRUE(WaitFor([&] {
+        m_fleet.Tick();
+        return m_fleet.AllTried();
+    }));
     for (int round = 0; round < 3; ++round) {
         for (const SourceConfig &source : sources) {
             EXPECT_TRUE(m_fleet.Restart(source.name));

@@ -1,14 +1,19 @@
 // The built tool with a file of sources: reloads, restarts, what it refuses, and what a service manager gets to know.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 
+#include "http_client.h"
 #include "run_support.h"
 #include "shb.h"
 
@@ -35,6 +40,36 @@ shb_stats_t VideoOf(const Map &map) {
     shb_stats_t stats{};
     EXPECT_EQ(shb_map_stats(map.get(), 0, 0, SHB_VIDEO, &stats), SHB_OK);
     return stats;
+}
+
+// The port that the kernel has chosen, once the tool has named it; 0 when it does not.
+uint16_t HttpPort(Child &child) {
+    const std::string begin = "page, metrics and API at http://127.0.0.1:";
+    EXPECT_TRUE(WaitWhileRunning(child, [&] { return Has(child.Err(), begin); })) << child.Err();
+    const std::string err = child.Err();
+    const size_t at = err.find(begin);
+    return at == std::string::npos ? uint16_t{0} : static_cast<uint16_t>(std::stoul(err.substr(at + begin.size())));
+}
+
+int Restart(uint16_t port, const std::string &source) {
+    return StatusOf(
+        Fetch(port, "/api/sources/" + source + "/restart", "POST", "X-Requested-With: test\r\nContent-Length: 0\r\n"));
+}
+
+Json SourceOf(uint16_t port, const std::string &source) {
+    return Json::parse(BodyOf(Fetch(port, "/api/sources/" + source)), nullptr, false);
+}
+
+// Signals that the process takes or holds back, as the kernel names them.
+bool Minds(pid_t process, int number) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    uint64_t minded = 0;
+    for (std::string key, value; status >> key >> value;) {
+        if (key == "SigBlk:" || key == "SigCgt:") {
+            minded |= std::stoull(value, nullptr, 16);
+        }
+    }
+    return (minded >> (number - 1) & 1U) != 0;
 }
 
 // A file of sources with names that no other test has, and the tool that has it open.
@@ -282,4 +317,195 @@ TEST_F(Service, AThousandSourcesThatDoNotFitAreRefusedWithFigures) {
     EXPECT_EQ(child->Wait(), 1);
     EXPECT_TRUE(Has(child->Err(), "gst-source: 1000 sources take 1.07 TB of shared memory, and ")) << child->Err();
     EXPECT_FALSE(MemoryLeft(Name("0")));
+}
+
+TEST_F(Service, ARestartByTheApiKeepsReadersAndCounters) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    Write(SourceText("a", url) + SourceText("b", UdpUrl(FreeUdpPort())));
+    const auto child = Start({"--http", "127.0.0.1:0"});
+    const uint16_t port = HttpPort(*child);
+    ASSERT_NE(port, 0);
+    const Sender sender(url);
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return SourceOf(port, Name("a")).value("flow", "") == "live"; }))
+        << child->Err();
+    const Map map = Attach(Name("a"));
+    ASSERT_TRUE(map);
+    shb_reader_t *opened = nullptr;
+    ASSERT_EQ(shb_reader_open(map.get(), 0, 0, SHB_VIDEO, SHB_START_OLDEST, &opened), SHB_OK);
+    const Reader reader(opened);
+    EXPECT_EQ(Restart(port, "nobody"), 404);
+    uint64_t frames = 0;
+    for (unsigned restart = 1; restart <= 3; ++restart) {
+        const uint64_t epoch = VideoOf(map).epoch;
+        EXPECT_EQ(Restart(port, Name("a")), 202);
+        EXPECT_TRUE(WaitWhileRunning(*child, [&] {
+            const Json source = SourceOf(port, Name("a"));
+            return VideoOf(map).epoch > epoch && source.value("flow", "") == "live" && source.value("rebuilds", 0U) == restart;
+        })) << SourceOf(port, Name("a"));
+        const Json source = SourceOf(port, Name("a"));
+        EXPECT_EQ(source.at("rebuild_reasons"), Json({{"restart", restart}}));
+        EXPECT_GE(source.at("video_frames").get<uint64_t>(), frames);
+        EXPECT_LE(source.at("video_key_frames"), source.at("video_frames"));
+        frames = source.at("video_frames").get<uint64_t>();
+    }
+    EXPECT_EQ(shb_map_alive(map.get()), 1);
+    std::vector<char> data(1u << 20);
+    shb_frame_t frame{};
+    EXPECT_EQ(shb_reader_read(reader.get(), data.data(), data.size(), 10000, &frame), SHB_OK) << "still attached";
+    EXPECT_EQ(SourceOf(port, Name("b")).at("rebuilds"), 0);
+    ExpectOrderlyEnd(*child);
+}
+
+TEST_F(Service, ARestartInTheBufferOfACommandLineLosesNoFrameOfADump) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    const std::string dump = m_dir.File("video.h264");
+    Child child({Tool(), url, "--http", "127.0.0.1:0", "--name", BufferName("service-cli"), "--frames", "150", "--dump-video",
+                 dump, "--json", "--duration", "120"});
+    const uint16_t port = HttpPort(child);
+    ASSERT_NE(port, 0);
+    const Sender sender(url);
+    const auto frames = [&] { return SourceOf(port, "0").value("video_frames", 0); };
+    ASSERT_TRUE(WaitWhileRunning(child, [&] { return frames() > 20; })) << child.Err();
+    EXPECT_EQ(Restart(port, "0"), 202);
+    EXPECT_EQ(child.Wait(), 0) << child.Err();
+    const Json summary = Json::parse(Lines(child.Out()).back());
+    ExpectFields(
+        summary,
+        {{"type", "summary"}, {"video_frames", 150}, {"video_dumped_frames", 150}, {"video_lost_frames", 0}, {"rebuilds", 1}});
+    EXPECT_EQ(ReadAll(dump).size(), summary.at("video_bytes").get<size_t>());
+}
+
+TEST_F(Service, AnAddressThatIsInUseOrNeedsATokenOpensNothing) {
+    Write(SourceText("a", UdpUrl(FreeUdpPort())));
+    const auto child = Start({"--http", "127.0.0.1:0"});
+    const std::string address = "127.0.0.1:" + std::to_string(HttpPort(*child));
+    const std::string name = BufferName("service-http");
+    for (const auto &[flags, line] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"--http", address}, "cannot listen on " + address + ": Address already in use"},
+             {{"--http", "0.0.0.0:0"}, "other machines reach 0.0.0.0:0, so a token is needed"},
+             {{"--http", "somewhere:1"}, "\"somewhere:1\" is no address to listen on, such as 127.0.0.1:9090 or [::1]:9090"}}) {
+        std::vector<std::string> command{Tool(), UdpUrl(FreeUdpPort()), "--name", name};
+        command.insert(command.end(), flags.begin(), flags.end());
+        Child other(command);
+        EXPECT_EQ(other.Wait(), 1);
+        EXPECT_EQ(other.Err(), "gst-source: " + line + "\n");
+        EXPECT_FALSE(MemoryLeft(name));
+    }
+    ExpectOrderlyEnd(*child);
+}
+
+TEST_F(Service, ATokenOpensTheAddressOfAllInterfaces) {
+    Write("[service]\nhttp = \"0.0.0.0:0\"\nhttp_token = \"${TOKEN}\"\n" + SourceText("a", UdpUrl(FreeUdpPort())));
+    const auto child = Start({}, {{"TOKEN", "geheim"}});
+    const std::string begin = "page, metrics and API at http://0.0.0.0:";
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Has(child->Err(), begin); })) << child->Err();
+    const std::string err = child->Err();
+    const auto port = static_cast<uint16_t>(std::stoul(err.substr(err.find(begin) + begin.size())));
+    EXPECT_EQ(StatusOf(Fetch(port, "/api/sources")), 401);
+    EXPECT_EQ(StatusOf(Fetch(port, "/api/sources", "GET", "Authorization: Bearer geheim\r\n")), 200);
+    ExpectOrderlyEnd(*child);
+    EXPECT_FALSE(Has(child->Err() + child->Out(), "geheim"));
+}
+
+TEST_F(Service, HangupsAtAnyMomentAreReloads) {
+    const std::string url = UdpUrl(FreeUdpPort());
+    Write(SourceText("a", url));
+    const auto child = Start({"--json"});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Minds(child->Id(), SIGHUP); }));
+    for (int round = 0; round < 300; ++round) {
+        child->Signal(SIGHUP);
+        if (round % 20 == 0) {
+            Write(SourceText("a", url, round % 40 == 0 ? "mtu = 1400\n" : ""));
+            std::string text;
+            Reload(text);
+        }
+    }
+    Write(SourceText("a", url) + SourceText("b", UdpUrl(FreeUdpPort())));
+    child->Signal(SIGHUP);
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "b", {{"state", "connected"}}); })) << child->Err();
+    child->Signal(SIGHUP);
+    child->Signal(SIGTERM);
+    child->Signal(SIGHUP);
+    EXPECT_EQ(child->Wait(), 0) << child->Err();
+    EXPECT_FALSE(MemoryLeft(Name("a")) || MemoryLeft(Name("b")));
+}
+
+TEST_F(Service, AFileThatIsGoneOrAPipeChangesNothing) {
+    Write(SourceText("a", UdpUrl(FreeUdpPort())));
+    const auto child = Start({"--json"});
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    ASSERT_EQ(unlink(m_file.c_str()), 0);
+    std::string text;
+    EXPECT_EQ(Reload(text), 2);
+    EXPECT_EQ(text, m_file + ": No such file or directory\n" + m_file + ": nothing was changed\n");
+    ASSERT_EQ(mkfifo(m_file.c_str(), 0600), 0);
+    EXPECT_EQ(Reload(text), 2);
+    EXPECT_EQ(text, m_file + ": is no regular file\n" + m_file + ": nothing was changed\n");
+    EXPECT_TRUE(Attach(Name("a")));
+    ExpectOrderlyEnd(*child);
+}
+
+TEST_F(Service, ManySourcesEndTogetherAndACrashLeavesNothing) {
+    constexpr int kSources = 100;
+    std::string text;
+    std::vector<std::string> names;
+    for (int i = 0; i < kSources; ++i) {
+        names.push_back(std::to_string(i));
+        text += SourceText(names.back(), UdpUrl(FreeUdpPort()), "video_bytes = \"64K\"\naudio_bytes = \"64K\"\n");
+    }
+    Write(text);
+    for (const int signal : {SIGTERM, SIGSEGV}) {
+        const auto child = Start({"--json"});
+        ASSERT_TRUE(WaitWhileRunning(*child, [&] {
+            return Reports(*child, names.back(), {{"state", "connected"}});
+        })) << child->Err();
+        std::vector<std::string> files;
+        for (const std::string &name : names) {
+            const std::vector<std::string> own = MemoryOf(Name(name));
+            files.insert(files.end(), own.begin(), own.end());
+        }
+        EXPECT_GE(files.size(), names.size());
+        child->Signal(signal);
+        EXPECT_EQ(child->Wait(), signal == SIGTERM ? 0 : 256 + signal) << child->Err();
+        for (const std::string &file : files) {
+            EXPECT_NE(access(file.c_str(), F_OK), 0) << file;
+        }
+        EXPECT_TRUE(std::filesystem::is_empty(m_dir.File("gst-source"))) << "the control socket";
+    }
+}
+
+TEST_F(Service, PrintsWhatIsInForceWithItsFlags) {
+    const std::string url = UdpUrl(5000);
+    Child child({Tool(), url, "srt://127.0.0.1:7000", "--print-config", "--http", "127.0.0.1:9191", "--log-level", "error",
+                 "--close-timeout", "3", "--mtu", "1400", "--passphrase", "geheimgeheim", "--keylen", "16"});
+    EXPECT_EQ(child.Wait(), 0);
+    EXPECT_FALSE(Has(child.Out(), "geheim")) << child.Out();
+    m_file = m_dir.Write("printed.toml", child.Out());
+    Child check({Tool(), "check", m_file});
+    EXPECT_EQ(check.Wait(), 0) << check.Err();
+    Child again({Tool(), "--config", m_file, "--print-config", "--log-level", "debug"});
+    EXPECT_EQ(again.Wait(), 0);
+    for (const char *line :
+         {"http = '127.0.0.1:9191'", "log_level = 'debug'", "close_timeout = 3", "mtu = 1400", "keylen = 16"}) {
+        EXPECT_TRUE(Has(again.Out(), line)) << line << "\n" << again.Out();
+    }
+    Child full({"sh", "-c", "exec \"$0\" --config \"$1\" --print-config >/dev/full", Tool(), m_file});
+    EXPECT_EQ(full.Wait(), 1);
+    EXPECT_TRUE(Has(full.Err(), "gst-source: standard output: No space left on device\n")) << full.Err();
+}
+
+TEST_F(Service, ALogThatNobodyTakesHoldsUpNoEnd) {
+    Write(SourceText("a", UdpUrl(FreeUdpPort())));
+    const std::string pipe = m_dir.File("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const tool::Fd reader(open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::string block(4096, 'x');
+    while (write(reader.Get(), block.data(), block.size()) > 0) {
+    }
+    const auto child = std::make_unique<Child>(
+        std::vector<std::string>{"sh", "-c", "exec \"$0\" --config \"$1\" --json --interval 0.2 --log \"$2\"", Tool(), m_file,
+                                 pipe},
+        Environment());
+    ASSERT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "a", {{"state", "connected"}}); })) << child->Err();
+    ExpectOrderlyEnd(*child);
 }

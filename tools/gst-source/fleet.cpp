@@ -104,16 +104,16 @@ bool Fleet::Restart(const std::string &name) {
 }
 
 void Fleet::Tick() {
+    // A thousand sources take seconds to open, in which the run would answer nobody.
+    constexpr std::chrono::milliseconds kOpening{300};
+    const auto open_until = Clock::now() + kOpening;
     const uint64_t edition = m_news.Edition();
     const bool news = std::exchange(m_edition, edition) != edition;
-    // Hundreds of sources take seconds to open, in which the others are looked after as well.
-    constexpr std::chrono::milliseconds kOpening{200};
-    const auto until = Clock::now() + kOpening;
     for (auto station = m_stations.begin(); station != m_stations.end();) {
         if (news) {
             (*station)->Take(m_news.Of((*station)->Name()));
         }
-        if ((*station)->Tick(Clock::now() < until)) {
+        if ((*station)->Tick(Clock::now() < open_until)) {
             ++station;
         } else {
             m_news.Remove((*station)->Name());

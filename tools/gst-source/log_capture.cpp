@@ -80,6 +80,9 @@ LogCapture::~LogCapture() {
     if (m_withErrors) {
         dup2(m_savedErr.Get(), STDERR_FILENO);
     }
+    constexpr std::chrono::seconds kPatience{2};
+    m_endsAt = std::chrono::steady_clock::now() + kPatience;
+    m_ending.store(true);
     // Not by the end of the file: a child of the framework may still hold the other end.
     eventfd_write(m_stop.Get(), 1);
     m_thread.join();
@@ -129,7 +132,7 @@ void LogCapture::TakeIn(const char *data, size_t size) {
 void LogCapture::HandOut(const std::string &line) {
     std::string plain = m_masker.Mask(StripEscapes(line, false));
     const LogLevel level = LevelOf(plain);
-    if (m_target >= 0 && level <= m_policy.to_target) {
+    if (m_target >= 0 && !m_targetStalled && level <= m_policy.to_target) {
         WriteToTarget(line, plain, level);
     }
     if (m_remember) {
@@ -149,18 +152,22 @@ void LogCapture::HandOut(const std::string &line) {
     m_lines.fetch_add(1);
 }
 
-void LogCapture::WriteToTarget(const std::string &line, const std::string &plain, LogLevel level) const {
+void LogCapture::WriteToTarget(const std::string &line, const std::string &plain, LogLevel level) {
+    std::string text;
     switch (m_form) {
         case Form::kPlain:
-            WriteAll(m_target, plain + "\n");
+            text = plain;
             break;
         case Form::kColored:
-            WriteAll(m_target, m_masker.Mask(StripEscapes(line, true)) + "\n");
+            text = m_masker.Mask(StripEscapes(line, true));
             break;
         case Form::kJournal:
-            WriteAll(m_target, std::string(JournalPrefix(level)) + WithoutStamp(plain) + "\n");
+            text = std::string(JournalPrefix(level)) + WithoutStamp(plain);
             break;
     }
+    // A pager that nobody looks at must not keep the run from its end.
+    const auto give_up = [this] { return m_ending.load() && std::chrono::steady_clock::now() >= m_endsAt; };
+    m_targetStalled = m_targetStalled || (!WriteAll(m_target, text + "\n", give_up) && errno == ECANCELED);
 }
 
 }  // namespace tool

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -28,7 +29,8 @@ class LogCapture {
     // `on_line`: called with every line, by one thread and no more once the destructor is through.
     LogCapture(int target, bool with_errors, Masker masker, std::function<void(const std::string &)> on_line = nullptr,
                LogPolicy policy = {});
-    // Puts the descriptors back once everything written so far has been handled.
+    // Puts the descriptors back once everything written so far has been handled. A target that takes nothing is waited for
+    // two seconds.
     ~LogCapture();
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
@@ -44,7 +46,7 @@ class LogCapture {
     void Read();
     void TakeIn(const char *data, size_t size);
     void HandOut(const std::string &line);
-    void WriteToTarget(const std::string &line, const std::string &plain, LogLevel level) const;
+    void WriteToTarget(const std::string &line, const std::string &plain, LogLevel level);
 
     enum class Form { kPlain, kColored, kJournal };
 
@@ -59,7 +61,10 @@ class LogCapture {
     Fd m_savedErr;
     Fd m_pipeRead;
     Fd m_stop;
-    std::string m_partial;  // reader thread only
+    std::string m_partial;         // reader thread only
+    bool m_targetStalled = false;  // likewise: it has had its time at the end
+    std::atomic<bool> m_ending{false};
+    std::chrono::steady_clock::time_point m_endsAt;  // set before m_ending
     std::atomic<uint64_t> m_lines{0};
     std::atomic<uint64_t> m_noted{0};
     mutable std::mutex m_mutex;

@@ -244,7 +244,7 @@ void Station::SumUp() {
     const uint64_t seen = m_rebuildsSeen + (IsOpen() ? m_source->RebuildsSeen() : 0);
     const uint64_t more = seen > logged ? seen - logged : 0;
     // The state may change a moment before the log says so. A line that never came has been lost.
-    constexpr std::chrono::seconds kLate{5};
+    constexpr std::chrono::seconds kLate{10};
     if (more != m_moreThanLogged) {
         m_moreThanLogged = more;
         m_moreSince = Clock::now();

@@ -42,8 +42,9 @@ class Station {
 
     // What the log says of it.
     void Take(const SourceNews &news);
-    // Looks at the source, and goes on with what was begun; opens it only with `may_open`. False once it is retired and closed.
-    bool Tick(bool may_open);
+    // Looks at the source, and goes on with what was begun. False once it is retired and closed. `may_open`: otherwise an open
+    // that is due waits for the next time.
+    bool Tick(bool may_open = true);
 
     bool IsRetired() const { return m_retired; }
     bool IsClosed() const { return !m_source && !m_closing.valid(); }

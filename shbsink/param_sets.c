@@ -19,7 +19,7 @@ static void free_set(gpointer data) {
 
 void shb_param_sets_init(ShbParamSets *sets) {
     sets->sets = g_ptr_array_new_with_free_func(free_set);
-    sets->changed = FALSE;
+    sets->changed = sets->unparsed = FALSE;
 }
 
 void shb_param_sets_clear(ShbParamSets *sets) {
@@ -128,7 +128,7 @@ static void put(ShbParamSets *sets, ShbSetKind kind, guint number, const guint8 
     g_byte_array_append(set->unit, start_code, START_CODE_SIZE);
     g_byte_array_append(set->unit, unit, (guint)size);
     set->parsed = FALSE;
-    sets->changed = TRUE;
+    sets->changed = sets->unparsed = TRUE;
     if (kind != SHB_SET_SEQUENCE)
         return;
     /* A picture set is parsed with its sequence set, which may come later. */

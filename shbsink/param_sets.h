@@ -19,8 +19,9 @@ typedef struct {
 } ShbParamSet;
 
 typedef struct {
-    GPtrArray *sets;  /* ShbParamSet, by kind and number */
-    gboolean changed; /* since the owner cleared it */
+    GPtrArray *sets;   /* ShbParamSet, by kind and number */
+    gboolean changed;  /* since the owner cleared it */
+    gboolean unparsed; /* some of them may be: cleared by the owner, so that most pictures need not look at each set */
 } ShbParamSets;
 
 void shb_param_sets_init(ShbParamSets *sets);

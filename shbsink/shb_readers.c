@@ -14,7 +14,8 @@
 #define SIGN_OF_LIFE_NS UINT64_C(60000000000)
 
 shb_reader_table_t *shb_reader_table_at(const shb_places_t *places, void *waiters) {
-    return (shb_reader_table_t *)((char *)waiters + places->words_bytes);
+    void *table = (char *)waiters + places->words_bytes;
+    return table;
 }
 
 void shb_reader_table_init(shb_reader_table_t *table) {

@@ -37,6 +37,9 @@ static void read_set(H265Reader *reader, GstH265NalUnit *nalu) {
 /* Parses new sets, sequence sets first: in the stream they may come in any order. */
 static void read_sets(H265Reader *reader) {
     const GPtrArray *sets = reader->base.sets.sets;
+    if (!reader->base.sets.unparsed)
+        return;
+    reader->base.sets.unparsed = FALSE;
     for (guint i = 0; i < sets->len; i++) {
         ShbParamSet *set = g_ptr_array_index(sets, i);
         GstH265NalUnit nalu;

@@ -3,6 +3,9 @@
  *
  *     bench_host run URL SECONDS                plays and prints what arrived
  *     bench_host close URL WHEN CYCLES DELAY    opens and closes CYCLES times, prints the duration of each close in ms
+ *     bench_host fleet VIDEO_BYTES URL...       plays all, each into a buffer of its own, until SIGTERM; prints "ready", and at
+ *                                               SIGUSR1 the frames of all and of the least: "video ALL LEAST audio ALL
+ *                                               LEAST"
  *
  * WHEN: "playing" closes DELAY ms after the first video frame of each cycle, "wait" DELAY ms after the state has become "reconnect",
  * "after" DELAY ms after the open.
@@ -10,6 +13,8 @@
 #include "gst_source_api.h"
 #include "shb.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -64,9 +69,73 @@ static int open_source(void *source, const char *url) {
     return gst_hls_source_open_live_stream(source, url, 200, 0, 15, 3, "", "", "", "", "", "");
 }
 
-static uint64_t video_frames(shb_buffer_t *buffer) {
+static uint64_t frames_of(shb_buffer_t *buffer, shb_kind_t kind) {
     shb_stats_t stats = SHB_INIT(shb_stats_t);
-    return shb_buffer_stats(buffer, 0, 0, SHB_VIDEO, &stats) == SHB_OK ? stats.total_frames : 0;
+    return shb_buffer_stats(buffer, 0, 0, kind, &stats) == SHB_OK ? stats.total_frames : 0;
+}
+
+static uint64_t video_frames(shb_buffer_t *buffer) {
+    return frames_of(buffer, SHB_VIDEO);
+}
+
+static void print_frames(FILE *out, shb_buffer_t **buffers, int count) {
+    static const char *const names[] = {"video", "audio"};
+    for (int kind = SHB_VIDEO; kind <= SHB_AUDIO; ++kind) {
+        uint64_t all = 0;
+        uint64_t least = UINT64_MAX;
+        for (int i = 0; i < count; ++i) {
+            const uint64_t frames = frames_of(buffers[i], (shb_kind_t)kind);
+            all += frames;
+            least = frames < least ? frames : least;
+        }
+        fprintf(out, "%s %llu %llu%s", names[kind], (unsigned long long)all, (unsigned long long)least,
+                kind == SHB_VIDEO ? " " : "\n");
+    }
+    fflush(out);
+}
+
+static int run_fleet(FILE *out, const char *video_bytes, char **urls, int count) {
+    shb_geometry_t geometry = SHB_INIT(shb_geometry_t);
+    shb_buffer_t **buffers = calloc((size_t)count, sizeof *buffers);
+    void **sources = calloc((size_t)count, sizeof *sources);
+    sigset_t signals;
+    int number = 0;
+    int result = buffers == NULL || sources == NULL ? 1 : 0;
+    geometry.video_bytes = strtoull(video_bytes, NULL, 10);
+    /* Before there are threads, which inherit it. */
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, NULL);
+    for (int i = 0; i < count && result == 0; ++i) {
+        char name[64];
+        snprintf(name, sizeof name, "gst-source-bench-%d-%d", (int)getpid(), i);
+        result = shb_create(name, &geometry, &buffers[i]);
+        if (result == SHB_OK) {
+            sources[i] = create(urls[i], buffers[i]);
+            result = open_source(sources[i], urls[i]);
+        }
+        if (result != 0) {
+            fprintf(stderr, "%s: source %d could not be opened (%d)\n", urls[i], i, result);
+        }
+    }
+    if (result == 0) {
+        fprintf(out, "ready\n");
+        fflush(out);
+    }
+    while (result == 0 && sigwait(&signals, &number) == 0 && number == SIGUSR1) {
+        print_frames(out, buffers, count);
+    }
+    for (int i = 0; i < count && sources != NULL; ++i) {
+        gst_source_destroy(sources[i]);
+    }
+    for (int i = 0; i < count && buffers != NULL; ++i) {
+        shb_destroy(buffers[i]);
+    }
+    free(sources);
+    free(buffers);
+    return result == 0 ? 0 : 1;
 }
 
 /* 1 once the condition of `when` holds, 0 after 30 s. */
@@ -96,13 +165,18 @@ int main(int argc, char **argv) {
     int result = 0;
 
     if (argc < 4 || (closes && argc < 6)) {
-        fprintf(stderr, "usage: %s run URL SECONDS | close URL WHEN CYCLES DELAY_MS\n", argv[0]);
+        fprintf(stderr, "usage: %s run URL SECONDS | close URL WHEN CYCLES DELAY_MS | fleet VIDEO_BYTES URL...\n", argv[0]);
         return 2;
     }
     /* The library's log goes to standard output; the figures keep a stream of their own. */
     out = fdopen(dup(STDOUT_FILENO), "w");
     if (out == NULL || freopen("/dev/null", "w", stdout) == NULL) {
         return 2;
+    }
+    if (strcmp(mode, "fleet") == 0) {
+        result = run_fleet(out, argv[2], argv + 3, argc - 3);
+        fclose(out);
+        return result;
     }
     snprintf(name, sizeof name, "gst-source-bench-%d", (int)getpid());
     result = shb_create(name, NULL, &buffer);

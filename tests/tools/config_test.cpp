@@ -289,6 +289,28 @@ INSTANTIATE_TEST_SUITE_P(
                   Source("rtsp://h/x", "user = \"u\"\npassword = \"${NOT_SET}\"\n"),
                   {"f:5:12: the environment has no variable NOT_SET"}},
         WrongFile{"open_variable", Source("rtsp://h/x", "user = \"${\"\n"), {"f:4:8: \"${\" without the name"}},
+        WrongFile{"secret_as_number",
+                  Source("rtsp://h/x", "user = \"u\"\npassword = 123456789012345678901234\n"),
+                  {"f:5:36: Error while parsing decimal integer: '***' is not representable"}},
+        WrongFile{"secret_as_table",
+                  Source("rtsp://h/x", "password = { geheim = 1, geheim = 2 }\n"),
+                  {"f:4:35: Error while parsing key-value pair: cannot redefine existing integer '***'"}},
+        WrongFile{
+            "secret_as_list", Source("rtsp://h/x", "password = [\"geheim\"]\n"), {"f:4:12: password takes a text, not a list"}},
+        WrongFile{"secret_with_a_variable",
+                  Source("rtsp://h/x", "password = \"a${ge heim}\"\n"),
+                  {"f:4:12: \"${\" without the name of a variable and \"}\""}},
+        WrongFile{"secret_as_key",
+                  "\"rtsp://u:geheim@h/\" = 1\n" + kUdp,
+                  {"f:1:1: unknown table or key \"rtsp://u:***@h/\"; there are"}},
+        WrongFile{"secret_as_option",
+                  kUdp + "\"rtsp://u:geheim@h/\" = 1\n",
+                  {"f:4:1: unknown option \"rtsp://u:***@h/\" of a source of udp"}},
+        WrongFile{
+            "secret_with_two_signs", Source("rtsp://u:ge@he:im/x@h/y"), {"f:3:7: a password has %2F, %3F and %23 in place of"}},
+        WrongFile{"http_address", "[service]\nhttp = \"here\"\n" + kUdp, {"f:2:8: \"here\" is no address to listen on"}},
+        WrongFile{"http_port", "[service]\nhttp = \"127.0.0.1:99999\"\n" + kUdp, {"f:2:8: \"127.0.0.1:99999\": the port is"}},
+        WrongFile{"no_utf8", kUdp + "# \xff\xfe\n", {"f:4:2: Encountered invalid utf-8 sequence"}},
         WrongFile{"no_secret_file",
                   Source("rtsp://h/x", "user = \"u\"\npassword_file = \"nowhere\"\n"),
                   {"f:5:17: nowhere: No such file"}},
@@ -306,6 +328,36 @@ TEST(ConfigFile, FilesThatCannotBeRead) {
     EXPECT_EQ(ReadConfigFile("/nowhere/at all", From({})).Report(), "/nowhere/at all: No such file or directory\n");
     const std::string directory = dir.File("");
     EXPECT_NE(ReadConfigFile(directory, From({})).Report().find("Is a directory"), std::string::npos);
+    // A pipe would be waited for, and with it all sources of a run that reads its file again.
+    const std::string pipe = dir.File("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_EQ(ReadConfigFile(pipe, From({})).Report(), pipe + ": is no regular file\n");
+    const std::string text = Source("rtsp://h/x", "user = \"u\"\npassword_file = \"pipe\"\n");
+    EXPECT_EQ(ParseConfig(text, dir.File("f"), From({})).Report(),
+              dir.File("f") + ":5:17: " + pipe + ": is a pipe, not a file\n");
+    const std::string endless = Source("rtsp://h/x", "user = \"u\"\npassword_file = \"/dev/zero\"\n");
+    EXPECT_EQ(Parse(endless).Report(), "f:5:17: /dev/zero: is larger than any secret\n");
+    const std::string large = dir.Write("large", "# " + std::string(17u << 20, 'x'));
+    EXPECT_EQ(ReadConfigFile(large, From({})).Report(), large + ": is larger than 16 MB, which no file of sources is\n");
+}
+
+TEST(ConfigFile, EndsOfLinesAndMarksOfOtherEditors) {
+    std::string text = "\xef\xbb\xbf" + Source("udp://127.0.0.1:5000", "mtu = 1400\n");
+    for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 2)) {
+        text.insert(at, "\r");
+    }
+    EXPECT_EQ(One(text).udp.mtu, 1400u);
+}
+
+TEST(ConfigFile, AnAddressForOthersWantsAToken) {
+    const std::string text = "[service]\nhttp = \"0.0.0.0:9090\"\n";
+    const std::string source = Source("udp://127.0.0.1:5000");
+    const ConfigFile file = Parse(text + source);
+    EXPECT_TRUE(file.Good());
+    EXPECT_EQ(file.Report(),
+              "f:2:8: warning: other machines reach 0.0.0.0:9090, so a token is needed: http_token or http_token_file\n");
+    EXPECT_EQ(Parse(text + "http_token = \"${T}\"\n" + source, {{"T", "geheim"}}).Report(), "");
+    EXPECT_EQ(Parse(text + source, {{"GST_SOURCE_HTTP_TOKEN", "geheim"}}).Report(), "");
 }
 
 TEST(ConfigFile, DoubtsAreWarningsAtTheSource) {
@@ -337,8 +389,26 @@ TEST(ConfigFile, PrintedFileSaysTheSameAgain) {
     }
 }
 
+TEST(ConfigFile, OddValuesArePrintedSoThatTheyComeBack) {
+    SourceConfig source = One(Source("http://h/x.m3u8"));
+    source.stall_watch = 1234567.25;
+    for (const char *odd : {"${HOME}", "$${x", "a\"b'c\\d", "tab\tbell\x07 delete\x7f", "\xc3\xa4\xe2\x82\xac \xf0\x9f\x8e\xa5",
+                            "two\nlines\r\n", "\'\'\'", "\"\"\"", " # no comment"}) {
+        source.hls.user_agent = odd;
+        const std::string printed = PrintConfig({"", "", "/tmp/a ${b}\".log", "", 0.1234567}, {source});
+        const ConfigFile again = Parse(printed);
+        ASSERT_TRUE(again.Good()) << again.Report() << printed;
+        EXPECT_TRUE(SameStream(again.sources.at(0), source)) << printed;
+        EXPECT_EQ(again.service.log_file, "/tmp/a ${b}\".log");
+        EXPECT_EQ(again.service.close_timeout, 0.1234567);
+    }
+}
+
 TEST(ConfigFile, SecretsAreNotPrinted) {
-    SourceConfig source = One(Source("rtsp://me:geheim1@h/x", "user = \"u\"\npassword = \"geheim2\"\n"));
+    const SourceConfig proxied = One(Source("http://h/x.m3u8", "proxy = \"http://u:geheim@p:3128\"\n"));
+    EXPECT_NE(PrintConfig({}, {proxied}).find("proxy = 'http://u:***@p:3128'"), std::string::npos)
+        << PrintConfig({}, {proxied});
+    const SourceConfig source = One(Source("rtsp://me:geheim1@h/x", "user = \"u\"\npassword = \"geheim2\"\n"));
     const std::string printed = PrintConfig({"", "geheim3", "", "", {}}, {source});
     EXPECT_EQ(printed.find("geheim"), std::string::npos) << printed;
     EXPECT_NE(printed.find("# password is set"), std::string::npos) << printed;
@@ -372,10 +442,10 @@ TEST(SourceFields, StallWatchIsOnUnlessItIsSwitchedOff) {
 }
 
 TEST(Capacity, WhatDoesNotSufficeIsSaidWithBothFigures) {
-    const Needs needs{9'000'000'000, 2'000'000'000, 14000, 9000};
+    const Needs needs{9'000'000'000, 2'000'000'000, 14000, 9000, 6};
     EXPECT_TRUE(Shortages(1000, needs, {}).empty()) << "no bounds";
-    EXPECT_TRUE(Shortages(1000, needs, {9'000'000'000, 11'000'000'000, 14000, 9000}).empty());
-    const std::vector<std::string> lines = Shortages(1000, needs, {8'000'000'000, 10'000'000'000, 1024, 4096});
+    EXPECT_TRUE(Shortages(1000, needs, {9'000'000'000, 11'000'000'000, 14000, 9000, 2}).empty());
+    const std::vector<std::string> lines = Shortages(1000, needs, {8'000'000'000, 10'000'000'000, 1024, 4096, 2});
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0].rfind("1000 sources take 9.00 GB of shared memory, and 8.00 GB are free in /dev/shm", 0), 0u)
         << lines[0];
@@ -384,6 +454,15 @@ TEST(Capacity, WhatDoesNotSufficeIsSaidWithBothFigures) {
         << lines[1];
     EXPECT_EQ(lines[2].rfind("1000 sources take about 14000 file descriptors, and 1024 may be opened", 0), 0u) << lines[2];
     EXPECT_EQ(lines[3].rfind("1000 sources take about 9000 threads, and 4096 may be started", 0), 0u) << lines[3];
+}
+
+TEST(Capacity, WhatMayNotSufficeIsAWarning) {
+    const Needs needs{0, 0, 0, 0, 6};
+    EXPECT_TRUE(Doubts(1000, needs, {}).empty());
+    EXPECT_TRUE(Doubts(1000, needs, {{}, {}, {}, {}, 6}).empty());
+    EXPECT_EQ(Doubts(1000, needs, {{}, {}, {}, {}, 1.5}),
+              std::vector<std::string>{"1000 sources of 2 Mb/s each take about 6 cores, and this process may use 1.5"});
+    EXPECT_GT(LimitsNow().cores.value_or(0), 0);
 }
 
 TEST(Capacity, NeedsGrowWithTheSourcesAndTheirBuffers) {

@@ -85,6 +85,21 @@ TEST(Format, StateSaysWhyNothingComesAndWhenItIsTriedAgain) {
     EXPECT_NE(FormatSummary(sample).find(", last error: Not Found"), std::string::npos);
 }
 
+TEST(Format, SummaryOfASourceOfAFile) {
+    SourceSample sample;
+    sample.name = "gate";
+    sample.buffer = "/gate";
+    sample.url = "udp://127.0.0.1:5000";
+    sample.video.frames = 2;
+    sample.video.bytes = 1000;
+    sample.audio.frames = 1;
+    EXPECT_EQ(FormatSummary(sample), "gate: 2 access units (1.00 kB), 1 audio frame (0 B), 0 rebuilds  udp://127.0.0.1:5000");
+    sample.video.codec = "H264";
+    sample.video.width = 640;
+    sample.video.height = 360;
+    EXPECT_NE(FormatSummary(sample).find("(H264 640x360p, 1.00 kB)"), std::string::npos) << FormatSummary(sample);
+}
+
 TEST(Format, TheReasonStandsBesideASilence) {
     SourceSample sample;
     sample.state = "connected";

@@ -1,6 +1,7 @@
 // What the tool concludes from the states and counters of a source.
 #include <gtest/gtest.h>
 
+#include "pause_watch.h"
 #include "presence.h"
 #include "rebuild_counter.h"
 
@@ -33,6 +34,20 @@ TEST(RebuildCounter, ReopenedTracksTellOfAStateThatWasMissed) {
     counter.OnEpoch(1);
     counter.OnEpoch(3);
     EXPECT_EQ(counter.Count(), 2u);
+}
+
+TEST(RebuildCounter, WhatWasBeforeTheSourceIsNoneOfItsRebuilds) {
+    RebuildCounter counter(Protocol::kRtsp, 4, 2);
+    counter.OnEpoch(4);
+    counter.OnReconnects(2);
+    EXPECT_EQ(counter.Count(), 0u);
+    counter.OnEpoch(5);
+    EXPECT_EQ(counter.Count(), 0u) << "its first writer";
+    counter.OnEpoch(6);
+    EXPECT_EQ(counter.Seen(), 1u);
+    counter.OnReconnects(5);
+    EXPECT_EQ(counter.Seen(), 1u);
+    EXPECT_EQ(counter.Count(), 3u);
 }
 
 TEST(RebuildCounter, LogTellsOfSessionsThatFailAtOnce) {
@@ -139,4 +154,71 @@ TEST_F(PresenceWatchTest, ATrackThatTheStreamListsIsWaitedFor) {
     m_sample.audio.presence = SHB_PRESENCE_EXPECTED;
     OnlyVideo(0, 10);
     EXPECT_EQ(m_sample.audio.presence, SHB_PRESENCE_EXPECTED);
+}
+
+namespace {
+
+// A stream that brings segments, each with all its frames at once.
+class Segments {
+  public:
+    // The stall watch in s after so many segments with these seconds before each.
+    std::optional<double> Play(int segments, int seconds, bool video = true, bool audio = true) {
+        std::optional<double> wanted;
+        for (int i = 0; i < segments; ++i) {
+            m_now += std::chrono::seconds(seconds);
+            m_frames[0] += video ? 25U : 0U;
+            m_frames[1] += audio ? 40U : 0U;
+            wanted = m_watch.Look(m_frames, m_now);
+        }
+        return wanted;
+    }
+    void Wait(int seconds) { m_now += std::chrono::seconds(seconds); }
+    PauseWatch &Watch() { return m_watch; }
+
+  private:
+    PauseWatch m_watch;
+    std::array<uint64_t, 2> m_frames{};
+    PauseWatch::Clock::time_point m_now{std::chrono::hours(1)};
+};
+
+}  // namespace
+
+// The first segments follow each other as fast as they can be fetched; the next one may be 12 s away.
+TEST(PauseWatch, AFastBeginningEndsNoStream) {
+    Segments stream;
+    EXPECT_EQ(stream.Play(4, 2), 30);
+    EXPECT_EQ(stream.Play(1, 12), 36);
+    EXPECT_EQ(stream.Play(20, 12), 36);
+}
+
+TEST(PauseWatch, FallsOnceTheStreamIsKnown) {
+    Segments stream;
+    EXPECT_EQ(stream.Play(1, 4), std::nullopt);
+    EXPECT_EQ(stream.Play(10, 4), 30);
+    EXPECT_EQ(stream.Play(20, 4), 12);
+    EXPECT_EQ(stream.Play(1, 25), 60);
+}
+
+// The buffer watches each track by itself: the pauses of one are not filled by the other.
+TEST(PauseWatch, TracksThatTakeTurns) {
+    Segments stream;
+    std::optional<double> wanted;
+    for (int i = 0; i < 20; ++i) {
+        stream.Play(1, 5, true, false);
+        wanted = stream.Play(1, 5, false, true);
+    }
+    EXPECT_EQ(wanted, 30) << "10 s of each track";
+}
+
+TEST(PauseWatch, TheTimeBetweenTwoSessionsIsNoPause) {
+    Segments stream;
+    stream.Play(30, 4);
+    stream.Wait(50);
+    stream.Watch().BeginSession();
+    EXPECT_EQ(stream.Play(1, 4), 12);
+}
+
+TEST(PauseWatch, FramesWithoutPausesSayNothing) {
+    Segments stream;
+    EXPECT_EQ(stream.Play(100, 1), std::nullopt);
 }

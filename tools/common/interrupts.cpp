@@ -100,6 +100,13 @@ void OnContinue(int number) {
 
 }  // namespace
 
+void HoldHangup() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 void Install(int terminal, bool hangup_reloads) {
     g_wake.store(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     Handle(SIGINT, OnStop);
@@ -112,6 +119,10 @@ void Install(int terminal, bool hangup_reloads) {
         Handle(SIGTSTP, OnSuspend);
         Handle(SIGCONT, OnContinue);
     }
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 int WakeDescriptor() {

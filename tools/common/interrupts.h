@@ -11,6 +11,9 @@ namespace tool::interrupts {
 // `hangup_reloads`: SIGHUP asks for something to be read again, and not for the end.
 void Install(int terminal, bool hangup_reloads = false);
 
+// SIGHUP waits from here until Install(), where it would end the process.
+void HoldHangup();
+
 // Readable after any of them; made empty by Acknowledge().
 int WakeDescriptor();
 void Acknowledge();

@@ -1,5 +1,6 @@
 #include "capacity.h"
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -22,6 +23,9 @@ struct Cost {
 };
 
 constexpr uint64_t kMiB = uint64_t{1} << 20;
+
+// Of 2 Mb/s over UDP, on a core of 2023 (docs/bench/fleet.md).
+constexpr double kCores = 0.006;
 
 Cost CostOf(Protocol protocol) {
     switch (protocol) {
@@ -107,6 +111,7 @@ Needs NeedsOf(const std::vector<SourceConfig> &sources) {
         // Two of them for the buffer.
         needs.descriptors += cost.descriptors + 2;
         needs.threads += cost.threads;
+        needs.cores += kCores;
     }
     return needs;
 }
@@ -132,7 +137,18 @@ Limits LimitsNow() {
     if (geteuid() != 0 && getrlimit(RLIMIT_NPROC, &bound) == 0 && bound.rlim_cur != RLIM_INFINITY) {
         Lower(limits.threads, bound.rlim_cur);
     }
+    cpu_set_t cores;
+    if (sched_getaffinity(0, sizeof cores, &cores) == 0) {
+        limits.cores = CPU_COUNT(&cores);
+    }
     for (const std::string &group : ControlGroups()) {
+        // "QUOTA PERIOD", or "max PERIOD".
+        std::ifstream file(group + "/cpu.max");
+        double quota = 0;
+        double period = 0;
+        if (file >> quota >> period && period > 0) {
+            limits.cores = std::min(limits.cores.value_or(quota / period), quota / period);
+        }
         Lower(limits.threads, RoomIn(group, "pids.max", "pids.current"));
         Lower(limits.memory_bytes, RoomIn(group, "memory.max", "memory.current"));
     }
@@ -161,6 +177,17 @@ std::vector<std::string> Shortages(size_t sources, const Needs &needs, const Lim
                         " may be started (ulimit -u, kernel.threads-max, or TasksMax= of the service)");
     }
     return lines;
+}
+
+std::vector<std::string> Doubts(size_t sources, const Needs &needs, const Limits &limits) {
+    if (!limits.cores || needs.cores <= *limits.cores) {
+        return {};
+    }
+    std::ostringstream line;
+    line.precision(2);
+    line << Count(sources, "source", "sources") << " of 2 Mb/s each take about " << needs.cores
+         << " cores, and this process may use " << *limits.cores;
+    return {line.str()};
 }
 
 void RaiseDescriptorLimit() {

@@ -16,6 +16,7 @@ struct Needs {
     uint64_t memory_bytes = 0;
     uint64_t descriptors = 0;
     uint64_t threads = 0;
+    double cores = 0;  // at 2 Mb/s each
 };
 
 // What this process may still take. Nothing where there is no bound.
@@ -24,6 +25,7 @@ struct Limits {
     std::optional<uint64_t> memory_bytes;
     std::optional<uint64_t> descriptors;
     std::optional<uint64_t> threads;
+    std::optional<double> cores;
 };
 
 Needs NeedsOf(const std::vector<SourceConfig> &sources);
@@ -32,6 +34,9 @@ Limits LimitsNow();
 
 // One line for each that does not suffice, with both figures and where the bound is set. Empty: all does.
 std::vector<std::string> Shortages(size_t sources, const Needs &needs, const Limits &limits);
+
+// The same for what may suffice or not, because it depends on the streams.
+std::vector<std::string> Doubts(size_t sources, const Needs &needs, const Limits &limits);
 
 // Lets the process open as many files as the system allows it.
 void RaiseDescriptorLimit();

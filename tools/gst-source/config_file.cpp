@@ -1,6 +1,8 @@
 #include "config_file.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <toml++/toml.h>
 #include <algorithm>
@@ -9,13 +11,14 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 
 #include "command_line.h"
+#include "fd.h"
+#include "http/address.h"
 #include "secrets.h"
 #include "source_fields.h"
 #include "text.h"
@@ -24,6 +27,8 @@ namespace tool {
 namespace {
 
 constexpr size_t kLongestName = 200;
+// Thousands of sources take some hundred kilobytes.
+constexpr size_t kLargestFile = size_t{16} << 20;
 
 std::string QuotedNames(const std::vector<std::string> &names) {
     std::string all;
@@ -35,6 +40,11 @@ std::string QuotedNames(const std::vector<std::string> &names) {
 
 bool IsNameCharacter(unsigned char c) {
     return std::isalnum(c) != 0 || c == '.' || c == '_' || c == '-';
+}
+
+bool IsVariableName(const std::string &name) {
+    return !name.empty() && std::isdigit(static_cast<unsigned char>(name.front())) == 0 &&
+           std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; });
 }
 
 // What kind of value a node is, for people.
@@ -81,9 +91,11 @@ class Reader {
             } else if (name == "source") {
                 At(key.source(), "a source begins with [[source]], in two brackets");
             } else if (name == "service" || name == "defaults") {
-                At(key.source(), name + " is a table: [" + name + "]");
+                std::string text = name;
+                At(key.source(), text.append(" is a table: [").append(name).append("]"));
             } else {
-                At(key.source(), "unknown table or key \"" + name + "\"" + Suggestion(name, {"service", "defaults", "source"}) +
+                At(key.source(), "unknown table or key \"" + Shown(PublicUrl(name)) + "\"" +
+                                     Suggestion(name, {"service", "defaults", "source"}) +
                                      "; there are [service], [defaults] and [[source]]");
             }
         }
@@ -133,7 +145,8 @@ class Reader {
             }
             const size_t end = text.find('}', at);
             const std::string name = end == std::string::npos ? std::string() : text.substr(at + 2, end - at - 2);
-            if (name.empty()) {
+            // Anything else may be a part of a password, and is not shown.
+            if (!IsVariableName(name)) {
                 At(place, "\"${\" without the name of a variable and \"}\"; \"$${\" stands for the characters themselves");
                 return std::nullopt;
             }
@@ -167,9 +180,7 @@ class Reader {
             return std::to_string(number->get());
         }
         if (const auto *number = node.as_floating_point(); number != nullptr && !whole) {
-            std::ostringstream text;
-            text << number->get();
-            return text.str();
+            return NumberText(number->get());
         }
         if (ComesFromEnvironment(node)) {
             return TextOf(key, node);
@@ -228,9 +239,19 @@ class Reader {
         }
     }
 
+    // A pipe without a writer would hold up a reload, and with it all sources.
+    std::string SecretPath(const std::string &path) const {
+        std::string whole = PathOf(path);
+        std::error_code ignored;
+        if (std::filesystem::is_fifo(whole, ignored)) {
+            throw std::runtime_error(whole + ": is a pipe, not a file");
+        }
+        return whole;
+    }
+
     std::string SecretFrom(const std::string &path, const Where &place) {
         std::vector<std::string> warnings;
-        std::string secret = ReadSecretFile(PathOf(path), warnings);
+        std::string secret = ReadSecretFile(SecretPath(path), warnings);
         for (const std::string &warning : warnings) {
             At(place, warning, false);
         }
@@ -239,6 +260,7 @@ class Reader {
 
     void ReadService(const toml::table &table) {
         ServiceConfig &service = m_file.service;
+        const toml::node *open_to_others = nullptr;
         for (const auto &[key, node] : table) {
             const std::string name(key.str());
             const Where &place = node.source();
@@ -248,7 +270,10 @@ class Reader {
                     continue;
                 }
                 if (name == "http") {
-                    service.http = *text;
+                    Try(place, [&] {
+                        open_to_others = ListenAddress(*text).IsLoopback() ? nullptr : &node;
+                        service.http = *text;
+                    });
                 } else if (name == "http_token") {
                     service.http_token = *text;
                     m_literalSecret = m_literalSecret || !ComesFromEnvironment(node);
@@ -266,6 +291,11 @@ class Reader {
             } else {
                 Unknown(key, {"http", "http_token", "http_token_file", "log", "log_level", "close_timeout"}, "[service]");
             }
+        }
+        // The command line may have one as well.
+        if (open_to_others != nullptr && service.http_token.empty() && m_environment("GST_SOURCE_HTTP_TOKEN") == nullptr) {
+            At(open_to_others->source(),
+               "other machines reach " + service.http + ", so a token is needed: http_token or http_token_file", false);
         }
     }
 
@@ -370,7 +400,8 @@ class Reader {
         if (!text) {
             return;
         }
-        m_literalSecret = m_literalSecret || (field->secret && !file && !text->empty() && !ComesFromEnvironment(node));
+        const bool secret = field->secret || !SecretsOf(*text).empty();
+        m_literalSecret = m_literalSecret || (secret && !file && !text->empty() && !ComesFromEnvironment(node));
         Try(node.source(), [&] { field->set(config, written, file ? SecretFrom(*text, node.source()) : *text); });
     }
 
@@ -382,7 +413,7 @@ class Reader {
         if (const auto path = TextOf("credentials_file", node)) {
             Try(node.source(), [&] {
                 std::vector<std::string> warnings;
-                const Credentials credentials = ReadCredentialsFile(PathOf(*path), warnings);
+                const Credentials credentials = ReadCredentialsFile(SecretPath(*path), warnings);
                 for (const std::string &warning : warnings) {
                     At(node.source(), warning, false);
                 }
@@ -394,7 +425,7 @@ class Reader {
 
     void Unknown(const toml::key &key, const std::vector<std::string> &known, const std::string &place) {
         const std::string nearest = Suggestion(std::string(key.str()), known);
-        At(key.source(), "unknown option \"" + std::string(key.str()) + "\" of " + place +
+        At(key.source(), "unknown option \"" + Shown(PublicUrl(std::string(key.str()))) + "\" of " + place +
                              (nearest.empty() ? "; known are " + QuotedNames(known) : nearest));
     }
 
@@ -517,10 +548,69 @@ class Reader {
     std::vector<std::pair<std::string, unsigned>> m_urls;
 };
 
+// As it stands in a file, where "${" would be a variable.
 std::string TomlText(const std::string &text) {
+    constexpr std::string_view kVariable = "${";
+    std::string escaped = text;
+    for (size_t at = escaped.find(kVariable); at != std::string::npos;
+         at = escaped.find(kVariable, at + kVariable.size() + 1)) {
+        escaped.insert(at, "$");
+    }
     std::ostringstream out;
-    out << toml::value<std::string>(text);
+    out << toml::value<std::string>(escaped);
     return out.str();
+}
+
+// The parser quotes what it cannot read, and that may be a password.
+std::string WithoutValues(const std::string &text, const toml::parse_error &error) {
+    std::istringstream lines(text);
+    std::string line;
+    for (toml::source_index i = 0; i < error.source().begin.line; ++i) {
+        std::getline(lines, line);
+    }
+    const std::string value = line.substr(line.find('=') + 1);
+    std::string description(error.description());
+    for (size_t begin = description.find('\''); begin != std::string::npos; begin = description.find('\'', begin)) {
+        const size_t end = description.find('\'', ++begin);
+        if (end == std::string::npos) {
+            break;
+        }
+        const std::string quoted = description.substr(begin, end - begin);
+        if (quoted.size() > 1 && value.find(quoted) != std::string::npos) {
+            description.replace(begin, quoted.size(), "***");
+        }
+        begin = description.find('\'', begin) + 1;
+    }
+    return description;
+}
+
+// Nothing but a file is read: a reload must not wait for a pipe, and not take in a device without end.
+std::string ReadWhole(const std::string &path) {
+    const Fd in(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat info {};
+    if (!in || fstat(in.Get(), &info) != 0) {
+        throw std::runtime_error(std::strerror(errno));
+    }
+    if (S_ISDIR(info.st_mode)) {
+        throw std::runtime_error(std::strerror(EISDIR));
+    }
+    if (!S_ISREG(info.st_mode)) {
+        throw std::runtime_error("is no regular file");
+    }
+    std::string text;
+    std::vector<char> part(size_t{64} * 1024);
+    for (ssize_t got = 1; got > 0;) {
+        got = read(in.Get(), part.data(), part.size());
+        if (got < 0 && errno != EINTR) {
+            throw std::runtime_error(std::strerror(errno));
+        }
+        text.append(part.data(), static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        if (text.size() > kLargestFile) {
+            throw std::runtime_error("is larger than 16 MB, which no file of sources is");
+        }
+        got = got < 0 ? 1 : got;
+    }
+    return text;
 }
 
 }  // namespace
@@ -547,21 +637,14 @@ std::string ConfigFile::Report() const {
 }
 
 ConfigFile ReadConfigFile(const std::string &path, const Environment &environment) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    int error = in ? 0 : errno;
-    std::error_code ignored;
-    if (std::filesystem::is_directory(path, ignored)) {
-        error = EISDIR;
-    }
-    text << in.rdbuf();
-    if (error != 0) {
+    try {
+        return ParseConfig(ReadWhole(path), path, environment);
+    } catch (const std::exception &error) {
         ConfigFile file;
         file.path = path;
-        file.mistakes.push_back({0, 0, std::strerror(error), true});
+        file.mistakes.push_back({0, 0, error.what(), true});
         return file;
     }
-    return ParseConfig(text.str(), path, environment);
 }
 
 ConfigFile ParseConfig(const std::string &text, const std::string &path, const Environment &environment) {
@@ -571,8 +654,7 @@ ConfigFile ParseConfig(const std::string &text, const std::string &path, const E
         const toml::table root = toml::parse(text, path);
         Reader(file, environment).Read(root);
     } catch (const toml::parse_error &error) {
-        file.mistakes.push_back(
-            {error.source().begin.line, error.source().begin.column, std::string(error.description()), true});
+        file.mistakes.push_back({error.source().begin.line, error.source().begin.column, WithoutValues(text, error), true});
     }
     std::stable_sort(file.mistakes.begin(), file.mistakes.end(), [](const Mistake &left, const Mistake &right) {
         return std::pair(left.line, left.column) < std::pair(right.line, right.column);
@@ -596,12 +678,12 @@ std::string PrintConfig(const ServiceConfig &service, const std::vector<SourceCo
         out << "# http_token is set\n";
     }
     if (!service.log_file.empty()) {
-        out << "log = " << TomlText(service.log_file) << "\n";
+        out << "log = " << TomlText(std::filesystem::absolute(service.log_file).lexically_normal().string()) << "\n";
     }
     if (!service.log_level.empty()) {
         out << "log_level = " << TomlText(service.log_level) << "\n";
     }
-    out << "close_timeout = " << service.close_timeout.value_or(kCloseTimeout) << "\n";
+    out << "close_timeout = " << NumberText(service.close_timeout.value_or(kCloseTimeout)) << "\n";
     for (const SourceConfig &source : sources) {
         const auto protocol = ProtocolOf(source.url);
         out << "\n[[source]]\nname = " << TomlText(source.name) << "\nurl = " << TomlText(PublicUrl(source.url)) << "\n";
@@ -613,7 +695,8 @@ std::string PrintConfig(const ServiceConfig &service, const std::vector<SourceCo
             if (field.secret) {
                 out << "# " << field.key << " is set\n";
             } else {
-                out << field.key << " = " << (field.kind == SourceField::Kind::kText ? TomlText(value) : value) << "\n";
+                out << field.key << " = " << (field.kind == SourceField::Kind::kText ? TomlText(PublicUrl(value)) : value)
+                    << "\n";
             }
         }
         if (!source.stall_watch) {

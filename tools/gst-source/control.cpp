@@ -1,8 +1,10 @@
 #include "control.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -47,10 +49,12 @@ sockaddr_un AddressOf(const std::string &path) {
 Fd Connect(const std::string &path) {
     Fd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     const sockaddr_un address = AddressOf(path);
+    const timeval patience{kPatienceS, 0};
+    // A run that takes no more connections would hold up the connect as well.
+    setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (!socket || connect(socket.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         return {};
     }
-    const timeval patience{kPatienceS, 0};
     setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     return socket;
 }
@@ -78,6 +82,11 @@ std::string MakeDirectory() {
 
 Fd Listen(const std::string &path) {
     const sockaddr_un address = AddressOf(path);
+    // Two runs that begin at once would take each other's socket for one that a killed run has left.
+    const Fd directory(open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory) {
+        flock(directory.Get(), LOCK_EX);
+    }
     for (int attempt = 0; attempt < 2; ++attempt) {
         Fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
         if (listener && bind(listener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
@@ -93,6 +102,10 @@ Fd Listen(const std::string &path) {
             getsockopt(other.Get(), SOL_SOCKET, SO_PEERCRED, &who, &size);
             throw std::runtime_error("another run has this file open (process " + std::to_string(who.pid) + ")");
         }
+        if (errno != ECONNREFUSED && errno != ENOENT) {
+            throw std::runtime_error("another run has this file open, and does not answer: " + path + ": " +
+                                     std::strerror(errno));
+        }
         unlink(path.c_str());
     }
     throw std::runtime_error(path + ": " + std::strerror(errno));
@@ -106,10 +119,10 @@ ControlAnswer Ask(const Fd &server) {
         got = recv(server.Get(), answer.data(), answer.size(), 0);
     }
     if (got < 1) {
-        return {false, "the run did not answer\n"};
+        return {false, "the run did not answer\n", false};
     }
     answer.resize(static_cast<size_t>(got));
-    return {answer.front() == '+', answer.substr(1)};
+    return {answer.front() == '+', answer.substr(1), true};
 }
 
 }  // namespace
@@ -156,9 +169,20 @@ void ControlServer::Run() {
         const Fd client(accept4(m_listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         const timeval patience{1, 0};
         char wish = 0;
-        if (client && setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) == 0 &&
+        if (!client) {
+            // Out of descriptors, for example: the one who asks is still there, and poll() would come back at once.
+            constexpr int kPauseMs = 100;
+            poll(&wait[1], 1, kPauseMs);
+            continue;
+        }
+        if (setsockopt(client.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) == 0 &&
             recv(client.Get(), &wish, 1, 0) == 1 && wish == 'r') {
-            const ControlAnswer answer = m_reload();
+            ControlAnswer answer;
+            try {
+                answer = m_reload();
+            } catch (const std::exception &error) {
+                answer = {false, std::string("the reload broke off: ") + error.what() + "\n"};
+            }
             const std::string packet = (answer.good ? "+" : "-") + answer.text.substr(0, kLongestAnswer - 1);
             send(client.Get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         }

@@ -12,7 +12,8 @@ namespace tool {
 
 struct ControlAnswer {
     bool good = false;
-    std::string text;  // lines for people
+    std::string text;     // lines for people
+    bool reached = true;  // false: the run did not answer
 };
 
 class ControlServer {

@@ -106,11 +106,14 @@ bool Fleet::Restart(const std::string &name) {
 void Fleet::Tick() {
     const uint64_t edition = m_news.Edition();
     const bool news = std::exchange(m_edition, edition) != edition;
+    // Hundreds of sources take seconds to open, in which the others are looked after as well.
+    constexpr std::chrono::milliseconds kOpening{200};
+    const auto until = Clock::now() + kOpening;
     for (auto station = m_stations.begin(); station != m_stations.end();) {
         if (news) {
             (*station)->Take(m_news.Of((*station)->Name()));
         }
-        if ((*station)->Tick()) {
+        if ((*station)->Tick(Clock::now() < until)) {
             ++station;
         } else {
             m_news.Remove((*station)->Name());

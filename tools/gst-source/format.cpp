@@ -16,6 +16,12 @@ std::string DumpSummary(const TrackSample &track, const char *what) {
            Count(track.discontinuities.value_or(0), "discontinuity", "discontinuities");
 }
 
+// A source that was opened anew, and has got nothing since, knows no codec.
+std::string Contents(const TrackSample &track, const std::string &format) {
+    const std::string codec = track.codec.empty() ? "" : Printable(track.codec) + " " + format + ", ";
+    return " (" + codec + FormatBytes(track.bytes) + ")";
+}
+
 }  // namespace
 
 std::string FormatPicture(const VideoSample &video) {
@@ -91,11 +97,11 @@ std::string FormatSummary(const SourceSample &sample) {
     std::string text = (HasOwnBuffer(sample) ? Printable(sample.name) : "source " + std::to_string(sample.channel)) + ": " +
                        Count(sample.video.frames, "access unit", "access units");
     if (sample.video.frames > 0) {
-        text += " (" + sample.video.codec + " " + FormatPicture(sample.video) + ", " + FormatBytes(sample.video.bytes) + ")";
+        text += Contents(sample.video, FormatPicture(sample.video));
     }
     text += ", " + Count(sample.audio.frames, "audio frame", "audio frames");
     if (sample.audio.frames > 0) {
-        text += " (" + sample.audio.codec + " " + FormatSound(sample.audio) + ", " + FormatBytes(sample.audio.bytes) + ")";
+        text += Contents(sample.audio, FormatSound(sample.audio));
     }
     text += ", " + Count(sample.rebuilds, "rebuild", "rebuilds");
     if (sample.last_error) {

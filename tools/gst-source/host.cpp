@@ -14,6 +14,7 @@
 #include <deque>
 #include <filesystem>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -100,7 +101,7 @@ void Choose(ConfigFile &file, const std::string &only) {
 
 // The program that makes pictures: beside this one, where it stands in the build, or wherever PATH finds it.
 std::string ReaderProgram() {
-    const std::string name = "gst-source-read";
+    std::string name = "gst-source-read";
     std::error_code error;
     const std::filesystem::path own = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
     for (const std::filesystem::path &path : {own / name, own.parent_path() / name / name}) {
@@ -220,12 +221,19 @@ int Host::Run() {
     if (!FindRoom()) {
         return kExitNothing;
     }
-    MakeControl();
-    MakeHttp();
-    MakeSources();
-    MakeReaders();
-    MakeView();
-    const End end = Watch();
+    End end = End::kFailed;
+    try {
+        MakeControl();
+        MakeHttp();
+        MakeSources();
+        MakeReaders();
+        MakeView();
+        end = Watch();
+    } catch (...) {
+        // Somebody may wait for the answer to a reload, and the sources close side by side.
+        Close();
+        throw;
+    }
     Close();
     return Conclude(end);
 }
@@ -251,8 +259,10 @@ bool Host::Restart(const std::string &source) {
 }
 
 void Host::Complain(const std::string &message, LogLevel level) const {
+    // The table has the log under it, and a line beside it would tear it.
+    const bool to_log = m_log && m_view && m_live && isatty(m_err.Get()) != 0;
     const std::string prefix(m_journal ? JournalPrefix(level) : "");
-    WriteAll(m_err.Get(), prefix + "gst-source: " + message + "\n", interrupts::PatienceAfterStop());
+    WriteAll(to_log ? STDERR_FILENO : m_err.Get(), prefix + "gst-source: " + message + "\n", interrupts::PatienceAfterStop());
 }
 
 void Host::ComplainOfLines(const std::string &lines, LogLevel level) const {
@@ -289,7 +299,13 @@ bool Host::FindRoom() {
         return true;
     }
     RaiseDescriptorLimit();
-    const std::vector<std::string> lines = Shortages(m_file->sources.size(), NeedsOf(m_file->sources), LimitsNow());
+    const size_t sources = m_file->sources.size();
+    const Needs needs = NeedsOf(m_file->sources);
+    const Limits limits = LimitsNow();
+    for (const std::string &doubt : Doubts(sources, needs, limits)) {
+        Complain("warning: " + doubt, LogLevel::kWarning);
+    }
+    const std::vector<std::string> lines = Shortages(sources, needs, limits);
     ComplainOfLines(JoinedLines(lines), LogLevel::kError);
     return lines.empty();
 }
@@ -337,7 +353,7 @@ void Host::MakeReaders() {
     m_map.reset(map);
     const size_t sources = m_fleet->Stations().size();
     for (unsigned channel = 0; m_options.frames > 0 && channel < sources; ++channel) {
-        m_taps.push_back(std::make_unique<FrameTap>(map, channel, m_options.frames, [this] { interrupts::WakeUp(); }));
+        m_taps.push_back(std::make_unique<FrameTap>(map, channel, m_options.frames, interrupts::WakeUp));
     }
     const auto add = [&](const std::string &pattern, shb_kind_t kind) {
         for (unsigned channel = 0; !pattern.empty() && channel < sources; ++channel) {
@@ -441,9 +457,22 @@ void Host::ServeOthers(Clock::time_point now) {
         m_fleet->Restart(name);
     }
     if (m_file && (interrupts::TakeReload() || !reloads.empty())) {
-        const ControlAnswer answer = ReadFileAgain();
+        ControlAnswer answer;
+        try {
+            answer = ReadFileAgain();
+        } catch (const std::exception &error) {
+            // Whatever it was, the sources go on.
+            m_reloadGood = false;
+            answer = {false, m_file->path + ": the reload broke off: " + error.what() + "\n"};
+            ComplainOfLines(answer.text, LogLevel::kError);
+        }
         for (auto &reload : reloads) {
             reload.set_value(answer);
+        }
+    }
+    for (const auto &station : m_fleet->Stations()) {
+        if (const auto complaint = m_file ? station->TakeComplaint() : std::nullopt) {
+            Complain(station->Name() + ": " + *complaint, LogLevel::kWarning);
         }
     }
     if (now < m_nextPublish) {
@@ -463,11 +492,11 @@ void Host::ServeOthers(Clock::time_point now) {
     }
     // The loop turns, and every source has been looked at.
     service_manager::Alive();
+    if (m_http) {
+        m_http->OnSample(sample, now);
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_newest = std::move(sample);
-    if (m_http) {
-        m_http->OnSample(m_newest, now);
-    }
 }
 
 // On the control's thread.
@@ -492,15 +521,27 @@ ControlAnswer Host::ReadFileAgain() {
     m_reloadGood = file.Good();
     if (m_reloadGood) {
         // What is there already has its place.
-        std::vector<SourceConfig> added;
-        for (const SourceConfig &source : file.sources) {
-            const bool known = std::any_of(m_file->sources.begin(), m_file->sources.end(),
-                                           [&source](const SourceConfig &one) { return one.name == source.name; });
-            if (!known) {
-                added.push_back(source);
-            }
+        std::map<std::string, const SourceConfig *> present;
+        for (const SourceConfig &source : m_file->sources) {
+            present[source.name] = &source;
         }
-        const std::vector<std::string> lines = Shortages(added.size(), NeedsOf(added), LimitsNow());
+        std::vector<SourceConfig> added;
+        uint64_t more_bytes = 0;
+        size_t larger = 0;
+        for (const SourceConfig &source : file.sources) {
+            const auto known = present.find(source.name);
+            if (known == present.end()) {
+                added.push_back(source);
+                continue;
+            }
+            const uint64_t before = BytesOf(known->second->memory, 1);
+            const uint64_t after = BytesOf(source.memory, 1);
+            larger += after > before ? 1U : 0U;
+            more_bytes += after > before ? after - before : 0;
+        }
+        Needs needs = NeedsOf(added);
+        needs.shared_bytes += more_bytes;
+        const std::vector<std::string> lines = Shortages(added.size() + larger, needs, LimitsNow());
         m_reloadGood = lines.empty();
         text += JoinedLines(lines);
     }
@@ -575,12 +616,13 @@ void Host::Close() {
     }
     m_control.reset();
     m_http.reset();
-    if (m_live) {
+    if (m_view && m_live) {
         Show(Phase::kClosing);
     }
     const Seconds patience(m_options.close_timeout.value_or(kCloseTimeout));
     const std::vector<std::string> hanging =
-        m_fleet->Close(Clock::now() + std::chrono::duration_cast<Clock::duration>(patience));
+        !m_fleet ? std::vector<std::string>()
+                 : m_fleet->Close(Clock::now() + std::chrono::duration_cast<Clock::duration>(patience));
     if (!hanging.empty()) {
         LeaveHanging(hanging);
     }
@@ -709,12 +751,14 @@ int Reload(const std::string &path) {
         std::fprintf(stderr, "gst-source: no run of this user has %s open\n", path.c_str());
         return file.Good() ? kExitNothing : kExitUsage;
     }
-    bool good = true;
+    int result = kExitOk;
     for (const ControlAnswer &answer : answers) {
         std::fputs(answer.text.c_str(), answer.good ? stdout : stderr);
-        good = good && answer.good;
+        if (!answer.good) {
+            result = std::max(result, answer.reached ? kExitUsage : kExitNothing);
+        }
     }
-    return good ? kExitOk : kExitUsage;
+    return result;
 }
 
 }  // namespace
@@ -728,6 +772,7 @@ int RunHost(Options options) {
     }
     std::optional<ConfigFile> file;
     if (!options.config_file.empty()) {
+        interrupts::HoldHangup();
         file = ReadConfigFile(options.config_file, FromEnvironment);
         Choose(*file, options.only);
         std::fputs(file->Report().c_str(), stderr);
@@ -736,8 +781,16 @@ int RunHost(Options options) {
         }
     }
     if (options.command == Command::kPrintConfig) {
-        ServiceConfig service = file ? file->service : ServiceConfig();
-        std::fputs(PrintConfig(service, file ? file->sources : SourcesOf(options)).c_str(), stdout);
+        if (file) {
+            UseService(file->service, options);
+        }
+        const ServiceConfig service{options.http, options.http_token, options.log_file, options.log_level,
+                                    options.close_timeout};
+        const std::string text = PrintConfig(service, file ? file->sources : SourcesOf(options));
+        if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
+            std::fprintf(stderr, "gst-source: standard output: %s\n", std::strerror(errno));
+            return kExitNothing;
+        }
         return kExitOk;
     }
     return RunOptions(options, std::move(file));

@@ -151,6 +151,9 @@ class CommandLine {
 
     // Flags of protocols that no URL asks for are a slip that would otherwise go unnoticed.
     void WarnOfIdleFlags() {
+        if (!m_secrets.http_token_file.empty() && m_options.http.empty() && m_options.config_file.empty()) {
+            m_options.warnings.emplace_back("--http-token-file has no effect without --http");
+        }
         for (const auto &[protocol, flag] : m_protocolFlags) {
             const bool used = std::any_of(m_options.urls.begin(), m_options.urls.end(),
                                           [p = protocol](const std::string &url) { return ProtocolOf(url) == p; });

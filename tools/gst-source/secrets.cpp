@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 namespace tool {
@@ -22,9 +23,18 @@ std::vector<std::string> ReadLines(const std::string &path, size_t count, std::v
     if (stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && (info.st_mode & (S_IRGRP | S_IROTH)) != 0) {
         warnings.push_back(path + " holds a secret and can be read by others; chmod 600 would keep it to yourself");
     }
+    // A device without an end has no line either.
+    constexpr std::streamsize kMost = std::streamsize{64} * 1024;
+    std::string text(static_cast<size_t>(kMost), '\0');
+    file.read(text.data(), kMost);
+    text.resize(static_cast<size_t>(file.gcount()));
+    if (text.size() == static_cast<size_t>(kMost)) {
+        throw std::runtime_error(path + ": is larger than any secret");
+    }
+    std::istringstream in(text);
     std::vector<std::string> lines;
     std::string line;
-    while (lines.size() < count && std::getline(file, line)) {
+    while (lines.size() < count && std::getline(in, line)) {
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }

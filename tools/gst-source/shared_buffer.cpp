@@ -48,7 +48,11 @@ SharedBuffer::SharedBuffer(const std::string &name, unsigned channels, const Sou
     readers.group = memory.group.value_or(0);
     const int result = shb_create_with(name.c_str(), &geometry, &readers, &m_buffer);
     if (result != SHB_OK) {
-        throw std::runtime_error("the shared buffer " + name + " cannot be made: " + WhyNotMade(result, geometry, readers));
+        const std::string message = "the shared buffer " + name + " cannot be made: " + WhyNotMade(result, geometry, readers);
+        if (result == SHB_ERR_NO_SPACE) {
+            throw NoRoom(message);
+        }
+        throw std::runtime_error(message);
     }
     for (unsigned i = 0; shb_file(m_buffer, i) != nullptr; ++i) {
         emergency::AddFile(shb_file(m_buffer, i));

@@ -2,12 +2,18 @@
 #pragma once
 
 #include <array>
+#include <stdexcept>
 #include <string>
 
 #include "shb.h"
 #include "source_config.h"
 
 namespace tool {
+
+// The shared memory is full.
+struct NoRoom : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 class SharedBuffer {
   public:

@@ -66,14 +66,40 @@ void ReadTrack(const shb_buffer_t *buffer, unsigned channel, shb_kind_t kind, ui
     track.measured_fps = current ? stats.fps_milli / kMilli : 0;
 }
 
+// The later of both tracks.
+uint64_t EpochOf(const shb_buffer_t *buffer, unsigned channel) {
+    uint64_t epoch = 0;
+    for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
+        shb_stats_t stats{};
+        if (shb_buffer_stats(buffer, channel, 0, kind, &stats) == SHB_OK) {
+            epoch = std::max(epoch, stats.epoch);
+        }
+    }
+    return epoch;
+}
+
 }  // namespace
 
-Source::Source(const SourceConfig &config, unsigned channel, shb_buffer_t *buffer)
+Source::Source(const SourceConfig &config, unsigned channel, shb_buffer_t *buffer, const SourceNews &news,
+               const SourceSample *earlier)
     : m_config(config),
       m_protocol(ProtocolOf(config.url).value()),
       m_buffer(buffer),
       m_handle(gst_source_create(TypeOf(m_protocol), buffer, static_cast<int>(channel), 0)),
-      m_rebuilds(m_protocol) {
+      m_rebuilds(m_protocol, EpochOf(buffer, channel), news.reconnects) {
+    if (earlier != nullptr) {
+        m_sample.video.key_frames = earlier->video.key_frames;
+        m_sample.audio.key_frames = earlier->audio.key_frames;
+    }
+    // What the buffer has had before this source is none of its own.
+    for (const shb_kind_t kind : {SHB_VIDEO, SHB_AUDIO}) {
+        shb_stats_t stats{};
+        if (shb_buffer_stats(buffer, channel, 0, kind, &stats) == SHB_OK) {
+            m_keyFrames[kind] = stats.key_frames;
+            (kind == SHB_VIDEO ? static_cast<TrackSample &>(m_sample.video) : m_sample.audio).epoch = stats.epoch;
+            m_framesSeen += stats.total_frames;
+        }
+    }
     m_sample.name = config.name;
     m_sample.buffer = shb_name(buffer);
     m_sample.channel = channel;

@@ -19,8 +19,10 @@ namespace tool {
 
 class Source {
   public:
-    // `config` must have a URL that ProtocolOf() knows. The buffer must outlive the source.
-    Source(const SourceConfig &config, unsigned channel, shb_buffer_t *buffer);
+    // `config` must have a URL that ProtocolOf() knows. The buffer must outlive the source. `news`: what the log says of
+    // sources of this name so far. `earlier`: the last sample of one that wrote into the same buffer, or null.
+    Source(const SourceConfig &config, unsigned channel, shb_buffer_t *buffer, const SourceNews &news,
+           const SourceSample *earlier);
 
     // False when the library refuses; its log says why.
     bool Open();
@@ -35,6 +37,8 @@ class Source {
     const SourceSample &Sample();
     // The counters and the number of rebuilds as of the last Poll(), the rest as of the last Sample().
     const SourceSample &Latest() const { return m_sample; }
+    // Its rebuilds as far as they show without the log.
+    uint64_t RebuildsSeen() const { return m_rebuilds.Seen(); }
 
     // Closes and frees the library's object. Waits for the library, in the worst case without
     // end. After it, Sample() keeps the texts and the final counters. May run on another

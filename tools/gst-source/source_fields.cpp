@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <limits>
@@ -138,12 +139,6 @@ double ParseStallWatch(const std::string &label, const std::string &text) {
     return text == "0" ? 0 : ParseSeconds(label, text, kLongestStallWatch);
 }
 
-std::string NumberText(double value) {
-    std::ostringstream text;
-    text << value;
-    return text.str();
-}
-
 // Setters and getters of a member, `Member` being a function that finds it.
 template <typename Member>
 Set SetText(Member member) {
@@ -170,10 +165,7 @@ Set SetParsed(Member member, Parse parse) {
     };
 }
 
-#define MEMBER(path)             \
-    [](auto &config) -> auto & { \
-        return config.path;      \
-    }
+#define MEMBER(path) ([](auto &config) -> auto & { return config.path; })
 #define TEXT(path) SetText(MEMBER(path)), GetText(MEMBER(path))
 #define WHOLE(path) SetWhole(MEMBER(path)), GetWhole(MEMBER(path))
 
@@ -314,6 +306,12 @@ void DoubtsOfSrt(const SourceConfig &config, const Label &label, const std::func
 }
 
 }  // namespace
+
+std::string NumberText(double value) {
+    std::array<char, 64> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), value);
+    return {text.data(), end.ptr};
+}
 
 bool operator==(const SourceConfig::Memory &left, const SourceConfig::Memory &right) {
     return left.video_bytes == right.video_bytes && left.audio_bytes == right.audio_bytes && left.mode == right.mode &&

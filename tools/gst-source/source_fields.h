@@ -41,6 +41,9 @@ std::vector<std::string> DoubtsOf(const SourceConfig &config, const Label &label
 // What a message calls an option: its flag, or its key.
 std::string FlagOf(Protocol protocol, const char *key);
 
+// With all its digits and no more, as a file and a flag take it.
+std::string NumberText(double value);
+
 // Seconds without data after which a session ends, 0: never. HLS: until it is known how long its segments are.
 double StallWatchOf(const SourceConfig &config);
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "pause_watch.h"
 #include "reason.h"
 #include "sample.h"
 #include "shared_buffer.h"
@@ -41,14 +42,16 @@ class Station {
 
     // What the log says of it.
     void Take(const SourceNews &news);
-    // Looks at the source, and goes on with what was begun. False once it is retired and closed.
-    bool Tick();
+    // Looks at the source, and goes on with what was begun; opens it only with `may_open`. False once it is retired and closed.
+    bool Tick(bool may_open);
 
     bool IsRetired() const { return m_retired; }
     bool IsClosed() const { return !m_source && !m_closing.valid(); }
     bool WasTried() const { return m_tried; }
     // The library refused to open it, or its port is taken: it will be tried again.
     bool IsBlocked() const { return m_tried && IsClosed() && !m_retired; }
+    // Why it is blocked, once for each reason.
+    std::optional<std::string> TakeComplaint();
     // Waits for the end of a close. False when it has not come by then: the source must be left as it is.
     bool AwaitClose(Clock::time_point deadline);
 
@@ -63,7 +66,10 @@ class Station {
     void Follow(const SourceSample &sample);
     void UseNext();
     void TakeSample(const SourceSample &sample);
-    void WatchPauses(uint64_t frames, Clock::time_point now);
+    void BeginSession(Clock::time_point at);
+    void SumUp();
+    void Idle();
+    void WatchPauses(const SourceSample &sample, Clock::time_point now);
 
     SourceConfig m_config;
     const unsigned m_channel;
@@ -78,19 +84,26 @@ class Station {
     bool m_retired = false;
     bool m_tried = false;
     std::optional<Reason> m_blockedBy;
+    std::string m_complaint;  // the last one; empty since it was open
+    bool m_complains = false;
     Clock::time_point m_retryAt;
 
     SourceNews m_news;
     SourceSample m_sample;  // what is reported while there is no source, and what it was when it was reported last
+    Clock::time_point m_sampleAt;
     Histogram m_firstFrame;
     Histogram m_recovery;
     uint64_t m_restarts = 0;
+    uint64_t m_rebuildsSeen = 0;  // without the log, of sources before the present one
+    uint64_t m_unexplained = 0;   // rebuilds of which the log has said nothing
+    uint64_t m_moreThanLogged = 0;
+    Clock::time_point m_moreSince;
     Clock::time_point m_sessionAt;
     bool m_awaitsFirst = false;
     bool m_hadFrames = false;
     uint64_t m_frames = 0;
     Clock::time_point m_lastFrameAt;
-    Clock::duration m_longestPause{0};
+    PauseWatch m_pauses;
     double m_stallWatch = -1;  // s, in force
 };
 

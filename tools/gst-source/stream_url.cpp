@@ -141,7 +141,7 @@ bool IsWrongIpv4(std::string_view host) {
 
 // A password with one of "/?#" ends the part of the URL in which it is looked for.
 bool UserIsCutShort(const Parts &parts) {
-    return !parts.has_user && parts.has_port && !IsDigits(parts.port) && parts.rest.find('@') != std::string_view::npos;
+    return parts.has_port && !IsDigits(parts.port) && parts.rest.find('@') != std::string_view::npos;
 }
 
 std::optional<std::string> HostMistake(const Parts &parts) {

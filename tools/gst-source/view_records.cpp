@@ -24,6 +24,9 @@ bool RecordView::Show(const RunSample &run) {
 }
 
 void RecordView::Finish(const RunSample &run) {
+    if (m_summary < 0) {
+        return;
+    }
     const std::string time = TimeNow();
     std::string lines;
     for (const SourceSample &source : run.sources) {

@@ -9,7 +9,7 @@ enum class RecordFormat { kKeyValue, kJson };
 
 class RecordView : public View {
   public:
-    // `reports` -1: only the summary is written. Descriptors are not owned.
+    // A descriptor of -1: those are not written. Descriptors are not owned.
     RecordView(RecordFormat format, int reports, int summary);
 
     bool Show(const RunSample &run) override;

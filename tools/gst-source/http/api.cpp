@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "fields.h"
+#include "format.h"
 #include "shb.h"
 
 #ifndef TOOL_VERSION
@@ -49,6 +50,20 @@ const char *PresenceName(uint32_t presence) {
     }
 }
 
+const char *StandingName(Standing standing) {
+    switch (standing) {
+        case Standing::kFailing:
+            return "failing";
+        case Standing::kWaiting:
+            return "waiting";
+        case Standing::kLive:
+            return "live";
+        case Standing::kStopped:
+            return "stopped";
+    }
+    return "";
+}
+
 void AddTrack(Record &record, const std::string &kind, const TrackSample &track) {
     record[kind + "_key_frames"] = track.key_frames;
     record[kind + "_left_out_frames"] = track.left_out;
@@ -61,7 +76,7 @@ Record SourceRecord(const RunSample &run, const SourceSample &source, const std:
     Record record;
     record["name"] = source.name;
     record.update(SampleRecord(run, source, time));
-    record["buffer"] = source.buffer;
+    record["standing"] = StandingName(StandingOf(source));
     record["retry_in_s"] = source.retry_in_s ? Record(Rounded(*source.retry_in_s)) : Record(nullptr);
     AddTrack(record, "video", source.video);
     AddTrack(record, "audio", source.audio);

@@ -149,7 +149,7 @@ class SourceMetrics {
                   [&](const SourceSample &source, Labels labels) {
                       labels.emplace_back("state", "");
                       bool known = false;
-                      for (const char *state : {"start", "connected", "reconnect", "stop", "failed"}) {
+                      for (const char *state : {"start", "connected", "reconnect", "closing", "stop", "failed"}) {
                           labels.back().second = state;
                           m_out.Value(labels, source.state == state ? 1 : 0);
                           known = known || source.state == state;

@@ -60,7 +60,7 @@ function condition(source) {
   if (source.flow === "live") {
     return { group: "live", word: "Live", rank: 4 };
   }
-  if (source.state === "failed" || (source.last_error && source.attempts > 0 && source.state !== "connected")) {
+  if (source.standing === "failing") {
     return { group: "failing", word: "Failing", rank: 0 };
   }
   if (source.state === "reconnect") {

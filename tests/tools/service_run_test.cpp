@@ -307,6 +307,18 @@ TEST_F(Service, TheServiceManagerIsNotified) {
     EXPECT_EQ(child->Out(), "") << "a service does not report by lines";
 }
 
+TEST_F(Service, WhatKeepsItFromStartingIsAnErrorInTheJournal) {
+    const std::string journal = "JOURNAL_STREAM=$(stat -L -c %d:%i /dev/fd/2) exec \"$@\"";
+    Write(SourceText("a", UdpUrl(FreeUdpPort()), "mtuu = 3\n"));
+    Child mistake({"sh", "-c", journal, "sh", Tool(), "--config", m_file}, Environment());
+    EXPECT_EQ(mistake.Wait(), 2);
+    EXPECT_EQ(mistake.Err(), "<3>" + m_file + ":4:1: unknown option \"mtuu\" of a source of udp; did you mean mtu?\n");
+    Write(SourceText("a", UdpUrl(FreeUdpPort())));
+    Child failure({"sh", "-c", journal, "sh", Tool(), "--config", m_file, "--log", m_dir.File("none/log")}, Environment());
+    EXPECT_EQ(failure.Wait(), 1);
+    EXPECT_EQ(failure.Err(), "<3>gst-source: " + m_dir.File("none/log") + ": No such file or directory\n");
+}
+
 TEST_F(Service, AThousandSourcesThatDoNotFitAreRefusedWithFigures) {
     std::string text;
     for (int i = 0; i < 1000; ++i) {

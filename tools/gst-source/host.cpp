@@ -712,6 +712,19 @@ void UseService(const ServiceConfig &service, Options &options) {
     }
 }
 
+// Lines before and after the time of a log: what keeps a service from starting has its priority in the journal as well.
+std::string ForErrors(int fd, const std::string &lines, LogLevel level) {
+    if (!IsJournal(fd)) {
+        return lines;
+    }
+    std::istringstream in(lines);
+    std::string text;
+    for (std::string line; std::getline(in, line);) {
+        text += std::string(JournalPrefix(level)) + line + "\n";
+    }
+    return text;
+}
+
 int RunOptions(Options &options, std::optional<ConfigFile> file) {
     OpenStandardDescriptors();
     std::vector<std::string> urls = options.urls;
@@ -728,7 +741,8 @@ int RunOptions(Options &options, std::optional<ConfigFile> file) {
     try {
         return Host(options, std::move(file), std::move(out), std::move(err)).Run();
     } catch (const std::exception &error) {
-        WriteAll(complaints.Get(), std::string("gst-source: ") + error.what() + "\n");
+        const std::string line = std::string("gst-source: ") + error.what() + "\n";
+        WriteAll(complaints.Get(), ForErrors(complaints.Get(), line, LogLevel::kError));
         return kExitNothing;
     }
 }
@@ -775,7 +789,8 @@ int RunHost(Options options) {
         interrupts::HoldHangup();
         file = ReadConfigFile(options.config_file, FromEnvironment);
         Choose(*file, options.only);
-        std::fputs(file->Report().c_str(), stderr);
+        const LogLevel level = file->Good() ? LogLevel::kWarning : LogLevel::kError;
+        std::fputs(ForErrors(STDERR_FILENO, file->Report(), level).c_str(), stderr);
         if (!file->Good()) {
             return kExitUsage;
         }

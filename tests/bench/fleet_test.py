@@ -27,8 +27,29 @@ class Quick(unittest.TestCase):
         cls.folder = tempfile.TemporaryDirectory()
         cls.addClassCleanup(cls.folder.cleanup)
         cls.out = Path(cls.folder.name)
-        subprocess.run([sys.executable, fleet.__file__, "--quick", "--build", BUILD, "--out", cls.out, "--only", "sources", "--only", "lap",
-                        "--only", "memory", "--sources", "2", "--video-bytes", str(1 << 20)], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [
+                sys.executable,
+                fleet.__file__,
+                "--quick",
+                "--build",
+                BUILD,
+                "--out",
+                cls.out,
+                "--only",
+                "sources",
+                "--only",
+                "lap",
+                "--only",
+                "memory",
+                "--sources",
+                "2",
+                "--video-bytes",
+                str(1 << 20),
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
         cls.results = json.loads((cls.out / "fleet.json").read_text())
 
     def test_every_contestant_was_sent_the_stream_and_took_it(self):

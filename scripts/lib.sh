@@ -14,7 +14,7 @@ python_packages=(python3 python3-dev python3-cffi python3-av)
 # What the tests add: their framework, the servers they play from, decoders and a display to look at, and the analysis tools.
 test_packages=(gstreamer1.0-libav gstreamer1.0-x xvfb libx11-dev libavformat-dev libavcodec-dev libavutil-dev
     libgtest-dev libgmock-dev libgstrtspserver-1.0-dev gstreamer1.0-tools gstreamer1.0-rtsp srt-tools nginx-light
-    libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3-numpy mypy
+    libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3-numpy python3-yaml mypy
     procps iproute2 systemd git clang clang-format clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
     g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user 'promtool|prometheus'
     chromium chromium-driver python3-selenium fonts-dejavu-core)

@@ -478,6 +478,12 @@ TEST(Capacity, NeedsGrowWithTheSourcesAndTheirBuffers) {
     EXPECT_EQ(two.descriptors, 2 * one.descriptors);
     EXPECT_EQ(NeedsOf({large}).shared_bytes, one.shared_bytes + (63u << 20));
     EXPECT_GT(LimitsNow().shared_bytes.value_or(0), 0u);
+    SourceConfig over_tcp;
+    over_tcp.url = "rtsp://127.0.0.1/live";
+    SourceConfig over_udp = over_tcp;
+    over_udp.rtsp.protocols = 1;
+    EXPECT_GT(NeedsOf({over_udp}).descriptors, 2 * NeedsOf({over_tcp}).descriptors);
+    EXPECT_GT(NeedsOf({over_udp}).threads, NeedsOf({over_tcp}).threads);
 }
 
 TEST(ServiceGuide, NamesEveryOption) {

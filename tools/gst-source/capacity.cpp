@@ -27,18 +27,22 @@ constexpr uint64_t kMiB = uint64_t{1} << 20;
 // Of 2 Mb/s over UDP, on a core of 2023 (docs/bench/fleet.md).
 constexpr double kCores = 0.006;
 
-Cost CostOf(Protocol protocol) {
-    switch (protocol) {
+// Measured, and a little more, since a source takes more while it connects (docs/operating.md has the figures).
+Cost CostOf(const SourceConfig &source) {
+    constexpr uint32_t kRtspUdp = 1;
+    constexpr uint32_t kRtspMulticast = 2;
+    switch (ProtocolOf(source.url).value_or(Protocol::kUdp)) {
         case Protocol::kUdp:
-            return {2 * kMiB, 12, 5};
+            return {3 * kMiB, 8, 5};
         case Protocol::kRtsp:
-            return {3 * kMiB, 20, 8};
+            // Sockets and threads for each track.
+            return (source.rtsp.protocols & (kRtspUdp | kRtspMulticast)) != 0 ? Cost{3 * kMiB, 28, 18} : Cost{3 * kMiB, 8, 12};
         case Protocol::kRtmp:
-            return {3 * kMiB, 16, 7};
+            return {3 * kMiB, 8, 7};
         case Protocol::kSrt:
-            return {12 * kMiB, 16, 9};
+            return {12 * kMiB, 10, 9};
         case Protocol::kHls:
-            return {6 * kMiB, 24, 9};
+            return {12 * kMiB, 14, 13};
     }
     return {};
 }
@@ -105,7 +109,7 @@ uint64_t OpenDescriptors() {
 Needs NeedsOf(const std::vector<SourceConfig> &sources) {
     Needs needs;
     for (const SourceConfig &source : sources) {
-        const Cost cost = CostOf(ProtocolOf(source.url).value_or(Protocol::kUdp));
+        const Cost cost = CostOf(source);
         needs.shared_bytes += BytesOf(source.memory, 1);
         needs.memory_bytes += cost.memory_bytes;
         // Two of them for the buffer.

@@ -131,7 +131,7 @@ class Channel {
         config.rtmp.idle_timeout = 0;
         config.srt.latency = latency;
         config.srt.mode = url.find("//:") != std::string::npos ? "listener" : "caller";
-        auto source = std::make_unique<tool::Source>(config, number_, buffer_);
+        auto source = std::make_unique<tool::Source>(config, number_, buffer_, tool::SourceNews(), nullptr);
         const bool opened = source->Open();
         const std::lock_guard<std::mutex> lock(mutex_);
         source_ = std::move(source);

@@ -94,7 +94,8 @@ class Reader {
                 std::string text = name;
                 At(key.source(), text.append(" is a table: [").append(name).append("]"));
             } else {
-                At(key.source(), "unknown table or key \"" + Shown(PublicUrl(name)) + "\"" +
+                const std::string shown = Shown(PublicUrl(name));
+                At(key.source(), "unknown table or key \"" + shown + "\"" +
                                      Suggestion(name, {"service", "defaults", "source"}) +
                                      "; there are [service], [defaults] and [[source]]");
             }
@@ -270,8 +271,9 @@ class Reader {
                     continue;
                 }
                 if (name == "http") {
+                    const toml::node *const written = &node;
                     Try(place, [&] {
-                        open_to_others = ListenAddress(*text).IsLoopback() ? nullptr : &node;
+                        open_to_others = ListenAddress(*text).IsLoopback() ? nullptr : written;
                         service.http = *text;
                     });
                 } else if (name == "http_token") {

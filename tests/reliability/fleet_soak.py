@@ -268,8 +268,8 @@ class Soak:
             with self.lock:
                 source.touch()
             source.peer.kill()
-            if self.tending(self.random.uniform(0, 8) if long else 1):
-                return
+            self.tending(self.random.uniform(0, 8) if long else 1)
+            # Also when the run is over by now: at the end everything has to play.
             source.peer.start_again()
             self.counts["peers"] += 1
             with self.lock:

@@ -1,17 +1,22 @@
 #!/usr/bin/env python3
-"""The checks of the cycles and of the dead networks can fail: verdict_test.py BUILD SANITIZERS
+"""The checks of the cycles, of the dead networks and of the soak of the service can fail: verdict_test.py BUILD SANITIZERS
 
 A host that loses something with every close is found out, by the right measure, and one that loses nothing is not; a source that nobody tells of its dead
 network is found out too.
 """
 
+import argparse
 import subprocess
 import sys
+import tempfile
+import time
 import unittest
+from collections import Counter
 from pathlib import Path
 
 import cycles
 import dead_networks
+import fleet_soak
 import verdict
 from rig import Sample
 
@@ -74,6 +79,35 @@ class Verdict(unittest.TestCase):
 
     def test_heap_that_comes_to_rest_is_flat(self):
         self.assertEqual(verdict.growing(self.series(1000, heap_kib=lambda i: 3000 + min(i, 400) * 10)), [])
+
+
+class FleetSoak(unittest.TestCase):
+    """An hour of samples as they would be taken, with 1,000 new pipelines in the second half."""
+
+    def failures(self, pictures=1, **changes):
+        with tempfile.TemporaryDirectory() as folder:
+            soak = fleet_soak.Soak(argparse.Namespace(minutes=60, seed=1, build=Path(folder)), Path(folder))
+        soak.start, soak.pictures = time.monotonic(), Counter({200: pictures})
+        samples = range(0, 3600, fleet_soak.SAMPLE_S)
+        # What each is, and by how much it wavers.
+        flat = {"private_kib": (160_000, 3000), "threads": (443, 2), "descriptors": (915, 5), "shared_files": (200, 0), "cpu": (0.4, 0.05)}
+        soak.samples = [{"at": at, "pipelines": at * 2000 // 3600,
+                         **{what: value + i % 7 / 7 * wavering + changes.get(what, 0) * at / 3600 for what, (value, wavering) in flat.items()}}
+                        for i, at in enumerate(samples)]
+        soak.judge()
+        return [failure.split(": ")[1].split(" ")[0] for failure in soak.failures]
+
+    def test_what_wavers_is_flat(self):
+        self.assertEqual(self.failures(), [])
+
+    def test_growth_is_found(self):
+        # Each over an hour; a pipeline in two is lost, and 60 threads, ...
+        for what, growth in {"private_kib": 160_000, "threads": 60, "descriptors": 80, "shared_files": 4, "cpu": 0.4}.items():
+            with self.subTest(what):
+                self.assertEqual(self.failures(**{what: growth}), [what])
+
+    def test_no_picture_is_a_failure(self):
+        self.assertEqual(self.failures(pictures=0), ["no"])
 
 
 if __name__ == "__main__":

@@ -402,7 +402,8 @@ TEST(RecordCommand, GoesOnWhenTheHostIsBack) {
     station.Send(10 * kSecond, 11 * kSecond);
     ASSERT_TRUE(WaitWhileRunning(recorder, [&] { return Has(recorder.Err(), station.Name() + ": its host is back\n"); }))
         << recorder.Err();
-    ASSERT_TRUE(WaitWhileRunning(recorder, [&] { return std::filesystem::file_size(out) > 300'000; })) << recorder.Err();
+    ASSERT_TRUE(WaitWhileRunning(recorder, [&] { return std::filesystem::file_size(out) > 300'000 && station.AllRead(); }))
+        << recorder.Err();
     recorder.Signal(SIGINT);
     EXPECT_EQ(recorder.Wait(), 0) << recorder.Err();
     const Probed probed = Probe(out);

@@ -197,6 +197,14 @@ void Station::Open() {
     ASSERT_NE(m_buffer, nullptr);
 }
 
+bool Station::AllRead() const {
+    std::array<shb_reader_info_t, 8> readers{};
+    size_t count = 0;
+    EXPECT_EQ(shb_buffer_readers(m_buffer.get(), readers.data(), readers.size(), &count), SHB_OK);
+    return count == 2 &&
+           std::all_of(readers.begin(), readers.begin() + count, [](const auto &one) { return one.waiting == 0; });
+}
+
 void Station::Close() {
     m_writers = {};
     m_buffer.reset();

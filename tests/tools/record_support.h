@@ -52,6 +52,8 @@ class Station {
     void Open();
 
     const std::string &Name() const { return m_name; }
+    // Both tracks have a reader, and no reader has anything left to read.
+    bool AllRead() const;
     // Frames sent so far.
     size_t Sent(shb_kind_t kind) const { return m_sent[kind]; }
 

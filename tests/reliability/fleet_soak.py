@@ -3,18 +3,21 @@
 
     tests/reliability/fleet_soak.py --build build/test --minutes 60 --sources 100 --out docs/reliability
 
-Most sources are UDP, fed by one cheap sender; of RTSP, RTMP, SRT and HLS there is one for each fifty sources, with a peer of its own that is
-killed and started again at random moments. Every minute the file of sources is changed and reloaded: some sources go, some come, some
-get another option, one another size of its buffer. Every ten seconds a source is restarted over the API. Every second /metrics,
-/api/sources and / are asked for, and pictures of some sources. Ten readers check the number of each frame; an eleventh is too slow.
+Most sources are UDP, fed by one cheap sender. Of RTSP, RTMP, SRT and HLS there is one for each fifty sources, with a peer of
+its own that is killed and started again at random moments. Every minute the file of sources is changed and reloaded: some
+sources go, some come, some get another option, one another size of its buffer. Every ten seconds a source is restarted over
+the API. Every second /metrics, /api/sources and / are asked for, and pictures of some sources. Ten readers check the number
+of each frame; an eleventh is too slow.
 
 What has to hold, else the exit code is 1:
 
 - every request is answered as it must be, every reload does what the file says and nothing else
 - a source that nobody has touched is never rebuilt; one that was touched, or its peer, is live again within 30 s;
   one that was not is live, but for standstills of the machine
-- frames read + frames reported as lost are the frames written, without a hole; only the slow reader loses any, and the API says so
-- private memory, threads, descriptors and CPU are flat after the warm-up (bounds: see the report); only judged in runs of 5 minutes or more
+- frames read + frames reported as lost are the frames written, without a hole; only the slow reader loses any, and the API
+  says so
+- private memory, threads, descriptors and CPU are flat after the warm-up (bounds: see the report); only judged in runs of
+  5 minutes or more
 - SIGTERM ends the tool in time (--end-within), with exit code 0, and nothing is left in /dev/shm nor of the control socket
 
 Leaves fleet-soak.md, its plots and fleet-soak.json in the folder.
@@ -54,8 +57,8 @@ SLOW_BYTES = "64K"  # ring of the slow reader's source: some two seconds
 SAMPLE_S = 5
 JUDGED_MINUTES = 5  # shorter runs are all warm-up
 BLOCKS = 10  # whose means are fitted, since samples that follow each other are not independent
-# Growth over the judged time, as part of the mean. Private memory has what the allocator keeps after a busy moment; to it comes what each new
-# pipeline may cost, as in soak.py. One lost pipeline is 160 KiB.
+# Growth over the judged time, as part of the mean. Private memory has what the allocator keeps after a busy moment; to it
+# comes what each new pipeline may cost, as in soak.py. One lost pipeline is 160 KiB.
 KIB_A_PIPELINE = 16
 PARTS = {"private_kib": 0.1, "threads": 0.03, "descriptors": 0.03, "shared_files": 0.0, "cpu": 0.25}
 LEAST = {"private_kib": 0, "threads": 4, "descriptors": 4, "shared_files": 0, "cpu": 0.05}
@@ -66,11 +69,66 @@ def material(folder, minutes):
     """A transport stream of constant rate that is longer than the run, since the sender does not make time stamps anew."""
     part, path = folder / "part.ts", folder / "fleet.ts"
     quiet = ["ffmpeg", "-nostdin", "-loglevel", "error", "-y"]
-    subprocess.run([*quiet, "-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25", "-f", "lavfi", "-i", "sine=sample_rate=48000", "-t", str(PART_S),
-                    "-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", "25", "-pix_fmt", "yuv420p", "-b:v", "150k",
-                    "-maxrate", "150k", "-bufsize", "75k", "-c:a", "aac", "-b:a", "48k", "-ac", "1", "-f", "mpegts", part], check=True)
-    subprocess.run([*quiet, "-stream_loop", str(int(minutes) + 3), "-i", part, "-map", "0", "-c", "copy", "-f", "mpegts", "-muxrate", str(RATE), path],
-                   check=True)
+    subprocess.run(
+        [
+            *quiet,
+            "-f",
+            "lavfi",
+            "-i",
+            "testsrc2=size=160x120:rate=25",
+            "-f",
+            "lavfi",
+            "-i",
+            "sine=sample_rate=48000",
+            "-t",
+            str(PART_S),
+            "-c:v",
+            "libx264",
+            "-preset",
+            "ultrafast",
+            "-tune",
+            "zerolatency",
+            "-g",
+            "25",
+            "-pix_fmt",
+            "yuv420p",
+            "-b:v",
+            "150k",
+            "-maxrate",
+            "150k",
+            "-bufsize",
+            "75k",
+            "-c:a",
+            "aac",
+            "-b:a",
+            "48k",
+            "-ac",
+            "1",
+            "-f",
+            "mpegts",
+            part,
+        ],
+        check=True,
+    )
+    subprocess.run(
+        [
+            *quiet,
+            "-stream_loop",
+            str(int(minutes) + 3),
+            "-i",
+            part,
+            "-map",
+            "0",
+            "-c",
+            "copy",
+            "-f",
+            "mpegts",
+            "-muxrate",
+            str(RATE),
+            path,
+        ],
+        check=True,
+    )
     return path
 
 
@@ -97,8 +155,12 @@ class Soak:
         self.build = arguments.build.resolve()
         self.random = random.Random(arguments.seed)
         self.prefix = f"reliability-{os.getpid()}"
-        self.environment = {"GST_PLUGIN_PATH": str(self.build / "shbsink"), **os.environ, "XDG_RUNTIME_DIR": str(folder / "run"),
-                            "RUNTIME_DIRECTORY": ""}
+        self.environment = {
+            "GST_PLUGIN_PATH": str(self.build / "shbsink"),
+            **os.environ,
+            "XDG_RUNTIME_DIR": str(folder / "run"),
+            "RUNTIME_DIRECTORY": "",
+        }
         (folder / "run").mkdir(mode=0o700)
         self.file = folder / "sources.toml"
         self.lock = threading.RLock()  # of sources and their times
@@ -117,7 +179,7 @@ class Soak:
             if len(self.failures) < 100:
                 self.failures.append(f"after {time.monotonic() - self.start:.0f} s: {text}")
 
-    # ---- What runs ------------------------------------------------------------------------------------------------------------------
+    # ---- What runs -------------------------------------------------------------------------------------------------
 
     def start_child(self, command, **more):
         with rig.starting:
@@ -131,10 +193,32 @@ class Soak:
         h264 = rig.materials(self.build, "h264_aac")["h264_aac"]
         # The RTSP server plays its file once to each client.
         long = self.folder / "looped-h264_aac.mkv"
-        subprocess.run(["ffmpeg", "-nostdin", "-loglevel", "error", "-stream_loop", "-1", "-i", h264, "-map", "0", "-c", "copy", "-t",
-                        str(self.arguments.minutes * 60 + 300), long], check=True)
-        makers = {"rtsp": lambda: rig.Rtsp(self.folder, long, self.build), "rtmp": lambda: rig.Rtmp(self.folder, h264),
-                  "srt": lambda: rig.SrtListener(self.folder, h264), "hls": lambda: rig.Hls(self.folder, h264)}
+        subprocess.run(
+            [
+                "ffmpeg",
+                "-nostdin",
+                "-loglevel",
+                "error",
+                "-stream_loop",
+                "-1",
+                "-i",
+                h264,
+                "-map",
+                "0",
+                "-c",
+                "copy",
+                "-t",
+                str(self.arguments.minutes * 60 + 300),
+                long,
+            ],
+            check=True,
+        )
+        makers = {
+            "rtsp": lambda: rig.Rtsp(self.folder, long, self.build),
+            "rtmp": lambda: rig.Rtmp(self.folder, h264),
+            "srt": lambda: rig.SrtListener(self.folder, h264),
+            "hls": lambda: rig.Hls(self.folder, h264),
+        }
         for protocol, make in makers.items():
             for number in range(each):
                 peer = make()
@@ -150,26 +234,45 @@ class Soak:
         self.sources += every[:udp]
         self.spare = every[udp:]
         # The first eighth of them is never touched; of the others all but those with readers may go.
-        self.calm = every[:max(4, udp // 8)]
+        self.calm = every[: max(4, udp // 8)]
         self.slow = self.calm[-1]
         self.slow.options["video_bytes"] = f'"{SLOW_BYTES}"'
-        self.read = self.calm[:3] + [source for source in self.sources if source.peer is not None and source.name.endswith("-0")] + every[len(self.calm):len(self.calm) + 2]
+        self.read = (
+            self.calm[:3]
+            + [source for source in self.sources if source.peer is not None and source.name.endswith("-0")]
+            + every[len(self.calm) : len(self.calm) + 2]
+        )
         self.ports = ports
 
     def write_file(self):
-        self.file.write_text('[service]\nhttp = "127.0.0.1:0"\nclose_timeout = 10\n\n[defaults]\nvideo_bytes = "1M"\naudio_bytes = "128K"\n\n'
-                             + "\n".join(source.text() for source in self.sources))
+        self.file.write_text(
+            '[service]\nhttp = "127.0.0.1:0"\nclose_timeout = 10\n\n[defaults]\nvideo_bytes = "1M"\naudio_bytes = "128K"\n\n'
+            + "\n".join(source.text() for source in self.sources)
+        )
 
     def start_tool(self):
         self.log = self.folder / "tool.log"
         self.out = open(self.folder / "tool.out", "wb")
         with open(self.log, "wb") as log:
-            command = [self.build / "tools/gst-source/gst-source", "--config", self.file, "--json", "--interval", "86400", "--log-level", "warning"]
+            command = [
+                self.build / "tools/gst-source/gst-source",
+                "--config",
+                self.file,
+                "--json",
+                "--interval",
+                "86400",
+                "--log-level",
+                "warning",
+            ]
             self.tool = self.start_child(command, stdout=self.out, stderr=log)
         marker = "metrics and API at http://"
 
         def address():
-            found = [line.split(marker)[1].split("/")[0] for line in self.log.read_text(errors="replace").splitlines() if marker in line]
+            found = [
+                line.split(marker)[1].split("/")[0]
+                for line in self.log.read_text(errors="replace").splitlines()
+                if marker in line
+            ]
             return found[0] if found else None
 
         if not rig.wait_for(lambda: address() or self.tool.poll() is not None, 60) or self.tool.poll() is not None:
@@ -178,14 +281,19 @@ class Soak:
         self.port = int(port)
 
     def start_readers(self):
-        kinds = [(source, "video", 0) for source in self.read] + [(self.calm[0], "audio", 0), (self.slow, "video", SLOW_PAUSE_MS)]
+        kinds = [(source, "video", 0) for source in self.read] + [
+            (self.calm[0], "audio", 0),
+            (self.slow, "video", SLOW_PAUSE_MS),
+        ]
         for source, kind, pause in kinds:
-            child = self.start_child([self.build / "tests/reliability/fleet-reader", source.name, kind, pause], stdout=subprocess.PIPE, text=True)
+            child = self.start_child(
+                [self.build / "tests/reliability/fleet-reader", source.name, kind, pause], stdout=subprocess.PIPE, text=True
+            )
             if child.stdout.readline() != "reading\n":
                 raise RuntimeError(f"nobody reads {source.name}")
             self.readers.append((source, kind, pause, child))
 
-    # ---- HTTP -----------------------------------------------------------------------------------------------------------------------
+    # ---- HTTP ------------------------------------------------------------------------------------------------------
 
     def ask(self, path, method="GET", headers=None, patience=30):
         """Status, body and seconds, with a connection of its own."""
@@ -216,7 +324,10 @@ class Soak:
                     self.fail("/metrics is not whole")
 
     def look(self, records):
-        """Every source of the file is live, or was until a short time ago: a machine that stands still for seconds makes all of them silent."""
+        """Every source of the file is live, or was until a short time ago.
+
+        A machine that stands still for seconds makes all of them silent.
+        """
         now = time.monotonic()
         found = {record["name"]: record for record in records}
         with self.lock:
@@ -225,7 +336,10 @@ class Soak:
                 if record is not None and record["flow"] == "live":
                     source.live = now
                 elif now - max(source.touched, source.live) > RECOVERY_BOUND:
-                    self.fail(f"{source.name} is not live: " + (f"{record['state']}, {record['flow']}, {record['last_error']}" if record else "not there"))
+                    self.fail(
+                        f"{source.name} is not live: "
+                        + (f"{record['state']}, {record['flow']}, {record['last_error']}" if record else "not there")
+                    )
                     source.touch()
                 if record is not None:
                     self.rebuilds[source.name] = record["rebuilds"]
@@ -244,7 +358,7 @@ class Soak:
                 if status not in (200, 404) or (status == 200 and not body.startswith(b"\xff\xd8")):
                     self.fail(f"picture of {name}: {status}")
 
-    # ---- What is done to it ---------------------------------------------------------------------------------------------------------
+    # ---- What is done to it ----------------------------------------------------------------------------------------
 
     def restart_sources(self):
         while not self.over.wait(10 if self.arguments.minutes >= JUDGED_MINUTES else 4):
@@ -292,7 +406,11 @@ class Soak:
 
     def reload_once(self):
         with self.lock:
-            movable = [source for source in self.sources if source.protocol == "udp" and source not in self.calm and source not in self.read]
+            movable = [
+                source
+                for source in self.sources
+                if source.protocol == "udp" and source not in self.calm and source not in self.read
+            ]
             few = max(1, min(len(movable) // 8, len(self.spare) - 1))
             gone = self.random.sample(movable, few)
             kept = [source for source in movable if source not in gone]
@@ -309,14 +427,19 @@ class Soak:
                 source.touch()
             self.write_file()
             expected = f"{len(come)} added, {len(gone)} removed, {len({*changed, resized})} changed, {untouched} untouched"
-        done = subprocess.run([self.build / "tools/gst-source/gst-source", "reload", self.file], env=self.environment, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True)
+        done = subprocess.run(
+            [self.build / "tools/gst-source/gst-source", "reload", self.file],
+            env=self.environment,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+        )
         self.counts["reloads"] += 1
         self.counts["opened by reloads"] += len(come) + len({*changed, resized})
         if done.returncode != 0 or expected not in done.stdout:
             self.fail(f"reload: {done.returncode}, {done.stdout.strip()!r} in the place of {expected!r}")
 
-    # ---- Measuring --------------------------------------------------------------------------------------------------------------------
+    # ---- Measuring -------------------------------------------------------------------------------------------------
 
     def shared_files(self):
         return [entry for entry in os.listdir("/dev/shm") if entry.startswith(self.prefix + "-")]
@@ -328,10 +451,18 @@ class Soak:
             name, size = line.split()[:2]
             kib[name] = int(size)
         fields = (folder / "stat").read_text().rsplit(")", 1)[1].split()
-        return {"at": time.monotonic() - self.start, "rss_kib": kib["Rss:"], "pss_kib": kib["Pss:"], "private_kib": kib["Pss:"] - kib["Pss_Shmem:"],
-                "threads": int(fields[17]), "descriptors": len(os.listdir(folder / "fd")), "shared_files": len(self.shared_files()),
-                "cpu_s": (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK"),
-                "pipelines": sum(self.rebuilds.values()) + self.counts["opened by reloads"], "load": os.getloadavg()[0]}
+        return {
+            "at": time.monotonic() - self.start,
+            "rss_kib": kib["Rss:"],
+            "pss_kib": kib["Pss:"],
+            "private_kib": kib["Pss:"] - kib["Pss_Shmem:"],
+            "threads": int(fields[17]),
+            "descriptors": len(os.listdir(folder / "fd")),
+            "shared_files": len(self.shared_files()),
+            "cpu_s": (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK"),
+            "pipelines": sum(self.rebuilds.values()) + self.counts["opened by reloads"],
+            "load": os.getloadavg()[0],
+        }
 
     def take_samples(self):
         while not self.over.wait(SAMPLE_S):
@@ -346,7 +477,7 @@ class Soak:
                 sample["cpu"] = (sample["cpu_s"] - last["cpu_s"]) / (sample["at"] - last["at"])
             self.samples.append(sample)
 
-    # ---- The run ----------------------------------------------------------------------------------------------------------------------
+    # ---- The run ---------------------------------------------------------------------------------------------------
 
     def run(self):
         self.start = time.monotonic()
@@ -358,7 +489,9 @@ class Soak:
             self.sender_file = material(self.folder, self.arguments.minutes)
             for peer in self.peers:
                 peer.start()
-            sender = self.start_child([self.build / "tests/reliability/fleet-send", self.sender_file, RATE, *self.ports], stdout=subprocess.DEVNULL)
+            sender = self.start_child(
+                [self.build / "tests/reliability/fleet-send", self.sender_file, RATE, *self.ports], stdout=subprocess.DEVNULL
+            )
             self.write_file()
             for source in self.sources:
                 source.touch()
@@ -368,8 +501,17 @@ class Soak:
                 raise RuntimeError("the service is not ready after a minute")
             self.ready_s = time.monotonic() - self.start
             self.start_readers()
-            threads = [threading.Thread(target=self.guarded, args=(task,), daemon=True)
-                       for task in (self.scrape, self.ask_pictures, self.restart_sources, self.restart_peers, self.reload, self.take_samples)]
+            threads = [
+                threading.Thread(target=self.guarded, args=(task,), daemon=True)
+                for task in (
+                    self.scrape,
+                    self.ask_pictures,
+                    self.restart_sources,
+                    self.restart_peers,
+                    self.reload,
+                    self.take_samples,
+                )
+            ]
             for thread in threads:
                 thread.start()
             # What is touched last has the time to come back.
@@ -409,20 +551,30 @@ class Soak:
 
     def settle(self):
         """Every source of the file plays at the end, whatever was done to it."""
+
         def all_live():
             for peer in self.peers:
                 peer.tend()
             records = {record["name"]: record for record in json.loads(self.ask("/api/sources")[1])}
             self.look(list(records.values()))
-            return {source.name for source in self.sources} == set(records) and all(record["flow"] == "live" for record in records.values())
+            return {source.name for source in self.sources} == set(records) and all(
+                record["flow"] == "live" for record in records.values()
+            )
 
         if not rig.wait_for(all_live, RECOVERY_BOUND, 0.5):
             quiet = {name: record["last_error"] for name, record in self.newest.items() if record["flow"] != "live"}
             self.fail(f"not live at the end: {quiet}")
         for source in self.calm:
             if self.rebuilds.get(source.name) != 0:
-                self.fail(f"{source.name} was left alone and rebuilt {self.rebuilds.get(source.name)} times: {self.newest[source.name]['last_error']}")
-        told = [reader for reader in self.newest[self.slow.name]["readers"] if reader["kind"] == "video" and reader["lost_frames"] > 0]
+                self.fail(
+                    f"{source.name} was left alone and rebuilt {self.rebuilds.get(source.name)} times: "
+                    f"{self.newest[source.name]['last_error']}"
+                )
+        told = [
+            reader
+            for reader in self.newest[self.slow.name]["readers"]
+            if reader["kind"] == "video" and reader["lost_frames"] > 0
+        ]
         if not told:
             self.fail(f"the API does not report what the slow reader loses: {self.newest[self.slow.name]['readers']}")
 
@@ -477,7 +629,7 @@ class Soak:
             if told != count["written"]:
                 self.fail(f"{who}: the tool's summary says {told} frames, the buffer {count['written']}")
 
-    # ---- Judging ----------------------------------------------------------------------------------------------------------------------
+    # ---- Judging ---------------------------------------------------------------------------------------------------
 
     def judge(self):
         """Fits lines through the means of blocks of the second half; the uncertainty is two standard errors of the slope."""
@@ -489,7 +641,7 @@ class Soak:
             return
         pipelines = half[-1]["pipelines"] - half[0]["pipelines"]
         size = len(half) / BLOCKS
-        blocks = [half[int(i * size):int((i + 1) * size)] for i in range(BLOCKS)]
+        blocks = [half[int(i * size) : int((i + 1) * size)] for i in range(BLOCKS)]
         hours = [statistics.mean(sample["at"] for sample in block) / 3600 for block in blocks]
         length = (half[-1]["at"] - half[0]["at"]) / 3600
         for what in ("private_kib", "threads", "descriptors", "shared_files", "cpu"):
@@ -499,33 +651,72 @@ class Soak:
             rest = sum((y - mean - rise * (x - middle)) ** 2 for x, y in zip(hours, values))
             error = 2 * (rest / (BLOCKS - 2) / sum((x - middle) ** 2 for x in hours)) ** 0.5
             bound = max(LEAST[what], PARTS[what] * mean) + (KIB_A_PIPELINE * pipelines if what == "private_kib" else 0)
-            self.fits[what] = {"mean": mean, "per_hour": rise, "uncertainty": error, "growth": rise * length, "growth_uncertainty": error * length,
-                               "bound": bound, "hours": length, "pipelines": pipelines}
+            self.fits[what] = {
+                "mean": mean,
+                "per_hour": rise,
+                "uncertainty": error,
+                "growth": rise * length,
+                "growth_uncertainty": error * length,
+                "bound": bound,
+                "hours": length,
+                "pipelines": pipelines,
+            }
             if self.arguments.minutes >= JUDGED_MINUTES and rise * length - error * length > bound:
-                self.fail(f"{what} grows by {rise * length:.3g} +- {error * length:.2g} in {length * 60:.0f} minutes, bound {bound:.3g}")
+                self.fail(
+                    f"{what} grows by {rise * length:.3g} +- {error * length:.2g} in {length * 60:.0f} minutes, bound {bound:.3g}"
+                )
 
-    # ---- Telling ----------------------------------------------------------------------------------------------------------------------
+    # ---- Telling ---------------------------------------------------------------------------------------------------
 
     def closing_line(self):
         state = "all held" if not self.failures else f"{len(self.failures)} failures"
         end = "did not end" if self.end_s is None else f"ended in {self.end_s:.2f} s"
-        return (f"fleet soak: {self.arguments.sources} sources, {self.arguments.minutes:g} minutes, {self.counts['reloads']} reloads, "
-                f"{self.counts['restarts']} restarts, {self.counts['peers']} peers restarted, {end}: {state}")
+        return (
+            f"fleet soak: {self.arguments.sources} sources, {self.arguments.minutes:g} minutes, {self.counts['reloads']} "
+            "reloads, "
+            f"{self.counts['restarts']} restarts, {self.counts['peers']} peers restarted, {end}: {state}"
+        )
 
     def report(self, out):
-        result = {"date": date.today().isoformat(), "machine": machine(), "load": self.load, "seed": self.arguments.seed, "sources": self.arguments.sources,
-                  "minutes": self.arguments.minutes, "counts": dict(self.counts), "latencies_ms": self.latencies, "pictures": dict(self.pictures),
-                  "samples": self.samples, "fits": self.fits, "reads": getattr(self, "reads", []), "end_s": self.end_s, "failures": self.failures}
+        result = {
+            "date": date.today().isoformat(),
+            "machine": machine(),
+            "load": self.load,
+            "seed": self.arguments.seed,
+            "sources": self.arguments.sources,
+            "minutes": self.arguments.minutes,
+            "counts": dict(self.counts),
+            "latencies_ms": self.latencies,
+            "pictures": dict(self.pictures),
+            "samples": self.samples,
+            "fits": self.fits,
+            "reads": getattr(self, "reads", []),
+            "end_s": self.end_s,
+            "failures": self.failures,
+        }
         (out / "fleet-soak.json").write_text(json.dumps(result) + "\n")
-        lines = ["# Soak of the service", "",
-                 f"Written by `tests/reliability/fleet_soak.py --minutes {self.arguments.minutes:g} --sources {self.arguments.sources} --seed "
-                 f"{self.arguments.seed}` on {result['date']}; {result['machine']}.", f"Load of the machine (1 min): {self.load[0]:.1f} at the start, "
-                 f"{self.load[-1]:.1f} at the end.", "",
-                 f"{self.arguments.sources} sources, {len(self.peers)} of them with a peer of their own, the others UDP at {RATE // 1000} kb/s. "
-                 f"{self.counts['reloads']} reloads, {self.counts['restarts']} restarts over the API, {self.counts['peers']} restarts of peers. "
-                 f"Ready after {getattr(self, 'ready_s', float('nan')):.1f} s.", "", f"**{self.closing_line()}**", ""]
+        lines = [
+            "# Soak of the service",
+            "",
+            f"Written by `tests/reliability/fleet_soak.py --minutes {self.arguments.minutes:g} --sources "
+            f"{self.arguments.sources} --seed "
+            f"{self.arguments.seed}` on {result['date']}; {result['machine']}.",
+            f"Load of the machine (1 min): {self.load[0]:.1f} at the start, " f"{self.load[-1]:.1f} at the end.",
+            "",
+            f"{self.arguments.sources} sources, {len(self.peers)} of them with a peer of their own, the others UDP at "
+            f"{RATE // 1000} kb/s. "
+            f"{self.counts['reloads']} reloads, {self.counts['restarts']} restarts over the API, {self.counts['peers']} "
+            "restarts of peers. "
+            f"Ready after {getattr(self, 'ready_s', float('nan')):.1f} s.",
+            "",
+            f"**{self.closing_line()}**",
+            "",
+        ]
         if self.end_s is not None:
-            lines += [f"From SIGTERM to the end of the process: {self.end_s:.2f} s (bound: {self.arguments.end_within:g} s).", ""]
+            lines += [
+                f"From SIGTERM to the end of the process: {self.end_s:.2f} s (bound: {self.arguments.end_within:g} s).",
+                "",
+            ]
         lines += self.report_resources(out) + self.report_latencies(out) + self.report_readers()
         lines += ["## Failures", "", *([f"- {failure}" for failure in self.failures] or ["None."])]
         (out / "fleet-soak.md").write_text("\n".join(lines) + "\n")
@@ -534,27 +725,63 @@ class Soak:
         series = [(sample["at"] / 60, sample) for sample in self.samples if "cpu" in sample]
         if not series:
             return []
-        names = {"private_kib": "private memory, KiB", "threads": "threads", "descriptors": "descriptors", "shared_files": "files in /dev/shm",
-                 "cpu": "CPU, cores"}
-        over_time(out / "fleet-soak-memory.svg", "Memory of the service", "MiB",
-                  [(name, [(at, sample[key] / 1024) for at, sample in series]) for name, key in
-                   (("resident", "rss_kib"), ("PSS", "pss_kib"), ("PSS without the shared buffers", "private_kib"))])
-        over_time(out / "fleet-soak-counts.svg", "Threads, descriptors and files in /dev/shm of the service", "",
-                  [(names[key], [(at, sample[key]) for at, sample in series]) for key in ("threads", "descriptors", "shared_files")])
-        over_time(out / "fleet-soak-cpu.svg", "CPU of the service", "cores", [("CPU", [(at, sample["cpu"]) for at, sample in series])])
+        names = {
+            "private_kib": "private memory, KiB",
+            "threads": "threads",
+            "descriptors": "descriptors",
+            "shared_files": "files in /dev/shm",
+            "cpu": "CPU, cores",
+        }
+        over_time(
+            out / "fleet-soak-memory.svg",
+            "Memory of the service",
+            "MiB",
+            [
+                (name, [(at, sample[key] / 1024) for at, sample in series])
+                for name, key in (
+                    ("resident", "rss_kib"),
+                    ("PSS", "pss_kib"),
+                    ("PSS without the shared buffers", "private_kib"),
+                )
+            ],
+        )
+        over_time(
+            out / "fleet-soak-counts.svg",
+            "Threads, descriptors and files in /dev/shm of the service",
+            "",
+            [(names[key], [(at, sample[key]) for at, sample in series]) for key in ("threads", "descriptors", "shared_files")],
+        )
+        over_time(
+            out / "fleet-soak-cpu.svg", "CPU of the service", "cores", [("CPU", [(at, sample["cpu"]) for at, sample in series])]
+        )
         lines = ["## Resources", ""]
         if self.fits:
             one = self.fits["private_kib"]
             judged = "" if self.arguments.minutes >= JUDGED_MINUTES else " Too short a run: shown, not judged."
-            lines += [f"A line fitted through the means of {BLOCKS} blocks of the second half ({one['hours'] * 60:.0f} minutes, {one['pipelines']} new "
-                      "pipelines), and its growth over that time with two standard errors. Growth less its uncertainty must not be above the bound: "
-                      f"{PARTS['private_kib']:.0%} of the mean and {KIB_A_PIPELINE} KiB for each new pipeline, a part of the mean elsewhere.{judged}", "",
-                      "| | mean | growth | uncertainty | bound | a new pipeline |", "|---|---:|---:|---:|---:|---:|"]
+            lines += [
+                f"A line fitted through the means of {BLOCKS} blocks of the second half ({one['hours'] * 60:.0f} minutes, "
+                f"{one['pipelines']} new "
+                "pipelines), and its growth over that time with two standard errors. Growth less its uncertainty must not be "
+                "above the bound: "
+                f"{PARTS['private_kib']:.0%} of the mean and {KIB_A_PIPELINE} KiB for each new pipeline, a part of the mean "
+                f"elsewhere.{judged}",
+                "",
+                "| | mean | growth | uncertainty | bound | a new pipeline |",
+                "|---|---:|---:|---:|---:|---:|",
+            ]
             for what, fit in self.fits.items():
                 each = f"{fit['growth'] / fit['pipelines']:.2f}" if what == "private_kib" and fit["pipelines"] else ""
-                lines.append(f"| {names[what]} | {fit['mean']:.4g} | {fit['growth']:.3g} | {fit['growth_uncertainty']:.2g} | {fit['bound']:.3g} | {each} |")
+                lines.append(
+                    f"| {names[what]} | {fit['mean']:.4g} | {fit['growth']:.3g} | {fit['growth_uncertainty']:.2g} | "
+                    f"{fit['bound']:.3g} | {each} |"
+                )
             lines.append("")
-        return lines + ["![Memory](fleet-soak-memory.svg)", "![Threads and descriptors](fleet-soak-counts.svg)", "![CPU](fleet-soak-cpu.svg)", ""]
+        return lines + [
+            "![Memory](fleet-soak-memory.svg)",
+            "![Threads and descriptors](fleet-soak-counts.svg)",
+            "![CPU](fleet-soak-cpu.svg)",
+            "",
+        ]
 
     def report_latencies(self, out):
         measured = {path: values for path, values in self.latencies.items() if values}
@@ -566,20 +793,49 @@ class Soak:
             places = Counter(next((i for i, edge in enumerate(EDGES_MS) if value < edge), len(EDGES_MS)) for value in values)
             return [100 * places[i] / len(values) for i in range(len(groups))]
 
-        grouped_bars(out / "fleet-soak-http.svg", "Answers of the HTTP side by their latency, ms", "%", groups,
-                     [(path, spread(values), None) for path, values in measured.items()])
-        lines = ["## HTTP", "", "One client, a new connection for each request, once a second each.", "",
-                 "| Path | requests | p50, ms | p99, ms | most, ms |", "|---|---:|---:|---:|---:|"]
-        lines += [f"| `{path}` | {len(values)} | {statistics.median(values):.1f} | {rig.percentile(values, 0.99):.1f} | {max(values):.1f} |"
-                  for path, values in measured.items()]
-        return lines + ["", f"Pictures: {self.pictures[200]} answers with one, {self.pictures[404]} before the first was made.", "",
-                        "![Latencies](fleet-soak-http.svg)", ""]
+        grouped_bars(
+            out / "fleet-soak-http.svg",
+            "Answers of the HTTP side by their latency, ms",
+            "%",
+            groups,
+            [(path, spread(values), None) for path, values in measured.items()],
+        )
+        lines = [
+            "## HTTP",
+            "",
+            "One client, a new connection for each request, once a second each.",
+            "",
+            "| Path | requests | p50, ms | p99, ms | most, ms |",
+            "|---|---:|---:|---:|---:|",
+        ]
+        lines += [
+            f"| `{path}` | {len(values)} | {statistics.median(values):.1f} | {rig.percentile(values, 0.99):.1f} | "
+            f"{max(values):.1f} |"
+            for path, values in measured.items()
+        ]
+        return lines + [
+            "",
+            f"Pictures: {self.pictures[200]} answers with one, {self.pictures[404]} before the first was made.",
+            "",
+            "![Latencies](fleet-soak-http.svg)",
+            "",
+        ]
 
     def report_readers(self):
-        lines = ["## Readers", "", "Before: frames that were written before the reader came. Before + read + lost = written, for each.", "",
-                 "| Source | Track | before | read | lost | written | holes | epochs |", "|---|---|---:|---:|---:|---:|---:|---:|"]
-        lines += [f"| {one['source']}{', slow reader' if one['slow'] else ''} | {one['kind']} | {one['before']} | {one['frames']} | {one['lost']} | "
-                  f"{one['written']} | {one['holes']} | {one['epochs']} |" for one in getattr(self, "reads", [])]
+        lines = [
+            "## Readers",
+            "",
+            "Before: frames that were written before the reader came. Before + read + lost = written, for each.",
+            "",
+            "| Source | Track | before | read | lost | written | holes | epochs |",
+            "|---|---|---:|---:|---:|---:|---:|---:|",
+        ]
+        lines += [
+            f"| {one['source']}{', slow reader' if one['slow'] else ''} | {one['kind']} | {one['before']} | {one['frames']} "
+            f"| {one['lost']} | "
+            f"{one['written']} | {one['holes']} | {one['epochs']} |"
+            for one in getattr(self, "reads", [])
+        ]
         return [*lines, ""]
 
 
@@ -588,9 +844,13 @@ def main():
     parser.add_argument("--build", type=Path, default=Path("build/test"), help="build directory (default: build/test)")
     parser.add_argument("--minutes", type=float, default=60, help="length of the run (default: 60)")
     parser.add_argument("--sources", type=int, default=100, help="sources, 12 or more (default: 100)")
-    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1 << 31), help="order of what is done (default: a new one)")
+    parser.add_argument(
+        "--seed", type=int, default=random.SystemRandom().randrange(1 << 31), help="order of what is done (default: a new one)"
+    )
     parser.add_argument("--end-within", type=float, default=2, help="s from SIGTERM to the end of the process (default: 2)")
-    parser.add_argument("--out", type=Path, default=Path("out/fleet-soak"), help="folder of the report (default: out/fleet-soak)")
+    parser.add_argument(
+        "--out", type=Path, default=Path("out/fleet-soak"), help="folder of the report (default: out/fleet-soak)"
+    )
     arguments = parser.parse_args()
     if arguments.sources < 12:
         parser.error("--sources: 12 or more")

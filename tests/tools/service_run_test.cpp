@@ -299,7 +299,8 @@ TEST_F(Service, TheServiceManagerIsNotified) {
     // A camera that is off keeps nothing from being ready.
     Write(SourceText("a", UdpUrl(FreeUdpPort())) + SourceText("b", "rtsp://127.0.0.1:1/off"));
     const auto child = Start({}, {{"NOTIFY_SOCKET", path}, {"WATCHDOG_USEC", "5000000"}});
-    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return received("READY=1\nSTATUS=0 of 2 sources live"); })) << messages << child->Err();
+    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return received("READY=1\nSTATUS=0 of 2 sources live"); }))
+        << messages << child->Err();
     EXPECT_TRUE(WaitWhileRunning(*child, [&] { return received("WATCHDOG=1"); })) << messages;
     child->Signal(SIGTERM);
     EXPECT_EQ(child->Wait(), 0);

@@ -4,6 +4,7 @@
 #include <map>
 #include <utility>
 
+#include "format.h"
 #include "source_fields.h"
 
 namespace tool {
@@ -138,7 +139,8 @@ std::vector<std::string> Fleet::Close(Clock::time_point deadline) {
     std::vector<std::string> hanging;
     for (const auto &station : m_stations) {
         if (!station->AwaitClose(deadline)) {
-            hanging.push_back(station->Latest().url);
+            const SourceSample &sample = station->Latest();
+            hanging.push_back(HasOwnBuffer(sample) ? sample.name : sample.url);
         }
     }
     return hanging;

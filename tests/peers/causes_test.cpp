@@ -273,13 +273,22 @@ TEST_F(Causes, Srt) {
 
 TEST_F(Causes, Udp) {
     const uint16_t port = FreeUdpPort();
+    // By its name, which gst-source does not look up: a port that another process has is its own error otherwise.
     const int taken = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(bind(taken, static_cast<const sockaddr *>(static_cast<const void *>(&address)), sizeof address), 0);
-    stage.udpTaken = Local(port);
+    // Where the name leads there first. Without IPv6 it does not.
+    const int taken6 = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address6{};
+    address6.sin6_family = AF_INET6;
+    address6.sin6_port = htons(port);
+    address6.sin6_addr = in6addr_loopback;
+    const int bound6 = bind(taken6, static_cast<const sockaddr *>(static_cast<const void *>(&address6)), sizeof address6);
+    static_cast<void>(bound6);
+    stage.udpTaken = "localhost:" + std::to_string(port);
     const uint16_t mpeg2 = FreeUdpPort();
     servers.push_back(
         Start("ffmpeg", {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "warning", "-re", "-i", stage.material->path, "-an",
@@ -297,6 +306,7 @@ TEST_F(Causes, Udp) {
          "not-linked"},
     });
     close(taken);
+    close(taken6);
 }
 
 TEST_F(Causes, Hls) {

@@ -135,25 +135,25 @@ def material(folder):
 # ---- What the system says of processes
 
 
+# What is known of a process beside its CPU time: counters, then sizes.
+DETAILS = [
+    "user_s",
+    "system_s",
+    "voluntary",
+    "involuntary",
+    "minor",
+    "major",
+    "threads",
+    "descriptors",
+    "rss_kb",
+    "pss_kb",
+    "shared_kb",
+]
+
+
 def sums(pids):
     """Counters and sizes of all of them together."""
-    total = dict.fromkeys(
-        [
-            "cpu_ns",
-            "user_s",
-            "system_s",
-            "voluntary",
-            "involuntary",
-            "minor",
-            "major",
-            "threads",
-            "descriptors",
-            "rss_kb",
-            "pss_kb",
-            "shared_kb",
-        ],
-        0,
-    )
+    total = dict.fromkeys(["cpu_ns", *DETAILS], 0)
     tick = os.sysconf("SC_CLK_TCK")
     for pid in pids:
         folder = Path(f"/proc/{pid}")
@@ -531,22 +531,7 @@ def report_sources(sources, out):
                     f"{100 * median(frames) / expected:.1f} %" if frames else "-",
                 ]
             )
-            each = {
-                key: of_case(figures, case, key) / count
-                for key in (
-                    "user_s",
-                    "system_s",
-                    "voluntary",
-                    "involuntary",
-                    "minor",
-                    "major",
-                    "threads",
-                    "descriptors",
-                    "rss_kb",
-                    "pss_kb",
-                    "shared_kb",
-                )
-            }
+            each = {key: of_case(figures, case, key) / count for key in DETAILS}
             details.append(
                 [
                     count,

@@ -102,7 +102,7 @@ class Run {
         : m_id(id), m_out(std::move(out)), m_err(std::move(err)), m_deadline(deadline), m_most(most), m_stop(stop) {
         m_out.write.Close();
         m_err.write.Close();
-        // Pictures wait for the streams, not the other way round.
+        // Pictures wait for the streams; no stream waits for a picture.
         constexpr int kNice = 10;
         setpriority(PRIO_PROCESS, static_cast<id_t>(m_id), kNice);
     }

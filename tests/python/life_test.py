@@ -145,7 +145,7 @@ class Fork(Case):
 def wait():
     try:
         waiting.read()
-    except gst_source.UseAfterClose:
+    except (gst_source.Closed, gst_source.UseAfterClose):
         pass
 started = [threading.Thread(target=wait, daemon=True) for _ in range(5)]
 for thread in started:

@@ -125,6 +125,15 @@ void Install(int terminal, bool hangup_reloads) {
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+void LeaveToOtherThreads() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP, SIGCONT}) {
+        sigaddset(&set, number);
+    }
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 int WakeDescriptor() {
     return g_wake.load();
 }

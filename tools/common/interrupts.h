@@ -14,6 +14,9 @@ void Install(int terminal, bool hangup_reloads = false);
 // SIGHUP waits from here until Install(), where it would end the process.
 void HoldHangup();
 
+// None of the signals above interrupts this thread from here on.
+void LeaveToOtherThreads();
+
 // Readable after any of them; made empty by Acknowledge().
 int WakeDescriptor();
 void Acknowledge();

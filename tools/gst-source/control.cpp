@@ -20,6 +20,7 @@
 #include <stdexcept>
 
 #include "emergency.h"
+#include "interrupts.h"
 
 namespace tool {
 namespace {
@@ -88,7 +89,7 @@ Fd Listen(const std::string &path) {
         flock(directory.Get(), LOCK_EX);
     }
     for (int attempt = 0; attempt < 2; ++attempt) {
-        Fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+        Fd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (listener && bind(listener.Get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
             chmod(path.c_str(), S_IRUSR | S_IWUSR) == 0 && listen(listener.Get(), 4) == 0) {
             return listener;
@@ -160,9 +161,13 @@ ControlServer::~ControlServer() {
 }
 
 void ControlServer::Run() {
+    // One that interrupts a recv() here would drop what somebody asks for.
+    interrupts::LeaveToOtherThreads();
     for (;;) {
         std::array<pollfd, 2> wait{{{m_listener.Get(), POLLIN, 0}, {m_stop.Get(), POLLIN, 0}}};
-        poll(wait.data(), wait.size(), -1);
+        if (poll(wait.data(), wait.size(), -1) < 0) {
+            continue;
+        }
         if ((wait[1].revents & POLLIN) != 0) {
             return;
         }

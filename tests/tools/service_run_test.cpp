@@ -60,16 +60,19 @@ Json SourceOf(uint16_t port, const std::string &source) {
     return Json::parse(BodyOf(Fetch(port, "/api/sources/" + source)), nullptr, false);
 }
 
-// Signals that the process takes or holds back, as the kernel names them.
+// Whether the process is the tool by now and takes or holds back the signal, as the kernel says.
 bool Minds(pid_t process, int number) {
     std::ifstream status("/proc/" + std::to_string(process) + "/status");
     uint64_t minded = 0;
+    bool is_tool = false;
     for (std::string key, value; status >> key >> value;) {
+        // A fork blocks every signal for a moment, long before the tool is there.
+        is_tool = is_tool || (key == "Name:" && value == "gst-source");
         if (key == "SigBlk:" || key == "SigCgt:") {
             minded |= std::stoull(value, nullptr, 16);
         }
     }
-    return (minded >> (number - 1) & 1U) != 0;
+    return is_tool && (minded >> (number - 1) & 1U) != 0;
 }
 
 // A file of sources with names that no other test has, and the tool that has it open.

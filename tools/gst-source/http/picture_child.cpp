@@ -111,10 +111,8 @@ class Run {
         while (m_why.empty() && !Ended() && (m_out.read || m_err.read || !m_ended)) {
             Wait();
         }
-        // Also what it has started itself. Its id stays its own until it has been waited for.
-        kill(-m_id, SIGKILL);
         if (!m_ended) {
-            Reap(0);
+            KillAndReap();
         }
         if (m_why.empty()) {
             Drain(m_out.read, m_result.out, m_most);
@@ -133,19 +131,19 @@ class Run {
         if (!m_ended) {
             siginfo_t info{};
             // It stays a zombie, so that its process group can still be killed.
-            m_ended = waitid(P_PID, static_cast<id_t>(m_id), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == m_id;
-            if (m_ended) {
-                kill(-m_id, SIGKILL);
-                Reap(0);
+            if (waitid(P_PID, static_cast<id_t>(m_id), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == m_id) {
+                KillAndReap();
             }
         }
         return m_ended;
     }
 
-    void Reap(int options) {
+    // Also what it has started itself. Its id stays its own until it has been waited for.
+    void KillAndReap() {
+        kill(-m_id, SIGKILL);
         pid_t waited = -1;
         do {
-            waited = wait4(m_id, &m_status, options, &m_usage);
+            waited = wait4(m_id, &m_status, 0, &m_usage);
         } while (waited < 0 && errno == EINTR);
         m_reaped = waited == m_id;
         m_ended = true;

@@ -33,6 +33,7 @@ from pathlib import Path
 
 from bench import Child, playing
 from buffer import ROOT, between, machine, spread, table, verdict, wrapped
+from constant_rate import transport_stream
 from noticed import await_socket, free_port
 from plot import grouped_bars
 from recorders import cpu_ns
@@ -59,77 +60,6 @@ EFFORT = {
     "rings": (20, 2),
     "kinds": (5, 2),
 }
-
-
-def material(folder):
-    """Five minutes of constant rate, also on the wire, without a break in the time stamps."""
-    part, path = folder / "fleet-part.ts", folder / "fleet.ts"
-    quiet = ["ffmpeg", "-nostdin", "-loglevel", "error", "-y"]
-    subprocess.run(
-        [
-            *quiet,
-            "-f",
-            "lavfi",
-            "-i",
-            f"testsrc2=size=640x360:rate={FPS},noise=alls=10:allf=t",
-            "-f",
-            "lavfi",
-            "-i",
-            "sine=sample_rate=48000",
-            "-t",
-            str(MATERIAL_S),
-            "-c:v",
-            "libx264",
-            "-preset",
-            "ultrafast",
-            "-tune",
-            "zerolatency",
-            "-g",
-            str(FPS),
-            "-pix_fmt",
-            "yuv420p",
-            "-b:v",
-            "1800k",
-            "-minrate",
-            "1800k",
-            "-maxrate",
-            "1800k",
-            "-bufsize",
-            "900k",
-            "-nal-hrd",
-            "cbr",
-            "-c:a",
-            "aac",
-            "-b:a",
-            "96k",
-            "-ac",
-            "2",
-            "-f",
-            "mpegts",
-            str(part),
-        ],
-        check=True,
-    )
-    subprocess.run(
-        [
-            *quiet,
-            "-stream_loop",
-            str(LONG_S // MATERIAL_S - 1),
-            "-i",
-            str(part),
-            "-map",
-            "0",
-            "-c",
-            "copy",
-            "-f",
-            "mpegts",
-            "-muxrate",
-            str(RATE),
-            str(path),
-        ],
-        check=True,
-    )
-    return path
 
 
 # ---- What the system says of processes
@@ -216,7 +146,9 @@ class Bench:
         path = os.pathsep.join(filter(None, [str(build / "shbsink"), os.environ.get("GST_PLUGIN_PATH")]))
         self.environment = dict(os.environ, GST_PLUGIN_PATH=path)
         self.name = f"gst-source-bench-{os.getpid()}"
-        self.file = material(folder)
+        self.file = transport_stream(
+            folder / "fleet.ts", RATE, "640x360", FPS, 1800, 96, 2, MATERIAL_S, LONG_S // MATERIAL_S, constant_video=True
+        )
 
     def effort(self, name):
         return EFFORT[name][self.arguments.quick]

@@ -45,6 +45,7 @@ from verdict import slope
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "bench"))
 
 from buffer import machine  # noqa: E402
+from constant_rate import transport_stream  # noqa: E402
 from plot import grouped_bars  # noqa: E402
 
 RATE = 300_000  # bit/s of a UDP source on the wire
@@ -63,73 +64,6 @@ KIB_A_PIPELINE = 16
 PARTS = {"private_kib": 0.1, "threads": 0.03, "descriptors": 0.03, "shared_files": 0.0, "cpu": 0.25}
 LEAST = {"private_kib": 0, "threads": 4, "descriptors": 4, "shared_files": 0, "cpu": 0.05}
 EDGES_MS = [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000]
-
-
-def material(folder, minutes):
-    """A transport stream of constant rate that is longer than the run, since the sender does not make time stamps anew."""
-    part, path = folder / "part.ts", folder / "fleet.ts"
-    quiet = ["ffmpeg", "-nostdin", "-loglevel", "error", "-y"]
-    subprocess.run(
-        [
-            *quiet,
-            "-f",
-            "lavfi",
-            "-i",
-            "testsrc2=size=160x120:rate=25",
-            "-f",
-            "lavfi",
-            "-i",
-            "sine=sample_rate=48000",
-            "-t",
-            str(PART_S),
-            "-c:v",
-            "libx264",
-            "-preset",
-            "ultrafast",
-            "-tune",
-            "zerolatency",
-            "-g",
-            "25",
-            "-pix_fmt",
-            "yuv420p",
-            "-b:v",
-            "150k",
-            "-maxrate",
-            "150k",
-            "-bufsize",
-            "75k",
-            "-c:a",
-            "aac",
-            "-b:a",
-            "48k",
-            "-ac",
-            "1",
-            "-f",
-            "mpegts",
-            part,
-        ],
-        check=True,
-    )
-    subprocess.run(
-        [
-            *quiet,
-            "-stream_loop",
-            str(int(minutes) + 3),
-            "-i",
-            part,
-            "-map",
-            "0",
-            "-c",
-            "copy",
-            "-f",
-            "mpegts",
-            "-muxrate",
-            str(RATE),
-            path,
-        ],
-        check=True,
-    )
-    return path
 
 
 class Source:
@@ -486,7 +420,10 @@ class Soak:
         ended = False
         try:
             self.make_sources()
-            self.sender_file = material(self.folder, self.arguments.minutes)
+            # Longer than the run, since the sender does not make time stamps anew.
+            self.sender_file = transport_stream(
+                self.folder / "fleet.ts", RATE, "160x120", 25, 150, 48, 1, PART_S, int(self.arguments.minutes) + 4
+            )
             for peer in self.peers:
                 peer.start()
             sender = self.start_child(

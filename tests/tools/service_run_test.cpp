@@ -454,7 +454,10 @@ TEST_F(Service, HangupsAtAnyMomentAreReloads) {
     }
     Write(SourceText("a", url) + SourceText("b", UdpUrl(FreeUdpPort())));
     child->Signal(SIGHUP);
-    EXPECT_TRUE(WaitWhileRunning(*child, [&] { return Reports(*child, "b", {{"state", "connected"}}); }))
+    EXPECT_TRUE(WaitWhileRunning(*child,
+                                 [&] {
+                                     return Reports(*child, "b", {{"state", "connected"}});
+                                 }))
         << child->Out() << child->Err();
     child->Signal(SIGHUP);
     child->Signal(SIGTERM);
@@ -521,6 +524,14 @@ TEST_F(Service, PrintsWhatIsInForceWithItsFlags) {
     for (const char *line :
          {"http = '127.0.0.1:9191'", "log_level = 'debug'", "close_timeout = 3", "mtu = 1400", "keylen = 16"}) {
         EXPECT_TRUE(Has(again.Out(), line)) << line << "\n" << again.Out();
+    }
+    for (const auto &[urls, name] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{url}, "name = 'cam'\n"}, {{url, "srt://127.0.0.1:7000"}, "name = 'cam-1'\n"}}) {
+        std::vector<std::string> command{Tool(), "--name", "cam", "--print-config"};
+        command.insert(command.end(), urls.begin(), urls.end());
+        Child named(command);
+        EXPECT_EQ(named.Wait(), 0);
+        EXPECT_TRUE(Has(named.Out(), name)) << named.Out();
     }
     Child full({"sh", "-c", "exec \"$0\" --config \"$1\" --print-config >/dev/full", Tool(), m_file});
     EXPECT_EQ(full.Wait(), 1);

@@ -775,6 +775,17 @@ int Reload(const std::string &path) {
     return result;
 }
 
+// In a file each source has a buffer of its own: the one of the command line has its name, several get a number behind it.
+std::vector<SourceConfig> SourcesForFile(const Options &options) {
+    std::vector<SourceConfig> sources = SourcesOf(options);
+    for (SourceConfig &source : sources) {
+        if (!options.common.name.empty()) {
+            source.name = options.common.name + (sources.size() > 1 ? "-" + source.name : "");
+        }
+    }
+    return sources;
+}
+
 }  // namespace
 
 int RunHost(Options options) {
@@ -801,7 +812,7 @@ int RunHost(Options options) {
         }
         const ServiceConfig service{options.http, options.http_token, options.log_file, options.log_level,
                                     options.close_timeout};
-        const std::string text = PrintConfig(service, file ? file->sources : SourcesOf(options));
+        const std::string text = PrintConfig(service, file ? file->sources : SourcesForFile(options));
         if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
             std::fprintf(stderr, "gst-source: standard output: %s\n", std::strerror(errno));
             return kExitNothing;

@@ -91,7 +91,7 @@ constexpr const char *kUsage =
     "       gst-source reload FILE\n\n"
     "Each URL is one source and one channel of the shared buffer, counted from 0. Its scheme is the protocol:\n"
     "udp://  rtsp:// rtsps:// rtspt:// rtspu://  srt://  rtmp:// rtmps://  http:// https:// (HLS)\n"
-    "A file names its sources, each with a shared buffer of its own (docs/gst-source.md). check reports every mistake in it;\n"
+    "A file names its sources, each with a shared buffer of its own (docs/service.md). check reports every mistake in it;\n"
     "reload makes the run that has it open read it again: sources that did not change go on untouched.";
 
 constexpr const char *kSchemes = "udp, rtsp, rtsps, rtspt, rtspu, srt, rtmp, rtmps, http and https";
@@ -454,7 +454,8 @@ ParseResult ParseOptions(int argc, const char *const *argv, const Environment &e
         static_cast<ParseEnd &>(result) = *end;
         return result;
     }
-    if (options.common.name.empty()) {
+    // A file that is printed has no use for a name that goes with this process.
+    if (options.common.name.empty() && options.command != Command::kPrintConfig) {
         options.common.name = "gst-source-" + std::to_string(getpid());
     }
     result.options = std::move(options);

@@ -858,7 +858,7 @@ function readHash() {
     model.view.page = "overview";
     model.view.q = wanted.get("q") || "";
     model.view.state = ["live", "waiting", "failing"].includes(wanted.get("state")) ? wanted.get("state") : "";
-    model.view.sort = wanted.get("sort") in ORDERS ? wanted.get("sort") : "name";
+    model.view.sort = Object.hasOwn(ORDERS, wanted.get("sort")) ? wanted.get("sort") : "name";
     $("filter").value = model.view.q;
     $("sort").value = model.view.sort;
   }

@@ -28,7 +28,7 @@ class Checker {
     void Take(const shb_frame_t &frame) {
         if (m_count.epochs == 0) {
             m_count.before = frame.sequence - frame.lost;
-            // Frames of epochs that were over when the reader came cannot be told from lost ones.
+            // Frames of epochs that were over when the reader came look like lost ones.
             m_count.unknown += frame.lost_before > 0 ? 1 : 0;
         } else if (frame.epoch == m_epoch) {
             m_count.holes += frame.sequence == m_sequence + 1 + frame.lost && frame.lost_before == 0 ? 0 : 1;

@@ -507,12 +507,12 @@ class Soak:
                     f"{source.name} was left alone and rebuilt {self.rebuilds.get(source.name)} times: "
                     f"{self.newest[source.name]['last_error']}"
                 )
-        told = [
+        stated = [
             reader
             for reader in self.newest[self.slow.name]["readers"]
             if reader["kind"] == "video" and reader["lost_frames"] > 0
         ]
-        if not told:
+        if not stated:
             self.fail(f"the API does not report what the slow reader loses: {self.newest[self.slow.name]['readers']}")
 
     def end_tool(self, before):
@@ -562,9 +562,9 @@ class Soak:
                 self.fail(f"{who}: lost {count['lost']} frames")
             if source in self.calm and count["epochs"] != 1:
                 self.fail(f"{who}: {count['epochs']} epochs of a source that was left alone")
-            told = self.summaries.get(source.name, {}).get(f"{kind}_frames")
-            if told != count["written"]:
-                self.fail(f"{who}: the tool's summary says {told} frames, the buffer {count['written']}")
+            stated = self.summaries.get(source.name, {}).get(f"{kind}_frames")
+            if stated != count["written"]:
+                self.fail(f"{who}: the tool's summary says {stated} frames, the buffer {count['written']}")
 
     # ---- Judging ---------------------------------------------------------------------------------------------------
 

@@ -60,7 +60,7 @@ class Frames {
     std::unique_ptr<shb_writer_t, Close> m_writer;
 };
 
-// Another process that receives on the port, until it is told to go.
+// Another process that receives on the port, until it is asked to go.
 class PortHolder {
   public:
     explicit PortHolder(unsigned short port) {
@@ -162,7 +162,7 @@ TEST_F(FleetTest, CountersGoOnOverRestarts) {
     EXPECT_EQ(Sum(Sample().rebuild_reasons), 3u);
 }
 
-// The log may lose a line; a writer that comes anew tells all the same. Its reason is not known.
+// The log may lose a line; a writer that comes anew shows it all the same. Its reason is not known.
 TEST_F(FleetTest, RebuildsWithoutALineAreCountedAsOther) {
     m_fleet.Apply({Udp("a")});
     ASSERT_TRUE(Opens());

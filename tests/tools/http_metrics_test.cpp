@@ -114,7 +114,7 @@ TEST(HttpMetrics, OddTextsAreEscapedAndCut) {
     EXPECT_NE(text.find("text=\"he said \\\"no\\\\never\\\"\\nand \xef\xbf\xbd( left"), std::string::npos);
     EXPECT_EQ(text.find(std::string(121, 'x')), std::string::npos);
     EXPECT_EQ(text.find('\xff'), std::string::npos);
-    // Two of the same name are told apart.
+    // Two of the same name are kept apart.
     EXPECT_NE(text.find("{source=\"parking-p1\"}"), std::string::npos);
     EXPECT_NE(text.find("{source=\"parking-p1 (2)\"}"), std::string::npos);
     EXPECT_TRUE(Has(text, "gst_source_state{source=\"parking-p2\",state=\"none\"} 1"));

@@ -103,7 +103,7 @@ void OnCrash(int number, siginfo_t *info, void * /*context*/) {
     Clean();
     PutLog();
     errno = saved;
-    // An instruction at fault runs again and meets the previous handler with all that it has to tell;
+    // An instruction at fault runs again and meets the previous handler with all that it says;
     // what was sent would not come again by itself.
     const bool sent = info->si_code <= 0;
     if (sent) {

@@ -333,17 +333,29 @@ TEST(ShbKillCreator, ReadersSurviveAtAnyMoment) {
                 if (Frame(1, sequence).Write(writer) != SHB_OK)
                     return 1;
         });
-        // Sometimes it dies before anybody has found it, sometimes a reader is in the middle of a frame.
+        // Half of them die at a moment that nobody has chosen, perhaps before anybody has found them. The others have a
+        // reader that has read by then, and is in the middle of a frame at times.
         Orphan orphan;
+        const auto attach = [&] {
+            orphan.map = Attach(name);
+            orphan.reader = OpenReader(orphan.map, static_cast<shb_start_t>(round % 3));
+        };
+        if (round % 2 == 0) {
+            ASSERT_TRUE(Eventually([&, before = frames] {
+                // The one before may still be there, dead.
+                if (!orphan.reader || shb_map_alive(orphan.map.get()) == 0)
+                    attach();
+                frames += orphan.reader ? ReadAll(orphan.reader).frames : 0;
+                return frames > before;
+            }));
+        }
         const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 10'000);
         std::thread killer([&] {
             std::this_thread::sleep_until(end);
             creator.Signal(SIGKILL);
         });
-        while (!orphan.reader && std::chrono::steady_clock::now() < end) {
-            orphan.map = Attach(name);
-            orphan.reader = OpenReader(orphan.map, static_cast<shb_start_t>(round % 3));
-        }
+        while (!orphan.reader && std::chrono::steady_clock::now() < end)
+            attach();
         while (orphan.reader && std::chrono::steady_clock::now() < end && !::testing::Test::HasFailure())
             frames += ReadAll(orphan.reader).frames;
         killer.join();

@@ -485,10 +485,10 @@ TEST(RunOnATerminal, RespectsNoColor) {
 }
 
 TEST(RunOnATerminal, SimpleTerminalsGetLines) {
-    Child child(Command({UdpUrl(FreeUdpPort()), "--duration", "0.5", "--interval", "0.1"}), {{"TERM", "dumb"}},
-                Child::Output::kTerminal);
+    Child child(Command({UdpUrl(FreeUdpPort()), "--interval", "0.1"}), {{"TERM", "dumb"}}, Child::Output::kTerminal);
+    EXPECT_TRUE(WaitWhileRunning(child, [&child] { return Has(child.Screen(), "type=sample "); })) << child.Screen();
+    child.Signal(SIGTERM);
     EXPECT_EQ(child.Wait(), 1);
-    EXPECT_TRUE(Has(child.Screen(), "type=sample ")) << child.Screen();
     EXPECT_FALSE(Has(child.Screen(), "\x1b")) << child.Screen();
 }
 

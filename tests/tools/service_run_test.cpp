@@ -372,6 +372,22 @@ TEST_F(Service, ARestartByTheApiKeepsReadersAndCounters) {
     ExpectOrderlyEnd(*child);
 }
 
+TEST_F(Service, AReloadIsAnsweredOnceItsSourcesCanBeAskedFor) {
+    std::string sources = SourceText("a", UdpUrl(FreeUdpPort()));
+    Write(sources);
+    const auto child = Start({"--http", "127.0.0.1:0"});
+    const uint16_t port = HttpPort(*child);
+    for (const char *added : {"b", "c", "d", "e", "f"}) {
+        sources += SourceText(added, UdpUrl(FreeUdpPort()));
+        Write(sources);
+        std::string text;
+        ASSERT_EQ(Reload(text), 0) << text;
+        EXPECT_EQ(SourceOf(port, Name(added)).value("name", ""), Name(added));
+        EXPECT_EQ(Restart(port, Name(added)), 202) << added;
+    }
+    ExpectOrderlyEnd(*child);
+}
+
 TEST_F(Service, ARestartInTheBufferOfACommandLineLosesNoFrameOfADump) {
     const std::string url = UdpUrl(FreeUdpPort());
     const std::string dump = m_dir.File("video.h264");

@@ -155,6 +155,8 @@ class Host : private Service {
     bool Wait(Clock::time_point until);
     bool GoalsReached() const;
     void ServeOthers(Clock::time_point now);
+    // What they see from now on.
+    void Publish(Clock::time_point now);
     ControlAnswer ReadFileAgain();
     ControlAnswer AskForReload();
     bool ReportDue(Clock::time_point now, uint64_t change) const;
@@ -456,18 +458,15 @@ void Host::ServeOthers(Clock::time_point now) {
     for (const std::string &name : restarts) {
         m_fleet->Restart(name);
     }
+    std::optional<ControlAnswer> answer;
     if (m_file && (interrupts::TakeReload() || !reloads.empty())) {
-        ControlAnswer answer;
         try {
             answer = ReadFileAgain();
         } catch (const std::exception &error) {
             // Whatever it was, the sources go on.
             m_reloadGood = false;
             answer = {false, m_file->path + ": the reload broke off: " + error.what() + "\n"};
-            ComplainOfLines(answer.text, LogLevel::kError);
-        }
-        for (auto &reload : reloads) {
-            reload.set_value(answer);
+            ComplainOfLines(answer->text, LogLevel::kError);
         }
     }
     for (const auto &station : m_fleet->Stations()) {
@@ -475,9 +474,16 @@ void Host::ServeOthers(Clock::time_point now) {
             Complain(station->Name() + ": " + *complaint, LogLevel::kWarning);
         }
     }
-    if (now < m_nextPublish) {
-        return;
+    // Once a reload is answered, its new sources are there for everybody who asks.
+    if (answer || now >= m_nextPublish) {
+        Publish(now);
     }
+    for (auto &reload : reloads) {
+        reload.set_value(*answer);
+    }
+}
+
+void Host::Publish(Clock::time_point now) {
     m_nextPublish = now + kPublish;
     auto sample = std::make_shared<RunSample>(Sample(Phase::kRunning));
     sample->process = SampleProcess();

@@ -1,6 +1,7 @@
 // What the tests of the built tools have in common: a sender, texts, the shared memory that a run leaves.
 #pragma once
 
+#include <csignal>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -28,6 +29,17 @@ bool WaitWhileRunning(Child &child, const Condition &condition) {
         return met || !running;
     });
     return met;
+}
+
+// What Child::Wait() says of a process that has been sent a signal of a crash. The sanitizer takes SIGSEGV for one of its own
+// finds, reports it and aborts.
+inline int ExitOfCrash(int number) {
+    constexpr int kSignalled = 256;
+#ifdef __SANITIZE_ADDRESS__
+    return kSignalled + (number == SIGSEGV ? SIGABRT : number);
+#else
+    return kSignalled + number;
+#endif
 }
 
 // H.264 and AAC in real time, for as long as it lives. It is under way when it has been made: a source that

@@ -518,7 +518,7 @@ TEST_F(Service, ManySourcesEndTogetherAndACrashLeavesNothing) {
         }
         EXPECT_GE(files.size(), names.size());
         child->Signal(signal);
-        EXPECT_EQ(child->Wait(), signal == SIGTERM ? 0 : 256 + signal) << child->Err();
+        EXPECT_EQ(child->Wait(), signal == SIGTERM ? 0 : ExitOfCrash(signal)) << child->Err();
         for (const std::string &file : files) {
             EXPECT_NE(access(file.c_str(), F_OK), 0) << file;
         }

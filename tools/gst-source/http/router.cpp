@@ -155,8 +155,15 @@ HttpAnswer Router::FromCache(Cached &cached, const HttpRequest &request, const c
                              const std::function<std::string(const RunSample &)> &make) {
     const auto run = m_service.Newest();
     const auto second = static_cast<int64_t>(AgeS());
-    if (cached.run != run || cached.second != second || !cached.plain) {
-        cached = {run, second, std::make_shared<const std::string>(make(*run)), nullptr};
+    const auto now = Clock::now();
+    // An old sample only gets older. On a machine that takes long to make its text, many clients must not have it made anew
+    // for each of them.
+    constexpr int kShare = 10;
+    const bool older = cached.second != second && now - cached.made >= kShare * cached.cost;
+    if (cached.run != run || older || !cached.plain) {
+        auto text = std::make_shared<const std::string>(make(*run));
+        const auto made = Clock::now();
+        cached = {run, second, made, made - now, std::move(text), nullptr};
     }
     HttpAnswer answer;
     answer.type = type;

@@ -44,7 +44,9 @@ class Router {
     // A body that stays the same until the next sample, and itself made smaller.
     struct Cached {
         std::shared_ptr<const RunSample> run;
-        int64_t second = 0;
+        int64_t second = 0;  // age of the sample then
+        Clock::time_point made;
+        Clock::duration cost{0};  // of making it
         std::shared_ptr<const std::string> plain;
         std::shared_ptr<const std::string> gzip;
     };

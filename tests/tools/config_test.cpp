@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <map>
+#include <ostream>
 
 #include "capacity.h"
 #include "source_fields.h"
@@ -203,6 +204,11 @@ struct WrongFile {
     std::string text;
     std::vector<std::string> lines;  // of the report, each the beginning of one
 };
+
+// GoogleTest would print its bytes, which nobody has set between the members.
+void PrintTo(const WrongFile &file, std::ostream *out) {
+    *out << file.name;
+}
 
 class WrongFiles : public testing::TestWithParam<WrongFile> {};
 

@@ -5,7 +5,7 @@
  *     ./reader NAME > stream.h264
  *     ./reader NAME audio > stream.aac
  *
- * The frames go to standard output one behind the other; what happens to the stream is told on standard error.
+ * The frames go to standard output one behind the other, reports about the stream to standard error.
  */
 #include <inttypes.h>
 #include <shb.h>
@@ -13,7 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-static void tell_description(shb_reader_t *reader, shb_kind_t kind) {
+static void report_description(shb_reader_t *reader, shb_kind_t kind) {
     shb_description_t media = SHB_INIT(shb_description_t);
     if (shb_reader_description(reader, &media) != SHB_OK)
         return; /* written before its writer knew what it carries */
@@ -54,7 +54,7 @@ static int read_track(shb_reader_t *reader, shb_kind_t kind) {
             fprintf(stderr, "%" PRIu64 " frames were too large for the buffer\n", frame.left_out);
         /* A new epoch is a new writer: the source has connected again. */
         if (frame.epoch != epoch || frame.description != description)
-            tell_description(reader, kind);
+            report_description(reader, kind);
         epoch = frame.epoch;
         description = frame.description;
         if (fwrite(data, 1, frame.size, stdout) != frame.size || fflush(stdout) != 0) {

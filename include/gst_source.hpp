@@ -284,7 +284,7 @@ struct Frame {
     ByteView data;               // valid as long as what it was read into, or as it is borrowed
     std::uint64_t sequence = 0;  // number of the frame within the epoch, from 0
     std::uint64_t epoch = 0;     // rises whenever a new writer opens the track; sequence begins anew
-    // Times of the stream. They begin anew with each epoch.
+    // Times of the host's pipeline, which restart with each epoch.
     std::optional<std::chrono::nanoseconds> pts, dts, duration;
     // pts + clock_offset and dts + clock_offset are times of CLOCK_MONOTONIC; empty when not known.
     std::optional<std::chrono::nanoseconds> clock_offset;
@@ -452,9 +452,10 @@ struct SrtOptions {
 };
 
 struct RtmpOptions {
-    std::chrono::seconds contimeout{10};   // to connect; 0 to 2^31 - 1 s
-    std::chrono::seconds idle_timeout{0};  // without data until the session ends; 0 never, which rtmps needs
-    std::string token{};                   // secure token; none for rtmps
+    std::chrono::seconds contimeout{10};  // to connect; 0 to 2^31 - 1 s
+    // Without data until the session ends; 0: never, which rtmps needs. The tool gst-source takes 30 s.
+    std::chrono::seconds idle_timeout{0};
+    std::string token{};  // secure token; none for rtmps
 };
 
 struct UdpOptions {
@@ -644,7 +645,8 @@ class Map {
     // Readers that are open go on.
     void close() noexcept { map_.reset(); }
 
-    // These look at the memory alone, without a system call. Errors: corrupt.
+    // These look at the memory alone, without a system call while the creator's heartbeat is young.
+    // Errors: corrupt.
     Result<Geometry> geometry() const;
     Result<BufferInfo> info() const;
     // Errors: no_such_track, corrupt.
@@ -811,7 +813,7 @@ class Reader {
     Result<BorrowedFrame> borrow(Timeout timeout = forever);
     // For a range-based for. It ends when no frame comes within `timeout`, and when the buffer is closed.
     FrameRange frames(Timeout timeout = forever) { return {reader_, timeout}; }
-    // Waits until a read has something to say: a frame, or its end.
+    // Waits until a read has a frame or its end.
     // Errors: timeout; closed; corrupt; invalid_argument: while a frame is borrowed.
     Result<void> wait(Timeout timeout = forever);
     // Moves the reader, forward or back, as often as wanted. What is jumped over is not lost.

@@ -123,22 +123,21 @@ typedef struct shb_attach_options {
     uint32_t reserved;
 } shb_attach_options_t;
 
-/* What a track carries, as the writer read it from the stream. */
+/* What a track carries, as the writer read it from the stream. Texts end with a NUL. */
 typedef struct shb_description {
     SHB_SIZED(struct shb_description);
     uint32_t serial;           /* 0 while unknown; rises by one at every change within one epoch */
-    int32_t media;             /* media kind code of the sink's "media" property (48 H.264, 64 H.265, 21 AAC, ...) */
+    int32_t media;             /* kind of media as in the sink's property "media": 48 H.264, 21 AAC, ... */
     uint32_t codec_data_bytes; /* size of the codec data, 0: none */
-    char code[16];             /* encoding name, NUL-terminated */
-    char profile[24];          /* profile name, NUL-terminated, may be empty */
-    char level[16];            /* level, NUL-terminated, may be empty */
-    char format[16];           /* form of the frames: "byte-stream", "adts", "raw", "loas"; empty where a codec has only one */
+    char code[16];             /* encoding name */
+    char profile[24];          /* may be empty */
+    char level[16];            /* may be empty */
+    char format[16];           /* "byte-stream", "adts", "raw", "loas"; empty where a codec has one form only */
     int32_t width, height;     /* video: pixels */
     int32_t fps_n, fps_d;      /* video: announced frame rate, 0/1 when not announced */
     int32_t scan_type;         /* video: 0 progressive, 1 interlaced, 2 anything else */
     int32_t ref_frames;        /* video: reference frames */
-    int32_t
-        reorder_frames; /* video: frames that can come before one that is shown earlier; 0: shown as they come; -1: not known */
+    int32_t reorder_frames;    /* video: frames that can come before one that is shown earlier; -1: not known */
     int32_t sample_rate;       /* audio: Hz */
     int32_t channels;          /* audio: channels */
     int32_t samples_per_frame; /* audio: samples per frame and channel */
@@ -154,8 +153,8 @@ typedef struct shb_frame {
     uint32_t description; /* serial of the description that the frame belongs to */
     uint64_t sequence;    /* number of the frame within the epoch, from 0, without holes on the writer's side */
     uint64_t epoch;       /* rises whenever a new writer opens the track; sequence starts again */
-    uint64_t pts;         /* ns, SHB_TIME_NONE when not known */
-    uint64_t dts;         /* ns, SHB_TIME_NONE when not known */
+    uint64_t pts;         /* ns of the writer's pipeline, anew in each epoch; SHB_TIME_NONE when not known */
+    uint64_t dts;         /* the same */
     uint64_t duration;    /* ns, SHB_TIME_NONE when not known */
     /*
      * Frames that this reader did not get between the previous one and this one: overwritten unread, or passed
@@ -165,10 +164,10 @@ typedef struct shb_frame {
      */
     uint64_t lost;
     uint64_t lost_before;
-    uint64_t left_out;    /* frames larger than the track, which were never written, since the previous frame of this reader */
+    uint64_t left_out;    /* frames since the previous one that were larger than the track and not written */
     uint64_t arrival_ns;  /* when it was written, CLOCK_MONOTONIC of the creator */
     uint64_t wall_ns;     /* the same moment as CLOCK_REALTIME, ns since 1970-01-01 UTC */
-    int64_t clock_offset; /* pts + clock_offset (also of dts) is a time of CLOCK_MONOTONIC; SHB_OFFSET_NONE when not known */
+    int64_t clock_offset; /* pts and dts plus this are times of CLOCK_MONOTONIC; SHB_OFFSET_NONE: not known */
 } shb_frame_t;
 
 /* Counters of a track since its writer opened it, unless noted. */
@@ -177,10 +176,11 @@ typedef struct shb_stats {
     int32_t writer_pid; /* in the creator's PID namespace; 0 when no writer has the track open now */
     uint64_t epoch;     /* 0 when the track never had a writer */
     uint64_t frames, bytes, key_frames;
-    uint64_t left_out;                                  /* frames larger than the track, which were not written */
-    uint64_t held;                                      /* frames that a reader can have now */
-    uint64_t total_frames, total_bytes, total_left_out; /* over all epochs of this buffer */
-    uint64_t age_ns;                                    /* age of the last frame, SHB_TIME_NONE when there is none */
+    uint64_t left_out; /* frames larger than the track, which were not written */
+    uint64_t held;     /* frames that a reader can have now */
+    /* Over all epochs of this buffer. */
+    uint64_t total_frames, total_bytes, total_left_out;
+    uint64_t age_ns;      /* age of the last frame, SHB_TIME_NONE when there is none */
     uint32_t bitrate;     /* bits per second over the writer's last window of about one second, 0 before the first */
     uint32_t fps_milli;   /* frames per 1000 seconds over the same window */
     int64_t clock_offset; /* as in shb_frame_t, for the next frame */
@@ -196,9 +196,9 @@ typedef struct shb_reader_stats {
     uint64_t lost;                      /* the sum of `lost` over all frames delivered */
     uint64_t losses;                    /* frames delivered with a `lost` above 0 */
     uint64_t left_out;                  /* the sum of `left_out` over all frames delivered */
-    uint64_t epochs;                    /* times that a frame came of another epoch than the one before, the first included */
+    uint64_t epochs;                    /* changes of `epoch` from frame to frame, the first frame included */
     uint64_t waiting;                   /* frames written that this reader has not read yet, lost ones included */
-    /* Frames written from where the reader began. What a seek or the wait for a first key frame jumps over is none. */
+    /* Frames written since the reader began; not those that a seek or the wait for a key frame skips. */
     uint64_t offered;
 } shb_reader_stats_t;
 
@@ -224,14 +224,15 @@ typedef struct shb_reader_info {
 /* A buffer of this machine, as shb_list and shb_map_info find it. */
 typedef struct shb_info {
     SHB_SIZED(struct shb_info);
-    uint32_t version;    /* layout version; `heartbeat_age_ns` and what follows is zero unless it is this library's and sound */
-    int32_t creator_pid; /* process that made it, in its own PID namespace */
-    int32_t pid_is_ours; /* 1: creator_pid means the same to the caller; 0: another PID namespace */
-    int32_t alive;       /* 1 while the creator has it open, 0 after it destroyed it or died */
-    uint32_t owner;      /* user that it belongs to */
-    uint32_t group;      /* group of the file */
-    uint32_t mode;       /* permissions of the file */
-    char name[208];      /* with its leading "/" */
+    /* Of the layout. With another one than this library's, or damage, heartbeat_age_ns and later are 0. */
+    uint32_t version;
+    int32_t creator_pid;       /* process that made it, in its own PID namespace */
+    int32_t pid_is_ours;       /* 1: creator_pid means the same to the caller; 0: another PID namespace */
+    int32_t alive;             /* 1 while the creator has it open, 0 after it destroyed it or died */
+    uint32_t owner;            /* user that it belongs to */
+    uint32_t group;            /* group of the file */
+    uint32_t mode;             /* permissions of the file */
+    char name[208];            /* with its leading "/" */
     uint64_t heartbeat_age_ns; /* since the creator's last heartbeat (every 250 ms; a stopped process has none) */
     uint64_t total_bytes;      /* shared memory that it takes */
     shb_geometry_t geometry;
@@ -297,10 +298,11 @@ SHB_API int shb_buffer_description(const shb_buffer_t *buffer, uint32_t channel,
 SHB_API int shb_set_presence(shb_buffer_t *buffer, uint32_t channel, uint32_t stream, shb_kind_t kind, shb_presence_t presence);
 
 /*
- * Lists who reads the buffer now, in the creator's process. Up to `capacity` entries are filled in; *count: how many
- * there are. out[0].struct_size is the size of each entry. out may be null with capacity 0. Not listed are readers
- * of other users than the creator's (root is), those of libraries before 2.1, and of more than 64 readers those
- * that came last. A reader that was killed is not listed any more; one in another PID namespace for up to a minute.
+ * Lists who reads the buffer now, in the creator's process. Up to `capacity` entries are filled in; *count: how
+ * many there are. out[0].struct_size is the size of each entry. out may be null with capacity 0. Not listed are
+ * readers of other users than the creator's (those of root are), those of libraries before 2.1, and of more than
+ * 64 readers those that came last. A reader that was killed is not listed any more. A reader in another PID
+ * namespace leaves the list for good when it has not read or waited for a minute; it can read on all the same.
  * Asks the system about each process. Any thread. Errors: ARG. Since 2.1.
  */
 SHB_API int shb_buffer_readers(const shb_buffer_t *buffer, shb_reader_info_t *out, size_t capacity, size_t *count);
@@ -430,8 +432,8 @@ SHB_API int shb_reader_borrow(shb_reader_t *reader, int timeout_ms, const void *
  */
 SHB_API int shb_reader_return(shb_reader_t *reader);
 /*
- * Waits until shb_reader_read has something to say, up to timeout_ms as there. Errors: ARG, TIMEOUT, CLOSED,
- * CORRUPT.
+ * Waits until shb_reader_read has a frame or its end, up to timeout_ms as there. Errors: ARG, TIMEOUT,
+ * CLOSED, CORRUPT.
  */
 SHB_API int shb_reader_wait(shb_reader_t *reader, int timeout_ms);
 /*
@@ -478,10 +480,10 @@ SHB_API int shb_open_av(shb_map_t *map, uint32_t channel, uint32_t stream, shb_s
 /* ---- Waiting for several ------------------------------------------------------------------------------------------------ */
 
 /*
- * Waits until one of `count` readers (1 to 1024), of any tracks and buffers, has something to say, up to
- * timeout_ms as shb_reader_read does; *index: which one. A reader whose buffer is closed or damaged has that to
- * say. Begins to look behind the one that was found last when *index holds that (any other value: at the
- * first). Errors: ARG; TIMEOUT; SYSTEM.
+ * Waits until one of `count` readers (1 to 1024), of any tracks and buffers, has a frame or its end, up to
+ * timeout_ms as shb_reader_read does; *index: which one. A buffer that is closed or damaged is such an end.
+ * Begins to look behind the one that was found last when *index holds that (any other value: at the first).
+ * Errors: ARG; TIMEOUT; SYSTEM.
  */
 SHB_API int shb_wait_any(shb_reader_t *const *readers, size_t count, int timeout_ms, size_t *index);
 
@@ -501,8 +503,8 @@ SHB_API int shb_set_remove(shb_set_t *set, shb_reader_t *reader);
 /* The descriptor, which stays the set's; -1 for null. */
 SHB_API int shb_set_fd(const shb_set_t *set);
 /*
- * A reader that has something to say, in turns; waits up to timeout_ms as shb_reader_read does. Errors: ARG,
- * TIMEOUT, SYSTEM.
+ * A reader that has a frame or its end, in turns; waits up to timeout_ms as shb_reader_read does. Errors:
+ * ARG, TIMEOUT, SYSTEM.
  */
 SHB_API int shb_set_next(shb_set_t *set, int timeout_ms, shb_reader_t **out);
 
@@ -523,7 +525,7 @@ enum {
     SHB_FOLLOW_RESTARTED = 1u << 1, /* with ATTACHED: it is not the first one: its host was started anew */
     SHB_FOLLOW_GONE = 1u << 2,      /* the host has gone, and everything that it wrote has been read */
     SHB_FOLLOW_EPOCH = 1u << 3,     /* with a frame: the first of another writer; the source has connected again */
-    SHB_FOLLOW_MEDIA = 1u << 4 /* with a frame: what the track carries is not what it was, or is known for the first time */
+    SHB_FOLLOW_MEDIA = 1u << 4      /* with a frame: another description than before, or the first one */
 };
 
 /*

@@ -10,7 +10,7 @@
 
 #include "shb_reader.h"
 
-/* A reader of another PID namespace cannot be asked for; one that runs shows a sign of life when it looks. */
+/* A reader of another PID namespace cannot be asked for. Each of its reads and waits is a sign of life. */
 #define SIGN_OF_LIFE_NS UINT64_C(60000000000)
 
 shb_reader_table_t *shb_reader_table_at(const shb_places_t *places, void *waiters) {

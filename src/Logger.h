@@ -9,9 +9,10 @@ namespace GSTREAMER {
 
 enum class LogLevel { Fatal, Err, Warn, Info, Debug };
 
-// These three write a text to descriptor 1, at once and in order. They never block: a text that finds
-// no room is dropped, one that is written in part is completed before the next. After dropped texts, a
-// line with their number comes first. Any thread.
+// These three write a text to descriptor 1, at once and in order. They do not wait for a reader: a text that
+// finds no room is dropped, one that is written in part is completed before the next. After dropped texts, a
+// line with their number comes first. A regular file on a disk that stalls blocks them until the write is
+// done; other threads wait 0.5 s or more for their turn, then drop their text. Any thread.
 
 // A log line. `line` is the source line of the statement.
 void WriteLogLine(LogLevel level, int line, const std::string &message) noexcept;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A long run of the service: a hundred sources in one gst-source, which is reloaded, restarted, looked at and read all the time.
 
-    tests/reliability/fleet_soak.py --build build/test --minutes 60 --sources 100 --out docs/reliability
+    tests/reliability/fleet_soak.py --build build/test --minutes 60 --sources 100 --out docs/reports/reliability
 
 Most sources are UDP, fed by one cheap sender. Of RTSP, RTMP, SRT and HLS there is one for each fifty sources, with a peer of
 its own that is killed and started again at random moments. Every minute the file of sources is changed and reloaded: some

@@ -24,7 +24,7 @@ struct Cost {
 
 constexpr uint64_t kMiB = uint64_t{1} << 20;
 
-// Of 2 Mb/s over UDP, on a core of 2023 (docs/bench/fleet.md).
+// Of 2 Mb/s over UDP, on a core of 2023 (docs/reports/bench/fleet.md).
 constexpr double kCores = 0.006;
 
 // Measured, and a little more, since a source takes more while it connects (docs/operating.md has the figures).

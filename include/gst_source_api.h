@@ -28,6 +28,12 @@
 #endif
 #endif
 
+/* Version of this header, which is that of the library it comes with. Minor versions add, and never change or take away. */
+#define GST_SOURCE_VERSION_MAJOR 1
+#define GST_SOURCE_VERSION_MINOR 0
+#define GST_SOURCE_VERSION_PATCH 0
+#define GST_SOURCE_VERSION_NUMBER (GST_SOURCE_VERSION_MAJOR << 16 | GST_SOURCE_VERSION_MINOR << 8 | GST_SOURCE_VERSION_PATCH)
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -17,7 +17,8 @@ test_packages=(gstreamer1.0-libav gstreamer1.0-x xvfb libx11-dev libavformat-dev
     libnginx-mod-rtmp libnginx-mod-stream libfaketime tinyproxy-bin vlc-bin vlc-plugin-base openssl python3-numpy python3-yaml mypy
     procps iproute2 systemd git clang clang-format clang-tidy libclang-rt-dev cppcheck valgrind abigail-tools gcovr gdb shellcheck
     g++-aarch64-linux-gnu libc6-dev-arm64-cross googletest qemu-user 'promtool|prometheus'
-    chromium chromium-driver python3-selenium fonts-dejavu-core)
+    chromium chromium-driver python3-selenium fonts-dejavu-core
+    cmake bash-completion fish zsh groff)
 all_packages=("${build_packages[@]}" "${runtime_packages[@]}" "${sender_packages[@]}" "${python_packages[@]}"
     "${test_packages[@]}")
 
@@ -92,6 +93,28 @@ need_packages() {
     quietly as_root env DEBIAN_FRONTEND=noninteractive apt-get -qq -y --no-install-recommends install "${names[@]}" ||
         fail "apt-get could not install ${missing[*]}"
 }
+
+# apt_mirrors RELEASE: where apt has this machine's release from, as lines for apt with RELEASE in its place.
+apt_mirrors() {
+    local own
+    own=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+    apt-get indextargets --format "deb \$(SITE) \$(CODENAME) main" 'Created-By: Packages' 'Origin: Debian' 'Component: main' |
+        sed -n "s/ $own\(-[a-z]*\)\? main\$/ $1\1 main/p" | sort -u
+}
+
+# own_mirrors RELEASE: the same on a machine whose package lists may be missing.
+own_mirrors() {
+    local mirrors
+    mirrors=$(apt_mirrors "$1")
+    if [ -z "$mirrors" ]; then
+        quietly apt-get -qq update || fail 'the package lists could not be refreshed'
+        mirrors=$(apt_mirrors "$1")
+    fi
+    printf '%s\n' "$mirrors" | sed '/^$/d'
+}
+
+# own_proxies: the proxies that apt has here, as options for apt.
+own_proxies() { apt-config dump | grep -E '^Acquire::[a-z]+::Proxy(::[^ ]*)? ' || true; }
 
 # What clang-format, clang-tidy and cppcheck lay out and find differs with their version: those of Debian 12 decide, and others are not asked.
 style_tools_are_pinned() {

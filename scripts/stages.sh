@@ -19,12 +19,13 @@ tidy() {
 }
 
 shell_scripts() {
-    (cd "$root" && shellcheck -x scripts/{run,read,test,on,python} examples/*.sh .ci/run tests/make_materials.sh \
-        tests/unit/no_live_objects.sh)
+    (cd "$root" && shellcheck -x scripts/{run,read,test,on,python,package,site} examples/*.sh .ci/run tests/make_materials.sh \
+        tests/unit/no_live_objects.sh packaging/completions/*.bash packaging/debian/gst-source.postrm packaging/debian/tests/{stream,build,python,service})
 }
 
 style_checks() {
     check 'the scripts (shellcheck)' shell_scripts
+    check 'the guides: links, pictures, sentences' python3 "$root/scripts/guides.py"
     check 'the table of workarounds' python3 "$root/scripts/workarounds.py"
     if style_tools_are_pinned; then
         check 'layout of the sources (clang-format)' layout
@@ -65,7 +66,7 @@ fuzz_dir() {
 # A log statement with a condition in it counts.
 coverage_options=(--root "$root" --filter "$root/src/" --exclude-throw-branches --exclude-unreachable-branches
     --exclude-branches-by-pattern '.*LOG_(FATAL|ERR|WARN|INFO|DEBUG)\((?!.* \? )')
-# What has been reached; the branches that remain are listed in docs/reliability.md.
+# What has been reached; the branches that remain are listed in docs/reports/reliability.md.
 coverage_lines=99
 coverage_branches=94
 
@@ -85,4 +86,30 @@ coverage_checks() {
     gcovr --root "$root" --add-tracefile "$counts" --branches
     check "$coverage_lines % of the lines and $coverage_branches % of the branches" gcovr --root "$root" --add-tracefile "$counts" \
         --fail-under-line "$coverage_lines" --fail-under-branch "$coverage_branches"
+}
+
+# packages_in_root RELEASE: the packages of build/packages on a system that has nothing else.
+packages_in_root() {
+    local release=$1 place=$root/build/roots/$1.packages mirrors proxies status=0
+    need_packages mmdebstrap dpkg-dev
+    mapfile -t mirrors < <(own_mirrors "$release")
+    mapfile -t proxies < <(own_proxies)
+    as_root rm -rf --one-file-system "$place"
+    mkdir -p "${place%/*}"
+    as_root mmdebstrap --mode=root --variant=minbase --format=directory "${proxies[@]/#/--aptopt=}" \
+        --aptopt='APT::Sandbox::User "root"' --aptopt='Acquire::Languages "none"' --dpkgopt=force-unsafe-io \
+        "$release" "$place" "${mirrors[@]}"
+    as_root install -m 644 /etc/resolv.conf "$place/etc/resolv.conf"
+    as_root env ${http_proxy+"http_proxy=$http_proxy"} python3 "$root/tests/packaging/root_test.py" "$release" \
+        "$root/build/packages/$release" "$place" || status=$?
+    as_root rm -rf --one-file-system "$place"
+    return "$status"
+}
+
+package_checks() {
+    local release
+    for release in bookworm trixie; do
+        check "the packages of Debian $release (scripts/package)" "$root/scripts/package" --release "$release"
+        check "the packages in an empty Debian $release" packages_in_root "$release"
+    done
 }

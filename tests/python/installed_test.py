@@ -8,6 +8,8 @@ from pathlib import Path
 
 from support import BUILD, Case, unique_name
 
+import gst_source
+
 CODE = """
 import gst_source, sys
 with gst_source.Buffer(sys.argv[1]) as buffer, buffer.open("udp://127.0.0.1:9") as source:
@@ -34,6 +36,8 @@ class Installed(Case):
         _, err = child.communicate(timeout=60)
         self.assertEqual(child.returncode, 0, err)
         self.assertIn(f"{package} ", err)
+        [description] = folder.rglob("gst-source.pc")
+        self.assertIn(f"Version: {gst_source.__version__}\n", description.read_text())
         self.assertEqual(
             sorted(path.name for path in package.parent.iterdir() if path.suffix == ".pyi" or path.name == "py.typed"),
             ["_shb.pyi", "_source.pyi", "py.typed"],

@@ -166,7 +166,8 @@ TEST(ReadRun, HelpAndVersion) {
     }
     Child version(Reading({"--version"}));
     EXPECT_EQ(version.Wait(), 0);
-    EXPECT_EQ(Lines(version.Out()).size(), 1u);
+    EXPECT_EQ(version.Out().rfind("gst-source-read ", 0), 0u) << version.Out();
+    EXPECT_TRUE(Has(version.Out(), " (libshb ") && Has(version.Out(), ", GStreamer 1.")) << version.Out();
 }
 
 TEST(ReadRun, WrongCommandLinesSayWhatIsWrong) {

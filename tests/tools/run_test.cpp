@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <regex>
 
 #include "run_support.h"
 
@@ -83,7 +84,9 @@ TEST(Run, HelpAndVersion) {
     EXPECT_EQ(help.Err(), "");
     Child version(Command({"--version"}));
     EXPECT_EQ(version.Wait(), 0);
-    EXPECT_EQ(Lines(version.Out()).size(), 1u);
+    EXPECT_TRUE(std::regex_match(version.Out(), std::regex("gst-source \\d+\\.\\d+\\.\\d+ "
+                                                           "\\(libshb \\d+\\.\\d+\\.\\d+, GStreamer 1\\.\\d+\\.\\d+\\)\n")))
+        << version.Out();
 }
 
 TEST(Run, WrongCommandLinesOpenNothing) {
@@ -233,12 +236,30 @@ TEST(Run, SecretsAreMaskedInTheLog) {
 
 TEST(Run, MissingSinkIsNamed) {
     const TempDir dir;
-    Child child(Command({UdpUrl(FreeUdpPort())}), {{"GST_PLUGIN_PATH", dir.File("none")},
-                                                   {"GST_PLUGIN_SYSTEM_PATH", dir.File("none")},
-                                                   {"GST_REGISTRY", dir.File("registry")}});
+    const auto without = [&dir](const std::string &registry) {
+        return Child::Variables{{"GST_PLUGIN_PATH", dir.File("none")},
+                                {"GST_PLUGIN_SYSTEM_PATH", dir.File("none")},
+                                {"GST_REGISTRY", dir.File(registry)}};
+    };
+    // A copy elsewhere has no plug-in beside it; the libraries are where they were.
+    const std::filesystem::path built = std::getenv("GST_SOURCE_TOOL");
+    const std::filesystem::path build = built.parent_path().parent_path().parent_path();
+    std::filesystem::copy(built, dir.File("gst-source"));
+    auto moved = without("one");
+    moved["LD_LIBRARY_PATH"] = (build / "src").string() + ":" + (build / "shbsink").string();
+    Child child({dir.File("gst-source"), UdpUrl(FreeUdpPort())}, moved);
     EXPECT_EQ(child.Wait(), 1);
     ASSERT_EQ(Complaints(child.Err()).size(), 1u) << child.Err();
-    EXPECT_TRUE(Has(Complaints(child.Err())[0], "shbsink"));
+    EXPECT_EQ(Complaints(child.Err())[0],
+              "gst-source: the GStreamer element \"shbsink\" is missing; GST_PLUGIN_PATH must name the directory of "
+              "libgstshbsink.so");
+
+    // The program that was built knows where its plug-in has been built, although GStreamer does not: what it lacks is the
+    // rest of the chain.
+    Child found(Command({UdpUrl(FreeUdpPort())}), without("two"));
+    EXPECT_EQ(found.Wait(), 1);
+    EXPECT_FALSE(Has(found.Err(), "\"shbsink\" is missing")) << found.Err();
+    EXPECT_TRUE(Has(found.Err(), "\"udpsrc\" is missing")) << found.Err();
 }
 
 TEST(Run, BufferNameInUse) {

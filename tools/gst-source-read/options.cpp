@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <iterator>
 #include <limits>
@@ -7,13 +9,11 @@
 #include <vector>
 
 #include "command_line.h"
+#include "companion.h"
 #include "container.h"
 #include "container_names.h"
+#include "describe.h"
 #include "view_options.h"
-
-#ifndef TOOL_VERSION
-#define TOOL_VERSION "unknown"
-#endif
 
 namespace reader {
 namespace {
@@ -50,8 +50,8 @@ class CommandLine {
             "gst-source-read play [NAME] [--channel N] [--stream N] [--no-audio] [--follow]\n"
             "gst-source-read snapshot NAME OUT.jpg|OUT.png|- [--channel N] [--stream N] [--timeout SECONDS] ...\n"
             "gst-source-read remove NAME [--force]\n\n"
-            "Without NAME: the one live buffer of this machine. COMMAND --help tells what a command's flags mean."));
-        m_app.set_version_flag("--version", std::string(kProgram) + " " + TOOL_VERSION);
+            "Without NAME: the one live buffer of this machine. COMMAND --help explains the flags of a command."));
+        m_app.set_version_flag("--version", tool::VersionText(kProgram));
         m_app.require_subcommand(1);
         AddList();
         AddTracks();
@@ -261,6 +261,11 @@ ParseResult ParseOptions(int argc, const char *const *argv) {
     }
     result.options = std::move(options);
     return result;
+}
+
+nlohmann::json DescribeOptions() {
+    Options options;
+    return tool::Describe(CommandLine(options).App());
 }
 
 }  // namespace reader

@@ -1,6 +1,8 @@
 // The command line.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -43,5 +45,8 @@ struct Options {
 using ParseResult = tool::Parsed<Options>;
 
 ParseResult ParseOptions(int argc, const char *const *argv);
+
+// The command line as data; see describe.h.
+nlohmann::json DescribeOptions();
 
 }  // namespace reader

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -10,14 +11,12 @@
 #include <stdexcept>
 
 #include "command_line.h"
+#include "companion.h"
 #include "container_names.h"
+#include "describe.h"
 #include "secrets.h"
 #include "source_fields.h"
 #include "stream_url.h"
-
-#ifndef TOOL_VERSION
-#define TOOL_VERSION "unknown"
-#endif
 
 namespace tool {
 namespace {
@@ -91,7 +90,7 @@ constexpr const char *kUsage =
     "       gst-source reload FILE\n\n"
     "Each URL is one source and one channel of the shared buffer, counted from 0. Its scheme is the protocol:\n"
     "udp://  rtsp:// rtsps:// rtspt:// rtspu://  srt://  rtmp:// rtmps://  http:// https:// (HLS)\n"
-    "A file names its sources, each with a shared buffer of its own (docs/service.md). check reports every mistake in it;\n"
+    "A file names its sources, each with a shared buffer of its own (man gst-source.toml). check reports every mistake in it;\n"
     "reload makes the run that has it open read it again: sources that did not change go on untouched.";
 
 constexpr const char *kSchemes = "udp, rtsp, rtsps, rtspt, rtspu, srt, rtmp, rtmps, http and https";
@@ -116,7 +115,7 @@ class CommandLine {
   public:
     explicit CommandLine(Options &options) : m_options(options) {
         m_app.formatter(MakeHelpFormatter(kUsage));
-        m_app.set_version_flag("--version", std::string("gst-source ") + TOOL_VERSION);
+        m_app.set_version_flag("--version", VersionText("gst-source"));
         AddSources();
         AddBuffer();
         AddOutput();
@@ -311,7 +310,8 @@ class CommandLine {
         m_app
             .add_option_function<std::string>(
                 "--log-level", [this](const std::string &text) { m_options.log_level = CheckedLogLevel("--log-level", text); },
-                "the lowest level of the log that is shown: error, warning, info or debug; default info, under the table "
+                "the lowest level of the log that is shown: error, warning, info or debug. By default all of it, under the "
+                "table "
                 "warning")
             ->type_name("LEVEL")
             ->group(m_group);
@@ -395,28 +395,44 @@ void WarnOfValues(Options &options) {
 }
 
 // "check FILE" and "reload FILE".
+class FileCommand {
+  public:
+    FileCommand(Command command, std::string &file)
+        : m_name(command == Command::kCheck ? "gst-source check" : "gst-source reload") {
+        const bool checks = command == Command::kCheck;
+        m_app.description(checks ? "Reports every mistake in a file of sources as FILE:LINE:COLUMN: ..., and opens nothing."
+                                 : "Makes the run that has the file open read it again. Sources that did not change go on "
+                                   "untouched.");
+        m_app.name(m_name);
+        m_app.formatter(MakeHelpFormatter(m_name + " FILE"));
+        m_app.add_option("FILE", file)->group("");
+        m_app.footer(
+            checks ? "Exit code: 0 the file is good; 2 it is not."
+                   : "Exit code: 0 the file is in force; 1 no run has it open, or it could not be reached; 2 the file is not "
+                     "good, and the run goes on with what it had.");
+    }
+
+    void Parse(int argc, const char *const *argv) { m_app.parse(argc, argv); }
+    const CLI::App &App() const { return m_app; }
+    const std::string &Name() const { return m_name; }
+
+  private:
+    const std::string m_name;
+    CLI::App m_app;
+};
+
 ParseResult ParseFileCommand(Command command, int argc, const char *const *argv) {
-    const bool checks = command == Command::kCheck;
-    const std::string name = checks ? "gst-source check" : "gst-source reload";
     ParseResult result;
     Options options;
     options.command = command;
-    CLI::App app{checks ? "Reports every mistake in a file of sources as FILE:LINE:COLUMN: ..., and opens nothing."
-                        : "Makes the run that has the file open read it again. Sources that did not change go on untouched.",
-                 name};
-    app.formatter(MakeHelpFormatter(name + " FILE"));
-    app.add_option("FILE", options.config_file)->group("");
-    app.footer(checks
-                   ? "Exit code: 0 the file is good; 2 it is not."
-                   : "Exit code: 0 the file is in force; 1 no run has it open, or it could not be reached; 2 the file is not "
-                     "good, and the run goes on with what it had.");
+    FileCommand command_line(command, options.config_file);
     const auto parse = [&] {
-        app.parse(argc - 1, argv + 1);
+        command_line.Parse(argc - 1, argv + 1);
         if (options.config_file.empty()) {
             Refuse("no file given");
         }
     };
-    if (const auto end = Parse(app, name, parse)) {
+    if (const auto end = Parse(command_line.App(), command_line.Name(), parse)) {
         static_cast<ParseEnd &>(result) = *end;
         return result;
     }
@@ -460,6 +476,34 @@ ParseResult ParseOptions(int argc, const char *const *argv, const Environment &e
     }
     result.options = std::move(options);
     return result;
+}
+
+nlohmann::json DescribeOptions() {
+    Options options;
+    nlohmann::json all = Describe(CommandLine(options).App());
+    for (const Command command : {Command::kCheck, Command::kReload}) {
+        all["commands"].push_back(Describe(FileCommand(command, options.config_file).App()));
+    }
+    return all;
+}
+
+nlohmann::json DescribeSourceFields() {
+    nlohmann::json fields = nlohmann::json::array();
+    const SourceConfig defaults;
+    for (const SourceField &field : SourceFields()) {
+        nlohmann::json record = {{"key", field.key},
+                                 {"type", field.unit},
+                                 {"help", field.help},
+                                 {"kind", field.kind == SourceField::Kind::kText ? "text" : "number"}};
+        if (field.protocol) {
+            record["protocol"] = GroupOf(*field.protocol);
+        }
+        if (!field.secret && !field.get(defaults).empty()) {
+            record["default"] = field.get(defaults);
+        }
+        fields.push_back(record);
+    }
+    return fields;
 }
 
 std::string CheckedLogLevel(const std::string &flag, const std::string &text) {

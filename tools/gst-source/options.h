@@ -1,6 +1,8 @@
 // The command line: what it may say, what it means, and what it must not leave open.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -48,6 +50,11 @@ using ParseResult = Parsed<Options>;
 using Environment = std::function<const char *(const char *)>;
 
 ParseResult ParseOptions(int argc, const char *const *argv, const Environment &environment);
+
+// The command line as data (see describe.h), and the options of a source in a file: "key", "type", "help", "kind" ("text" or
+// "number"), and where there is one "protocol" and "default".
+nlohmann::json DescribeOptions();
+nlohmann::json DescribeSourceFields();
 
 // "error", "warning", "info" or "debug". Throws std::runtime_error with a message for people.
 std::string CheckedLogLevel(const std::string &label, const std::string &text);

@@ -20,12 +20,4 @@ void Alive() {
     sd_notify(0, "WATCHDOG=1");
 }
 
-std::optional<std::chrono::microseconds> WatchdogInterval() {
-    uint64_t interval = 0;
-    if (sd_watchdog_enabled(0, &interval) <= 0) {
-        return std::nullopt;
-    }
-    return std::chrono::microseconds(interval);
-}
-
 }  // namespace tool::service_manager

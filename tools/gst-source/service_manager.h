@@ -1,8 +1,6 @@
 // Reports to the system's service manager, when there is one.
 #pragma once
 
-#include <chrono>
-#include <optional>
 #include <string>
 
 namespace tool::service_manager {
@@ -14,7 +12,5 @@ void Status(const std::string &status);
 void Stopping();
 // To be called several times in every interval that the manager expects.
 void Alive();
-// That interval, when it expects one.
-std::optional<std::chrono::microseconds> WatchdogInterval();
 
 }  // namespace tool::service_manager

@@ -1,12 +1,11 @@
 #include "station.h"
 
-#include <gst/gst.h>
-
 #include <algorithm>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "companion.h"
 #include "record.h"
 #include "source_fields.h"
 #include "udp_port.h"
@@ -15,16 +14,6 @@ namespace tool {
 namespace {
 
 using Seconds = std::chrono::duration<double>;
-
-// The framework is initialised once the first source exists.
-void RequireSink() {
-    GstElementFactory *factory = gst_element_factory_find("shbsink");
-    if (factory == nullptr) {
-        throw std::runtime_error(
-            "the GStreamer element \"shbsink\" is missing; GST_PLUGIN_PATH must name the directory of libgstshbsink.so");
-    }
-    gst_object_unref(factory);
-}
 
 // As long as the library waits between two sessions.
 constexpr std::chrono::seconds kRetry{3};
@@ -75,7 +64,7 @@ void Station::Open() {
         return;
     }
     // Without it no source of this process would ever play.
-    static const bool sink_is_there = (RequireSink(), true);
+    static const bool sink_is_there = (RequireCompanion("shbsink"), true);
     static_cast<void>(sink_is_there);
     m_source->Take(m_news);
     BeginSession(Clock::now());

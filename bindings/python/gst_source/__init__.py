@@ -51,6 +51,9 @@ from .source import (
 )
 from .stream import Stream
 
+# Of this package, and of the library that it comes with.
+__version__ = "1.0.0"
+
 __all__ = [
     "ArgumentError",
     "AudioInfo",

@@ -126,7 +126,7 @@ class Map(Handle):
     def alive(self) -> bool:
         """True while the creator has the buffer open.
 
-        One that was killed counts as alive for up to half a second.
+        One that was killed counts as alive for up to 0.5 s, one in another PID namespace for up to 5 s.
         """
         return bool(lib.shb_map_alive(self._use()))
 
@@ -310,7 +310,7 @@ class Reader(Handle):
             raise StopIteration from None
 
     def wait(self, timeout: float | None = None) -> None:
-        """Waits until `read` has something to say, as that does.
+        """Waits until `read` has a frame or its end, as that does.
 
         Raises Timeout, Closed, Corrupt, ArgumentError.
         """
@@ -435,11 +435,11 @@ def _lock_all(readers: Iterable[Reader]) -> ExitStack:
 
 
 def wait_any(readers: Iterable[Reader], timeout: float | None = None, *, after: Reader | None = None) -> Reader:
-    """Waits until one of 1 to 1024 readers has something to say; that one is the result.
+    """Waits until one of 1 to 1024 readers has a frame or its end; that one is the result.
 
-    They may be of any tracks and buffers. A reader whose buffer is closed or damaged has that to say. `after`: the
-    one that was found last, which is looked at last. Any thread. Raises Timeout; ArgumentError, also while a frame is
-    borrowed; SystemFailure.
+    They may be of any tracks and buffers. A buffer that is closed or damaged is such an end. `after`: the one
+    that was found last, which is looked at last. Any thread. Raises Timeout; ArgumentError, also while a
+    frame is borrowed; SystemFailure.
     """
     every = list(readers)
     if not 1 <= len(every) <= 1024:
@@ -518,7 +518,7 @@ class ReaderSet(Handle):
         return int(lib.shb_set_fd(self._use()))
 
     def next(self, timeout: float | None = None) -> Reader:
-        """A reader that has something to say, in turns; waits as `Reader.read` does.
+        """A reader that has a frame or its end, in turns; waits as `Reader.read` does.
 
         Raises Timeout, SystemFailure.
 

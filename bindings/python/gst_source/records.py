@@ -156,7 +156,7 @@ class FrameFields:
     flags: int  #: SHB_FRAME_, see `key`, `discont`, `header`
     sequence: int  #: number of the frame within the epoch, from 0
     epoch: int  #: rises whenever a new writer opens the track; `sequence` starts again
-    pts: int | None  #: presentation time stamp, ns of the pipeline's clock; None when not known
+    pts: int | None  #: presentation time stamp, ns of the host's pipeline, anew in each epoch; None: unknown
     dts: int | None  #: decoding time stamp, the same
     duration: int | None  #: ns, None when not known
     lost: int  #: frames that this reader did not get right before this one

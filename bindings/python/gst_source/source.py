@@ -407,7 +407,7 @@ class RtmpSource(Source):
 
         caching       without effect on this protocol
         contimeout    s to wait for the server
-        idle_timeout  s without data after which the session ends, 0 never; RTMPS needs 0
+        idle_timeout  s without data after which the session ends, 0 never; RTMPS needs 0. gst-source takes 30
         user, pwd     credentials, both or none; none for RTMPS, which does not connect with them
         token         secure token; none for RTMPS
 
@@ -427,8 +427,8 @@ class RtmpSource(Source):
             on_media_change,
             "gst_rtmp_source_open_live_stream",
             whole("caching", caching, 0, U32),
-            whole("contimeout", contimeout, 0, U32),
-            whole("idle_timeout", idle_timeout, 0, U32),
+            whole("contimeout", contimeout, 0, 2**31 - 1),
+            whole("idle_timeout", idle_timeout, 0, 2**31 - 1),
             c_text("user", user),
             c_text("pwd", pwd),
             c_text("token", token),

@@ -22,7 +22,7 @@ class Takes(Protocol[T]):
     look_every: float | None
 
     def watch(self, stream: Stream[T]) -> None:
-        """Calls `stream.wake` when `take` has something else to say.
+        """Calls `stream.wake` when the answer of `take` changes without a frame.
 
         Holds no reference that keeps the stream alive.
         """

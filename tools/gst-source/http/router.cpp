@@ -28,7 +28,7 @@ HttpAnswer NoSource(const std::string &name) {
 }
 
 HttpAnswer NoPath() {
-    return ErrorAnswer(404, "nothing is here; docs/http.md lists the paths");
+    return ErrorAnswer(404, "nothing is here; known are /, /metrics, /healthz, /readyz and /api/sources");
 }
 
 // What a program may ask for without the token: whether the service lives, and what the page is made of.

@@ -115,6 +115,8 @@ def main():
         # Elsewhere than it was configured for.
         subprocess.run(["meson", "install", "-C", build, "--no-rebuild", "--quiet", "--destdir", folder], check=True)
         files = {path.name: path for path in root.rglob("*") if path.is_file()}
+        # The completions of bash have the names of the programs.
+        files |= {path.name: path for path in root.rglob("bin/*")}
         library = files["gst-source.pc"].parent.parent
         check_files(files, library)
         for name, text in (("host.c", HOST), ("host.cpp", HOST_CPP), ("reader.c", READER)):

@@ -31,7 +31,7 @@ fs::path ProgramPlace() {
 
 // Where the plug-in is beside a program in this directory: as installed, and as built.
 fs::path PluginOf(const fs::path &programs) {
-    const fs::path installed = programs / PLUGINS_FROM_PROGRAMS / kPlugin;
+    fs::path installed = programs / PLUGINS_FROM_PROGRAMS / kPlugin;
     std::error_code error;
     if (fs::exists(installed, error)) {
         return installed;

@@ -106,7 +106,7 @@ def prose_findings(path):
         return
     text = path.read_text()
     for number, line in enumerate(without_code(text).split("\n"), 1):
-        if len(line) > COLUMNS and not line.lstrip().startswith("|") and "](" not in line:
+        if len(line) > COLUMNS and not line.lstrip().startswith("|"):
             yield number, f"{len(line)} columns"
         for pattern, better in WORDS.items():
             if found := re.search(r"\b" + pattern, re.sub(r"`[^`]*`", "", line), re.I):

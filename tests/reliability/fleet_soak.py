@@ -44,7 +44,7 @@ from verdict import slope
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "bench"))
 
-from buffer import machine  # noqa: E402
+from buffer import machine, wrapped  # noqa: E402
 from constant_rate import transport_stream  # noqa: E402
 from plot import grouped_bars  # noqa: E402
 
@@ -656,7 +656,7 @@ class Soak:
             ]
         lines += self.report_resources(out) + self.report_latencies(out) + self.report_readers()
         lines += ["## Failures", "", *([f"- {failure}" for failure in self.failures] or ["None."])]
-        (out / "fleet-soak.md").write_text("\n".join(lines) + "\n")
+        (out / "fleet-soak.md").write_text(wrapped("\n".join(lines) + "\n"))
 
     def report_resources(self, out):
         series = [(sample["at"] / 60, sample) for sample in self.samples if "cpu" in sample]

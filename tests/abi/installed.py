@@ -32,8 +32,12 @@ int main() {
 CMAKE = """
 cmake_minimum_required(VERSION 3.16)
 project(host C CXX)
-find_package(gst-source 1.0 REQUIRED CONFIG)
 find_package(shb 2.1 REQUIRED CONFIG)
+find_package(gst-source 2.0 QUIET CONFIG)
+if(gst-source_FOUND)
+  message(FATAL_ERROR "version 1 stands for version 2")
+endif()
+find_package(gst-source 1.0 REQUIRED CONFIG)
 if(NOT EXISTS "${gst-source_PLUGINS_DIR}/libgstshbsink.so")
   message(FATAL_ERROR "no plug-in in ${gst-source_PLUGINS_DIR}")
 endif()

@@ -103,7 +103,7 @@ def earlier(into):
         tree = into / "tree"
         subprocess.run(["dpkg-deb", "--raw-extract", deb, tree], check=True)
         control = tree / "DEBIAN" / "control"
-        control.write_text(re.sub(r"\b1\.0\.0\+deb", "0.9.0+deb", control.read_text()))
+        control.write_text(re.sub(r"\b1\.0\.0\b", "0.9.0", control.read_text()))
         subprocess.run(["dpkg-deb", "--root-owner-group", "--build", tree, into], stdout=subprocess.DEVNULL, check=True)
         shutil.rmtree(tree)
 
@@ -151,6 +151,26 @@ exec /lib/systemd/systemd --system --unit=multi-user.target --show-status=no
 """
 
 
+def package_and_unit(within):
+    """What installing and removing does to a service that runs."""
+
+    def ask(*command):
+        run = within(*command)
+        assert run.returncode == 0, f"{' '.join(command)} ended with {run.returncode}:\n{run.stdout}"
+        return run.stdout.strip()
+
+    assert ask("systemctl", "is-enabled", "gst-source") == "enabled"
+    ask("systemctl", "start", "gst-source")
+    before = ask("systemctl", "show", "--property=MainPID", "--value", "gst-source")
+    ask("apt-get", "-qq", "-y", "-o", "Dpkg::Use-Pty=0", "install", "--reinstall", "gst-source")
+    assert ask("systemctl", "is-active", "gst-source") == "active"
+    after = ask("systemctl", "show", "--property=MainPID", "--value", "gst-source")
+    assert after != before, "the service still runs what was installed before"
+    ask("apt-get", "-qq", "-y", "-o", "Dpkg::Use-Pty=0", "remove", "gst-source")
+    assert within("test", "-e", f"/proc/{after}").returncode != 0, "the service outlived its package"
+    assert (root / "etc" / "gst-source" / "gst-source.toml").exists(), "the file of sources went without a purge"
+
+
 def service():
     """systemd as the first process of the root, and the unit's test in it."""
     for unit in ("systemd-networkd", "systemd-resolved", "systemd-timesyncd", "systemd-udevd", "apt-daily.timer", "getty@tty1"):
@@ -181,6 +201,7 @@ def service():
         if run.returncode != 0:
             journal = within("journalctl", "--no-pager", "-u", "gst-source").stdout
             sys.exit(f"[{release}] the unit's test ended with {run.returncode}:\n{run.stdout}\n{journal}")
+        package_and_unit(within)
         within("systemctl", "poweroff", "--force", "--force")
     finally:
         first.send_signal(signal.SIGKILL)

@@ -203,26 +203,28 @@ TEST(Run, EveryOptionReachesItsOpenCall) {
     const std::string address = "127.0.0.1:" + std::to_string(FreeUdpPort());
     Child child(Command(Words(
         "udp://" + address + " rtsp://" + address + "/a srt://" + address + " rtmp://" + address + "/b/c http://" + address +
-        "/d.m3u8 --duration 0.3 --caching=101 --user=u1 --protocols=5 --rtsp-latency=102 --rtsp-contimeout=103 "
+        "/d.m3u8 --caching=101 --user=u1 --protocols=5 --rtsp-latency=102 --rtsp-contimeout=103 "
         "--mode=rendezvous --streamid=s1 --keylen=24 --srt-latency=104 --tslatency=105 --localaddress=127.0.0.1 "
         "--rtmp-contimeout=106 --idle-timeout=107 --ts-latency=108 --mtu=1109 --hls-timeout=110 --retries=1 --islive=2 "
         "--proxy=http://" +
         address + " --proxy-id=p1 --user-agent=agent")));
-    EXPECT_EQ(child.Wait(), 1);
-    const std::string log = child.Err();
-    for (const std::string &line :
-         {"[CUDPSource] Open udp://" + address + "... {Opts:caching=101,ts_latency=108,mtu=1109}",
-          "[CRtspSource] Open rtsp://" + address +
-              "/a... {Opts:caching=101,protocols=5,latency=102,contimeout=103000000,user=u1,pwd=}",
-          "[CSrtSource] Open srt://" + address +
-              "... {Opts:caching=101,mode=rendezvous,streamid=s1,passphrase=,keylen=24,latency=104,tslatency=105,"
-              "localaddress=127.0.0.1}",
-          "[CRtmpSource] Open rtmp://" + address +
-              "/b/c... {Opts:caching=101,contimeout=106,idle_timeout=107,user=u1,pwd=,token=}",
-          "[CHLSSource] Open http://" + address + "/d.m3u8 { Opts: caching=101,islive=1,timeout=110,retries=1,proxy=http://" +
-              address + ",proxy_id=p1,proxy_pwd=,user_agent=agent }"}) {
-        EXPECT_TRUE(Has(log, line)) << line << "\nis not in\n" << log;
+    const std::vector<std::string> lines = {
+        "[CUDPSource] Open udp://" + address + "... {Opts:caching=101,ts_latency=108,mtu=1109}",
+        "[CRtspSource] Open rtsp://" + address +
+            "/a... {Opts:caching=101,protocols=5,latency=102,contimeout=103000000,user=u1,pwd=}",
+        "[CSrtSource] Open srt://" + address +
+            "... {Opts:caching=101,mode=rendezvous,streamid=s1,passphrase=,keylen=24,latency=104,tslatency=105,"
+            "localaddress=127.0.0.1}",
+        "[CRtmpSource] Open rtmp://" + address +
+            "/b/c... {Opts:caching=101,contimeout=106,idle_timeout=107,user=u1,pwd=,token=}",
+        "[CHLSSource] Open http://" + address + "/d.m3u8 { Opts: caching=101,islive=1,timeout=110,retries=1,proxy=http://" +
+            address + ",proxy_id=p1,proxy_pwd=,user_agent=agent }"};
+    // Sources open one after another.
+    for (const std::string &line : lines) {
+        EXPECT_TRUE(WaitWhileRunning(child, [&] { return Has(child.Err(), line); })) << line << "\nis not in\n" << child.Err();
     }
+    child.Signal(SIGTERM);
+    EXPECT_EQ(child.Wait(), 1);
 }
 
 TEST(Run, SecretsAreMaskedInTheLog) {

@@ -137,6 +137,8 @@ TEST_F(Play, EndsWithASignal) {
     const LiveSource source(buffer, Coloured(kRed, "320x240", false), false);
     Child child(Playing({m_name, "--no-audio"}), Environment());
     ASSERT_TRUE(Shows(child, kRed)) << child.Err();
+    // The line follows the picture within a tick.
+    ASSERT_TRUE(WaitWhileRunning(child, [&] { return Has(child.Err(), m_name + ": H264 "); })) << child.Err();
     child.Signal(SIGINT);
     EXPECT_EQ(child.Wait(), 0) << child.Err();
     EXPECT_EQ(Lines(child.Err()).size(), 1U) << child.Err();

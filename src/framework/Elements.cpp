@@ -107,8 +107,13 @@ void TakeOut(GstElement *bin, const Chain &chain) {
             continue;
         }
         const ElementRef kept = ElementRef::Share(element);
+        // A state change of the bin in another thread may have this element as its next one already, and
+        // would start it again once it is out.
+        gst_element_set_locked_state(element, TRUE);
         if (gst_bin_remove(GST_BIN(bin), element) != FALSE) {
             gst_element_set_state(element, GST_STATE_NULL);
+        } else {
+            gst_element_set_locked_state(element, FALSE);
         }
     }
 }

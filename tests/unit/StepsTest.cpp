@@ -222,18 +222,6 @@ TEST_F(ControlGroups, VersionOneHasATreeForThreads) {
     EXPECT_EQ(19U, Room());
 }
 
-// ---- Taking out -------------------------------------------------------------------------------------------------------------
-
-TEST(TakeOut, WhatIsNotInTheBinIsLeftAlone) {
-    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
-    GstElement *loose = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("loose")));
-    GSTREAMER::TakeOut(bin, {nullptr});
-    GSTREAMER::TakeOut(bin, {loose});
-    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(loose));
-    gst_object_unref(loose);
-    gst_object_unref(bin);
-}
-
 // ---- Locations --------------------------------------------------------------------------------------------------------------
 
 TEST(Uri, SameServer) {
@@ -700,6 +688,62 @@ TEST_F(NoSocketWait, SocketWhoseNumberIsGone) {
     SendByte();
     ASSERT_TRUE(waiting.Ended());
     EXPECT_EQ(1, waiting.Result()) << "the socket itself is as it was";
+}
+
+// ---- Taking out -------------------------------------------------------------------------------------------------------------
+
+TEST(TakeOut, WhatIsNotInTheBinIsLeftAlone) {
+    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
+    GstElement *loose = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("loose")));
+    GSTREAMER::TakeOut(bin, {nullptr});
+    GSTREAMER::TakeOut(bin, {loose});
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(loose));
+    gst_object_unref(loose);
+    gst_object_unref(bin);
+}
+
+// The bin has taken the element as the next one to start, and waits for its lock, when it is taken out.
+TEST(TakeOut, BinThatIsBeingStartedDoesNotStartItAgain) {
+    const Watchdog watchdog("taking out");
+    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
+    GstElement *queue = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("queue", "queue")));
+    GstElement *sink = gst_element_factory_make("fakesink", "sink");
+    gst_bin_add_many(GST_BIN(bin), queue, sink, nullptr);
+    ASSERT_TRUE(gst_element_link(queue, sink));
+    GST_STATE_LOCK(queue);
+    {
+        const Waiting starting([bin]() -> ssize_t { return gst_element_set_state(bin, GST_STATE_READY); });
+        // A bin starts its sinks first.
+        EXPECT_TRUE(Eventually([sink] { return GST_STATE(sink) == GST_STATE_READY; }));
+        EXPECT_TRUE(starting.ReachedCall(SYS_futex));
+        GSTREAMER::TakeOut(bin, {queue});
+        GST_STATE_UNLOCK(queue);
+        EXPECT_TRUE(starting.Ended());
+        EXPECT_EQ(GST_STATE_CHANGE_SUCCESS, starting.Result());
+    }
+    EXPECT_EQ(nullptr, GST_OBJECT_PARENT(queue));
+    EXPECT_EQ(GST_STATE_NULL, GST_STATE(queue));
+    EXPECT_EQ(1, GST_OBJECT_REFCOUNT_VALUE(queue));
+    gst_object_unref(queue);
+    gst_element_set_state(bin, GST_STATE_NULL);
+    gst_object_unref(bin);
+}
+
+// One that its bin does not let go goes on following the bin's state.
+TEST(TakeOut, WhatStaysInTheBinIsStoppedWithIt) {
+    Faults faults;
+    GstElement *bin = GST_ELEMENT(gst_object_ref_sink(gst_bin_new("bin")));
+    GstElement *queue = gst_element_factory_make("queue", "queue");
+    gst_bin_add(GST_BIN(bin), queue);
+    gst_element_set_state(bin, GST_STATE_READY);
+    faults.FailCall(1);
+    GSTREAMER::TakeOut(bin, {queue});
+    EXPECT_EQ("gst_bin_remove", faults.FailedCall().function);
+    EXPECT_EQ(GST_OBJECT_CAST(bin), GST_OBJECT_PARENT(queue));
+    EXPECT_EQ(GST_STATE_READY, GST_STATE(queue));
+    gst_element_set_state(bin, GST_STATE_NULL);
+    EXPECT_EQ(GST_STATE_NULL, GST_STATE(queue));
+    gst_object_unref(bin);
 }
 
 // ---- A signal that is kept off ----------------------------------------------------------------------------------------------

@@ -43,8 +43,8 @@ bool SyncState(GstElement *element);
 // Adds the elements and brings each to the state of the bin.
 void AddAndSync(GstElement *bin, const Chain &chain);
 
-// Takes the elements out of their bin and brings them to the NULL state, each
-// before the next. Nothing for one that is not in it.
+// Takes the elements out of their bin and brings them to the NULL state, each before the next. Nothing for
+// one that is not in it. What is out has its state locked: no bin would start it again.
 void TakeOut(GstElement *bin, const Chain &chain);
 
 // Posts an error on the bus, as an element does whose stream cannot be read.
